@@ -1,0 +1,43 @@
+// chronwarden: the command-line face of the time provider and the applet.
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "cli/commands.h"
+
+namespace {
+
+constexpr Command kCommands[] = {
+    {"clock", "sample the precise clock against the system and fine wall clocks", CmdClock},
+};
+
+void PrintHelp() {
+  std::printf(
+      "Usage: chronwarden COMMAND [OPTIONS]\n\n"
+      "Keeps the machine's clock honest: measures, records, reports.\n\nCommands:\n");
+  for (const auto& c : kCommands) std::printf("  %-10s %s\n", std::string(c.name).c_str(), std::string(c.summary).c_str());
+  std::printf("\nRun 'chronwarden COMMAND --help' for a command's options.\n"
+              "Exit codes: 0 success, 1 the operation failed, 2 the command line was wrong.\n");
+}
+
+}  // namespace
+
+bool IsHelp(std::string_view arg) { return arg == "--help" || arg == "-h"; }
+
+int UsageError(std::string_view command, std::string_view message) {
+  std::fprintf(stderr, "chronwarden %s: %s\nTry 'chronwarden %s --help'.\n", std::string(command).c_str(),
+               std::string(message).c_str(), std::string(command).c_str());
+  return kExitUsage;
+}
+
+int main(int argc, char** argv) {
+  std::vector<std::string_view> args(argv + 1, argv + argc);
+  if (args.empty() || IsHelp(args[0])) {
+    PrintHelp();
+    return args.empty() ? kExitUsage : kExitOk;
+  }
+  for (const auto& c : kCommands)
+    if (c.name == args[0]) return c.run(CommandArgs(args).subspan(1));
+  std::fprintf(stderr, "chronwarden: unknown command '%s'\nTry 'chronwarden --help'.\n", std::string(args[0]).c_str());
+  return kExitUsage;
+}

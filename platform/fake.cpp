@@ -1,0 +1,240 @@
+// The fake clock and the dispatch between it and the real backend.
+#include "platform/fake.h"
+
+#include <atomic>
+#include <functional>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "platform/error.h"
+#include "platform/sys.h"
+
+namespace platform {
+namespace {
+
+struct FakeState {
+  std::uint64_t system_time = 0;
+  std::int64_t counter = 0;
+  std::int64_t frequency = 0;
+  std::uint32_t increment = 0;
+  bool fail_counter = false, fail_frequency = false, fail_adjustment = false;
+  bool fail_timer_create = false, fail_timer_arm = false, fail_thread_create = false;
+  TickCallback armed = nullptr;
+  std::uint32_t processors = 4;
+  std::uint64_t process_affinity = 0xF;
+  std::map<std::string, std::uint32_t, std::less<>> calls;
+  std::map<std::uint32_t, std::string> messages;
+  std::function<void()> on_next_read;
+};
+
+std::atomic<bool> g_active{false};
+std::mutex g_mutex;
+FakeState g_state;
+thread_local int t_priority = kPriorityNormal;
+thread_local std::uint64_t t_affinity = 0;
+
+// The one timer the fake hands out: told apart from the backend's timers by its address.
+TickTimerObject* const kFakeTimer = reinterpret_cast<TickTimerObject*>(&g_state);
+
+bool On() { return g_active.load(std::memory_order_acquire); }
+
+template <typename F>
+auto Locked(F f) {
+  std::lock_guard lock(g_mutex);
+  return f(g_state);
+}
+
+void Count(std::string_view name) {
+  Locked([&](FakeState& s) { ++s.calls[std::string(name)]; return 0; });
+}
+
+}  // namespace
+
+// ---- the fake's own controls ----
+namespace fake {
+
+void Enable() {
+  std::lock_guard lock(g_mutex);
+  g_state = FakeState{};
+  g_state.system_time = 134116992000000000ULL;  // 2026-01-01 00:00:00 UTC
+  g_state.counter = 1'000'000;
+  g_state.frequency = 10'000'000;
+  g_state.increment = 156'250;
+  t_priority = kPriorityNormal;
+  t_affinity = 0;
+  g_active.store(true, std::memory_order_release);
+}
+void Disable() { g_active.store(false, std::memory_order_release); }
+bool Active() { return On(); }
+
+void SetSystemTime(std::uint64_t t) { Locked([&](FakeState& s) { s.system_time = t; return 0; }); }
+void AdvanceSystemTime(std::int64_t u) { Locked([&](FakeState& s) { s.system_time += static_cast<std::uint64_t>(u); return 0; }); }
+void OnNextSystemTimeRead(std::function<void()> a) { Locked([&](FakeState& s) { s.on_next_read = std::move(a); return 0; }); }
+void SetCounter(std::int64_t t) { Locked([&](FakeState& s) { s.counter = t; return 0; }); }
+void AdvanceCounter(std::int64_t t) { Locked([&](FakeState& s) { s.counter += t; return 0; }); }
+void SetFrequency(std::int64_t hz) { Locked([&](FakeState& s) { s.frequency = hz; return 0; }); }
+void SetTimeIncrement(std::uint32_t u) { Locked([&](FakeState& s) { s.increment = u; return 0; }); }
+void FailCounter(bool f) { Locked([&](FakeState& s) { s.fail_counter = f; return 0; }); }
+void FailFrequency(bool f) { Locked([&](FakeState& s) { s.fail_frequency = f; return 0; }); }
+void FailAdjustment(bool f) { Locked([&](FakeState& s) { s.fail_adjustment = f; return 0; }); }
+void FailTimerCreate(bool f) { Locked([&](FakeState& s) { s.fail_timer_create = f; return 0; }); }
+void FailTimerArm(bool f) { Locked([&](FakeState& s) { s.fail_timer_arm = f; return 0; }); }
+void FailThreadCreate(bool f) { Locked([&](FakeState& s) { s.fail_thread_create = f; return 0; }); }
+
+bool TimerArmed() { return Locked([](FakeState& s) { return s.armed != nullptr; }); }
+void FireTick(std::uint32_t low, std::uint32_t high) {
+  TickCallback cb = Locked([](FakeState& s) { return s.armed; });
+  if (cb) cb(low, high);
+}
+
+std::uint32_t CallCount(std::string_view name) {
+  return Locked([&](FakeState& s) {
+    auto it = s.calls.find(name);
+    return it == s.calls.end() ? 0u : it->second;
+  });
+}
+void SetProcessorCount(std::uint32_t n) { Locked([&](FakeState& s) { s.processors = n; return 0; }); }
+void SetProcessAffinity(std::uint64_t m) { Locked([&](FakeState& s) { s.process_affinity = m; return 0; }); }
+std::uint64_t CurrentThreadAffinity() { return t_affinity; }
+
+void SetSystemMessage(std::uint32_t code, std::string_view text) {
+  Locked([&](FakeState& s) { s.messages[code] = std::string(text); return 0; });
+}
+
+}  // namespace fake
+
+// ---- public functions: the fake while it is on, else the backend ----
+
+std::uint64_t SystemTimeAsFileTime() {
+  if (On()) {
+    auto action = Locked([](FakeState& s) { return std::exchange(s.on_next_read, nullptr); });
+    if (action) action();
+    return Locked([](FakeState& s) { return s.system_time; });
+  }
+  return sys::SystemTimeAsFileTime();
+}
+std::uint64_t FineWallTimeAsFileTime() {
+  if (On()) return Locked([](FakeState& s) { return s.system_time; });
+  return sys::FineWallTimeAsFileTime();
+}
+bool PerformanceCounter(std::int64_t& ticks) {
+  if (!On()) return sys::PerformanceCounter(ticks);
+  return Locked([&](FakeState& s) {
+    if (s.fail_counter) return false;
+    ticks = s.counter;
+    return true;
+  });
+}
+bool PerformanceFrequency(std::int64_t& hz) {
+  if (!On()) return sys::PerformanceFrequency(hz);
+  return Locked([&](FakeState& s) {
+    if (s.fail_frequency) return false;
+    hz = s.frequency;
+    return true;
+  });
+}
+bool SystemTimeAdjustment(std::uint32_t& adjustment, std::uint32_t& increment, bool& disabled) {
+  if (!On()) return sys::SystemTimeAdjustment(adjustment, increment, disabled);
+  return Locked([&](FakeState& s) {
+    if (s.fail_adjustment) return false;
+    adjustment = increment = s.increment;
+    disabled = true;
+    return true;
+  });
+}
+void GetSystemTimeNow(SystemTime& out) { FileTimeToSystemTime(SystemTimeAsFileTime(), out); }
+void GetLocalTimeNow(SystemTime& out) {
+  std::uint64_t local = 0;
+  FileTimeToLocalFileTime(SystemTimeAsFileTime(), local);
+  FileTimeToSystemTime(local, out);
+}
+
+TickTimerHandle CreateTickTimer() {
+  if (!On()) return sys::CreateTickTimer();
+  return Locked([](FakeState& s) { return s.fail_timer_create ? nullptr : kFakeTimer; });
+}
+bool ArmTickTimer(TickTimerHandle timer, std::uint32_t period_ms, TickCallback callback) {
+  if (timer != kFakeTimer) return sys::ArmTickTimer(timer, period_ms, callback);
+  return Locked([&](FakeState& s) {
+    if (s.fail_timer_arm) return false;
+    s.armed = callback;
+    return true;
+  });
+}
+void CancelTickTimer(TickTimerHandle timer) {
+  if (timer != kFakeTimer) return sys::CancelTickTimer(timer);
+  Locked([](FakeState& s) { s.armed = nullptr; return 0; });
+}
+void CloseTickTimer(TickTimerHandle timer) {
+  if (timer != kFakeTimer) sys::CloseTickTimer(timer);
+}
+std::uint32_t WaitForEventAlertable(EventHandle event, std::uint32_t timeout_ms) {
+  if (On()) return WaitForEvent(event, timeout_ms);  // fake ticks run on the test's thread
+  return sys::WaitForEventAlertable(event, timeout_ms);
+}
+
+ThreadHandle CreateThreadSuspended(ThreadFunction fn, void* arg) {
+  if (On() && Locked([](FakeState& s) { return s.fail_thread_create; })) {
+    SetLastError(8);  // ERROR_NOT_ENOUGH_MEMORY
+    return nullptr;
+  }
+  return sys::CreateThreadSuspended(fn, arg);
+}
+int GetCurrentThreadPriority() { return On() ? t_priority : sys::GetCurrentThreadPriority(); }
+bool SetCurrentThreadPriority(int priority) {
+  if (!On()) return sys::SetCurrentThreadPriority(priority);
+  Count("SetCurrentThreadPriority");
+  t_priority = priority;
+  return true;
+}
+std::uint32_t ProcessorCount() {
+  if (!On()) return sys::ProcessorCount();
+  Count("ProcessorCount");
+  return Locked([](FakeState& s) { return s.processors; });
+}
+bool GetProcessAffinityMask(std::uint64_t& mask) {
+  if (!On()) return sys::GetProcessAffinityMask(mask);
+  Count("GetProcessAffinityMask");
+  mask = Locked([](FakeState& s) { return s.process_affinity; });
+  return true;
+}
+bool SetCurrentThreadAffinityMask(std::uint64_t mask) {
+  if (!On()) return sys::SetCurrentThreadAffinityMask(mask);
+  Count("SetCurrentThreadAffinityMask");
+  t_affinity = mask;
+  return true;
+}
+void TimeBeginPeriod(std::uint32_t ms) {
+  if (On()) return Count("TimeBeginPeriod");
+  sys::TimeBeginPeriod(ms);
+}
+void TimeEndPeriod(std::uint32_t ms) {
+  if (On()) return Count("TimeEndPeriod");
+  sys::TimeEndPeriod(ms);
+}
+void Sleep(std::uint32_t ms) {
+  if (!On()) sys::Sleep(ms);
+}
+bool SystemMessage(std::uint32_t code, char* buf, std::size_t size) {
+  if (On()) {
+    std::string text;
+    bool found = Locked([&](FakeState& s) {
+      auto it = s.messages.find(code);
+      if (it == s.messages.end()) return false;
+      text = it->second;
+      return true;
+    });
+    if (found) {
+      if (size == 0) return false;
+      std::memset(buf, 0, size);
+      std::memcpy(buf, text.data(), std::min(text.size(), size - 1));
+      return true;
+    }
+  }
+  return sys::SystemMessage(code, buf, size);
+}
+
+}  // namespace platform

@@ -1,0 +1,48 @@
+// The fake clock: while it is on, the clock, counter, clock-interrupt facts, tick timer, priorities,
+// affinity and timer resolution answer from here, and time moves only when a test moves it.
+// Events, threads and locks stay real. Used by tests on both targets.
+#pragma once
+#include <cstdint>
+#include <functional>
+#include <string_view>
+#include "platform/tick_timer.h"
+
+namespace platform::fake {
+
+void Enable();                                 // turns the fake on with a fresh state (see below)
+void Disable();                                // back to the real system
+bool Active();
+
+// State, with the values Enable() sets.
+void SetSystemTime(std::uint64_t file_time);   // system time (Enable: 2026-01-01 00:00 UTC); fine wall time follows it
+void AdvanceSystemTime(std::int64_t units);    // moves the system time by units of 100 ns
+// Runs action once, inside the next system-time read (after the reader has started, before it returns):
+// lets a test put a clock tick in the middle of a read.
+void OnNextSystemTimeRead(std::function<void()> action);
+void SetCounter(std::int64_t ticks);           // performance counter (Enable: 1,000,000)
+void AdvanceCounter(std::int64_t ticks);
+void SetFrequency(std::int64_t hz);            // counter frequency (Enable: 10,000,000)
+void SetTimeIncrement(std::uint32_t units);    // clock interrupt interval, 100-ns (Enable: 156,250)
+void FailCounter(bool fail);                   // PerformanceCounter fails
+void FailFrequency(bool fail);                 // PerformanceFrequency fails
+void FailAdjustment(bool fail);                // SystemTimeAdjustment fails
+void FailTimerCreate(bool fail);               // CreateTickTimer returns nullptr
+void FailTimerArm(bool fail);                  // ArmTickTimer fails
+void FailThreadCreate(bool fail);              // CreateThreadSuspended returns nullptr
+
+// The tick timer: armed timers do not fire by themselves; FireTick runs the armed callback now,
+// on the calling thread, with the given system time halves.
+bool TimerArmed();
+void FireTick(std::uint32_t time_low, std::uint32_t time_high);
+
+// Counts of calls that reached the (fake) system, by name: "TimeBeginPeriod", "TimeEndPeriod",
+// "ProcessorCount", "GetProcessAffinityMask", "SetCurrentThreadAffinityMask", "SetCurrentThreadPriority".
+std::uint32_t CallCount(std::string_view name);
+void SetProcessorCount(std::uint32_t n);       // Enable: 4
+void SetProcessAffinity(std::uint64_t mask);   // Enable: 0xF
+std::uint64_t CurrentThreadAffinity();         // what the calling thread was last pinned to (0: never)
+
+// System message texts: an entry here is returned by SystemMessage before the system's own.
+void SetSystemMessage(std::uint32_t code, std::string_view text);
+
+}  // namespace platform::fake

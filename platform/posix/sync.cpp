@@ -1,0 +1,105 @@
+// Events and waits on POSIX.
+#include "platform/sync.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <thread>
+#include <vector>
+
+#include "platform/error.h"
+#include "platform/posix/event.h"
+#include "platform/sys.h"
+
+namespace platform {
+namespace {
+
+void Raise(int fd) { std::uint64_t one = 1; (void)!write(fd, &one, sizeof one); }
+void Drain(int fd) { std::uint64_t v; (void)!read(fd, &v, sizeof v); }
+
+}  // namespace
+
+namespace posix {
+bool TryConsume(EventObject* e) {
+  std::lock_guard lock(e->mutex);
+  if (!e->set) return false;
+  if (!e->manual_reset) {
+    e->set = false;
+    Drain(e->fd);
+  }
+  return true;
+}
+}  // namespace posix
+
+EventHandle CreateSyncEvent(bool manual_reset, bool initially_set) {
+  int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  if (fd < 0) {
+    SetLastError(8);  // ERROR_NOT_ENOUGH_MEMORY
+    return nullptr;
+  }
+  auto* e = new EventObject;
+  e->manual_reset = manual_reset;
+  e->fd = fd;
+  if (initially_set) SetEvent(e);
+  return e;
+}
+
+bool SetEvent(EventHandle e) {
+  if (!e) return SetLastError(6), false;  // ERROR_INVALID_HANDLE
+  std::lock_guard lock(e->mutex);
+  if (!e->set) {
+    e->set = true;
+    Raise(e->fd);
+  }
+  return true;
+}
+
+bool ResetEvent(EventHandle e) {
+  if (!e) return SetLastError(6), false;
+  std::lock_guard lock(e->mutex);
+  if (e->set) {
+    e->set = false;
+    Drain(e->fd);
+  }
+  return true;
+}
+
+void CloseEvent(EventHandle e) {
+  if (!e) return;
+  close(e->fd);
+  delete e;
+}
+
+std::uint32_t WaitForAnyEvent(const EventHandle* events, std::uint32_t count, std::uint32_t timeout_ms) {
+  if (count == 0 || !events) return SetLastError(87), kWaitFailed;  // ERROR_INVALID_PARAMETER
+  std::vector<pollfd> fds(count);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    if (!events[i]) return SetLastError(6), kWaitFailed;
+    fds[i] = {events[i]->fd, POLLIN, 0};
+  }
+  using Clock = std::chrono::steady_clock;
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    for (std::uint32_t i = 0; i < count; ++i)
+      if (posix::TryConsume(events[i])) return kWaitObject0 + i;
+    int wait = -1;
+    if (timeout_ms != kInfinite) {
+      auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+      if (left <= 0) return kWaitTimeout;
+      wait = static_cast<int>(left);
+    }
+    if (poll(fds.data(), fds.size(), wait) < 0 && errno != EINTR) return SetLastError(6), kWaitFailed;
+  }
+}
+
+std::uint32_t WaitForEvent(EventHandle event, std::uint32_t timeout_ms) {
+  return WaitForAnyEvent(&event, 1, timeout_ms);
+}
+
+void sys::Sleep(std::uint32_t ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+
+}  // namespace platform

@@ -1,0 +1,35 @@
+// Backend entry points (posix/ or win32/) behind the public functions that the fake clock can
+// answer instead. Only platform/ includes this header.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include "platform/clock.h"
+#include "platform/thread.h"
+#include "platform/tick_timer.h"
+
+namespace platform::sys {
+
+std::uint64_t SystemTimeAsFileTime();
+std::uint64_t FineWallTimeAsFileTime();
+bool PerformanceCounter(std::int64_t& ticks);
+bool PerformanceFrequency(std::int64_t& hz);
+bool SystemTimeAdjustment(std::uint32_t& adjustment, std::uint32_t& increment, bool& disabled);
+
+TickTimerHandle CreateTickTimer();
+bool ArmTickTimer(TickTimerHandle timer, std::uint32_t period_ms, TickCallback callback);
+void CancelTickTimer(TickTimerHandle timer);
+void CloseTickTimer(TickTimerHandle timer);
+std::uint32_t WaitForEventAlertable(EventHandle event, std::uint32_t timeout_ms);
+
+ThreadHandle CreateThreadSuspended(ThreadFunction fn, void* arg);
+int GetCurrentThreadPriority();
+bool SetCurrentThreadPriority(int priority);
+std::uint32_t ProcessorCount();
+bool GetProcessAffinityMask(std::uint64_t& process_mask);
+bool SetCurrentThreadAffinityMask(std::uint64_t mask);
+void TimeBeginPeriod(std::uint32_t ms);
+void TimeEndPeriod(std::uint32_t ms);
+void Sleep(std::uint32_t ms);
+bool SystemMessage(std::uint32_t code, char* buf, std::size_t size);
+
+}  // namespace platform::sys

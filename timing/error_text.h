@@ -1,0 +1,13 @@
+// Error codes as text: socket errors (Winsock numbers plus the NTP client's private codes -1, -2
+// and 1901) and system (Win32) errors. Results are always terminated and silently cut to size - 1.
+#pragma once
+#include <cstdint>
+
+inline constexpr std::int32_t kNtpErrorInvalidData = -1;    // the reply or request held invalid data
+inline constexpr std::int32_t kNtpErrorProtocol = -2;       // the reply was not a correct protocol response
+inline constexpr std::int32_t kNtpErrorClockNotSet = 1901;  // the server reports its own clock is not set
+
+char* SocketErrorText(std::uint32_t code, char* buf, std::uint32_t size);       // "Error %d: description"
+char* SocketErrorShortName(std::uint32_t code, char* buf, std::uint32_t size);  // a short name, or "Error %d"
+const char* LastSocketErrorText();      // SocketErrorText of the thread's last socket error; one shared 128-byte buffer
+char* SystemErrorText(std::uint32_t code, char* buf, std::uint32_t size);       // system text; code 0: the thread's last error

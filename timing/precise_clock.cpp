@@ -1,0 +1,237 @@
+// The precise clock. A calibration thread at time-critical priority arms a 1 ms periodic timer;
+// the first callback after each system clock tick takes a new baseline (system time, counter), and
+// a read adds the counter ticks elapsed since the baseline to the baseline time.
+#include "timing/precise_clock.h"
+
+#include <array>
+#include <cstring>
+#include <mutex>
+
+#include "config/defaults.h"
+#include "platform/thread.h"
+#include "platform/os.h"
+#include "platform/tick_timer.h"
+
+std::atomic<bool> g_nt_family{platform::IsNtFamily()};
+
+namespace {
+
+PreciseClockState g_state{};
+std::mutex g_baseline_lock;                    // guards (baseline_counter, baseline_time)
+platform::TickTimerHandle g_timer = nullptr;   // none until start creates it; reset when the thread ends
+platform::EventHandle g_stop_event = nullptr;  // the caller's, or g_own_stop_event
+platform::UniqueEvent g_own_stop_event;
+std::atomic<std::uint32_t> g_thread_count{0};
+
+// Fields written by one thread and read by others without the lock.
+template <typename T>
+T LoadRelaxed(T& field) { return std::atomic_ref<T>(field).load(std::memory_order_relaxed); }
+template <typename T>
+void StoreRelaxed(T& field, T value) { std::atomic_ref<T>(field).store(value, std::memory_order_relaxed); }
+
+void TakeBaseline() {
+  std::uint64_t time = platform::SystemTimeAsFileTime();
+  std::int64_t counter = 0;
+  platform::PerformanceCounter(counter);
+  std::lock_guard lock(g_baseline_lock);
+  StoreRelaxed(g_state.baseline_time, time);
+  StoreRelaxed(g_state.baseline_counter, counter);
+}
+
+void CalibrationThread(void*) {
+  g_thread_count.fetch_add(1);
+  if (g_timer && platform::ArmTickTimer(g_timer, defaults::kPreciseClockTickMs, PreciseClockTick)) {
+    TakeBaseline();
+    g_state.running.store(1);
+    while (platform::WaitForEventAlertable(g_stop_event, platform::kInfinite) != platform::kWaitObject0) {
+    }
+    g_state.running.store(0);
+    platform::CancelTickTimer(g_timer);
+  }
+  platform::CloseTickTimer(g_timer);
+  g_timer = nullptr;
+  g_thread_count.fetch_sub(1);
+}
+
+// Per-thread nesting of the priority boost: (thread id, count); id 0 is a free slot.
+struct BoostSlot {
+  std::uint32_t thread_id;
+  std::uint32_t count;
+};
+std::array<BoostSlot, 10> g_boost_slots{};
+
+}  // namespace
+
+PreciseClockState& PreciseClockStateRef() { return g_state; }
+std::uint32_t PreciseClockThreadCount() { return g_thread_count.load(); }
+
+int PreciseClockStart(platform::EventHandle stop_event) {
+  if (g_state.running.load() == 1) return 1;
+  if (!g_nt_family.load()) return 0;
+
+  g_state.magic = kPreciseClockMagic;
+  g_state.last_tick_stamp = 0;
+  g_state.running.store(0);
+  g_state.skip_count.store(0);
+  g_state.time_increment = 0;
+  g_state.backward_correction = 0;
+  g_state.counter_frequency = 0;
+  g_state.baseline_counter = 0;
+  g_state.baseline_time = 0;
+
+  std::uint32_t adjustment = 0, increment = 0;
+  bool disabled = false;
+  if (!platform::SystemTimeAdjustment(adjustment, increment, disabled)) return 0;
+  g_state.time_increment = increment;
+  if (!platform::PerformanceFrequency(g_state.counter_frequency)) return 0;
+
+  g_timer = platform::CreateTickTimer();
+  if (!g_timer) return 1;  // no timer: every read takes the fallback path
+
+  if (stop_event) {
+    g_stop_event = stop_event;
+  } else {
+    g_own_stop_event.reset(platform::CreateSyncEvent(false, false));
+    g_stop_event = g_own_stop_event.get();
+  }
+  TakeBaseline();
+  platform::ThreadHandle thread = platform::CreateThreadSuspended(CalibrationThread, nullptr);
+  if (!thread) return 1;
+  platform::SetThreadPriority(thread, platform::kPriorityTimeCritical);
+  TakeBaseline();
+  platform::ResumeThread(thread);
+  platform::CloseThread(thread);
+  platform::Sleep(defaults::kPreciseClockSettleMs);
+  return 1;
+}
+
+void PreciseClockTick(std::uint32_t time_low, std::uint32_t time_high) {
+  if (time_low == LoadRelaxed(g_state.last_tick_stamp)) return;  // the system clock has not moved
+  std::int64_t counter = 0;
+  platform::PerformanceCounter(counter);
+  StoreRelaxed(g_state.last_tick_stamp, time_low);
+  const std::int64_t baseline = LoadRelaxed(g_state.baseline_counter);
+  if (counter < baseline) {
+    const std::int64_t per_interrupt =
+        static_cast<std::int64_t>(g_state.time_increment) * g_state.counter_frequency / 10'000'000;
+    StoreRelaxed(g_state.backward_correction, per_interrupt - counter + baseline);
+  }
+  std::lock_guard lock(g_baseline_lock);
+  StoreRelaxed(g_state.baseline_counter, counter);
+  StoreRelaxed(g_state.baseline_time, (static_cast<std::uint64_t>(time_high) << 32) | time_low);
+}
+
+std::uint64_t PreciseClockNow() {
+  if (!g_nt_family.load(std::memory_order_relaxed) || g_state.running.load() == 0)
+    return platform::SystemTimeAsFileTime();
+  const auto early_baseline = static_cast<std::uint64_t>(LoadRelaxed(g_state.baseline_counter));
+  const std::uint64_t system_time = platform::SystemTimeAsFileTime();
+  for (std::uint32_t skip = g_state.skip_count.load(); skip != 0;) {
+    if (g_state.skip_count.compare_exchange_weak(skip, skip - 1)) return system_time;
+  }
+  std::int64_t counter_signed = 0;
+  if (!platform::PerformanceCounter(counter_signed)) return system_time;
+
+  std::uint64_t baseline_counter, baseline_time;
+  {
+    std::lock_guard lock(g_baseline_lock);
+    baseline_counter = static_cast<std::uint64_t>(g_state.baseline_counter);
+    baseline_time = g_state.baseline_time;
+  }
+  const auto counter = static_cast<std::uint64_t>(counter_signed);
+  std::uint64_t elapsed;
+  if (counter >= baseline_counter) {
+    elapsed = counter - baseline_counter;
+  } else if (baseline_counter > early_baseline) {
+    elapsed = 0;  // a tick moved the baseline while this read was under way
+  } else {
+    elapsed = counter + (static_cast<std::uint64_t>(LoadRelaxed(g_state.backward_correction)) - baseline_counter);
+  }
+  // Cut to 32 bits on purpose: the interpolation is bounded to about +-214.7 s.
+  const auto units = static_cast<std::int64_t>(elapsed * 10'000'000ULL) / g_state.counter_frequency;
+  const auto cut = static_cast<std::int32_t>(units);
+  return baseline_time + static_cast<std::uint64_t>(static_cast<std::int64_t>(cut));
+}
+
+int PreciseClockGetSystemTime(platform::SystemTime& out) {
+  if (g_nt_family.load() && g_state.running.load() == 1) return platform::FileTimeToSystemTime(PreciseClockNow(), out) ? 1 : 0;
+  platform::GetSystemTimeNow(out);
+  return 1;
+}
+
+int PreciseClockGetLocalTime(platform::SystemTime& out) {
+  if (g_nt_family.load() && g_state.running.load() == 1) {
+    std::uint64_t local = 0;
+    platform::FileTimeToLocalFileTime(PreciseClockNow(), local);
+    return platform::FileTimeToSystemTime(local, out) ? 1 : 0;
+  }
+  platform::GetLocalTimeNow(out);
+  return 1;
+}
+
+std::uint32_t PreciseClockUnixSeconds() {
+  const std::uint64_t seconds = (PreciseClockNow() - kFileTimeOf1970) / 10'000'000ULL;
+  return seconds > 0xFFFFFFFFULL ? 0x7FFFFFFFu : static_cast<std::uint32_t>(seconds);
+}
+
+std::int64_t FileTimeToUnixSeconds(std::uint64_t file_time) {
+  return static_cast<std::int64_t>(file_time - kFileTimeOf1970) / 10'000'000;
+}
+
+std::int64_t UnixSecondsToFileTime(std::uint32_t seconds) {
+  return (static_cast<std::int64_t>(seconds) + 11'644'473'600LL) * 10'000'000LL;
+}
+
+std::int32_t ClampToInt32(std::int64_t value) {
+  if (value < INT32_MIN) return INT32_MIN;
+  if (value > INT32_MAX) return INT32_MAX;
+  return static_cast<std::int32_t>(value);
+}
+
+std::int64_t AbsInt64(std::int64_t value) {
+  return value < 0 ? static_cast<std::int64_t>(0 - static_cast<std::uint64_t>(value)) : value;
+}
+
+void BoostThreadPriority(int raise) {
+  const int current = platform::GetCurrentThreadPriority();
+  const std::uint32_t id = platform::CurrentThreadId();
+  BoostSlot* slot = nullptr;
+  for (auto& s : g_boost_slots)
+    if (std::atomic_ref(s.thread_id).load(std::memory_order_relaxed) == id) { slot = &s; break; }
+  if (!slot) {
+    for (auto& s : g_boost_slots) {
+      std::uint32_t free_id = 0;
+      if (std::atomic_ref(s.thread_id).compare_exchange_strong(free_id, id)) {
+        slot = &s;
+        std::atomic_ref(s.count).store(0, std::memory_order_relaxed);
+        break;
+      }
+    }
+  }
+  std::uint32_t count = slot ? std::atomic_ref(slot->count).load(std::memory_order_relaxed) : 0;
+  if (raise) ++count;
+  else if (count != 0) --count;
+  const int wanted = count != 0 ? platform::kPriorityTimeCritical : platform::kPriorityNormal;
+  if (slot) {
+    std::atomic_ref(slot->count).store(count, std::memory_order_relaxed);
+    if (count == 0) std::atomic_ref(slot->thread_id).store(0, std::memory_order_relaxed);
+  }
+  if (wanted != current) platform::SetCurrentThreadPriority(wanted);
+}
+
+void SetTimerResolutionWith(int begin, std::uint32_t resolution_ms) {
+  if (resolution_ms == 0) return;
+  if (begin) platform::TimeBeginPeriod(resolution_ms);
+  else platform::TimeEndPeriod(resolution_ms);
+}
+
+void PinThreadAffinityWith(int pin, std::uint64_t affinity_mask) {
+  if (affinity_mask == 0 || platform::ProcessorCount() < 2) return;
+  std::uint64_t process_mask = 0;
+  if (!platform::GetProcessAffinityMask(process_mask)) return;
+  platform::SetCurrentThreadAffinityMask(pin ? (affinity_mask & process_mask) : process_mask);
+  platform::Sleep(0);
+}
+
+void SetTimerResolution(int begin) { SetTimerResolutionWith(begin, defaults::kTimerResolutionMs); }
+void PinThreadAffinity(int pin) { PinThreadAffinityWith(pin, defaults::kAffinityMask); }
