@@ -139,3 +139,11 @@ TEST(FakeClock, TimeMovesOnlyWhenTheTestMovesIt) {
 }
 
 }  // namespace
+
+#include "platform/paths.h"
+
+namespace {
+
+TEST(Paths, SystemDirectoryIsNotEmpty) { EXPECT_FALSE(platform::SystemDirectory().empty()); }
+
+}  // namespace

@@ -3,7 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <latch>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -259,23 +260,34 @@ TEST_F(Brackets, RaiseTwiceLowerOnceStaysTimeCriticalThenFreesTheSlot) {
 // Keeps `n` other threads holding one boost each until released.
 class SlotHolders {
  public:
-  explicit SlotHolders(int n) : held_(n), release_(1) {
+  explicit SlotHolders(int n) {
     for (int i = 0; i < n; ++i)
       threads_.emplace_back([this] {
         BoostThreadPriority(1);
-        held_.count_down();
-        release_.wait();
+        std::unique_lock lock(mutex_);
+        ++held_;
+        cv_.notify_all();
+        cv_.wait(lock, [this] { return released_; });
+        lock.unlock();
         BoostThreadPriority(0);
       });
-    held_.wait();
+    std::unique_lock lock(mutex_);
+    cv_.wait(lock, [&] { return held_ == n; });
   }
   ~SlotHolders() {
-    release_.count_down();
+    {
+      std::lock_guard lock(mutex_);
+      released_ = true;
+    }
+    cv_.notify_all();
     for (auto& t : threads_) t.join();
   }
 
  private:
-  std::latch held_, release_;
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  int held_ = 0;
+  bool released_ = false;
   std::vector<std::thread> threads_;
 };
 

@@ -38,8 +38,13 @@ const TimerFunctions& Functions() {
   return fns;
 }
 
-VOID CALLBACK CompletionRoutine(LPVOID arg, DWORD low, DWORD high) {
-  reinterpret_cast<TickCallback>(arg)(low, high);
+// Windows hands the completion routine the system time at which the timer was signalled; Wine
+// hands the timer's due time instead (0 plus n periods here). The system time read now is the same
+// value on Windows, where the routine runs within the tick that signalled it, and right under Wine.
+VOID CALLBACK CompletionRoutine(LPVOID arg, DWORD, DWORD) {
+  FILETIME now;
+  ::GetSystemTimeAsFileTime(&now);
+  reinterpret_cast<TickCallback>(arg)(now.dwLowDateTime, now.dwHighDateTime);
 }
 
 HANDLE H(TickTimerHandle t) { return reinterpret_cast<HANDLE>(t); }

@@ -1,0 +1,47 @@
+// Product paths on POSIX: one folder per machine, other machines mounted under the network root.
+#include "platform/paths.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <strings.h>
+
+namespace platform {
+namespace {
+
+std::string FromEnv(const char* name, const char* fallback) {
+  const char* v = std::getenv(name);
+  std::string s = (v && *v) ? v : fallback;
+  while (s.size() > 1 && s.back() == '/') s.pop_back();
+  return s;
+}
+
+std::string Slashes(std::string_view p) {
+  std::string s(p);
+  std::replace(s.begin(), s.end(), '\\', '/');
+  return s;
+}
+
+}  // namespace
+
+std::string MachineRoot() { return FromEnv("CHRONWARDEN_ROOT", "/var/lib/chronwarden"); }
+std::string SystemDirectory() { return MachineRoot() + "/system32"; }
+std::string NetworkRoot() { return FromEnv("CHRONWARDEN_NETWORK_ROOT", "/net"); }
+std::string RemoteMachineRoot(std::string_view host) { return NetworkRoot() + "/" + std::string(host); }
+
+std::string NativePath(std::string_view path) {
+  if (path.size() < 3 || path[0] != '\\' || path[1] != '\\') return Slashes(path);
+  std::string_view rest = path.substr(2);
+  const auto host_end = rest.find('\\');
+  const std::string_view host = rest.substr(0, host_end);
+  if (host_end == std::string_view::npos) return RemoteMachineRoot(host);
+  rest.remove_prefix(host_end + 1);
+  const auto share_end = rest.find('\\');
+  const std::string_view share = rest.substr(0, share_end);
+  const std::string_view tail = share_end == std::string_view::npos ? std::string_view{} : rest.substr(share_end + 1);
+  std::string native = RemoteMachineRoot(host);
+  if (share.size() != 6 || strncasecmp(share.data(), "admin$", 6) != 0) native += "/" + std::string(share);
+  if (!tail.empty()) native += "/" + Slashes(tail);
+  return native;
+}
+
+}  // namespace platform
