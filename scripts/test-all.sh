@@ -15,8 +15,12 @@ for preset in "${presets[@]}"; do
   echo "==== $preset: test"
   if [ "$preset" = windows ]; then
     export WINEPREFIX="$PWD/build/windows/wineprefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
-    [ -f "$WINEPREFIX/system.reg" ] || wineboot -i >/dev/null 2>&1 || true
-    wineserver -p   # keep the server up for the whole run
+    if [ ! -f "$WINEPREFIX/system.reg" ]; then
+      echo "Creating the Wine prefix $WINEPREFIX"
+      wineboot -i >/dev/null 2>&1 || true
+      wineserver -w   # the registry is written when the server ends
+    fi
+    wineserver -p || true   # keep one server up for the whole run
     ctest --preset windows || status=1
     wineserver -k || true
     unset WINEPREFIX WINEDEBUG WINEDLLOVERRIDES
