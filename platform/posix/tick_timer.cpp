@@ -52,12 +52,12 @@ bool sys::ArmTickTimer(TickTimerHandle t, std::uint32_t period_ms, TickCallback 
   clock_gettime(CLOCK_MONOTONIC_COARSE, &tick);
   const long long period_ns = static_cast<long long>(period_ms) * 1'000'000;
   const long long first_ns = tick.tv_sec * 1'000'000'000LL + tick.tv_nsec + period_ns + TickLeadNs();
-  itimerspec spec{};
-  spec.it_interval.tv_sec = static_cast<time_t>(period_ns / 1'000'000'000);
-  spec.it_interval.tv_nsec = static_cast<long>(period_ns % 1'000'000'000);
-  spec.it_value.tv_sec = static_cast<time_t>(first_ns / 1'000'000'000);
-  spec.it_value.tv_nsec = static_cast<long>(first_ns % 1'000'000'000);
-  if (timerfd_settime(t->fd, TFD_TIMER_ABSTIME, &spec, nullptr) != 0) return SetLastError(87), false;
+  itimerspec setting{};
+  setting.it_interval.tv_sec = static_cast<time_t>(period_ns / 1'000'000'000);
+  setting.it_interval.tv_nsec = static_cast<long>(period_ns % 1'000'000'000);
+  setting.it_value.tv_sec = static_cast<time_t>(first_ns / 1'000'000'000);
+  setting.it_value.tv_nsec = static_cast<long>(first_ns % 1'000'000'000);
+  if (timerfd_settime(t->fd, TFD_TIMER_ABSTIME, &setting, nullptr) != 0) return SetLastError(87), false;
   t->callback = callback;
   t_armed = t;
   return true;
