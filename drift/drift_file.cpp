@@ -74,12 +74,6 @@ std::uint32_t SourceAddress(const char* source_name) {
   return address;
 }
 
-std::int32_t Saturate32(std::int64_t v) {
-  if (v < INT32_MIN) return INT32_MIN;
-  if (v > INT32_MAX) return INT32_MAX;
-  return static_cast<std::int32_t>(v);
-}
-
 }  // namespace
 
 std::string DriftFilePath(std::string_view machine) {
@@ -191,7 +185,7 @@ void DriftFileAppend(std::int64_t variance_ms, std::uint32_t check_time, std::ui
   record.flags = static_cast<std::uint8_t>(((machine_type & 0x7F) << 1) | (clock_set & 1));
   record.reason = reason;
   record.check_time = check_time;
-  record.variance_ms = Saturate32(variance_ms);
+  record.variance_ms = SaturateVarianceMs(variance_ms);
   std::uint32_t adjustment = 0, increment = 0;
   bool disabled = false;
   if (platform::SystemTimeAdjustment(adjustment, increment, disabled))

@@ -52,3 +52,11 @@ bool DriftRecordValid(const DriftRecord& r) {
   const bool version_ok = r.version == 0 || (r.version >= 31 && r.version <= 41);
   return version_ok && r.check_time >= 1 && r.check_time <= 0x7FFFFFFF;
 }
+
+std::int32_t SaturateVarianceMs(std::int64_t v) {
+  if (v < INT32_MIN) return INT32_MIN;
+  if (v > INT32_MAX) return INT32_MAX;
+  return static_cast<std::int32_t>(v);
+}
+
+std::int32_t DriftVarianceMs(std::int64_t offset_100ns) { return SaturateVarianceMs(offset_100ns / 10'000); }

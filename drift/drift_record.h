@@ -59,5 +59,10 @@ inline std::uint8_t DriftMachineType(const DriftRecord& r) { return static_cast<
 // The phase adjustment: the 32-bit little-endian word at offset 1, shifted right arithmetically by 8.
 std::int32_t DriftPhaseAdjustment(const DriftRecord& r);
 void SetDriftPhaseAdjustment(DriftRecord& r, std::int32_t value);   // keeps the low 24 bits
+// The variance of a measured offset (100-ns units, reference minus local): divided by 10,000 with
+// truncation toward zero, saturated to 32 bits.
+std::int32_t DriftVarianceMs(std::int64_t offset_100ns);
+// A variance in ms saturated to 32 bits (below -2,147,483,648: that; 2,147,483,648 or more: 2,147,483,647).
+std::int32_t SaturateVarianceMs(std::int64_t variance_ms);
 // Version 0, or 31 to 41, and a check time of 1 to 0x7FFFFFFF.
 bool DriftRecordValid(const DriftRecord& r);

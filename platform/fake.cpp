@@ -8,8 +8,10 @@
 #include <mutex>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/error.h"
+#include "platform/file.h"
 #include "platform/resolve.h"
 #include "platform/sys.h"
 
@@ -30,6 +32,10 @@ struct FakeState {
   std::map<std::string, std::uint32_t, std::less<>> calls;
   std::map<std::uint32_t, std::string> messages;
   std::map<std::string, std::uint32_t, std::less<>> hosts;
+  bool fail_viewer = false;
+  std::vector<std::string> viewer_paths;
+  bool viewer_placed = false;
+  int viewer_x = 0, viewer_y = 0;
   std::function<void()> on_next_read;
 };
 
@@ -85,6 +91,15 @@ void FailFrequency(bool f) { Locked([&](FakeState& s) { s.fail_frequency = f; re
 void FailAdjustment(bool f) { Locked([&](FakeState& s) { s.fail_adjustment = f; return 0; }); }
 void SetHostAddress(std::string_view name, std::uint32_t a) {
   Locked([&](FakeState& s) { s.hosts[std::string(name)] = a; return 0; });
+}
+void FailViewer(bool f) { Locked([&](FakeState& s) { s.fail_viewer = f; return 0; }); }
+std::vector<std::string> ViewerOpened() { return Locked([](FakeState& s) { return s.viewer_paths; }); }
+bool LastViewerOrigin(int& x, int& y) {
+  return Locked([&](FakeState& s) {
+    x = s.viewer_x;
+    y = s.viewer_y;
+    return s.viewer_placed;
+  });
 }
 void SetAdjustmentDelta(std::int64_t d) { Locked([&](FakeState& s) { s.adjustment_delta = d; return 0; }); }
 void FailTimerCreate(bool f) { Locked([&](FakeState& s) { s.fail_timer_create = f; return 0; }); }
@@ -251,6 +266,21 @@ bool ResolveHostIPv4(std::string_view name, std::uint32_t& address) {
     auto it = s.hosts.find(name);
     if (it == s.hosts.end()) return false;
     address = it->second;
+    return true;
+  });
+}
+
+bool OpenTextFileForUser(std::string_view path, const int* origin_xy) {
+  if (!On()) return sys::OpenTextFileForUser(path, origin_xy);
+  return Locked([&](FakeState& s) {
+    if (s.fail_viewer) {
+      SetLastError(2);
+      return false;
+    }
+    s.viewer_paths.emplace_back(path);
+    s.viewer_placed = origin_xy != nullptr;
+    s.viewer_x = origin_xy ? origin_xy[0] : 0;
+    s.viewer_y = origin_xy ? origin_xy[1] : 0;
     return true;
   });
 }

@@ -4,7 +4,9 @@
 #pragma once
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <string_view>
+#include <vector>
 #include "platform/tick_timer.h"
 
 namespace platform::fake {
@@ -45,6 +47,12 @@ std::uint64_t CurrentThreadAffinity();         // what the calling thread was la
 
 // Host names: while the fake is on, ResolveHostIPv4 answers from this table only (unknown names fail).
 void SetHostAddress(std::string_view name, std::uint32_t address_network_order);
+
+// The text viewer: while the fake is on, OpenTextFileForUser starts nothing; it records the path
+// (and the position, when one was given) and succeeds unless FailViewer(true).
+void FailViewer(bool fail);
+std::vector<std::string> ViewerOpened();        // paths handed to the viewer since Enable, oldest first
+bool LastViewerOrigin(int& x, int& y);          // the position of the last viewer start; false without one
 
 // System message texts: an entry here is returned by SystemMessage before the system's own.
 void SetSystemMessage(std::uint32_t code, std::string_view text);

@@ -1,5 +1,6 @@
 // Files on POSIX: descriptors behind Win32-style calls, sharing emulated with flock.
 #include "platform/file.h"
+#include "platform/sys.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -257,7 +258,7 @@ bool SpawnDetached(const std::vector<std::string>& args) {
 
 }  // namespace
 
-bool OpenTextFileForUser(std::string_view path, const int* /*origin_xy*/) {
+bool sys::OpenTextFileForUser(std::string_view path, const int* /*origin_xy*/) {
   const std::string native = NativePath(path);
   const char* display = std::getenv("DISPLAY");
   const char* wayland = std::getenv("WAYLAND_DISPLAY");

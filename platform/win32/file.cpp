@@ -9,6 +9,7 @@
 #include <string>
 
 #include "platform/file.h"
+#include "platform/sys.h"
 
 namespace platform {
 
@@ -149,7 +150,7 @@ bool SecureDataFile(std::string_view path) {
   return ok;
 }
 
-bool OpenTextFileForUser(std::string_view path, const int* origin_xy) {
+bool sys::OpenTextFileForUser(std::string_view path, const int* origin_xy) {
   std::string command = "notepad \"" + std::string(path) + "\"";
   STARTUPINFOA si{};
   si.cb = sizeof si;
