@@ -48,7 +48,7 @@ bool FileDelete(std::string_view path);                // DeleteFileA
 // GetTempPathA: the temporary folder with a trailing separator, "" on failure.
 // POSIX: $TMPDIR, else /tmp, with a trailing "/".
 std::string TempDirectory();
-// GetTempFileNameA with unique number 0: creates a new empty file "<dir><prefix><hex>.TMP" with a name
+// GetTempFileNameA with unique number 0: creates a new empty file "<dir><prefix><hex>.tmp" with a name
 // no file had, and returns its path in out.
 bool TempFileName(std::string_view dir, std::string_view prefix, std::string& out);
 

@@ -87,6 +87,17 @@ TEST_F(DriftFileTest, AppendWritesOneFullRecord) {
   EXPECT_EQ(DriftPhaseAdjustment(r), 0);
 }
 
+TEST_F(DriftFileTest, BytesOnDiskAreTheSameOnEveryTarget) {
+  platform::fake::SetAdjustmentDelta(-156'250 + 3);
+  Open();
+  DriftFileAppend(-70'000, 0x65536F00, 1, kReasonStartup, "192.0.2.7", kMachineChronwarden);
+  DriftFileAppend(2'500'000'000LL, 0x65537000, 0, kReasonSyncCheck, "Averaged Time", kMachineNtpServer);
+  const std::vector<std::uint8_t> expected = {
+      0x29, 0x0F, 0xA9, 0x9D, 0xFD, 0x00, 0x00, 0xFF, 0x00, 0x6F, 0x53, 0x65, 0x90, 0xEE, 0xFE, 0xFF, 192, 0, 2, 7,
+      0x29, 0x10, 0xA9, 0x9D, 0xFD, 0x00, 0x00, 0x06, 0x00, 0x70, 0x53, 0x65, 0xFF, 0xFF, 0xFF, 0x7F, 0, 0, 0, 0};
+  EXPECT_EQ(ReadBytes(path_), expected);
+}
+
 TEST_F(DriftFileTest, PhaseAdjustmentOfMinusOneIsStoredAsThreeFfBytes) {
   platform::fake::SetAdjustmentDelta(-1);
   Open();

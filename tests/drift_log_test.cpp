@@ -46,7 +46,7 @@ TEST_F(DriftLogTest, EmptyFileLoadsWithNothingChanged) {
 TEST_F(DriftLogTest, SizesThatAreNotWholeRecordsAreRejected) {
   for (std::size_t size : {19u, 21u, 39u}) {
     DriftLogReset(log_);
-    Prepare(std::vector<std::uint8_t>(size, 0), "odd" + std::to_string(size) + ".kr");
+    Prepare(std::vector<std::uint8_t>(size, 0), std::string("odd").append(std::to_string(size)).append(".kr"));
     EXPECT_FALSE(Load()) << size;
     EXPECT_EQ(log_.last_error, 87u) << size;
     EXPECT_EQ(platform::LastError(), 87u) << size;
@@ -66,7 +66,7 @@ TEST_F(DriftLogTest, VersionAndCheckTimeLimits) {
   for (const auto& c : cases) {
     DriftLogReset(log_);
     Prepare(RecordBytes({MakeRecord(c.time, 5, kReasonScheduled, 0x0100000A, false, c.version)}),
-            "v" + std::to_string(n++) + ".kr");
+            std::string("v").append(std::to_string(n++)).append(".kr"));
     EXPECT_EQ(Load(), c.ok) << int(c.version) << " " << c.time;
     if (!c.ok) {
       EXPECT_EQ(log_.last_error, 87u);
@@ -204,6 +204,13 @@ TEST(DriftLogNameTest, DisplayNames) {
   }
 }
 
+std::string Question(const std::string& path, const char* reason) {
+  char text[512];
+  std::snprintf(text, sizeof text, "Could not load file %s; %s\r\n\r\nWould you like to try a different file?",
+                path.c_str(), reason);
+  return text;
+}
+
 // A user who answers from a script: the questions asked, the answers given, the files chosen.
 struct ScriptedUser {
   std::vector<std::string> questions;
@@ -242,9 +249,7 @@ TEST_F(DriftLogTest, UserIsAskedAboutACorruptFileAndCanGiveUp) {
   const DriftUi ui = ScriptedUi(user);
   EXPECT_FALSE(DriftLogLoadWithUser(&ui, log_));
   ASSERT_EQ(user.questions.size(), 1u);
-  EXPECT_EQ(user.questions[0], "Could not load file " + path +
-                                   "; the file is either not a drift record file, or it is corrupted.\r\n\r\n"
-                                   "Would you like to try a different file?");
+  EXPECT_EQ(user.questions[0], Question(path, "the file is either not a drift record file, or it is corrupted."));
   EXPECT_EQ(user.chooser_calls, 0);
 }
 
@@ -274,8 +279,7 @@ TEST_F(DriftLogTest, MissingFileQuestionCarriesTheSystemText) {
   ASSERT_EQ(user.questions.size(), 1u);
   char text[129] = {};
   SystemErrorText(2, text, 129);
-  EXPECT_EQ(user.questions[0],
-            "Could not load file " + path + "; " + text + "\r\n\r\nWould you like to try a different file?");
+  EXPECT_EQ(user.questions[0], Question(path, text));
   EXPECT_EQ(user.chooser_calls, 1);
   EXPECT_STREQ(log_.path, "");
 }

@@ -1,6 +1,7 @@
 // The platform file layer: the Win32 file calls as the drift code uses them, on both targets.
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <filesystem>
 #include <string>
 
@@ -104,7 +105,9 @@ TEST_F(FileLayerTest, TemporaryNamesAreNewFiles) {
   EXPECT_NE(a, b);
   const std::string name = std::filesystem::path(a).filename().string();
   EXPECT_EQ(name.substr(0, 3), "KRG");
-  EXPECT_EQ(name.substr(name.size() - 4), ".TMP");
+  std::string extension = name.substr(name.size() - 4);
+  for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  EXPECT_EQ(extension, ".tmp");
   EXPECT_TRUE(std::filesystem::exists(a));
   EXPECT_EQ(std::filesystem::file_size(a), 0u);
   EXPECT_TRUE(FileDelete(a));

@@ -196,7 +196,7 @@ bool TempFileName(std::string_view dir, std::string_view prefix, std::string& ou
   for (int tries = 0; tries < 0x10000; ++tries, unique = (unique + 1) & 0xFFFF) {
     if (unique == 0) continue;
     char name[16];
-    std::snprintf(name, sizeof name, "%X.TMP", unique);
+    std::snprintf(name, sizeof name, "%X.tmp", unique);
     const std::string candidate = base + std::string(prefix.substr(0, 3)) + name;
     const std::string native = NativePath(candidate);
     const int fd = ::open(native.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
