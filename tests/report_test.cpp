@@ -10,6 +10,7 @@
 #include "drift/temp_list.h"
 #include "platform/error.h"
 #include "platform/fake.h"
+#include "platform/file.h"
 #include "tests/drift_test_util.h"
 #include "timing/format.h"
 
@@ -362,18 +363,25 @@ TEST_F(ReportTest, WithAnOwnerTheReportGoesToATemporaryFileThatIsOpenedAndRememb
   EXPECT_TRUE(n.shown.empty());
 }
 
-TEST_F(ReportTest, CreationFailureIsShownAndReturned) {
+TEST_F(ReportTest, CreationFailureIsReturned) {
   DriftLogSetPath(log_, (PathOf("missing") + "/host.kr").c_str());
   log_.records.reset(new DriftRecord[2]());
   log_.records[0] = MakeRecord(kT0, 1);
   log_.record_count = 1;
   EXPECT_EQ(WriteDriftReport(nullptr, log_), 3u);
-  // With an owner, the temporary folder is used; make its creation fail through a missing folder.
-  Notices n;
-  const DriftUi owner = OwnerWith(n);
   EXPECT_EQ(WriteDriftReportFile(log_, (PathOf("missing") + "/x.txt").c_str(), "UTC"), 3u);
-  EXPECT_EQ(WriteDriftReport(&owner, log_), 0u);
-  EXPECT_TRUE(n.shown.empty());
+  EXPECT_TRUE(platform::fake::ViewerOpened().empty());
+  EXPECT_EQ(temps_.Size(), 0u);
+}
+
+TEST_F(ReportTest, AReportBeingWrittenCannotBeOpenedTwice) {
+  Load({MakeRecord(kT0, 1)});
+  const std::string out = PathOf("busy.txt");
+  platform::FileHandle holder = platform::FileCreate(out, platform::kGenericWrite, 0, platform::kCreateAlways, 0);
+  ASSERT_NE(holder, nullptr);
+  EXPECT_EQ(WriteDriftReportFile(log_, out.c_str(), "UTC"), 32u);
+  platform::FileClose(holder);
+  EXPECT_EQ(WriteDriftReportFile(log_, out.c_str(), "UTC"), 0u);
 }
 
 TEST_F(ReportTest, OpenInNotepadNumbersTheListAndSkipsItOnFailure) {
