@@ -9,6 +9,8 @@ namespace {
 
 constexpr Command kCommands[] = {
     {"clock", "sample the precise clock against the system and fine wall clocks", CmdClock},
+    {"history", "list a drift history file's records, or append one", CmdHistory},
+    {"report", "write the synchronization summary report of a drift history file", CmdReport},
 };
 
 void PrintHelp() {

@@ -12,4 +12,15 @@ inline constexpr std::uint64_t kAffinityMask = 0;        // processor mask for p
 inline constexpr std::uint32_t kPreciseClockTickMs = 1;           // calibration timer period (ms)
 inline constexpr std::uint32_t kPreciseClockSettleMs = 100;       // start waits this long for the timer to be armed (ms)
 
+// Drift history file.
+inline constexpr const char* kDriftFileName = "drift.kr";          // in the system directory
+inline constexpr std::uint32_t kDriftLockWaitMs = 10'000;          // provider-side lock wait (ms)
+inline constexpr std::uint32_t kDriftFileCapBytes = 327'680;       // append trims at this size (16,384 records)
+inline constexpr std::uint32_t kDriftFileKeepBytes = 163'840;      // a trim keeps the newest 8,192 records
+inline constexpr std::uint32_t kDriftRecordsPerScreen = 64;        // the graph's and the snapshot's page
+
+// Synchronization summary report.
+inline constexpr const char* kReportTempPrefix = "KRG";            // temporary report file names
+inline constexpr const char* kNotepadTempKey = "\\NotepadTemp";    // registry list of temporary reports
+
 }  // namespace defaults

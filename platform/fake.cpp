@@ -8,8 +8,11 @@
 #include <mutex>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/error.h"
+#include "platform/file.h"
+#include "platform/resolve.h"
 #include "platform/sys.h"
 
 namespace platform {
@@ -20,6 +23,7 @@ struct FakeState {
   std::int64_t counter = 0;
   std::int64_t frequency = 0;
   std::uint32_t increment = 0;
+  std::int64_t adjustment_delta = 0;   // adjustment - increment reported by SystemTimeAdjustment
   bool fail_counter = false, fail_frequency = false, fail_adjustment = false;
   bool fail_timer_create = false, fail_timer_arm = false, fail_thread_create = false;
   TickCallback armed = nullptr;
@@ -27,6 +31,11 @@ struct FakeState {
   std::uint64_t process_affinity = 0xF;
   std::map<std::string, std::uint32_t, std::less<>> calls;
   std::map<std::uint32_t, std::string> messages;
+  std::map<std::string, std::uint32_t, std::less<>> hosts;
+  bool fail_viewer = false;
+  std::vector<std::string> viewer_paths;
+  bool viewer_placed = false;
+  int viewer_x = 0, viewer_y = 0;
   std::function<void()> on_next_read;
 };
 
@@ -80,6 +89,19 @@ void SetTimeIncrement(std::uint32_t u) { Locked([&](FakeState& s) { s.increment 
 void FailCounter(bool f) { Locked([&](FakeState& s) { s.fail_counter = f; return 0; }); }
 void FailFrequency(bool f) { Locked([&](FakeState& s) { s.fail_frequency = f; return 0; }); }
 void FailAdjustment(bool f) { Locked([&](FakeState& s) { s.fail_adjustment = f; return 0; }); }
+void SetHostAddress(std::string_view name, std::uint32_t a) {
+  Locked([&](FakeState& s) { s.hosts[std::string(name)] = a; return 0; });
+}
+void FailViewer(bool f) { Locked([&](FakeState& s) { s.fail_viewer = f; return 0; }); }
+std::vector<std::string> ViewerOpened() { return Locked([](FakeState& s) { return s.viewer_paths; }); }
+bool LastViewerOrigin(int& x, int& y) {
+  return Locked([&](FakeState& s) {
+    x = s.viewer_x;
+    y = s.viewer_y;
+    return s.viewer_placed;
+  });
+}
+void SetAdjustmentDelta(std::int64_t d) { Locked([&](FakeState& s) { s.adjustment_delta = d; return 0; }); }
 void FailTimerCreate(bool f) { Locked([&](FakeState& s) { s.fail_timer_create = f; return 0; }); }
 void FailTimerArm(bool f) { Locked([&](FakeState& s) { s.fail_timer_arm = f; return 0; }); }
 void FailThreadCreate(bool f) { Locked([&](FakeState& s) { s.fail_thread_create = f; return 0; }); }
@@ -140,8 +162,9 @@ bool SystemTimeAdjustment(std::uint32_t& adjustment, std::uint32_t& increment, b
   if (!On()) return sys::SystemTimeAdjustment(adjustment, increment, disabled);
   return Locked([&](FakeState& s) {
     if (s.fail_adjustment) return false;
-    adjustment = increment = s.increment;
-    disabled = true;
+    increment = s.increment;
+    adjustment = static_cast<std::uint32_t>(static_cast<std::int64_t>(s.increment) + s.adjustment_delta);
+    disabled = s.adjustment_delta == 0;
     return true;
   });
 }
@@ -235,6 +258,31 @@ bool SystemMessage(std::uint32_t code, char* buf, std::size_t size) {
     }
   }
   return sys::SystemMessage(code, buf, size);
+}
+
+bool ResolveHostIPv4(std::string_view name, std::uint32_t& address) {
+  if (!On()) return sys::ResolveHostIPv4(name, address);
+  return Locked([&](FakeState& s) {
+    auto it = s.hosts.find(name);
+    if (it == s.hosts.end()) return false;
+    address = it->second;
+    return true;
+  });
+}
+
+bool OpenTextFileForUser(std::string_view path, const int* origin_xy) {
+  if (!On()) return sys::OpenTextFileForUser(path, origin_xy);
+  return Locked([&](FakeState& s) {
+    if (s.fail_viewer) {
+      SetLastError(2);
+      return false;
+    }
+    s.viewer_paths.emplace_back(path);
+    s.viewer_placed = origin_xy != nullptr;
+    s.viewer_x = origin_xy ? origin_xy[0] : 0;
+    s.viewer_y = origin_xy ? origin_xy[1] : 0;
+    return true;
+  });
 }
 
 }  // namespace platform

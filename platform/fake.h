@@ -4,7 +4,9 @@
 #pragma once
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <string_view>
+#include <vector>
 #include "platform/tick_timer.h"
 
 namespace platform::fake {
@@ -26,6 +28,7 @@ void SetTimeIncrement(std::uint32_t units);    // clock interrupt interval, 100-
 void FailCounter(bool fail);                   // PerformanceCounter fails
 void FailFrequency(bool fail);                 // PerformanceFrequency fails
 void FailAdjustment(bool fail);                // SystemTimeAdjustment fails
+void SetAdjustmentDelta(std::int64_t units);   // SystemTimeAdjustment's adjustment minus increment, 100-ns (Enable: 0)
 void FailTimerCreate(bool fail);               // CreateTickTimer returns nullptr
 void FailTimerArm(bool fail);                  // ArmTickTimer fails
 void FailThreadCreate(bool fail);              // CreateThreadSuspended returns nullptr
@@ -41,6 +44,15 @@ std::uint32_t CallCount(std::string_view name);
 void SetProcessorCount(std::uint32_t n);       // Enable: 4
 void SetProcessAffinity(std::uint64_t mask);   // Enable: 0xF
 std::uint64_t CurrentThreadAffinity();         // what the calling thread was last pinned to (0: never)
+
+// Host names: while the fake is on, ResolveHostIPv4 answers from this table only (unknown names fail).
+void SetHostAddress(std::string_view name, std::uint32_t address_network_order);
+
+// The text viewer: while the fake is on, OpenTextFileForUser starts nothing; it records the path
+// (and the position, when one was given) and succeeds unless FailViewer(true).
+void FailViewer(bool fail);
+std::vector<std::string> ViewerOpened();        // paths handed to the viewer since Enable, oldest first
+bool LastViewerOrigin(int& x, int& y);          // the position of the last viewer start; false without one
 
 // System message texts: an entry here is returned by SystemMessage before the system's own.
 void SetSystemMessage(std::uint32_t code, std::string_view text);

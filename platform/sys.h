@@ -3,6 +3,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 #include "platform/clock.h"
 #include "platform/thread.h"
 #include "platform/tick_timer.h"
@@ -31,5 +32,7 @@ void TimeBeginPeriod(std::uint32_t ms);
 void TimeEndPeriod(std::uint32_t ms);
 void Sleep(std::uint32_t ms);
 bool SystemMessage(std::uint32_t code, char* buf, std::size_t size);
+bool OpenTextFileForUser(std::string_view path, const int* origin_xy);
+bool ResolveHostIPv4(std::string_view name, std::uint32_t& address_network_order);
 
 }  // namespace platform::sys

@@ -111,6 +111,7 @@ constexpr Message kMessages[] = {
     {1203, "The network path was either typed incorrectly, does not exist, or the network provider is not currently available. Please try retyping the path or contact your network administrator.\r\n"},
     {1210, "The format of the specified computer name is invalid.\r\n"},
     {1222, "The network is not present or not started.\r\n"},
+    {1223, "The operation was canceled by the user.\r\n"},
     {1231, "The network location cannot be reached. For information about network troubleshooting, see Windows Help.\r\n"},
     {1232, "The network location cannot be reached. For information about network troubleshooting, see Windows Help.\r\n"},
     {1237, "The operation could not be completed. A retry should be performed.\r\n"},

@@ -1,0 +1,413 @@
+// The synchronization summary report.
+#include "drift/report.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "config/defaults.h"
+#include "drift/temp_list.h"
+#include "platform/clock.h"
+#include "platform/error.h"
+#include "platform/file.h"
+#include "platform/paths.h"
+#include "platform/timezone.h"
+#include "timing/error_text.h"
+#include "timing/format.h"
+#include "timing/precise_clock.h"
+
+namespace {
+
+// Reason counters in report order; the last counter takes every other code.
+constexpr std::uint8_t kReasonOrder[12] = {1, 2, 3, 4, 5, 8, 9, 255, 253, 254, 7, 6};
+constexpr std::uint32_t kBucketLimits[6] = {100, 250, 500, 1000, 5000, 4294967295u};
+constexpr const char* kBucketLabels[6] = {"under 100 ms (1/10 second)", "100-249 ms", "250-499 ms",
+                                          "500-999 ms", "1000-4999 ms", "5 seconds or more"};
+
+// The three banner lines that open every report.
+constexpr const char* kBanner =
+    "Chronwarden - Windows Time provider and drift history\r\n"
+    "Keeps this machine's clock honest: every check against a time source is recorded here.\r\n"
+    "Raw Data report of the drift history file";
+
+__attribute__((format(printf, 2, 3))) void Appendf(std::string& out, const char* fmt, ...) {
+  char buf[1024];
+  va_list ap;
+  va_start(ap, fmt);
+  const int n = std::vsnprintf(buf, sizeof buf, fmt, ap);
+  va_end(ap);
+  if (n > 0) out.append(buf, std::min<std::size_t>(static_cast<std::size_t>(n), sizeof buf - 1));
+}
+
+int PrintedLength(const char* fmt, long long v) { return std::snprintf(nullptr, 0, fmt, v); }
+
+std::int32_t SaturatedAverage(std::int64_t sum, std::uint32_t count) {
+  if (count == 0) return 0;
+  const double avg = static_cast<double>(sum) / static_cast<double>(count);
+  if (avg <= -2147483648.0) return INT32_MIN;
+  if (avg >= 2147483647.0) return INT32_MAX;
+  return static_cast<std::int32_t>(avg);
+}
+
+double Percent(std::uint32_t count, std::uint32_t total) {
+  return total == 0 ? 0.0 : static_cast<double>(count) / static_cast<double>(total) * 100.0;
+}
+
+const char* FastOrSlow(std::int32_t v) { return v < 0 ? "fast" : "slow"; }
+
+std::string DurationText(std::int64_t ms) {
+  char buf[256];
+  FormatDurationMs(ms, buf, sizeof buf);
+  return buf;
+}
+
+// The source column: "Averaged Time", "Self" (when self_name is set) or the dotted address.
+std::string SourceText(std::uint32_t address, bool self_name) {
+  if (address == kAddressAveraged) return "Averaged Time";
+  if (self_name && address == kAddressSelf) return "Self";
+  char buf[16];
+  return FormatIPv4(address, buf);
+}
+
+// The phase adjustment column: empty before version 41, else "+5", "0", "-3".
+std::string PhaseText(const DriftRecord& r) {
+  if (r.version < kDriftRecordVersion) return "";
+  const std::int32_t v = DriftPhaseAdjustment(r);
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "%s%d", v > 0 ? "+" : "", v);
+  return buf;
+}
+
+std::uint32_t NowUnixSeconds() {
+  const std::int64_t s = FileTimeToUnixSeconds(platform::SystemTimeAsFileTime());
+  return s < 0 ? 0 : s > 0x7FFFFFFF ? 0x7FFFFFFFu : static_cast<std::uint32_t>(s);
+}
+
+void FileSink(void* context, const char* text, std::size_t length) {
+  std::uint32_t done = 0;
+  platform::FileWrite(static_cast<platform::FileHandle>(context), text, static_cast<std::uint32_t>(length), done);
+}
+
+void Notify(const DriftUi* owner, NoticeIcon icon, const char* text) {
+  if (owner && owner->notify) owner->notify(*owner, icon, kDriftUiCaption, text);
+}
+
+}  // namespace
+
+std::int64_t DriftReportStats::LargestAbs() const {
+  return std::max(-static_cast<std::int64_t>(min), static_cast<std::int64_t>(max));
+}
+std::int32_t DriftReportStats::WorstStartup() const {
+  return -static_cast<std::int64_t>(startup_min) > startup_max ? startup_min : startup_max;
+}
+std::uint32_t DriftReportStats::SpanSeconds() const { return latest > earliest ? latest - earliest : 1; }
+std::int32_t DriftReportStats::AverageStartup() const { return SaturatedAverage(startup_sum, startup_count); }
+std::int32_t DriftReportStats::AverageAll() const { return SaturatedAverage(sum, total); }
+
+DriftReportStats ComputeDriftReportStats(const DriftRecord* records, std::uint32_t count) {
+  DriftReportStats s;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const DriftRecord& r = records[i];
+    const std::int32_t v = r.variance_ms;
+    ++s.total;
+    std::size_t slot = 12;
+    for (std::size_t k = 0; k < 12; ++k)
+      if (kReasonOrder[k] == r.reason) slot = k;
+    ++s.reasons[slot];
+    if (r.reason == kReasonStartup || r.reason == kReasonPowerResume) {
+      ++s.startup_count;
+      s.startup_sum += v;
+      s.startup_min = std::min(s.startup_min, v);
+      s.startup_max = std::max(s.startup_max, v);
+    } else {
+      ++s.non_startup_count;
+      const std::uint32_t magnitude = v < 0 ? 0u - static_cast<std::uint32_t>(v) : static_cast<std::uint32_t>(v);
+      for (std::size_t b = 0; b < 6; ++b)
+        if (magnitude < kBucketLimits[b]) {
+          ++s.buckets[b];
+          break;
+        }
+    }
+    s.sum += v;
+    s.min = std::min(s.min, v);
+    s.max = std::max(s.max, v);
+    if (v < 0) ++s.negative;
+    if (v > 0) ++s.positive;
+    if (DriftClockSet(r)) ++s.set;
+    else ++s.not_set;
+    if (r.check_time != 0 && (s.earliest == 0 || r.check_time < s.earliest)) s.earliest = r.check_time;
+    if (r.check_time > s.latest) s.latest = r.check_time;
+  }
+  return s;
+}
+
+void ReportTimeZoneText(bool local, char* out, std::size_t size) {
+  if (!out || size == 0) return;
+  std::memset(out, 0, size);
+  if (!local) {
+    std::snprintf(out, size, "%s", "Universal Coordinated Time (GMT+0)");
+    return;
+  }
+  platform::TimeZoneNow tz;
+  platform::CurrentTimeZone(tz);
+  const std::int32_t total = std::abs(tz.total_bias_minutes);
+  std::snprintf(out, size, "%.127s (GMT%c%02d%02d)", tz.name.c_str(), tz.bias_minutes > 0 ? '-' : '+', total / 60,
+                total % 60);
+}
+
+void RenderDriftReport(const DriftLog& log, const char* time_zone_text, std::uint32_t now, ReportSink sink,
+                       void* context) {
+  const std::uint32_t count = log.records ? log.record_count : 0;
+  const DriftRecord* records = log.records.get();
+  const DriftReportStats s = ComputeDriftReportStats(records, count);
+  const bool local = log.local_time;
+  std::string out;
+  out.reserve(4096);
+  const auto flush = [&] {
+    sink(context, out.data(), out.size());
+    out.clear();
+  };
+
+  // Header.
+  out += kBanner;
+  Appendf(out,
+          "\r\n\r\n------------------------------\r\nSYNCHRONIZATION SUMMARY REPORT\r\n------------------------------\r\n\r\n"
+          "Report Time and Data Source:\r\n\r\n    Report timezone: %s\r\n",
+          time_zone_text ? time_zone_text : "");
+  Appendf(out, "        Report date: %s\r\n", FormatDate(now, local));
+  Appendf(out, "      Report source: %s\r\n\r\n", log.path);
+  flush();
+
+  // Period.
+  out += "Report Data Period:\r\n\r\n";
+  Appendf(out, "        Data points: %d\r\n", static_cast<int>(s.total));
+  Appendf(out, "       Data history: %s\r\n", count ? FormatDurationSeconds(s.SpanSeconds()) : "N/A");
+  Appendf(out, "    Earliest record: %s\r\n", s.earliest ? FormatDate(s.earliest, local) : "N/A");
+  Appendf(out, "      Latest record: %s\r\n", s.latest ? FormatDate(s.latest, local) : "N/A");
+  Appendf(out, "   Average Interval: %s between data points\r\n\r\n",
+          count && log.average_interval ? FormatDurationSeconds(log.average_interval) : "No interval");
+  flush();
+
+  if (count) {
+    // Variance.
+    const std::int32_t worst_startup = s.WorstStartup(), avg_startup = s.AverageStartup(), avg_all = s.AverageAll();
+    int width = 1;
+    for (std::int32_t v : {s.min, s.max, worst_startup, avg_startup, avg_all})
+      width = std::max(width, PrintedLength("%+lld", v));
+    out += "Variance Summary:\r\n\r\n";
+    Appendf(out, "     Worst negative: %+*d ms (%s fast)\r\n", width, s.min, DurationText(s.min).c_str());
+    Appendf(out, "     Worst positive: %+*d ms (%s slow)\r\n", width, s.max, DurationText(s.max).c_str());
+    Appendf(out, "      Worst startup: %+*d ms (%s %s at startup)\r\n", width, worst_startup,
+            DurationText(worst_startup).c_str(), FastOrSlow(worst_startup));
+    Appendf(out, "    Average startup: %+*d ms (%s %s at startup)\r\n", width, avg_startup,
+            DurationText(avg_startup).c_str(), FastOrSlow(avg_startup));
+    Appendf(out, "     Average of all: %+*d ms (%s %ser than time sources)\r\n\r\n", width, avg_all,
+            DurationText(avg_all).c_str(), FastOrSlow(avg_all));
+    flush();
+
+    // Corrections.
+    const std::uint32_t counts[5] = {s.set, s.not_set, s.negative, s.positive, s.Zero()};
+    const char* labels[5] = {"checks caused clock corrections", "checks did not cause clock corrections",
+                             "variances were negative", "variances were positive", "variances were zero"};
+    width = 1;
+    for (std::uint32_t c : counts) width = std::max(width, PrintedLength("%lld", c));
+    out += "Clock Corrections:\r\n\r\n";
+    for (int i = 0; i < 5; ++i)
+      Appendf(out, "  % #7.2f%% - %*d %s\r\n", Percent(counts[i], s.total), width, static_cast<int>(counts[i]),
+              labels[i]);
+    out += "\r\n";
+    flush();
+
+    // Discipline.
+    Appendf(out, "Clock Discipline (%d non-startup/resume variances summarized):\r\n\r\n",
+            static_cast<int>(s.non_startup_count));
+    if (s.non_startup_count) {
+      for (int b = 0; b < 6; ++b)
+        Appendf(out, "  % #7.2f%% - %s\r\n", Percent(s.buckets[b], s.non_startup_count), kBucketLabels[b]);
+    } else {
+      out += "   Unable to display: all recorded variances were marked as startup/resumes\r\n";
+    }
+    out += "\r\n";
+    flush();
+
+    // Reasons.
+    width = 1;
+    for (std::uint32_t c : s.reasons) width = std::max(width, PrintedLength("%lld", c));
+    out += "Reason for each Check:\r\n\r\n";
+    for (std::size_t k = 0; k < 13; ++k) {
+      if (!s.reasons[k]) continue;
+      Appendf(out, "  % #7.2f%% - %*d %s\r\n", Percent(s.reasons[k], s.total), width, static_cast<int>(s.reasons[k]),
+              k < 12 ? CheckReasonName(kReasonOrder[k]) : "Other");
+    }
+    out += "\r\n";
+    flush();
+  }
+
+  // Records.
+  out += "\r\n----------------------------------\r\nINDIVIDUAL SYNCHRONIZATION RECORDS\r\n"
+         "----------------------------------\r\n\r\n";
+  const bool ntp_server = std::strstr(log.path, "NTP Server") != nullptr;
+  Appendf(out, "%24s  %15s  %s  %5s  %13s  %s (Report Source)\r\n", "Check Time", "Time Source", "Set", "PhAdj",
+          "Check Reason",
+          ntp_server ? "Seconds Variance from Reference Clock" : "Seconds Variance from Time Source");
+  Appendf(out, "%24s  %15s  %s  %5s  %13s  %s\r\n", std::string(24, '-').c_str(), std::string(15, '-').c_str(), "---",
+          "-----", std::string(13, '-').c_str(), std::string(51, '-').c_str());
+  flush();
+
+  char largest[64];
+  std::snprintf(largest, sizeof largest, "%.3f", static_cast<double>(s.LargestAbs()) / 1000.0);
+  const int seconds_width = std::max(static_cast<int>(log.width_limit), static_cast<int>(std::strlen(largest)));
+  std::uint8_t last_type = 0;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const DriftRecord& r = records[i];
+    std::string when = local ? FormatLocalDate(r.check_time) : FormatUtcDate(r.check_time);
+    if (!local && when.size() >= 4) when.resize(when.size() - 4);
+    const std::int64_t v = r.variance_ms;
+    char number[64];
+    std::snprintf(number, sizeof number, "%*.3f", seconds_width, static_cast<double>(v < 0 ? -v : v) / 1000.0);
+    std::string seconds = number;
+    if (log.width_limit && seconds.size() > log.width_limit) {
+      for (char& c : seconds)
+        if (c != '.') c = '9';
+      seconds.erase(0, seconds.size() - log.width_limit);
+    }
+    if (log.zero_fill && !seconds.empty() && seconds[0] == ' ')
+      for (std::size_t k = 0; k < seconds.size() && seconds[k] == ' '; ++k) seconds[k] = '0';
+    Appendf(out, "%24s  %15s  %s  %5s  %13s  %s%s", when.c_str(), SourceText(r.address, true).c_str(),
+            DriftClockSet(r) ? " Y " : " N ", PhaseText(r).c_str(), CheckReasonName(r.reason),
+            v < 0 ? "-" : v == 0 ? " " : "+", seconds.c_str());
+    const std::uint8_t type = DriftMachineType(r);
+    if (type != last_type) {
+      Appendf(out, " (%s)", MachineTypeName(type));
+      last_type = type;
+    }
+    out += "\r\n";
+    flush();
+  }
+  out += "\r\n--End of Report--\r\n";
+  flush();
+}
+
+std::string DriftReportPathFor(const char* log_path) {
+  std::string path = std::string(log_path ? log_path : "").substr(0, 251);
+  const auto sep = path.find_last_of("\\/");
+  const auto dot = path.rfind('.');
+  // Only a "." in the file name itself starts an extension ("logs.d\drift" keeps its folder name).
+  if (dot != std::string::npos && (sep == std::string::npos || dot > sep)) path.resize(dot);
+  return path + ".txt";
+}
+
+std::uint32_t WriteDriftReportFile(const DriftLog& log, const char* path, const char* time_zone_text) {
+  platform::FileHandle file =
+      platform::FileCreate(path, platform::kGenericWrite, 0, platform::kCreateAlways, platform::kFlagSequentialScan);
+  if (!file) return platform::LastError() ? platform::LastError() : 5;
+  RenderDriftReport(log, time_zone_text, NowUnixSeconds(), FileSink, file);
+  platform::FileFlush(file);
+  platform::FileClose(file);
+  return 0;
+}
+
+std::uint32_t WriteDriftReport(const DriftUi* owner, DriftLog& log, const char* time_zone_text) {
+  char zone[128];
+  if (!time_zone_text) {
+    ReportTimeZoneText(log.local_time, zone, sizeof zone);
+    time_zone_text = zone;
+  }
+  const std::uint32_t count = log.records ? log.record_count : 0;
+  std::string path;
+  if (owner && count == 0) {
+    Notify(owner, NoticeIcon::Information, "No data points in this record; nothing to display.\r\n");
+    return kErrorNoData;
+  }
+  if (owner) {
+    std::string dir = platform::TempDirectory();
+    if (dir.empty()) dir = platform::SystemDirectory();
+    if (!platform::TempFileName(dir, defaults::kReportTempPrefix, path)) path = dir;   // creation below reports it
+  } else {
+    path = DriftReportPathFor(log.path);
+  }
+  const std::uint32_t error = WriteDriftReportFile(log, path.c_str(), time_zone_text);
+  if (error) {
+    if (owner) {
+      char reason[129] = {};
+      SystemErrorText(error, reason, 129);
+      char text[512];
+      std::snprintf(text, sizeof text, "Could not create file %.260s for output of raw drift data; %s", path.c_str(),
+                    reason);
+      Notify(owner, NoticeIcon::Exclamation, text);
+    }
+    return error;
+  }
+  if (owner) OpenInNotepad(owner, path.c_str(), true);
+  return 0;
+}
+
+bool OpenInNotepad(const DriftUi* owner, const char* path, bool delete_later) {
+  int origin[2] = {0, 0};
+  const bool placed = owner && platform::WindowOrigin(owner->window, origin[0], origin[1]);
+  if (placed) {
+    origin[0] += 30;
+    origin[1] += 30;
+  }
+  if (!platform::OpenTextFileForUser(path, placed ? origin : nullptr)) return false;
+  if (delete_later) {
+    TempFileList& list = CurrentTempFileList();
+    long largest = 0;
+    std::string name, value;
+    for (std::uint32_t i = 0; list.Value(i, name, value); ++i)
+      largest = std::max(largest, std::strtol(name.substr(0, 31).c_str(), nullptr, 10));
+    list.Set(std::to_string(largest + 1), path);
+  }
+  return true;
+}
+
+void DeleteNotepadTemps() {
+  TempFileList& list = CurrentTempFileList();
+  std::string name, value;
+  for (std::uint32_t i = 0; list.Value(i, name, value); ++i) platform::FileDelete(value);
+  list.DeleteKey();
+}
+
+const char* ProtocolName(std::uint8_t code) {
+  switch (code) {
+    case 0: return "Kairon II UDP";
+    case 1: return "NTP/SNTP (RFC 1769)";
+    case 2: return "Kairon I";
+    case 3: return "Lan Manager (NetBIOS)";
+    case 4: return "TIME/ITP (RFC 868) UDP";
+    case 5: return "TIME/ITP (RFC 868) TCP";
+    case 6: return "Kairon over HTTP";
+    case 7: return "Kairon II TCP";
+    case 8: return "Daytime (RFC 867) UDP";
+    case 9: return "Daytime (RFC 867) TCP";
+    case 10: return "Kairon II Client";
+    case 11: return "ICMP Timestamp";
+    case 254: return "N/A";
+    case 255: return "selected protocol";
+    default: return "specified protocol";
+  }
+}
+
+bool DriftPointText(const DriftLog& log, std::int32_t index, char* out, std::size_t size) {
+  if (!out || size == 0 || index < 0 || static_cast<std::uint32_t>(index) >= log.end_shown || !log.records ||
+      static_cast<std::uint32_t>(index) >= log.record_count)
+    return false;
+  const DriftRecord& r = log.records[static_cast<std::uint32_t>(index)];
+  const double seconds = r.variance_ms / 1000.0;
+  std::string reason = CheckReasonName(r.reason);
+  for (char& c : reason) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  const std::string phase = r.version == 0 ? "unknown" : PhaseText(r);
+  std::memset(out, 0, size);
+  std::snprintf(out, size,
+                "Check #%d: %s, %s. Variance was %s%0.3f seconds.\r\nTime source: %s. Local clock was%s corrected. "
+                "Phase adjust was %s.",
+                index + 1, FormatDate(r.check_time, log.local_time), reason.c_str(), seconds > 0 ? "+" : "", seconds,
+                SourceText(r.address, false).c_str(), DriftClockSet(r) ? "" : " not", phase.c_str());
+  return true;
+}

@@ -1,0 +1,68 @@
+// Fuzz target: arbitrary bytes as a drift history file, loaded by the applet's snapshot and written
+// out as the summary report; and the same bytes as records that skipped validation (what a snapshot
+// holds after a failed load), rendered and described point by point.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+
+#include "drift/drift_log.h"
+#include "drift/report.h"
+
+namespace {
+
+const std::string& FuzzFile() {
+  static const std::string path = [] {
+    std::random_device rd;
+    return (std::filesystem::temp_directory_path() / ("cw-drift-fuzz-" + std::to_string(rd()) + ".kr")).string();
+  }();
+  return path;
+}
+
+void Discard(void* context, const char* text, std::size_t length) {
+  // Touch every byte so that a bad pointer or length shows up under the sanitizers.
+  auto& sum = *static_cast<std::size_t*>(context);
+  for (std::size_t i = 0; i < length; ++i) sum += static_cast<unsigned char>(text[i]);
+}
+
+void Exercise(DriftLog& log, std::uint8_t options) {
+  log.local_time = options & 1;
+  log.width_limit = (options >> 1) & 7;
+  log.zero_fill = (options >> 4) & 1;
+  std::size_t sum = 0;
+  RenderDriftReport(log, "Universal Coordinated Time (GMT+0)", 0x65000000u + options, Discard, &sum);
+  char text[512];
+  for (std::int32_t i = -1; i <= static_cast<std::int32_t>(log.end_shown) && i < 200; ++i)
+    DriftPointText(log, i, text, sizeof text);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::uint8_t options = size ? data[0] : 0;
+  {
+    std::ofstream f(FuzzFile(), std::ios::binary | std::ios::trunc);
+    f.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+  }
+  {
+    DriftLog log;
+    DriftLogSetPath(log, FuzzFile().c_str());
+    DriftLogLoad(nullptr, log);
+    DriftLogLoad(nullptr, log);   // unchanged size: the second load keeps what the first read
+    if (log.records) Exercise(log, options);
+  }
+  {
+    DriftLog log;
+    const std::uint32_t count = static_cast<std::uint32_t>(size / sizeof(DriftRecord));
+    log.records.reset(new DriftRecord[count + 1]());
+    if (count) std::memcpy(log.records.get(), data, count * sizeof(DriftRecord));
+    log.record_count = count;
+    log.end_shown = count;
+    DriftLogSetPath(log, size > 40 ? "C:\\NTP Server\\drift.kr" : "drift.kr");
+    Exercise(log, options);
+  }
+  return 0;
+}

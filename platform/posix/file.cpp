@@ -1,0 +1,281 @@
+// Files on POSIX: descriptors behind Win32-style calls, sharing emulated with flock.
+#include "platform/file.h"
+#include "platform/sys.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <random>
+#include <string>
+#include <vector>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "platform/error.h"
+#include "platform/paths.h"
+
+namespace platform {
+
+struct FileObject {
+  int fd;
+};
+
+namespace {
+
+// The Win32 code for an errno value; path_missing tells ENOENT apart ("path" rather than "file").
+std::uint32_t Win32Code(int err, bool path_missing = false) {
+  switch (err) {
+    case 0: return 0;
+    case ENOENT: return path_missing ? 3 : 2;
+    case ENOTDIR: return 3;
+    case EACCES: case EPERM: case EISDIR: return 5;
+    case EBADF: return 6;
+    case ENOMEM: return 8;
+    case EROFS: return 19;
+    case EEXIST: return 80;
+    case EINVAL: return 87;
+    case ENOSPC: case EDQUOT: return 112;
+    case EMFILE: case ENFILE: return 4;
+    case ENAMETOOLONG: return 206;
+    case EWOULDBLOCK: return 32;
+    case EIO: return 30;
+    case EFBIG: return 112;
+    default: return 31;
+  }
+}
+
+bool Fail(int err, bool path_missing = false) {
+  SetLastError(Win32Code(err, path_missing));
+  return false;
+}
+
+bool ParentMissing(const std::string& native) {
+  const auto slash = native.find_last_of('/');
+  if (slash == std::string::npos || slash == 0) return false;
+  struct stat st{};
+  return ::stat(native.substr(0, slash).c_str(), &st) != 0 || !S_ISDIR(st.st_mode);
+}
+
+}  // namespace
+
+FileHandle FileCreate(std::string_view path, std::uint32_t access, std::uint32_t share, std::uint32_t disposition,
+                      std::uint32_t /*flags*/) {
+  const std::string native = NativePath(path);
+  int mode = O_RDONLY;
+  if ((access & kGenericRead) && (access & kGenericWrite)) mode = O_RDWR;
+  else if (access & kGenericWrite) mode = O_WRONLY;
+  int oflags = mode | O_CLOEXEC;
+  if (disposition == kCreateAlways || disposition == kOpenAlways) oflags |= O_CREAT;
+  else if (disposition != kOpenExisting) {
+    SetLastError(87);
+    return nullptr;
+  }
+  // No O_TRUNC here: CREATE_ALWAYS truncates only once the sharing check has passed.
+  const int fd = ::open(native.c_str(), oflags, 0644);
+  if (fd < 0) {
+    const int err = errno;
+    Fail(err, err == ENOENT && ParentMissing(native));
+    return nullptr;
+  }
+  struct stat st{};
+  if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+    ::close(fd);
+    SetLastError(5);
+    return nullptr;
+  }
+  if (::flock(fd, (share == 0 ? LOCK_EX : LOCK_SH) | LOCK_NB) != 0) {
+    const int err = errno;
+    ::close(fd);
+    SetLastError(err == EWOULDBLOCK ? 32 : Win32Code(err));
+    return nullptr;
+  }
+  if (disposition == kCreateAlways && ::ftruncate(fd, 0) != 0) {
+    const int err = errno;
+    ::close(fd);
+    Fail(err);
+    return nullptr;
+  }
+  SetLastError(0);
+  return new FileObject{fd};
+}
+
+void FileClose(FileHandle file) {
+  if (!file) return;
+  ::close(file->fd);
+  delete file;
+}
+
+bool FileRead(FileHandle file, void* buf, std::uint32_t size, std::uint32_t& done) {
+  done = 0;
+  if (!file) return Fail(EBADF);
+  auto* p = static_cast<char*>(buf);
+  while (done < size) {
+    const ssize_t n = ::read(file->fd, p + done, size - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return Fail(errno);
+    }
+    if (n == 0) break;
+    done += static_cast<std::uint32_t>(n);
+  }
+  return true;
+}
+
+bool FileWrite(FileHandle file, const void* buf, std::uint32_t size, std::uint32_t& done) {
+  done = 0;
+  if (!file) return Fail(EBADF);
+  const auto* p = static_cast<const char*>(buf);
+  while (done < size) {
+    const ssize_t n = ::write(file->fd, p + done, size - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return Fail(errno);
+    }
+    done += static_cast<std::uint32_t>(n);
+  }
+  return true;
+}
+
+bool FileSeek(FileHandle file, std::int64_t distance, SeekFrom from, std::uint64_t* position) {
+  if (!file) return Fail(EBADF);
+  const int whence = from == SeekFrom::Begin ? SEEK_SET : from == SeekFrom::Current ? SEEK_CUR : SEEK_END;
+  const off_t at = ::lseek(file->fd, static_cast<off_t>(distance), whence);
+  if (at < 0) {
+    // Win32 names a move before the start of the file with its own code.
+    SetLastError(errno == EINVAL ? 131 : Win32Code(errno));
+    return false;
+  }
+  if (position) *position = static_cast<std::uint64_t>(at);
+  return true;
+}
+
+bool FileSize(FileHandle file, std::uint64_t& size) {
+  if (!file) return Fail(EBADF);
+  struct stat st{};
+  if (::fstat(file->fd, &st) != 0) return Fail(errno);
+  size = static_cast<std::uint64_t>(st.st_size);
+  return true;
+}
+
+bool FileFlush(FileHandle file) {
+  if (!file) return Fail(EBADF);
+  if (::fsync(file->fd) != 0 && errno != EINVAL) return Fail(errno);
+  return true;
+}
+
+bool FileSetEnd(FileHandle file) {
+  if (!file) return Fail(EBADF);
+  const off_t at = ::lseek(file->fd, 0, SEEK_CUR);
+  if (at < 0 || ::ftruncate(file->fd, at) != 0) return Fail(errno);
+  return true;
+}
+
+bool FileDelete(std::string_view path) {
+  const std::string native = NativePath(path);
+  if (::unlink(native.c_str()) != 0) return Fail(errno, errno == ENOENT && ParentMissing(native));
+  return true;
+}
+
+std::string TempDirectory() {
+  const char* env = std::getenv("TMPDIR");
+  std::string dir = (env && *env) ? env : "/tmp";
+  if (dir.back() != '/') dir += '/';
+  return dir;
+}
+
+bool TempFileName(std::string_view dir, std::string_view prefix, std::string& out) {
+  std::string base(dir);
+  if (!base.empty() && base.back() != '/' && base.back() != '\\') base += '/';
+  std::random_device rd;
+  std::uint32_t unique = rd() & 0xFFFF;
+  for (int tries = 0; tries < 0x10000; ++tries, unique = (unique + 1) & 0xFFFF) {
+    if (unique == 0) continue;
+    char name[16];
+    std::snprintf(name, sizeof name, "%X.tmp", unique);
+    const std::string candidate = base + std::string(prefix.substr(0, 3)) + name;
+    const std::string native = NativePath(candidate);
+    const int fd = ::open(native.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+      ::close(fd);
+      out = candidate;
+      SetLastError(0);
+      return true;
+    }
+    if (errno != EEXIST) return Fail(errno, errno == ENOENT);
+  }
+  SetLastError(80);
+  return false;
+}
+
+bool SecureDataFile(std::string_view path) {
+  const std::string native = NativePath(path);
+  if (::chmod(native.c_str(), 0644) != 0) return Fail(errno, errno == ENOENT && ParentMissing(native));
+  SetLastError(0);
+  return true;
+}
+
+namespace {
+
+// Starts argv detached (a grandchild of this process, so nothing is left to reap); true once exec
+// succeeded. A pipe closed on exec carries the exec failure back.
+bool SpawnDetached(const std::vector<std::string>& args) {
+  int fds[2];
+  if (::pipe2(fds, O_CLOEXEC) != 0) return Fail(errno);
+  const pid_t child = ::fork();
+  if (child < 0) {
+    ::close(fds[0]);
+    ::close(fds[1]);
+    return Fail(errno);
+  }
+  if (child == 0) {
+    ::setsid();
+    const pid_t grandchild = ::fork();
+    if (grandchild != 0) ::_exit(grandchild < 0 ? 1 : 0);
+    std::vector<char*> argv;
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    ::execvp(argv[0], argv.data());
+    const int err = errno;
+    (void)!::write(fds[1], &err, sizeof err);
+    ::_exit(127);
+  }
+  ::close(fds[1]);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  int err = 0;
+  ssize_t n;
+  do n = ::read(fds[0], &err, sizeof err); while (n < 0 && errno == EINTR);
+  ::close(fds[0]);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return Fail(ECHILD);
+  if (n == static_cast<ssize_t>(sizeof err)) return Fail(err);
+  return true;
+}
+
+}  // namespace
+
+bool sys::OpenTextFileForUser(std::string_view path, const int* /*origin_xy*/) {
+  const std::string native = NativePath(path);
+  const char* display = std::getenv("DISPLAY");
+  const char* wayland = std::getenv("WAYLAND_DISPLAY");
+  if (((display && *display) || (wayland && *wayland)) && SpawnDetached({"xdg-open", native})) return true;
+  for (const char* var : {"VISUAL", "EDITOR"}) {
+    const char* editor = std::getenv(var);
+    if (editor && *editor && SpawnDetached({editor, native})) return true;
+  }
+  if (LastError() == 0) SetLastError(2);
+  return false;
+}
+
+bool WindowOrigin(void* /*window*/, int& x, int& y) {
+  x = y = 0;
+  return false;
+}
+
+void SetStdoutBinary() {}
+
+}  // namespace platform
