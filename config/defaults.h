@@ -12,4 +12,12 @@ inline constexpr std::uint64_t kAffinityMask = 0;        // processor mask for p
 inline constexpr std::uint32_t kPreciseClockTickMs = 1;           // calibration timer period (ms)
 inline constexpr std::uint32_t kPreciseClockSettleMs = 100;       // start waits this long for the timer to be armed (ms)
 
+// The product's key under the vendor key, also its time-provider name.
+inline constexpr const char* kProductName = "Chronwarden";
+// Room for a translated registry path (characters, with the terminator). A path that does not fit
+// is refused (error 206), never cut down to another key.
+inline constexpr std::uint32_t kRegPathSize = 512;
+// reg_set_string_fmt formats into this many characters; a longer result is cut.
+inline constexpr std::uint32_t kRegFormatSize = 32767;
+
 }  // namespace defaults
