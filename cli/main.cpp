@@ -9,6 +9,8 @@ namespace {
 
 constexpr Command kCommands[] = {
     {"clock", "sample the precise clock against the system and fine wall clocks", CmdClock},
+    {"reg", "query, set, delete and export registry values (product path rules)", CmdReg},
+    {"os", "name the local system: text, OS level, architecture", CmdOs},
 };
 
 void PrintHelp() {
