@@ -147,18 +147,11 @@ std::uint32_t ReadValues(platform::RegKey key, std::vector<Value>& out) {
   }
 }
 
-std::uint32_t ReadValue(platform::RegKey key, const std::string& name, Value& v) {
-  std::uint32_t size = 0;
-  std::uint32_t st = platform::RegQueryValue(key, name.c_str(), &v.type, nullptr, &size);
-  while (st == 0) {
-    v.data.resize(size);
-    std::uint32_t n = size;
-    st = platform::RegQueryValue(key, name.c_str(), &v.type, v.data.data(), &n);
-    if (st == platform::kErrorMoreData) { size = n; st = 0; continue; }
-    if (st == 0) v.data.resize(n), v.name = name;
-    break;
-  }
-  return st;
+bool SameName(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i)
+    if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i]))) return false;
+  return true;
 }
 
 std::vector<std::string> Subkeys(platform::RegKey key) {
@@ -207,12 +200,12 @@ int Query(const Options& o) {
   OpenKey key;
   if (const std::uint32_t st = reg_open_read(o.key.c_str(), key.h)) return Fail(st);
   std::vector<Value> values;
+  if (const std::uint32_t st = ReadValues(key.h, values)) return Fail(st);
   if (o.has_value) {
-    Value v;
-    if (const std::uint32_t st = ReadValue(key.h, o.value, v)) return Fail(st);
-    values.push_back(std::move(v));
-  } else if (const std::uint32_t st = ReadValues(key.h, values)) {
-    return Fail(st);
+    // One value, under the name it is stored with (names ignore case).
+    std::erase_if(values, [&](const Value& v) { return !SameName(v.name, o.value); });
+    if (values.empty()) return Fail(platform::kErrorFileNotFound);
+    values.resize(1);
   }
   if (o.json) return PrintJson(values), kExitOk;
   const std::string title = KeyTitle(o.key);

@@ -288,9 +288,13 @@ bool reg_sid_text(const void* sid, std::uint32_t extra_rid, char* text, std::uin
   for (unsigned i = 0; i < count; ++i) {
     const std::uint8_t* r = b + 8 + 4 * i;
     const std::uint32_t rid = r[0] | r[1] << 8 | r[2] << 16 | static_cast<std::uint32_t>(r[3]) << 24;
-    s += "-" + std::to_string(rid);
+    std::snprintf(part, sizeof part, "-%u", rid);
+    s += part;
   }
-  if (extra_rid) s += "-" + std::to_string(extra_rid);
+  if (extra_rid) {
+    std::snprintf(part, sizeof part, "-%u", extra_rid);
+    s += part;
+  }
   if (s.size() >= size) return false;
   std::memcpy(text, s.c_str(), s.size() + 1);
   return true;

@@ -11,6 +11,17 @@
 #include <string_view>
 #include <vector>
 
+// <windows.h> maps these names to its A/W calls; here they are this layer's own.
+#undef RegOpenKey
+#undef RegCreateKey
+#undef RegQueryValue
+#undef RegSetValue
+#undef RegDeleteValue
+#undef RegEnumValue
+#undef RegEnumKey
+#undef RegDeleteKey
+#undef RegConnectRegistry
+
 namespace platform {
 
 struct RegKeyObject;                 // opaque

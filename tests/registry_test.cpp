@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -418,18 +419,24 @@ TEST_F(RegistryTest, TargetArchitectureOfTheLocalMachine) {
   }
 }
 
+std::string ThreadValueName(int t, int i) {
+  char name[32];
+  std::snprintf(name, sizeof name, "t%d_%d", t, i);
+  return name;
+}
+
 TEST_F(RegistryTest, ThreadsWritingAtOnceLoseNothing) {
   const std::string sub = Sub();
   constexpr int kThreads = 4, kEach = 50;
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t)
     threads.emplace_back([&, t] {
-      for (int i = 0; i < kEach; ++i) reg_set_dword(sub.c_str(), ("t" + std::to_string(t) + "_" + std::to_string(i)).c_str(), i);
+      for (int i = 0; i < kEach; ++i) reg_set_dword(sub.c_str(), ThreadValueName(t, i).c_str(), i);
     });
   for (auto& th : threads) th.join();
   for (int t = 0; t < kThreads; ++t)
     for (int i = 0; i < kEach; ++i)
-      EXPECT_EQ(reg_get_dword(sub.c_str(), ("t" + std::to_string(t) + "_" + std::to_string(i)).c_str(), 999), static_cast<std::uint32_t>(i));
+      EXPECT_EQ(reg_get_dword(sub.c_str(), ThreadValueName(t, i).c_str(), 999), static_cast<std::uint32_t>(i));
 }
 
 }  // namespace
