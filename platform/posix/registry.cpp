@@ -13,6 +13,9 @@
 // The first process that creates a store fills in the machine identity values the system reads:
 // ProductType ("ServerNT": a machine that serves time), PROCESSOR_ARCHITECTURE (from uname -m:
 // x86_64 "AMD64", aarch64 "ARM64", i?86 "x86"), ComputerName and SystemRoot (the machine root).
+// A store first made through the network root (another machine's mounted root, opened by
+// RegConnectRegistry) takes its ComputerName from the machine's name; the rest comes from this
+// machine, as the machines of one network run the same build.
 // Access lists are stored, read back and inherited by new subkeys; they are not enforced against
 // POSIX users: the file's own permissions decide (a read-only store gives 5 on every change).
 #include "platform/registry.h"

@@ -109,7 +109,7 @@ TEST_F(RemoteRegistryTest, AnUnreachableMachineGivesBadNetPath) {
 
 TEST_F(RegistryTest, TwoProcessesWritingAtOnceLoseNothing) {
   constexpr int kEach = 150;
-  reg_set_dword("", "Start", 1);  // the store exists before the children start
+  // The children also race to create the store: this process has not opened it.
   pid_t children[2];
   for (int p = 0; p < 2; ++p) {
     children[p] = fork();
