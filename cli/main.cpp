@@ -11,6 +11,8 @@ constexpr Command kCommands[] = {
     {"clock", "sample the precise clock against the system and fine wall clocks", CmdClock},
     {"history", "list a drift history file's records, or append one", CmdHistory},
     {"report", "write the synchronization summary report of a drift history file", CmdReport},
+    {"reg", "query, set, delete and export registry values (product path rules)", CmdReg},
+    {"os", "name the local system: text, OS level, architecture", CmdOs},
 };
 
 void PrintHelp() {

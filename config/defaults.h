@@ -22,5 +22,12 @@ inline constexpr std::uint32_t kDriftRecordsPerScreen = 64;        // the graph'
 // Synchronization summary report.
 inline constexpr const char* kReportTempPrefix = "KRG";            // temporary report file names
 inline constexpr const char* kNotepadTempKey = "\\NotepadTemp";    // registry list of temporary reports
+// The product's key under the vendor key, also its time-provider name.
+inline constexpr const char* kProductName = "Chronwarden";
+// Room for a translated registry path (characters, with the terminator). A path that does not fit
+// is refused (error 206), never cut down to another key.
+inline constexpr std::uint32_t kRegPathSize = 512;
+// reg_set_string_fmt formats into this many characters; a longer result is cut.
+inline constexpr std::uint32_t kRegFormatSize = 32767;
 
 }  // namespace defaults

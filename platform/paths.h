@@ -21,4 +21,8 @@ std::string RemoteMachineRoot(std::string_view host);
 // <network root>/HOST/SHARE/rest, and every other backslash a slash.
 std::string NativePath(std::string_view windows_path);
 
+// Sets (value nullptr: removes) an environment variable of this process, such as CHRONWARDEN_ROOT
+// or CHRONWARDEN_NETWORK_ROOT, which the roots above read at each call.
+void SetEnvironmentValue(const char* name, const char* value);
+
 }  // namespace platform

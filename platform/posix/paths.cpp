@@ -44,4 +44,9 @@ std::string NativePath(std::string_view path) {
   return native;
 }
 
+void SetEnvironmentValue(const char* name, const char* value) {
+  if (value) setenv(name, value, 1);
+  else unsetenv(name);
+}
+
 }  // namespace platform

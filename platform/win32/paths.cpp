@@ -1,6 +1,8 @@
 // Product paths on Windows: the system's own.
 #include <windows.h>
 
+#include <cstdlib>
+
 #include "platform/paths.h"
 
 namespace platform {
@@ -14,5 +16,10 @@ std::string SystemDirectory() {
 std::string NetworkRoot() { return ""; }
 std::string RemoteMachineRoot(std::string_view host) { return "\\\\" + std::string(host) + "\\admin$"; }
 std::string NativePath(std::string_view windows_path) { return std::string(windows_path); }
+
+void SetEnvironmentValue(const char* name, const char* value) {
+  ::SetEnvironmentVariableA(name, value);
+  _putenv_s(name, value ? value : "");  // the C runtime's copy, which getenv reads
+}
 
 }  // namespace platform

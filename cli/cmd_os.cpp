@@ -1,0 +1,48 @@
+// chronwarden os: names the local system as the applet's messages do.
+#include <cstdio>
+#include <string>
+
+#include "applet/os_identify.h"
+#include "cli/commands.h"
+
+namespace {
+
+constexpr const char* kHelp =
+    "Usage: chronwarden os [identify] [--json]\n\n"
+    "Prints the local system as the applet names it: the text (architecture, system, service pack),\n"
+    "the OS level (2048 Windows 2000, 4096 XP, 8192 Server 2003, 16384 Vista, 32768 Server 2008 and\n"
+    "later; a Linux system reports 32768 and names its kernel), the architecture code and name, and\n"
+    "whether the process is 32-bit on a 64-bit system.\n\n"
+    "  --json  {\"text\": ..., \"level\": N, \"level_name\": ..., \"arch\": N, \"arch_name\": ..., \"wow64\": bool}\n";
+
+}  // namespace
+
+int CmdOs(CommandArgs args) {
+  bool json = false;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const auto a = args[i];
+    if (IsHelp(a)) return std::fputs(kHelp, stdout), kExitOk;
+    if (a == "--json") json = true;
+    else if (!(i == 0 && a == "identify")) return UsageError("os", "unknown argument '" + std::string(a) + "'");
+  }
+  os_identify();
+  char text[256], level_name[64];
+  os_local_text(text, sizeof text);
+  os_remote_text(kArchNoPrefix1, g_os.level, level_name, sizeof level_name);
+  if (json) {
+    std::string quoted;
+    for (const char c : std::string(text)) {
+      if (c == '"' || c == '\\') quoted += '\\';
+      if (static_cast<unsigned char>(c) >= 0x20) quoted += c;
+    }
+    std::printf("{\"text\": \"%s\", \"level\": %u, \"level_name\": \"%s\", \"arch\": %u, \"arch_name\": \"%s\", "
+                "\"wow64\": %s}\n",
+                quoted.c_str(), g_os.level, level_name, g_os.arch, os_arch_name(g_os.arch), g_os.wow64 ? "true" : "false");
+    return kExitOk;
+  }
+  std::printf("System:        %s\n", text);
+  std::printf("OS level:      %u (%s)\n", g_os.level, level_name);
+  std::printf("Architecture:  %u (%s)\n", g_os.arch, os_arch_name(g_os.arch));
+  std::printf("32-bit on 64:  %s\n", g_os.wow64 ? "yes" : "no");
+  return kExitOk;
+}
