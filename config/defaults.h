@@ -12,4 +12,13 @@ inline constexpr std::uint64_t kAffinityMask = 0;        // processor mask for p
 inline constexpr std::uint32_t kPreciseClockTickMs = 1;           // calibration timer period (ms)
 inline constexpr std::uint32_t kPreciseClockSettleMs = 100;       // start waits this long for the timer to be armed (ms)
 
+// NTP query client.
+inline constexpr std::uint32_t kNtpTimeoutMs = 2000;       // receive time-out when a caller passes 0 (ms)
+inline constexpr std::uint32_t kNtpStatusTimeoutMs = 500;  // the clock status check's receive time-out (ms)
+inline constexpr std::uint16_t kNtpPort = 123;             // used when the "ntp" service is unknown
+inline constexpr std::uint16_t kNtpLocalPort = 0;          // local UDP port bound before sending (0: the system's choice)
+inline constexpr bool kNtpMultiSample = false;             // false: one exchange per query; true: median of three
+inline constexpr std::uint32_t kNtpMultiSampleCount = 3;   // exchanges per query in multi-sample mode
+inline constexpr std::uint32_t kNtpMultiSamplePauseMs = 100;   // pause after each of them (ms)
+
 }  // namespace defaults

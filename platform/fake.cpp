@@ -28,6 +28,7 @@ struct FakeState {
   std::map<std::string, std::uint32_t, std::less<>> calls;
   std::map<std::uint32_t, std::string> messages;
   std::function<void()> on_next_read;
+  int fail_lookup = 0, fail_socket = 0, fail_send = 0;
 };
 
 std::atomic<bool> g_active{false};
@@ -103,6 +104,10 @@ std::uint64_t CurrentThreadAffinity() { return t_affinity; }
 void SetSystemMessage(std::uint32_t code, std::string_view text) {
   Locked([&](FakeState& s) { s.messages[code] = std::string(text); return 0; });
 }
+
+void FailHostLookup(int code) { Locked([&](FakeState& s) { s.fail_lookup = code; return 0; }); }
+void FailSocketCreate(int code) { Locked([&](FakeState& s) { s.fail_socket = code; return 0; }); }
+void FailSend(int code) { Locked([&](FakeState& s) { s.fail_send = code; return 0; }); }
 
 }  // namespace fake
 
@@ -235,6 +240,30 @@ bool SystemMessage(std::uint32_t code, char* buf, std::size_t size) {
     }
   }
   return sys::SystemMessage(code, buf, size);
+}
+
+
+// Network: an injected failure while the fake is on, else the backend.
+namespace {
+int InjectedFailure(int FakeState::*which) {
+  if (!On()) return 0;
+  const int code = Locked([&](FakeState& s) { return s.*which; });
+  if (code != 0) SetLastSocketError(code);
+  return code;
+}
+}  // namespace
+
+bool LookupHostV4(const char* host, std::uint32_t& address) {
+  if (InjectedFailure(&FakeState::fail_lookup)) return false;
+  return sys::LookupHostV4(host, address);
+}
+SocketHandle CreateSocketV4(int type, int protocol) {
+  if (InjectedFailure(&FakeState::fail_socket)) return kInvalidSocket;
+  return sys::CreateSocketV4(type, protocol);
+}
+int SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddressV4& to) {
+  if (InjectedFailure(&FakeState::fail_send)) return -1;
+  return sys::SendTo(s, data, size, to);
 }
 
 }  // namespace platform

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include "platform/clock.h"
+#include "platform/net.h"
 #include "platform/thread.h"
 #include "platform/tick_timer.h"
 
@@ -31,5 +32,9 @@ void TimeBeginPeriod(std::uint32_t ms);
 void TimeEndPeriod(std::uint32_t ms);
 void Sleep(std::uint32_t ms);
 bool SystemMessage(std::uint32_t code, char* buf, std::size_t size);
+
+bool LookupHostV4(const char* host, std::uint32_t& address);
+SocketHandle CreateSocketV4(int type, int protocol);
+int SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddressV4& to);
 
 }  // namespace platform::sys
