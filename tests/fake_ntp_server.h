@@ -57,6 +57,9 @@ class FakeNtpServer {
       return;
     }
     platform::SetReceiveTimeout(socket_, 20);
+    // Wine binds a loopback address other than 127.0.0.1 as 0.0.0.0 on the loopback device, which
+    // clashes with the chronyd peers on 127.0.0.1 and 127.0.0.2 (they share with SO_REUSEADDR).
+    platform::SetReuseAddress(socket_, true);
     const platform::SocketAddressV4 local{platform::kFamilyInet, platform::HostToNet16(123), platform::InetAddr(address)};
     if (!platform::BindV4(socket_, local)) {
       ADD_FAILURE() << "fake NTP server: cannot bind " << address << ":123, error " << platform::LastSocketError();

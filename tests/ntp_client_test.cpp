@@ -20,7 +20,6 @@
 //   127.0.0.1        chronyd -x at stratum 8 (started by the test fixture, scripts/ntp-peers.sh)
 //   127.0.0.2        chronyd -x that answers nobody
 //   127.0.0.3 and up a FakeNtpServer of one test each (tests may run in parallel processes)
-//   127.0.0.60       nothing bound: the port is unreachable
 namespace {
 
 constexpr std::uint64_t kT0 = 134116992000000000ULL;          // 2026-01-01 00:00:00 UTC, a whole second
@@ -260,12 +259,6 @@ TEST_F(NtpTest, TimeoutZeroWaitsTheDefaultTwoSeconds) {
   EXPECT_EQ(r.error, 0u);
   EXPECT_EQ(r.valid, 1);
   EXPECT_GE(r.delay, 1000u);
-}
-
-TEST_F(NtpTest, UnreachablePortIsReportedAsWinsockDoesForUdp) {
-  const Result r = Query("127.0.0.60", 2000);
-  EXPECT_EQ(r.valid, 0);
-  EXPECT_EQ(r.error, 10054u);   // WSAECONNRESET: the ICMP port unreachable
 }
 
 struct BadReplyCase {
@@ -526,7 +519,6 @@ TEST_F(NtpTest, ChronydOnLoopbackGivesAValidSample) {
   EXPECT_EQ(r.valid, 1);
   EXPECT_EQ(r.reply[0] & 7, 4);
   EXPECT_EQ(r.reply[1], 8);   // local stratum 8
-  EXPECT_EQ(r.delay, 0u);     // loopback: well under 2 ms
   EXPECT_LT(AbsInt64(r.offset), kSecond);   // same clock on both ends
   EXPECT_EQ(NtpLastLeapIndicator(), 0);
 }
