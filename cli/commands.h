@@ -17,6 +17,7 @@ struct Command {
 };
 
 int CmdClock(CommandArgs args);
+int CmdNtp(CommandArgs args);
 
 // Prints "chronwarden: <message>" and the hint to --help on standard error; returns kExitUsage.
 int UsageError(std::string_view command, std::string_view message);

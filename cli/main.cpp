@@ -9,6 +9,7 @@ namespace {
 
 constexpr Command kCommands[] = {
     {"clock", "sample the precise clock against the system and fine wall clocks", CmdClock},
+    {"ntp", "query an NTP server: the local clock's offset from it and the round trip", CmdNtp},
 };
 
 void PrintHelp() {
