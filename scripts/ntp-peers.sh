@@ -42,7 +42,13 @@ CONF
   "$chronyd" -x -u root -f "$dir/$name.conf" -l "$dir/$name.log"
   i=0
   while [ ! -s "$dir/$name.pid" ] && [ $i -lt 50 ]; do sleep 0.1; i=$((i + 1)); done
-  [ -s "$dir/$name.pid" ] || { echo "chronyd ($name) did not start; see $dir/$name.log" >&2; cat "$dir/$name.log" >&2; exit 1; }
+  if [ ! -s "$dir/$name.pid" ]; then
+    echo "chronyd ($name) did not start on $address:123; see $dir/$name.log" >&2
+    cat "$dir/$name.log" >&2 2>/dev/null || true
+    echo "If port 123 is taken on this machine, run the tests with scripts/test-all.sh, which then" >&2
+    echo "moves them into a network namespace of their own." >&2
+    exit 1
+  fi
 }
 
 case $action in
