@@ -29,12 +29,13 @@ constexpr const char* kServer = "127.0.0.1";
 struct Figures {
   double abs_offset_us;
   double delay_us;
+  double offset_us;   // signed: server minus local
 };
 
 Figures FromTimes(const NtpTimes& t) {
   const double theta = (NtpDifferenceSeconds(t.t2, t.t1) + NtpDifferenceSeconds(t.t3, t.t4)) / 2;
   const double delta = NtpDifferenceSeconds(t.t4, t.t1) - NtpDifferenceSeconds(t.t3, t.t2);
-  return {std::fabs(theta) * 1e6, delta * 1e6};
+  return {std::fabs(theta) * 1e6, delta * 1e6, theta * 1e6};
 }
 
 bool OurQuery(Figures& out) {
@@ -97,7 +98,7 @@ void BM_NtpQueryVsNtpdate(benchmark::State& state) {
   PreciseClockStart(stop.get());
   Peers peers;
 
-  std::vector<double> our_offset, our_delay, their_offset, their_delay;
+  std::vector<double> our_offset, our_delay, their_offset, their_delay, our_signed, their_signed;
   int our_failures = 0, their_failures = 0;
   for (auto _ : state) {
     for (int i = 0; i < queries; ++i) {
@@ -105,12 +106,14 @@ void BM_NtpQueryVsNtpdate(benchmark::State& state) {
       if (OurQuery(f)) {
         our_offset.push_back(f.abs_offset_us);
         our_delay.push_back(f.delay_us);
+        our_signed.push_back(f.offset_us);
       } else {
         ++our_failures;
       }
       if (NtpdateQuery(f)) {
         their_offset.push_back(f.abs_offset_us);
         their_delay.push_back(f.delay_us);
+        their_signed.push_back(f.offset_us);
       } else {
         ++their_failures;
       }
@@ -143,6 +146,8 @@ void BM_NtpQueryVsNtpdate(benchmark::State& state) {
                queries, kServer, "client", "|offset| med", "|offset| p99", "delay med", "delay p99", "failed",
                "chronwarden (us)", om, op, dm, dp, our_failures, "ntpdate -q (us)", tom, top, tdm, tdp, their_failures,
                "ntpdate / chronwarden", tom / om, top / op, tdm / dm, tdp / dp);
+  std::fprintf(stderr, "signed offset median: chronwarden %+.1f us, ntpdate %+.1f us\n", Percentile(our_signed, 0.5),
+               Percentile(their_signed, 0.5));
 }
 
 BENCHMARK(BM_NtpQueryVsNtpdate)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
