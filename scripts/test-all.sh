@@ -28,6 +28,9 @@ for preset in "${presets[@]}"; do
     # Wine creates sockets in its server: the server must live in this network namespace.
     [ -n "${CW_IN_NETNS:-}" ] && { wineserver -k 2>/dev/null || true; }
     wineserver -p   # keep the server up for the whole run
+    # Start Wine's own services now, away from ctest's pipes: a service started by the first test
+    # process would hold that process's output open and stall the test listing.
+    wine cmd /c exit >/dev/null 2>&1 || true
     ctest --preset windows || status=1
     wineserver -k || true
     unset WINEPREFIX WINEDEBUG WINEDLLOVERRIDES
