@@ -62,6 +62,9 @@ int SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddre
 // time-out elapsed).
 int Receive(SocketHandle s, void* buf, std::size_t size);
 int ReceiveFrom(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* from);
+// recv without waiting: bytes received, or -1 with 10035 (would block) when nothing is queued, or
+// with the receive's own error.
+int ReceiveNow(SocketHandle s, void* buf, std::size_t size);
 bool ShutdownSocket(SocketHandle s);         // shutdown(SD_BOTH)
 bool CloseSocket(SocketHandle s);            // closesocket; kInvalidSocket is ignored
 

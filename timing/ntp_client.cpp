@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -25,6 +26,7 @@ constexpr std::size_t kTransmitOffset = 40;
 constexpr std::uint8_t kRequestFirstByte = 0x0B;   // LI 0, version 1, mode 3 (client)
 constexpr std::uint8_t kModeServer = 4;
 constexpr std::uint8_t kLeapUnsynchronised = 3;
+constexpr int kWouldBlock = 10035;   // WSAEWOULDBLOCK
 constexpr double kFractionUnit = 2.3283064370807974e-10;              // 1 / 4,294,967,295 s
 constexpr double kUnitsPerFraction = 0.0023283064370807974;           // 10,000,000 / 4,294,967,295
 constexpr std::int64_t kSeconds1601To1970 = 11'644'473'600LL;
@@ -73,6 +75,17 @@ void ComputeFigures(const NtpTimes& t, std::uint32_t& delay_ms, std::int64_t& of
   offset = TruncateClamped<std::int64_t>(theta * 10'000'000.0);
   delay_ms = TruncateClamped<std::uint32_t>(delta * 1000.0);  // a negative delay (bogus server stamps) reads 0
   if (delay_ms == 1) delay_ms = 0;
+}
+
+// The receive: polls for up to the spin time, then blocks until the socket's receive time-out.
+int ReceiveReply(platform::SocketHandle socket, std::uint8_t* reply) {
+  using Clock = std::chrono::steady_clock;
+  const auto until = Clock::now() + std::chrono::microseconds(defaults::kNtpReceiveSpinUs);
+  do {
+    const int n = platform::ReceiveNow(socket, reply, kNtpReplySize);
+    if (n >= 0 || platform::LastSocketError() != kWouldBlock) return n;
+  } while (Clock::now() < until);
+  return platform::Receive(socket, reply, kNtpReplySize);
 }
 
 bool ReplyIsValid(const std::uint8_t* reply) {
@@ -133,7 +146,7 @@ int Exchange(const char* server, std::uint32_t& delay_ms, std::int64_t& offset, 
         error = static_cast<std::uint32_t>(platform::LastSocketError());
         return;
       }
-      const int received = platform::Receive(socket.socket, reply, kNtpReplySize);
+      const int received = ReceiveReply(socket.socket, reply);
       const std::array<std::uint8_t, 8> t4 = BuildNtpTimestamp();
       MarkActivity(kActivityNtpReceived);
       if (received < 0) {

@@ -193,6 +193,12 @@ int ReceiveFrom(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* fr
 
 int Receive(SocketHandle s, void* buf, std::size_t size) { return ReceiveFrom(s, buf, size, nullptr); }
 
+int ReceiveNow(SocketHandle s, void* buf, std::size_t size) {
+  const ssize_t n = recv(Fd(s), buf, size, MSG_DONTWAIT);
+  if (n < 0) return Fail(errno, IsDatagram(Fd(s)));   // EAGAIN reads as 10035 here
+  return static_cast<int>(n);
+}
+
 bool ShutdownSocket(SocketHandle s) {
   if (shutdown(Fd(s), SHUT_RDWR) != 0) return Fail(errno, IsDatagram(Fd(s))), false;
   return true;

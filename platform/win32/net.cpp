@@ -100,6 +100,17 @@ int Receive(SocketHandle s, void* buf, std::size_t size) {
   return n == SOCKET_ERROR ? -1 : n;
 }
 
+int ReceiveNow(SocketHandle s, void* buf, std::size_t size) {
+  // Winsock has no per-call non-blocking flag: ask what is queued, and only then receive.
+  u_long queued = 0;
+  if (::ioctlsocket(S(s), FIONREAD, &queued) == SOCKET_ERROR) return -1;
+  if (queued == 0) {
+    ::WSASetLastError(WSAEWOULDBLOCK);
+    return -1;
+  }
+  return Receive(s, buf, size);
+}
+
 bool ShutdownSocket(SocketHandle s) { return ::shutdown(S(s), SD_BOTH) == 0; }
 
 bool CloseSocket(SocketHandle s) {
