@@ -13,8 +13,7 @@
 //
 // Figures: offset = ((T2 - T1) + (T3 - T4)) / 2 and delay = (T4 - T1) + (T3 - T2), the server's
 // holding time added to the round trip rather than taken off it; a delay that comes out as exactly
-// 1 ms is reported as 0 ms. Both are kept as they are for the figures to match the product's
-// other clients.
+// 1 ms is reported as 0 ms. Both are deliberate and kept.
 #pragma once
 #include <array>
 #include <cstddef>
