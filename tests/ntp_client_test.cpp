@@ -451,6 +451,44 @@ TEST_F(NtpTest, ReceiveFailureIsMarkedToo) {
   EXPECT_EQ(MarkedSlots(), (std::vector<std::uint32_t>{kActivityNtpSend, kActivityNtpReceived}));
 }
 
+TEST(NtpReadReply, FiguresOfExtremeStampsStayWithinTheirTypes) {
+  std::array<std::uint8_t, kNtpReplySize> reply{};
+  reply[0] = 0x24;   // LI 0, version 4, mode 4
+  reply[1] = 1;
+  StoreNtpTimestamp(reply.data() + 32, 0);                       // T2: 1900
+  StoreNtpTimestamp(reply.data() + 40, 0xFFFFFFFF00000000ULL);   // T3: 2036, before T2 by the sign
+  std::uint32_t delay = 99, error = 99;
+  std::int64_t offset = 0;
+  NtpTimes times{};
+  const std::uint64_t t1 = 0x7FFFFFFF00000000ULL, t4 = 0x8000000000000000ULL;
+  EXPECT_EQ(NtpReadReply(reply.data(), t1, t4, delay, offset, error, &times), 1);
+  EXPECT_EQ(error, 0u);
+  EXPECT_EQ(times.t1, t1);
+  EXPECT_EQ(times.t2, 0u);
+  EXPECT_EQ(times.t3, 0xFFFFFFFF00000000ULL);
+  EXPECT_EQ(times.t4, t4);
+  // T4 - T1 = 1 s and T3 - T2 = -1 s (signed): a delay of 0; the offset is whatever the stamps say.
+  EXPECT_EQ(delay, 0u);
+  // A negative round trip (a server whose T3 is far before its T2) reads as 0 ms, not a wrapped value.
+  StoreNtpTimestamp(reply.data() + 40, 0x8000000000000000ULL);
+  EXPECT_EQ(NtpReadReply(reply.data(), t1, t1, delay, offset, error, nullptr), 1);
+  EXPECT_EQ(delay, 0u);
+}
+
+TEST(NtpReadReply, RefusedReplyKeepsTheLeapIndicatorAndGives1901) {
+  std::array<std::uint8_t, kNtpReplySize> reply{};
+  reply[0] = 0xE4;   // LI 3
+  reply[1] = 2;
+  StoreNtpTimestamp(reply.data() + 40, 1);
+  std::uint32_t delay = 7, error = 0;
+  std::int64_t offset = 5;
+  EXPECT_EQ(NtpReadReply(reply.data(), 0, 0, delay, offset, error, nullptr), 0);
+  EXPECT_EQ(error, 1901u);
+  EXPECT_EQ(NtpLastLeapIndicator(), 3);
+  EXPECT_EQ(delay, 7u);    // untouched
+  EXPECT_EQ(offset, 5);
+}
+
 // ---- multi-sample mode ----
 
 NtpSample S(int valid, std::int64_t offset, std::uint32_t error = 0) {

@@ -138,7 +138,6 @@ int Exchange(const char* server, std::uint32_t& delay_ms, std::int64_t& offset, 
       std::memset(reply, 0, kNtpReplySize);
       const std::size_t request_size = prebuilt_request ? kNtpPrebuiltRequestSize : kNtpRequestSize;
 
-      NtpTimes t{};
       const std::array<std::uint8_t, 8> t1 = BuildNtpTimestamp();
       std::memcpy(request + kOriginateOffset, t1.data(), t1.size());
       MarkActivity(kActivityNtpSend);
@@ -153,19 +152,8 @@ int Exchange(const char* server, std::uint32_t& delay_ms, std::int64_t& offset, 
         error = static_cast<std::uint32_t>(platform::LastSocketError());
         return;
       }
-      g_last_leap.store(static_cast<std::uint8_t>(reply[0] >> 6), std::memory_order_relaxed);
-      if (!ReplyIsValid(reply)) {
-        error = static_cast<std::uint32_t>(kNtpErrorClockNotSet);
-        return;
-      }
-      t.t1 = LoadNtpTimestamp(t1.data());
-      t.t2 = LoadNtpTimestamp(reply + kReceiveOffset);
-      t.t3 = LoadNtpTimestamp(reply + kTransmitOffset);
-      t.t4 = LoadNtpTimestamp(t4.data());
-      if (times) *times = t;
-      ComputeFigures(t, delay_ms, offset);
-      error = 0;
-      result = 1;
+      result = NtpReadReply(reply, LoadNtpTimestamp(t1.data()), LoadNtpTimestamp(t4.data()), delay_ms, offset, error,
+                            times);
     }();
   }
   platform::SetLastSocketError(static_cast<int>(error));
@@ -173,6 +161,20 @@ int Exchange(const char* server, std::uint32_t& delay_ms, std::int64_t& offset, 
 }
 
 }  // namespace
+
+int NtpReadReply(const std::uint8_t* reply, std::uint64_t t1, std::uint64_t t4, std::uint32_t& delay_ms,
+                 std::int64_t& offset, std::uint32_t& error, NtpTimes* times) {
+  g_last_leap.store(static_cast<std::uint8_t>(reply[0] >> 6), std::memory_order_relaxed);
+  if (!ReplyIsValid(reply)) {
+    error = static_cast<std::uint32_t>(kNtpErrorClockNotSet);
+    return 0;
+  }
+  const NtpTimes t{t1, LoadNtpTimestamp(reply + kReceiveOffset), LoadNtpTimestamp(reply + kTransmitOffset), t4};
+  if (times) *times = t;
+  ComputeFigures(t, delay_ms, offset);
+  error = 0;
+  return 1;
+}
 
 std::uint64_t FileTimeToNtpTimestamp(std::uint64_t file_time) {
   const auto f = static_cast<std::int64_t>(file_time);

@@ -61,6 +61,12 @@ int NtpQueryWith(std::uint32_t multi_sample, const char* server, std::uint32_t& 
                  std::uint32_t& error, std::uint32_t prebuilt_request, std::uint32_t timeout_ms, std::uint8_t* request,
                  std::uint8_t* reply, NtpTimes* times);
 
+// The receiving half of an exchange, given the reply (68 bytes) and this machine's T1 and T4 (NTP
+// timestamps, host order): keeps the leap indicator, validates the reply (else error 1901, result
+// 0) and computes delay and offset (error 0, result 1; times gets T1..T4 when not nullptr).
+int NtpReadReply(const std::uint8_t* reply, std::uint64_t t1, std::uint64_t t4, std::uint32_t& delay_ms,
+                 std::int64_t& offset, std::uint32_t& error, NtpTimes* times);
+
 // Multi-sample choice: sorts the three samples (valid before invalid, then by |offset|, smaller
 // first) and returns the chosen position 0..2: the median of three valid samples, the better of
 // two, the only one; with none valid, the last of positions 2 and 1 whose error is not 0, else 0.
