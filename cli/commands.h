@@ -21,6 +21,7 @@ int CmdReport(CommandArgs args);
 int CmdHistory(CommandArgs args);
 int CmdReg(CommandArgs args);
 int CmdOs(CommandArgs args);
+int CmdNtp(CommandArgs args);
 
 // Prints "chronwarden: <message>" and the hint to --help on standard error; returns kExitUsage.
 int UsageError(std::string_view command, std::string_view message);

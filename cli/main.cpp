@@ -13,6 +13,7 @@ constexpr Command kCommands[] = {
     {"report", "write the synchronization summary report of a drift history file", CmdReport},
     {"reg", "query, set, delete and export registry values (product path rules)", CmdReg},
     {"os", "name the local system: text, OS level, architecture", CmdOs},
+    {"ntp", "query an NTP server: the local clock's offset from it and the round trip", CmdNtp},
 };
 
 void PrintHelp() {

@@ -29,5 +29,17 @@ inline constexpr const char* kProductName = "Chronwarden";
 inline constexpr std::uint32_t kRegPathSize = 512;
 // reg_set_string_fmt formats into this many characters; a longer result is cut.
 inline constexpr std::uint32_t kRegFormatSize = 32767;
+// NTP query client.
+inline constexpr std::uint32_t kNtpTimeoutMs = 2000;       // receive time-out when a caller passes 0 (ms)
+inline constexpr std::uint32_t kNtpStatusTimeoutMs = 500;  // the clock status check's receive time-out (ms)
+inline constexpr std::uint16_t kNtpPort = 123;             // used when the "ntp" service is unknown
+inline constexpr std::uint16_t kNtpLocalPort = 0;          // local UDP port bound before sending (0: the system's choice)
+inline constexpr bool kNtpMultiSample = false;             // false: one exchange per query; true: median of three
+inline constexpr std::uint32_t kNtpMultiSampleCount = 3;   // exchanges per query in multi-sample mode
+inline constexpr std::uint32_t kNtpMultiSamplePauseMs = 100;   // pause after each of them (ms)
+// How long the exchange polls for the reply before it blocks in the receive (us): a reply that
+// comes back this fast is taken without the wake-up delay of an idle processor between its arrival
+// and T4. Slower replies cost this much processor time once per query.
+inline constexpr std::uint32_t kNtpReceiveSpinUs = 200;
 
 }  // namespace defaults

@@ -37,6 +37,7 @@ struct FakeState {
   bool viewer_placed = false;
   int viewer_x = 0, viewer_y = 0;
   std::function<void()> on_next_read;
+  int fail_lookup = 0, fail_socket = 0, fail_send = 0;
 };
 
 std::atomic<bool> g_active{false};
@@ -125,6 +126,10 @@ std::uint64_t CurrentThreadAffinity() { return t_affinity; }
 void SetSystemMessage(std::uint32_t code, std::string_view text) {
   Locked([&](FakeState& s) { s.messages[code] = std::string(text); return 0; });
 }
+
+void FailHostLookup(int code) { Locked([&](FakeState& s) { s.fail_lookup = code; return 0; }); }
+void FailSocketCreate(int code) { Locked([&](FakeState& s) { s.fail_socket = code; return 0; }); }
+void FailSend(int code) { Locked([&](FakeState& s) { s.fail_send = code; return 0; }); }
 
 }  // namespace fake
 
@@ -283,6 +288,29 @@ bool OpenTextFileForUser(std::string_view path, const int* origin_xy) {
     s.viewer_y = origin_xy ? origin_xy[1] : 0;
     return true;
   });
+}
+
+// Network: an injected failure while the fake is on, else the backend.
+namespace {
+int InjectedFailure(int FakeState::*which) {
+  if (!On()) return 0;
+  const int code = Locked([&](FakeState& s) { return s.*which; });
+  if (code != 0) SetLastSocketError(code);
+  return code;
+}
+}  // namespace
+
+bool LookupHostV4(const char* host, std::uint32_t& address) {
+  if (InjectedFailure(&FakeState::fail_lookup)) return false;
+  return sys::LookupHostV4(host, address);
+}
+SocketHandle CreateSocketV4(int type, int protocol) {
+  if (InjectedFailure(&FakeState::fail_socket)) return kInvalidSocket;
+  return sys::CreateSocketV4(type, protocol);
+}
+int SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddressV4& to) {
+  if (InjectedFailure(&FakeState::fail_send)) return -1;
+  return sys::SendTo(s, data, size, to);
 }
 
 }  // namespace platform

@@ -1,6 +1,6 @@
 // The fake clock: while it is on, the clock, counter, clock-interrupt facts, tick timer, priorities,
 // affinity and timer resolution answer from here, and time moves only when a test moves it.
-// Events, threads and locks stay real. Used by tests on both targets.
+// Events, threads, locks and sockets stay real; network failures can be injected. Used by tests on both targets.
 #pragma once
 #include <cstdint>
 #include <functional>
@@ -56,5 +56,11 @@ bool LastViewerOrigin(int& x, int& y);          // the position of the last view
 
 // System message texts: an entry here is returned by SystemMessage before the system's own.
 void SetSystemMessage(std::uint32_t code, std::string_view text);
+
+// Network failures (0: none, the default). While set, every call of the operation fails at once
+// with the given Winsock code as the last socket error; sockets stay real otherwise.
+void FailHostLookup(int winsock_code);         // LookupHostV4 (e.g. 11001 host not found)
+void FailSocketCreate(int winsock_code);       // CreateSocketV4 (e.g. 10024 too many sockets)
+void FailSend(int winsock_code);               // SendTo (e.g. 10051 network unreachable)
 
 }  // namespace platform::fake

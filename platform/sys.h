@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string_view>
 #include "platform/clock.h"
+#include "platform/net.h"
 #include "platform/thread.h"
 #include "platform/tick_timer.h"
 
@@ -34,5 +35,9 @@ void Sleep(std::uint32_t ms);
 bool SystemMessage(std::uint32_t code, char* buf, std::size_t size);
 bool OpenTextFileForUser(std::string_view path, const int* origin_xy);
 bool ResolveHostIPv4(std::string_view name, std::uint32_t& address_network_order);
+
+bool LookupHostV4(const char* host, std::uint32_t& address);
+SocketHandle CreateSocketV4(int type, int protocol);
+int SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddressV4& to);
 
 }  // namespace platform::sys

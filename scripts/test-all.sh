@@ -3,7 +3,16 @@
 # Usage: scripts/test-all.sh [PRESET...]   (default: linux linux-asan windows)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh
+# The NTP tests serve on loopback port 123 (chronyd and the tests' own servers). When that port is
+# taken on this machine, or may not be bound by this user, everything runs again inside a network
+# namespace of its own (only its loopback, brought up) instead of failing.
+if [ -z "${CW_IN_NETNS:-}" ]; then
+  scripts/install-deps.sh
+  if [ "$(id -u)" != 0 ] || [ -n "$(ss -Hlun 'sport = :123' 2>/dev/null)" ]; then
+    echo "==== loopback port 123 is not free here: running in a private network namespace"
+    exec unshare -r -n env CW_IN_NETNS=1 bash -c 'ip link set lo up && exec "$0" "$@"' "$PWD/scripts/test-all.sh" "$@"
+  fi
+fi
 presets=("$@")
 ((${#presets[@]})) || presets=(linux linux-asan windows)
 jobs=$(nproc)
@@ -20,6 +29,8 @@ for preset in "${presets[@]}"; do
       wineboot -i >/dev/null 2>&1 || true
       wineserver -w   # the registry is written when the server ends
     fi
+    # Wine creates sockets in its server: the server must live in this network namespace.
+    [ -n "${CW_IN_NETNS:-}" ] && { wineserver -k 2>/dev/null || true; }
     wineserver -p || true   # keep one server up for the whole run
     # Start the prefix's background processes now, away from ctest's pipes: a process that inherits
     # a test's output pipe keeps ctest waiting for it.

@@ -1,0 +1,193 @@
+// chronwarden ntp query: asks an NTP server for its time, as the agent and the applet do.
+#include <charconv>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "cli/commands.h"
+#include "platform/net.h"
+#include "platform/sync.h"
+#include "timing/error_text.h"
+#include "timing/ntp_client.h"
+#include "timing/precise_clock.h"
+
+namespace {
+
+constexpr const char* kHelp =
+    "Usage: chronwarden ntp query HOST [--timeout MS] [--count N] [--json]\n\n"
+    "Commands:\n"
+    "  query   ask an NTP server for its time and show the local clock's offset from it\n\n"
+    "Run 'chronwarden ntp query --help' for its options.\n";
+
+constexpr const char* kQueryHelp =
+    "Usage: chronwarden ntp query HOST [--timeout MS] [--count N] [--json]\n\n"
+    "Sends N SNTP requests to HOST (a name or dotted IPv4 address; a \":port\" suffix is ignored,\n"
+    "the \"ntp\" service port is used) one after the other, and prints one line per reply:\n"
+    "  server, valid or invalid, offset (server minus local, 100-ns units and seconds; positive when\n"
+    "  the local clock is behind), delay (ms, and us), stratum, reference identifier, leap indicator,\n"
+    "  and for a failed query the error text.\n\n"
+    "Options:\n"
+    "  --timeout MS  receive time-out per query in ms, 0..600000 (default 0, which means 2000)\n"
+    "  --count N     number of queries, 1..100000 (default 1)\n"
+    "  --json        print one JSON document instead:\n"
+    "                {\"server\": HOST, \"samples\": [{\"server\", \"valid\", \"offset_100ns\", \"offset_s\",\n"
+    "                 \"delay_ms\", \"delay_us\", \"stratum\", \"refid\", \"leap\", \"error\", \"error_text\"}...],\n"
+    "                 \"valid_count\"}\n"
+    "                (stratum, refid and leap are null when no reply came back)\n\n"
+    "Exit codes: 0 at least one reply was valid, 1 none was, 2 the command line was wrong.\n";
+
+// Text as a JSON string, quotes included.
+std::string JsonString(std::string_view text) {
+  std::string out = "\"";
+  for (const char ch : text) {
+    const auto c = static_cast<unsigned char>(ch);
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        if (c < 0x20 || c >= 0x7F) {
+          char esc[8];
+          std::snprintf(esc, sizeof esc, "\\u%04x", c);
+          out += esc;
+        } else {
+          out += ch;
+        }
+    }
+  }
+  return out + "\"";
+}
+
+// The reference identifier: four characters at strata 0 and 1 (a kiss code or a clock's name),
+// the upstream server's IPv4 address above.
+std::string RefId(const std::uint8_t* reply) {
+  const std::uint8_t* id = reply + 12;
+  if (reply[1] <= 1) {
+    std::string text;
+    for (int i = 0; i < 4 && id[i]; ++i) text += (id[i] >= 0x20 && id[i] < 0x7F) ? static_cast<char>(id[i]) : '.';
+    return text;
+  }
+  char dotted[16];
+  std::snprintf(dotted, sizeof dotted, "%u.%u.%u.%u", id[0], id[1], id[2], id[3]);
+  return dotted;
+}
+
+const char* LeapName(unsigned leap) {
+  static const char* const kNames[] = {"no warning", "last minute has 61 s", "last minute has 59 s", "not synchronised"};
+  return kNames[leap & 3];
+}
+
+struct Sample {
+  int valid;
+  std::uint32_t delay_ms;
+  std::int64_t offset;
+  std::uint32_t error;
+  bool replied;     // a reply came back (valid, or refused with 1901)
+  double delay_us;  // the same delay from the exchange's timestamps, before truncation
+  std::array<std::uint8_t, kNtpReplySize> reply;
+};
+
+bool ParseNumber(std::string_view text, long min, long max, long& out) {
+  auto [p, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
+  return ec == std::errc{} && p == text.data() + text.size() && out >= min && out <= max;
+}
+
+void PrintLine(const std::string& server, const Sample& s) {
+  std::printf("%s  %s", server.c_str(), s.valid ? "valid" : "invalid");
+  if (s.valid)
+    std::printf("  offset %+lld (%+.7f s)  delay %u ms (%.1f us)", static_cast<long long>(s.offset), s.offset / 1e7,
+                s.delay_ms, s.delay_us);
+  if (s.replied)
+    std::printf("  stratum %u  refid %s  leap %u (%s)", s.reply[1], RefId(s.reply.data()).c_str(), s.reply[0] >> 6,
+                LeapName(s.reply[0] >> 6));
+  if (!s.valid) {
+    char text[128];
+    std::printf("  %s", SocketErrorText(s.error, text, sizeof text));
+  }
+  std::printf("\n");
+}
+
+void PrintJson(const std::string& server, const Sample& s, bool first) {
+  char text[128];
+  SocketErrorText(s.error, text, sizeof text);
+  std::printf("%s\n  {\"server\": %s, \"valid\": %s, \"offset_100ns\": %lld, \"offset_s\": %.7f, \"delay_ms\": %u, "
+              "\"delay_us\": %.1f, ",
+              first ? "" : ",", JsonString(server).c_str(), s.valid ? "true" : "false", static_cast<long long>(s.offset),
+              s.offset / 1e7, s.delay_ms, s.delay_us);
+  if (s.replied)
+    std::printf("\"stratum\": %u, \"refid\": %s, \"leap\": %u, ", s.reply[1], JsonString(RefId(s.reply.data())).c_str(),
+                s.reply[0] >> 6);
+  else
+    std::printf("\"stratum\": null, \"refid\": null, \"leap\": null, ");
+  std::printf("\"error\": %d, \"error_text\": %s}", static_cast<std::int32_t>(s.error), JsonString(text).c_str());
+}
+
+int Query(CommandArgs args) {
+  long timeout_ms = 0, count = 1;
+  bool json = false;
+  std::string host;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const auto a = args[i];
+    if (IsHelp(a)) return std::fputs(kQueryHelp, stdout), kExitOk;
+    if (a == "--json") {
+      json = true;
+    } else if (a == "--timeout") {
+      if (++i == args.size() || !ParseNumber(args[i], 0, 600000, timeout_ms))
+        return UsageError("ntp query", "--timeout takes a whole number of ms from 0 to 600000");
+    } else if (a == "--count") {
+      if (++i == args.size() || !ParseNumber(args[i], 1, 100000, count))
+        return UsageError("ntp query", "--count takes a whole number from 1 to 100000");
+    } else if (a.starts_with("-")) {
+      return UsageError("ntp query", "unknown option '" + std::string(a) + "'");
+    } else if (host.empty()) {
+      host = a;
+    } else {
+      return UsageError("ntp query", "one HOST only ('" + std::string(a) + "' is extra)");
+    }
+  }
+  if (host.empty()) return UsageError("ntp query", "HOST is missing");
+
+  if (const int rc = platform::NetStartup(); rc != 0) {
+    char text[128];
+    std::fprintf(stderr, "chronwarden ntp query: %s\n", SocketErrorText(static_cast<std::uint32_t>(rc), text, sizeof text));
+    return kExitFailed;
+  }
+  platform::UniqueEvent stop(platform::CreateSyncEvent(true, false));
+  const bool clock_started = stop && PreciseClockStart(stop.get());
+
+  if (json) std::printf("{\"server\": %s, \"samples\": [", JsonString(host).c_str());
+  long valid_count = 0;
+  for (long i = 0; i < count; ++i) {
+    Sample s{};
+    std::array<std::uint8_t, kNtpPrebuiltRequestSize> request{};
+    NtpTimes times{};
+    s.valid = NtpQueryWith(0, host.c_str(), s.delay_ms, s.offset, s.error, 0, static_cast<std::uint32_t>(timeout_ms),
+                           request.data(), s.reply.data(), &times);
+    s.replied = s.valid || s.error == static_cast<std::uint32_t>(kNtpErrorClockNotSet);
+    if (s.valid)
+      s.delay_us = (NtpDifferenceSeconds(times.t4, times.t1) + NtpDifferenceSeconds(times.t3, times.t2)) * 1e6;
+    valid_count += s.valid ? 1 : 0;
+    if (json) PrintJson(host, s, i == 0);
+    else PrintLine(host, s);
+    std::fflush(stdout);
+  }
+  if (json) std::printf("],\n \"valid_count\": %ld}\n", valid_count);
+
+  if (clock_started) {
+    platform::SetEvent(stop.get());
+    while (PreciseClockThreadCount() != 0) platform::Sleep(1);
+  }
+  platform::NetCleanup();
+  return valid_count > 0 ? kExitOk : kExitFailed;
+}
+
+}  // namespace
+
+int CmdNtp(CommandArgs args) {
+  if (args.empty()) return UsageError("ntp", "a subcommand is missing (query)");
+  if (IsHelp(args[0])) return std::fputs(kHelp, stdout), kExitOk;
+  if (args[0] == "query") return Query(args.subspan(1));
+  return UsageError("ntp", "unknown subcommand '" + std::string(args[0]) + "'");
+}

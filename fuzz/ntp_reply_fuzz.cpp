@@ -1,0 +1,28 @@
+// NTP replies of any content and length, with any T1 and T4: validated or refused, never a crash,
+// and the figures of a valid one always computed within their types.
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "timing/ntp_client.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  std::array<std::uint8_t, kNtpReplySize> reply{};   // a receive fills at most 68 bytes, the rest stays 0
+  std::uint64_t t1 = 0, t4 = 0;
+  if (size >= 16) {
+    std::memcpy(&t1, data, 8);
+    std::memcpy(&t4, data + 8, 8);
+    data += 16;
+    size -= 16;
+  }
+  std::memcpy(reply.data(), data, size < reply.size() ? size : reply.size());
+  std::uint32_t delay = 0, error = 0;
+  std::int64_t offset = 0;
+  NtpTimes times{};
+  const int valid = NtpReadReply(reply.data(), t1, t4, delay, offset, error, &times);
+  if (valid != 0 && valid != 1) __builtin_trap();
+  if (valid ? error != 0 : error != 1901) __builtin_trap();
+  if (NtpLastLeapIndicator() != reply[0] >> 6) __builtin_trap();
+  return 0;
+}

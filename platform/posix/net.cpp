@@ -1,0 +1,213 @@
+// IPv4 sockets and lookups on POSIX, with errno mapped to the Winsock numbers.
+// Winsock start-up has no counterpart here. Datagram sockets get IP_RECVERR so that an ICMP port
+// unreachable from the peer fails the next receive (10054) even though the socket is not
+// connected, as Winsock reports it, instead of passing unnoticed until the time-out.
+#include "platform/net.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/error.h"
+#include "platform/sys.h"
+
+namespace platform {
+namespace {
+
+int Fd(SocketHandle s) { return static_cast<int>(s); }
+
+bool IsDatagram(int fd) {
+  int type = 0;
+  socklen_t len = sizeof type;
+  return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &len) == 0 && type == SOCK_DGRAM;
+}
+
+// errno as Winsock would number the same failure. A refusal on a datagram socket is the ICMP port
+// unreachable that Winsock reports as a reset (10054); on a stream socket it is a refused
+// connection (10061).
+int WinsockCode(int err, bool datagram) {
+  switch (err) {
+    case 0: return 0;
+    case EINTR: return 10004;            // WSAEINTR
+    case EACCES: case EPERM: return 10013;   // WSAEACCES
+    case EFAULT: return 10014;           // WSAEFAULT
+    case EINVAL: return 10022;           // WSAEINVAL
+    case EMFILE: case ENFILE: return 10024;  // WSAEMFILE
+    case EWOULDBLOCK: return 10035;      // WSAEWOULDBLOCK (EAGAIN is the same value)
+    case EINPROGRESS: return 10036;      // WSAEINPROGRESS
+    case EALREADY: return 10037;         // WSAEALREADY
+    case EBADF: case ENOTSOCK: return 10038;  // WSAENOTSOCK
+    case EDESTADDRREQ: return 10039;     // WSAEDESTADDRREQ
+    case EMSGSIZE: return 10040;         // WSAEMSGSIZE
+    case EPROTOTYPE: return 10041;       // WSAEPROTOTYPE
+    case ENOPROTOOPT: return 10042;      // WSAENOPROTOOPT
+    case EPROTONOSUPPORT: return 10043;  // WSAEPROTONOSUPPORT
+    case EOPNOTSUPP: return 10045;       // WSAEOPNOTSUPP
+    case EAFNOSUPPORT: return 10047;     // WSAEAFNOSUPPORT
+    case EADDRINUSE: return 10048;       // WSAEADDRINUSE
+    case EADDRNOTAVAIL: return 10049;    // WSAEADDRNOTAVAIL
+    case ENETDOWN: return 10050;         // WSAENETDOWN
+    case ENETUNREACH: return 10051;      // WSAENETUNREACH
+    case ENETRESET: return 10052;        // WSAENETRESET
+    case ECONNABORTED: return 10053;     // WSAECONNABORTED
+    case ECONNRESET: return 10054;       // WSAECONNRESET
+    case ENOBUFS: case ENOMEM: return 10055;  // WSAENOBUFS
+    case EISCONN: return 10056;          // WSAEISCONN
+    case ENOTCONN: return 10057;         // WSAENOTCONN
+    case ESHUTDOWN: return 10058;        // WSAESHUTDOWN
+    case ETIMEDOUT: return 10060;        // WSAETIMEDOUT
+    case ECONNREFUSED: return datagram ? 10054 : 10061;
+    case EHOSTDOWN: return 10064;        // WSAEHOSTDOWN
+    case EHOSTUNREACH: return 10065;     // WSAEHOSTUNREACH
+    default: return 10022;
+  }
+}
+
+int Fail(int err, bool datagram) {
+  SetLastSocketError(WinsockCode(err, datagram));
+  return -1;
+}
+
+sockaddr_in ToNative(const SocketAddressV4& a) {
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_port = a.port;
+  sin.sin_addr.s_addr = a.address;
+  return sin;
+}
+
+// getaddrinfo's failures as the Winsock lookup errors.
+int LookupCode(int eai) {
+  switch (eai) {
+    case EAI_NONAME: return 11001;   // WSAHOST_NOT_FOUND
+    case EAI_AGAIN: return 11002;    // WSATRY_AGAIN
+#ifdef EAI_NODATA
+    case EAI_NODATA: return 11004;   // WSANO_DATA
+#endif
+    case EAI_ADDRFAMILY: return 11004;
+    case EAI_MEMORY: return 10055;
+    default: return 11003;           // WSANO_RECOVERY
+  }
+}
+
+}  // namespace
+
+std::uint16_t HostToNet16(std::uint16_t v) { return htons(v); }
+std::uint32_t HostToNet32(std::uint32_t v) { return htonl(v); }
+
+int NetStartup() { return 0; }
+void NetCleanup() {}
+
+std::uint32_t InetAddr(const char* text) { return text ? inet_addr(text) : kInaddrNone; }
+
+bool ServicePort(const char* service, const char* protocol, std::uint16_t& port) {
+  servent entry{};
+  servent* found = nullptr;
+  std::array<char, 1024> scratch{};
+  if (getservbyname_r(service, protocol, &entry, scratch.data(), scratch.size(), &found) != 0 || !found) return false;
+  port = static_cast<std::uint16_t>(found->s_port);
+  return true;
+}
+
+bool sys::LookupHostV4(const char* host, std::uint32_t& address) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  addrinfo* list = nullptr;
+  const int rc = getaddrinfo(host, nullptr, &hints, &list);
+  if (rc != 0 || !list) {
+    SetLastSocketError(rc == EAI_SYSTEM ? WinsockCode(errno, false) : LookupCode(rc));
+    return false;
+  }
+  address = reinterpret_cast<const sockaddr_in*>(list->ai_addr)->sin_addr.s_addr;
+  freeaddrinfo(list);
+  return true;
+}
+
+SocketHandle sys::CreateSocketV4(int type, int protocol) {
+  const bool datagram = type == kSocketDatagram;
+  const int fd = socket(AF_INET, (datagram ? SOCK_DGRAM : SOCK_STREAM) | SOCK_CLOEXEC, protocol);
+  if (fd < 0) return Fail(errno, datagram), kInvalidSocket;
+  if (datagram) {
+    const int on = 1;
+    setsockopt(fd, IPPROTO_IP, IP_RECVERR, &on, sizeof on);
+  }
+  return static_cast<SocketHandle>(fd);
+}
+
+bool SetReceiveTimeout(SocketHandle s, std::uint32_t timeout_ms) {
+  timeval tv{};
+  tv.tv_sec = static_cast<time_t>(timeout_ms / 1000);
+  tv.tv_usec = static_cast<suseconds_t>((timeout_ms % 1000) * 1000);
+  if (setsockopt(Fd(s), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0) return Fail(errno, false), false;
+  return true;
+}
+
+bool SetNoDelay(SocketHandle s, bool on) {
+  const int v = on ? 1 : 0;
+  if (setsockopt(Fd(s), IPPROTO_TCP, TCP_NODELAY, &v, sizeof v) != 0) return Fail(errno, false), false;
+  return true;
+}
+
+bool SetReuseAddress(SocketHandle s, bool on) {
+  const int v = on ? 1 : 0;
+  if (setsockopt(Fd(s), SOL_SOCKET, SO_REUSEADDR, &v, sizeof v) != 0) return Fail(errno, false), false;
+  return true;
+}
+
+bool BindV4(SocketHandle s, const SocketAddressV4& local) {
+  const sockaddr_in sin = ToNative(local);
+  if (bind(Fd(s), reinterpret_cast<const sockaddr*>(&sin), sizeof sin) != 0) return Fail(errno, false), false;
+  return true;
+}
+
+int sys::SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddressV4& to) {
+  const sockaddr_in sin = ToNative(to);
+  const ssize_t n = sendto(Fd(s), data, size, MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&sin), sizeof sin);
+  if (n < 0) return Fail(errno, IsDatagram(Fd(s)));
+  return static_cast<int>(n);
+}
+
+int ReceiveFrom(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* from) {
+  sockaddr_in sin{};
+  socklen_t len = sizeof sin;
+  ssize_t n;
+  do {
+    n = recvfrom(Fd(s), buf, size, 0, from ? reinterpret_cast<sockaddr*>(&sin) : nullptr, from ? &len : nullptr);
+  } while (n < 0 && errno == EINTR);
+  if (n < 0) {
+    // SO_RCVTIMEO elapsing reads as EAGAIN here; Winsock calls it a time-out.
+    const int err = errno == EAGAIN || errno == EWOULDBLOCK ? ETIMEDOUT : errno;
+    return Fail(err, IsDatagram(Fd(s)));
+  }
+  if (from) *from = SocketAddressV4{kFamilyInet, sin.sin_port, sin.sin_addr.s_addr};
+  return static_cast<int>(n);
+}
+
+int Receive(SocketHandle s, void* buf, std::size_t size) { return ReceiveFrom(s, buf, size, nullptr); }
+
+int ReceiveNow(SocketHandle s, void* buf, std::size_t size) {
+  const ssize_t n = recv(Fd(s), buf, size, MSG_DONTWAIT);
+  if (n < 0) return Fail(errno, IsDatagram(Fd(s)));   // EAGAIN reads as 10035 here
+  return static_cast<int>(n);
+}
+
+bool ShutdownSocket(SocketHandle s) {
+  if (shutdown(Fd(s), SHUT_RDWR) != 0) return Fail(errno, IsDatagram(Fd(s))), false;
+  return true;
+}
+
+bool CloseSocket(SocketHandle s) {
+  if (s == kInvalidSocket) return true;
+  if (close(Fd(s)) != 0) return Fail(errno, false), false;
+  return true;
+}
+
+}  // namespace platform

@@ -1,0 +1,121 @@
+// IPv4 sockets and lookups on Windows: Winsock 2.2 as it stands.
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#include <windows.h>
+
+#include <cstring>
+
+#include "platform/error.h"
+#include "platform/net.h"
+#include "platform/sys.h"
+
+namespace platform {
+namespace {
+
+SOCKET S(SocketHandle s) { return static_cast<SOCKET>(s); }
+
+sockaddr_in ToNative(const SocketAddressV4& a) {
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_port = a.port;
+  sin.sin_addr.s_addr = a.address;
+  return sin;
+}
+
+}  // namespace
+
+std::uint16_t HostToNet16(std::uint16_t v) { return htons(v); }
+std::uint32_t HostToNet32(std::uint32_t v) { return htonl(v); }
+
+int NetStartup() {
+  WSADATA data;
+  return ::WSAStartup(MAKEWORD(2, 2), &data);
+}
+void NetCleanup() { ::WSACleanup(); }
+
+std::uint32_t InetAddr(const char* text) { return text ? ::inet_addr(text) : kInaddrNone; }
+
+bool ServicePort(const char* service, const char* protocol, std::uint16_t& port) {
+  const servent* found = ::getservbyname(service, protocol);  // per-thread storage in Winsock
+  if (!found) return false;
+  port = static_cast<std::uint16_t>(found->s_port);
+  return true;
+}
+
+bool sys::LookupHostV4(const char* host, std::uint32_t& address) {
+  const hostent* entry = ::gethostbyname(host);  // per-thread storage in Winsock; sets the lookup error
+  if (!entry) return false;
+  if (entry->h_addrtype != AF_INET || !entry->h_addr_list || !entry->h_addr_list[0]) {
+    ::WSASetLastError(WSANO_DATA);
+    return false;
+  }
+  std::memcpy(&address, entry->h_addr_list[0], sizeof address);
+  return true;
+}
+
+SocketHandle sys::CreateSocketV4(int type, int protocol) {
+  const SOCKET s = ::socket(AF_INET, type == kSocketDatagram ? SOCK_DGRAM : SOCK_STREAM, protocol);
+  return s == INVALID_SOCKET ? kInvalidSocket : static_cast<SocketHandle>(s);
+}
+
+bool SetReceiveTimeout(SocketHandle s, std::uint32_t timeout_ms) {
+  const DWORD v = timeout_ms;
+  return ::setsockopt(S(s), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&v), sizeof v) == 0;
+}
+
+bool SetNoDelay(SocketHandle s, bool on) {
+  const BOOL v = on ? TRUE : FALSE;
+  return ::setsockopt(S(s), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&v), sizeof v) == 0;
+}
+
+bool SetReuseAddress(SocketHandle s, bool on) {
+  const BOOL v = on ? TRUE : FALSE;
+  return ::setsockopt(S(s), SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&v), sizeof v) == 0;
+}
+
+bool BindV4(SocketHandle s, const SocketAddressV4& local) {
+  const sockaddr_in sin = ToNative(local);
+  return ::bind(S(s), reinterpret_cast<const sockaddr*>(&sin), sizeof sin) == 0;
+}
+
+int sys::SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddressV4& to) {
+  const sockaddr_in sin = ToNative(to);
+  const int n = ::sendto(S(s), static_cast<const char*>(data), static_cast<int>(size), 0,
+                         reinterpret_cast<const sockaddr*>(&sin), sizeof sin);
+  return n == SOCKET_ERROR ? -1 : n;
+}
+
+int ReceiveFrom(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* from) {
+  sockaddr_in sin{};
+  int len = sizeof sin;
+  const int n = ::recvfrom(S(s), static_cast<char*>(buf), static_cast<int>(size), 0,
+                           from ? reinterpret_cast<sockaddr*>(&sin) : nullptr, from ? &len : nullptr);
+  if (n == SOCKET_ERROR) return -1;
+  if (from) *from = SocketAddressV4{kFamilyInet, sin.sin_port, sin.sin_addr.s_addr};
+  return n;
+}
+
+int Receive(SocketHandle s, void* buf, std::size_t size) {
+  const int n = ::recv(S(s), static_cast<char*>(buf), static_cast<int>(size), 0);
+  return n == SOCKET_ERROR ? -1 : n;
+}
+
+int ReceiveNow(SocketHandle s, void* buf, std::size_t size) {
+  // Winsock has no per-call non-blocking flag: ask what is queued, and only then receive.
+  u_long queued = 0;
+  if (::ioctlsocket(S(s), FIONREAD, &queued) == SOCKET_ERROR) return -1;
+  if (queued == 0) {
+    ::WSASetLastError(WSAEWOULDBLOCK);
+    return -1;
+  }
+  return Receive(s, buf, size);
+}
+
+bool ShutdownSocket(SocketHandle s) { return ::shutdown(S(s), SD_BOTH) == 0; }
+
+bool CloseSocket(SocketHandle s) {
+  if (s == kInvalidSocket) return true;
+  return ::closesocket(S(s)) == 0;
+}
+
+}  // namespace platform
