@@ -14,7 +14,7 @@
 #include "platform/error.h"
 #include "platform/file.h"
 #include "platform/paths.h"
-#include "platform/resolve.h"
+#include "platform/net.h"
 
 namespace {
 
@@ -66,11 +66,11 @@ bool EqualsNoCase(const char* a, const char* b) {
 
 std::uint32_t SourceAddress(const char* source_name) {
   if (!source_name) return kAddressUnresolved;
-  std::uint32_t address = platform::ParseIPv4(source_name);
+  std::uint32_t address = platform::InetAddr(source_name);
   if (address != kAddressUnresolved) return address;
   if (EqualsNoCase(source_name, "Averaged Time")) return kAddressAveraged;
   std::uint32_t resolved = 0;
-  if (*source_name && platform::ResolveHostIPv4(source_name, resolved)) address = resolved;
+  if (*source_name && platform::LookupHostV4(source_name, resolved)) address = resolved;
   return address;
 }
 

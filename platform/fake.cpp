@@ -12,7 +12,6 @@
 
 #include "platform/error.h"
 #include "platform/file.h"
-#include "platform/resolve.h"
 #include "platform/sys.h"
 
 namespace platform {
@@ -265,16 +264,6 @@ bool SystemMessage(std::uint32_t code, char* buf, std::size_t size) {
   return sys::SystemMessage(code, buf, size);
 }
 
-bool ResolveHostIPv4(std::string_view name, std::uint32_t& address) {
-  if (!On()) return sys::ResolveHostIPv4(name, address);
-  return Locked([&](FakeState& s) {
-    auto it = s.hosts.find(name);
-    if (it == s.hosts.end()) return false;
-    address = it->second;
-    return true;
-  });
-}
-
 bool OpenTextFileForUser(std::string_view path, const int* origin_xy) {
   if (!On()) return sys::OpenTextFileForUser(path, origin_xy);
   return Locked([&](FakeState& s) {
@@ -300,9 +289,22 @@ int InjectedFailure(int FakeState::*which) {
 }
 }  // namespace
 
+// Under the fake no lookup leaves the process: the host table answers, "localhost" is the loopback,
+// and every other name is unknown (11001).
 bool LookupHostV4(const char* host, std::uint32_t& address) {
+  if (!On()) return sys::LookupHostV4(host, address);
   if (InjectedFailure(&FakeState::fail_lookup)) return false;
-  return sys::LookupHostV4(host, address);
+  const std::string_view name = host ? host : "";
+  const bool found = Locked([&](FakeState& s) {
+    auto it = s.hosts.find(name);
+    if (it == s.hosts.end()) return false;
+    address = it->second;
+    return true;
+  });
+  if (found) return true;
+  if (name == "localhost") return sys::LookupHostV4(host, address);
+  SetLastSocketError(11001);  // WSAHOST_NOT_FOUND
+  return false;
 }
 SocketHandle CreateSocketV4(int type, int protocol) {
   if (InjectedFailure(&FakeState::fail_socket)) return kInvalidSocket;

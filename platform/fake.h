@@ -45,7 +45,8 @@ void SetProcessorCount(std::uint32_t n);       // Enable: 4
 void SetProcessAffinity(std::uint64_t mask);   // Enable: 0xF
 std::uint64_t CurrentThreadAffinity();         // what the calling thread was last pinned to (0: never)
 
-// Host names: while the fake is on, ResolveHostIPv4 answers from this table only (unknown names fail).
+// Host names: while the fake is on, LookupHostV4 answers from this table (and "localhost") only;
+// unknown names fail with 11001.
 void SetHostAddress(std::string_view name, std::uint32_t address_network_order);
 
 // The text viewer: while the fake is on, OpenTextFileForUser starts nothing; it records the path

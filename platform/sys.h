@@ -34,7 +34,6 @@ void TimeEndPeriod(std::uint32_t ms);
 void Sleep(std::uint32_t ms);
 bool SystemMessage(std::uint32_t code, char* buf, std::size_t size);
 bool OpenTextFileForUser(std::string_view path, const int* origin_xy);
-bool ResolveHostIPv4(std::string_view name, std::uint32_t& address_network_order);
 
 bool LookupHostV4(const char* host, std::uint32_t& address);
 SocketHandle CreateSocketV4(int type, int protocol);
