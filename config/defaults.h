@@ -22,6 +22,7 @@ inline constexpr std::uint32_t kDriftRecordsPerScreen = 64;        // the graph'
 // Synchronization summary report.
 inline constexpr const char* kReportTempPrefix = "KRG";            // temporary report file names
 inline constexpr const char* kNotepadTempKey = "\\NotepadTemp";    // registry list of temporary reports
+inline constexpr std::uint32_t kNotepadTempPathSize = 4096;        // longest listed path read back (bytes, with the terminator)
 // The product's key under the vendor key, also its time-provider name.
 inline constexpr const char* kProductName = "Chronwarden";
 // Room for a translated registry path (characters, with the terminator). A path that does not fit

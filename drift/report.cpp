@@ -8,11 +8,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <string_view>
 
 #include "config/defaults.h"
-#include "drift/temp_list.h"
+#include "config/registry.h"
 #include "platform/clock.h"
 #include "platform/error.h"
 #include "platform/file.h"
@@ -357,21 +358,27 @@ bool OpenInNotepad(const DriftUi* owner, const char* path, bool delete_later) {
   }
   if (!platform::OpenTextFileForUser(path, placed ? origin : nullptr)) return false;
   if (delete_later) {
-    TempFileList& list = CurrentTempFileList();
-    long largest = 0;
-    std::string name, value;
-    for (std::uint32_t i = 0; list.Value(i, name, value); ++i)
-      largest = std::max(largest, std::strtol(name.substr(0, 31).c_str(), nullptr, 10));
-    list.Set(std::to_string(largest + 1), path);
+    // Value names are numbers; the new one is the largest read so far plus 1. Names longer than 31
+    // characters cannot be read and end the enumeration.
+    constexpr long long kLargestName = std::numeric_limits<long long>::max() - 1;   // + 1 cannot overflow
+    long long largest = 0;
+    char name[32];
+    for (std::uint32_t i = 0; reg_enum_value(defaults::kNotepadTempKey, name, sizeof name, nullptr, 0, nullptr, i); ++i)
+      largest = std::clamp(std::strtoll(name, nullptr, 10), largest, kLargestName);
+    reg_set_string(defaults::kNotepadTempKey, std::to_string(largest + 1).c_str(), path);
   }
   return true;
 }
 
 void DeleteNotepadTemps() {
-  TempFileList& list = CurrentTempFileList();
-  std::string name, value;
-  for (std::uint32_t i = 0; list.Value(i, name, value); ++i) platform::FileDelete(value);
-  list.DeleteKey();
+  // Each string value holds a path; the list ends at the first value that cannot be read (a name
+  // or a path too long for the buffers). Files already gone are no error.
+  char name[32];
+  char path[defaults::kNotepadTempPathSize];
+  std::uint32_t type = 0;
+  for (std::uint32_t i = 0; reg_enum_value(defaults::kNotepadTempKey, name, sizeof name, path, sizeof path, &type, i); ++i)
+    if (type == platform::kRegSz) platform::FileDelete(path);
+  reg_delete_key(defaults::kNotepadTempKey);
 }
 
 const char* ProtocolName(std::uint8_t code) {

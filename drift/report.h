@@ -62,9 +62,11 @@ std::uint32_t WriteDriftReportFile(const DriftLog& log, const char* path, const 
 std::uint32_t WriteDriftReport(const DriftUi* owner, DriftLog& log, const char* time_zone_text = nullptr);
 
 // Opens a text file for the user (Notepad, 30 pixels inside the owner's top-left corner). With
-// delete_later, the file is remembered in the temporary report list. True when a viewer started.
+// delete_later, the path is remembered as a string value of the registry key "\NotepadTemp", named
+// with the largest number among its value names plus 1 ("1" for the first). True when a viewer started.
 bool OpenInNotepad(const DriftUi* owner, const char* path, bool delete_later);
-// Deletes every remembered temporary report (failures ignored) and forgets the list.
+// Deletes the file of every "\NotepadTemp" value up to the first one that cannot be read (failures
+// ignored), then the key itself.
 void DeleteNotepadTemps();
 
 // The name of a time protocol code ("NTP/SNTP (RFC 1769)", ...; 254 "N/A"; unknown "specified protocol").

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/file.h"
+
 // <windows.h> maps these names to its A/W calls; here they are this layer's own.
 #undef RegOpenKey
 #undef RegCreateKey
@@ -47,7 +49,7 @@ inline constexpr std::uint32_t kKeyWow64_64Key = 0x0100;
 inline constexpr std::uint32_t kKeyWow64_32Key = 0x0200;
 inline constexpr std::uint32_t kMaximumAllowed = 0x02000000;
 inline constexpr std::uint32_t kGenericAll = 0x10000000;
-inline constexpr std::uint32_t kGenericRead = 0x80000000;
+// kGenericRead (GENERIC_READ) is the one of platform/file.h.
 
 // Win32 statuses the registry calls return.
 inline constexpr std::uint32_t kErrorFileNotFound = 2;

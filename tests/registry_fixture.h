@@ -1,13 +1,21 @@
-// Test fixture for the registry layer: a fresh machine root per test (the Linux store; Windows uses
-// the system registry and ignores it) and key names of the test's own, removed again afterwards.
+// Test fixtures for the registry: a fresh machine root per test (the Linux store; Windows uses the
+// system registry and ignores it) and keys of the test's own, removed again afterwards.
 #pragma once
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
+#include <optional>
 #include <random>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "config/defaults.h"
 #include "config/registry.h"
+#include "platform/error.h"
+#include "platform/file.h"
 #include "platform/paths.h"
 #include "platform/registry.h"
 
@@ -24,24 +32,72 @@ inline void DeleteRegTree(platform::RegKey root, const std::string& path) {
   platform::RegDeleteKey(root, path);
 }
 
-class RegistryTest : public ::testing::Test {
- protected:
-  void SetUp() override {
+// A registry of the test's own while it lives. Natively the Linux store of a fresh machine root
+// (CHRONWARDEN_ROOT); on Windows the system registry, which outlives the test, so the keys a test
+// touches are removed again when the sandbox goes (Own), or before and after (Clear).
+class RegistrySandbox {
+ public:
+  RegistrySandbox() {
     std::random_device rd;
-    const std::string unique = std::to_string(rd()) + std::to_string(rd());
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    tag_ = std::string("T") + info->name() + unique.substr(0, 8);
-    root_ = std::filesystem::temp_directory_path() / ("cw-reg-" + unique);
+    unique_ = std::to_string(rd()) + std::to_string(rd());
+    root_ = std::filesystem::temp_directory_path() / ("cw-reg-" + unique_);
     platform::SetEnvironmentValue("CHRONWARDEN_ROOT", root_.string().c_str());
-    ASSERT_EQ(reg_connect_target(nullptr), 1);
+    EXPECT_EQ(reg_connect_target(nullptr), 1);
   }
-  void TearDown() override {
+  ~RegistrySandbox() {
     reg_connect_target(nullptr);
     for (const auto& k : cleanup_) DeleteRegTree(platform::RegLocalMachine(), k);
     std::error_code ec;
     std::filesystem::remove_all(root_, ec);
     platform::SetEnvironmentValue("CHRONWARDEN_ROOT", nullptr);
+    for (auto* h : locks_) platform::FileClose(h);
   }
+  RegistrySandbox(const RegistrySandbox&) = delete;
+  RegistrySandbox& operator=(const RegistrySandbox&) = delete;
+
+  // A key (path from the root of the local-machine hive) removed with its subkeys at the end.
+  void Own(const std::string& root_relative) { cleanup_.push_back(root_relative); }
+  // A key shared with everything else that uses the registry (a caller path of the registry
+  // layer, such as \NotepadTemp): removed now, in case an earlier run left it, and at the end.
+  // Tests run in parallel processes and on Windows all of them see the one system registry, so a
+  // lock file named after the key is held until the sandbox goes.
+  void Clear(const char* caller_path) {
+    char path[defaults::kRegPathSize];
+    reg_key_path(caller_path, path, sizeof path);
+    std::string lock_name = std::string("cw-reg-lock-") + path;
+    std::replace(lock_name.begin(), lock_name.end(), '\\', '-');
+    const std::string lock = (std::filesystem::temp_directory_path() / lock_name).string();
+    platform::FileHandle held;
+    while (!(held = platform::FileCreate(lock, platform::kGenericWrite, 0, platform::kOpenAlways, 0))) {
+      if (platform::LastError() != 32) {   // anything but another process holding it
+        ADD_FAILURE() << "cannot lock " << lock << ": error " << platform::LastError();
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    locks_.push_back(held);
+    DeleteRegTree(platform::RegLocalMachine(), path);
+    Own(path);
+  }
+  const std::string& unique() const { return unique_; }
+  const std::filesystem::path& root() const { return root_; }
+
+ private:
+  std::string unique_;
+  std::filesystem::path root_;
+  std::vector<std::string> cleanup_;
+  std::vector<platform::FileHandle> locks_;
+};
+
+class RegistryTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    sandbox_.emplace();
+    root_ = sandbox_->root();
+    tag_ = std::string("T") + ::testing::UnitTest::GetInstance()->current_test_info()->name() +
+           sandbox_->unique().substr(0, 8);
+  }
+  void TearDown() override { sandbox_.reset(); }
   // A relative caller path of the test's own under the product's Parameters key.
   std::string Sub() {
     Own("Software\\Morvane\\Chronwarden\\Parameters\\" + tag_);
@@ -52,9 +108,9 @@ class RegistryTest : public ::testing::Test {
     Own("Software\\ChronwardenTest\\" + tag_);
     return "\\\\Software\\ChronwardenTest\\" + tag_;
   }
-  void Own(const std::string& root_relative) { cleanup_.push_back(root_relative); }
+  void Own(const std::string& root_relative) { sandbox_->Own(root_relative); }
 
+  std::optional<RegistrySandbox> sandbox_;
   std::string tag_;
   std::filesystem::path root_;
-  std::vector<std::string> cleanup_;
 };

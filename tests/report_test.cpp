@@ -1,17 +1,19 @@
 // The synchronization summary report.
 #include <gtest/gtest.h>
 
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "config/defaults.h"
 #include "drift/drift_log.h"
 #include "drift/report.h"
-#include "drift/temp_list.h"
 #include "platform/error.h"
 #include "platform/fake.h"
 #include "platform/file.h"
 #include "tests/drift_test_util.h"
+#include "tests/registry_fixture.h"
 #include "timing/format.h"
 
 namespace {
@@ -43,11 +45,7 @@ class ReportTest : public DriftFolderTest {
  protected:
   void SetUp() override {
     DriftFolderTest::SetUp();
-    SetTempFileList(&temps_);
-  }
-  void TearDown() override {
-    SetTempFileList(nullptr);
-    DriftFolderTest::TearDown();
+    registry_.Clear(defaults::kNotepadTempKey);
   }
   // Loads the records into log_ from a file of the given name.
   void Load(const std::vector<DriftRecord>& records, const std::string& name = "host1.kr") {
@@ -74,7 +72,18 @@ class ReportTest : public DriftFolderTest {
       if (l == line) return true;
     return false;
   }
-  MemoryTempFileList temps_;
+  // The remembered temporary reports: value name -> the path it holds.
+  std::map<std::string, std::string> Temps() {
+    std::map<std::string, std::string> values;
+    char name[256], path[4096];
+    for (std::uint32_t i = 0; reg_enum_value(defaults::kNotepadTempKey, name, sizeof name, path, sizeof path, nullptr, i); ++i)
+      values[name] = path;
+    return values;
+  }
+  void Remember(const char* name, const std::string& path) {
+    ASSERT_EQ(reg_set_string(defaults::kNotepadTempKey, name, path.c_str()), 1);
+  }
+  RegistrySandbox registry_;
   DriftLog log_;
   std::string path_;
 };
@@ -352,14 +361,10 @@ TEST_F(ReportTest, WithAnOwnerTheReportGoesToATemporaryFileThatIsOpenedAndRememb
   const auto bytes = ReadBytes(opened[0]);
   const std::string text(bytes.begin(), bytes.end());
   EXPECT_NE(text.find("        Data points: 2\r\n"), std::string::npos);
-  ASSERT_EQ(temps_.Size(), 1u);
-  std::string value_name, value;
-  ASSERT_TRUE(temps_.Value(0, value_name, value));
-  EXPECT_EQ(value_name, "1");
-  EXPECT_EQ(value, opened[0]);
+  EXPECT_EQ(Temps(), (std::map<std::string, std::string>{{"1", opened[0]}}));
   DeleteNotepadTemps();
   EXPECT_FALSE(std::filesystem::exists(opened[0]));
-  EXPECT_EQ(temps_.Size(), 0u);
+  EXPECT_EQ(reg_key_exists(defaults::kNotepadTempKey), 0);
   EXPECT_TRUE(n.shown.empty());
 }
 
@@ -371,7 +376,7 @@ TEST_F(ReportTest, CreationFailureIsReturned) {
   EXPECT_EQ(WriteDriftReport(nullptr, log_), 3u);
   EXPECT_EQ(WriteDriftReportFile(log_, (PathOf("missing") + "/x.txt").c_str(), "UTC"), 3u);
   EXPECT_TRUE(platform::fake::ViewerOpened().empty());
-  EXPECT_EQ(temps_.Size(), 0u);
+  EXPECT_EQ(reg_key_exists(defaults::kNotepadTempKey), 0);
 }
 
 TEST_F(ReportTest, AReportBeingWrittenCannotBeOpenedTwice) {
@@ -385,34 +390,59 @@ TEST_F(ReportTest, AReportBeingWrittenCannotBeOpenedTwice) {
 }
 
 TEST_F(ReportTest, OpenInNotepadNumbersTheListAndSkipsItOnFailure) {
-  temps_.Set("7", "earlier.txt");
-  temps_.Set("12", "later.txt");
+  Remember("7", "earlier.txt");
+  Remember("12", "later.txt");
   EXPECT_TRUE(OpenInNotepad(nullptr, "one.txt", true));
-  std::string name, value;
-  bool found = false;
-  for (std::uint32_t i = 0; temps_.Value(i, name, value); ++i)
-    if (value == "one.txt") found = name == "13";
-  EXPECT_TRUE(found);
+  const std::map<std::string, std::string> expected = {{"7", "earlier.txt"}, {"12", "later.txt"}, {"13", "one.txt"}};
+  EXPECT_EQ(Temps(), expected);
   EXPECT_TRUE(OpenInNotepad(nullptr, "service.log", false));
-  EXPECT_EQ(temps_.Size(), 3u);
+  EXPECT_EQ(Temps(), expected);
   platform::fake::FailViewer(true);
   EXPECT_FALSE(OpenInNotepad(nullptr, "two.txt", true));
-  EXPECT_EQ(temps_.Size(), 3u);
+  EXPECT_EQ(Temps(), expected);
   int x = 0, y = 0;
   EXPECT_FALSE(platform::fake::LastViewerOrigin(x, y));
 }
 
-TEST_F(ReportTest, DeleteNotepadTempsIgnoresMissingFiles) {
+TEST_F(ReportTest, OpenInNotepadReadsValueNamesOfAtMost31Characters) {
+  // Both enumeration orders (as written, and by name) give: 31 characters, 32 characters, "3".
+  Remember((std::string(30, '0') + "5").c_str(), "five.txt");
+  Remember((std::string(30, '0') + "90").c_str(), "ninety.txt");   // cannot be read: the list ends here
+  Remember("3", "three.txt");
+  EXPECT_TRUE(OpenInNotepad(nullptr, "new.txt", true));
+  EXPECT_EQ(Temps()["6"], "new.txt");
+}
+
+TEST_F(ReportTest, DeleteNotepadTempsIgnoresMissingFilesAndForgetsTheList) {
   const std::string a = PathOf("a.tmp"), b = PathOf("b.tmp");
   WriteBytes(a, {1});
   WriteBytes(b, {2});
-  temps_.Set("1", a);
-  temps_.Set("2", PathOf("gone.tmp"));
-  temps_.Set("3", b);
+  Remember("1", a);
+  Remember("2", PathOf("gone.tmp"));
+  reg_set_dword(defaults::kNotepadTempKey, "3", 5);   // not a path: skipped
+  Remember("4", b);
   DeleteNotepadTemps();
   EXPECT_FALSE(std::filesystem::exists(a));
   EXPECT_FALSE(std::filesystem::exists(b));
-  EXPECT_EQ(temps_.Size(), 0u);
+  EXPECT_EQ(reg_key_exists(defaults::kNotepadTempKey), 0);
+}
+
+TEST_F(ReportTest, DeleteNotepadTempsStopsAtTheFirstValueItCannotRead) {
+  const std::string a = PathOf("a.tmp"), b = PathOf("b.tmp"), c = PathOf("c.tmp");
+  for (const auto& p : {a, b, c}) WriteBytes(p, {1});
+  Remember("1", a);
+  Remember(std::string(40, '2').c_str(), b);   // a name too long to read
+  Remember("3", c);
+  DeleteNotepadTemps();
+  EXPECT_FALSE(std::filesystem::exists(a));
+  EXPECT_TRUE(std::filesystem::exists(b));
+  EXPECT_TRUE(std::filesystem::exists(c));
+  EXPECT_EQ(reg_key_exists(defaults::kNotepadTempKey), 0);
+}
+
+TEST_F(ReportTest, DeleteNotepadTempsWithoutAListDoesNothing) {
+  DeleteNotepadTemps();
+  EXPECT_EQ(reg_key_exists(defaults::kNotepadTempKey), 0);
 }
 
 TEST(ReportNamesTest, ProtocolNames) {

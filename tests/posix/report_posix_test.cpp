@@ -5,11 +5,13 @@
 #include <string>
 #include <vector>
 
+#include "config/defaults.h"
+#include "config/registry.h"
 #include "drift/drift_log.h"
 #include "drift/report.h"
-#include "drift/temp_list.h"
 #include "platform/fake.h"
 #include "tests/drift_test_util.h"
+#include "tests/registry_fixture.h"
 #include "timing/error_text.h"
 
 namespace {
@@ -21,17 +23,15 @@ class ReportOwnerTest : public DriftFolderTest {
     const char* tmp = std::getenv("TMPDIR");
     saved_ = tmp ? tmp : "";
     had_ = tmp != nullptr;
-    SetTempFileList(&temps_);
   }
   void TearDown() override {
     if (had_) ::setenv("TMPDIR", saved_.c_str(), 1);
     else ::unsetenv("TMPDIR");
-    SetTempFileList(nullptr);
     DriftFolderTest::TearDown();
   }
   std::string saved_;
   bool had_ = false;
-  MemoryTempFileList temps_;
+  RegistrySandbox registry_;   // a fresh store: nothing is remembered unless the test does it
 };
 
 TEST_F(ReportOwnerTest, CreationFailureIsShownToTheOwner) {
@@ -56,7 +56,7 @@ TEST_F(ReportOwnerTest, CreationFailureIsShownToTheOwner) {
   SystemErrorText(error, reason, 129);
   EXPECT_EQ(shown[0], "Could not create file " + nowhere + " for output of raw drift data; " + reason);
   EXPECT_TRUE(platform::fake::ViewerOpened().empty());
-  EXPECT_EQ(temps_.Size(), 0u);
+  EXPECT_EQ(reg_key_exists(defaults::kNotepadTempKey), 0);
 }
 
 }  // namespace
