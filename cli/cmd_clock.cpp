@@ -68,8 +68,7 @@ int CmdClock(CommandArgs args) {
     else if (a == "--coarse") coarse = true;
     else if (a == "--samples") {
       if (++i == args.size()) return UsageError("clock", "--samples needs a number");
-      auto [p, ec] = std::from_chars(args[i].data(), args[i].data() + args[i].size(), samples);
-      if (ec != std::errc{} || p != args[i].data() + args[i].size() || samples < 1 || samples > 100000)
+      if (!ParseNumber(args[i], samples, 1L, 100000L))
         return UsageError("clock", "--samples takes a whole number from 1 to 100000");
     } else {
       return UsageError("clock", "unknown option '" + std::string(a) + "'");

@@ -43,26 +43,6 @@ constexpr const char* kAppendHelp =
     "  --set                the check corrected the clock\n"
     "  --machine-type CODE  0..127 (default 7, Chronwarden)\n";
 
-template <typename T>
-bool ParseNumber(std::string_view text, T& out) {
-  auto [p, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
-  return ec == std::errc{} && p == text.data() + text.size() && !text.empty();
-}
-
-std::string JsonString(std::string_view s) {
-  std::string out = "\"";
-  for (char c : s) {
-    const auto u = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') out += '\\', out += c;
-    else if (u < 0x20 || u >= 0x7F) {
-      char buf[8];
-      std::snprintf(buf, sizeof buf, "\\u%04x", u);
-      out += buf;
-    } else out += c;
-  }
-  return out + "\"";
-}
-
 std::string CsvField(std::string_view s) {
   if (s.find_first_of(",\"\r\n") == std::string_view::npos) return std::string(s);
   std::string out = "\"";

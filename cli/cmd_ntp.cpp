@@ -36,30 +36,6 @@ constexpr const char* kQueryHelp =
     "                (stratum, refid and leap are null when no reply came back)\n\n"
     "Exit codes: 0 at least one reply was valid, 1 none was, 2 the command line was wrong.\n";
 
-// Text as a JSON string, quotes included.
-std::string JsonString(std::string_view text) {
-  std::string out = "\"";
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20 || c >= 0x7F) {
-          char esc[8];
-          std::snprintf(esc, sizeof esc, "\\u%04x", c);
-          out += esc;
-        } else {
-          out += ch;
-        }
-    }
-  }
-  return out + "\"";
-}
-
 // The reference identifier: four characters at strata 0 and 1 (a kiss code or a clock's name),
 // the upstream server's IPv4 address above.
 std::string RefId(const std::uint8_t* reply) {
@@ -88,11 +64,6 @@ struct Sample {
   double delay_us;  // the same delay from the exchange's timestamps, before truncation
   std::array<std::uint8_t, kNtpReplySize> reply;
 };
-
-bool ParseNumber(std::string_view text, long min, long max, long& out) {
-  auto [p, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
-  return ec == std::errc{} && p == text.data() + text.size() && out >= min && out <= max;
-}
 
 void PrintLine(const std::string& server, const Sample& s) {
   std::printf("%s  %s", server.c_str(), s.valid ? "valid" : "invalid");
@@ -134,10 +105,10 @@ int Query(CommandArgs args) {
     if (a == "--json") {
       json = true;
     } else if (a == "--timeout") {
-      if (++i == args.size() || !ParseNumber(args[i], 0, 600000, timeout_ms))
+      if (++i == args.size() || !ParseNumber(args[i], timeout_ms, 0L, 600000L))
         return UsageError("ntp query", "--timeout takes a whole number of ms from 0 to 600000");
     } else if (a == "--count") {
-      if (++i == args.size() || !ParseNumber(args[i], 1, 100000, count))
+      if (++i == args.size() || !ParseNumber(args[i], count, 1L, 100000L))
         return UsageError("ntp query", "--count takes a whole number from 1 to 100000");
     } else if (a.starts_with("-")) {
       return UsageError("ntp query", "unknown option '" + std::string(a) + "'");

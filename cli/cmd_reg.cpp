@@ -45,25 +45,6 @@ struct Options {
   bool has_value = false, has_data = false, json = false;
 };
 
-std::string JsonQuote(std::string_view s) {
-  std::string out = "\"";
-  for (const char ch : s) {
-    const auto c = static_cast<unsigned char>(ch);
-    if (c == '"' || c == '\\') out += '\\', out += ch;
-    else if (c == '\n') out += "\\n";
-    else if (c == '\r') out += "\\r";
-    else if (c == '\t') out += "\\t";
-    else if (c < 0x20 || c >= 0x7F) {
-      char esc[8];
-      std::snprintf(esc, sizeof esc, "\\u%04x", c);
-      out += esc;
-    } else {
-      out += ch;
-    }
-  }
-  return out + "\"";
-}
-
 int Fail(std::uint32_t code) {
   char text[512];
   SystemErrorText(code, text, sizeof text);
@@ -171,10 +152,10 @@ void PrintJson(const std::vector<Value>& values) {
   for (std::size_t i = 0; i < values.size(); ++i) {
     const auto& v = values[i];
     std::string data;
-    if (IsString(v.type)) data = JsonQuote(StringData(v));
+    if (IsString(v.type)) data = JsonString(StringData(v));
     else if (IsDword(v)) data = std::to_string(Dword(v));
-    else data = JsonQuote(Hex(v.data, ""));
-    std::printf("%s{\"name\": %s, \"type\": %u, \"data\": %s}", i ? ", " : "", JsonQuote(v.name).c_str(), v.type,
+    else data = JsonString(Hex(v.data, ""));
+    std::printf("%s{\"name\": %s, \"type\": %u, \"data\": %s}", i ? ", " : "", JsonString(v.name).c_str(), v.type,
                 data.c_str());
   }
   std::printf("]\n");

@@ -1,7 +1,10 @@
 // The chronwarden command line: one function per subcommand, handed the arguments after its name.
 // Exit codes: 0 success, 1 the operation failed, 2 the command line was wrong.
 #pragma once
+#include <charconv>
+#include <limits>
 #include <span>
+#include <string>
 #include <string_view>
 
 inline constexpr int kExitOk = 0;
@@ -26,3 +29,16 @@ int CmdNtp(CommandArgs args);
 // Prints "chronwarden: <message>" and the hint to --help on standard error; returns kExitUsage.
 int UsageError(std::string_view command, std::string_view message);
 bool IsHelp(std::string_view arg);
+
+// A whole decimal number that is the whole argument, within [min, max].
+template <typename T>
+bool ParseNumber(std::string_view text, T& out, T min = std::numeric_limits<T>::min(), T max = std::numeric_limits<T>::max()) {
+  T value{};
+  auto [p, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (ec != std::errc{} || p != text.data() + text.size() || text.empty() || value < min || value > max) return false;
+  out = value;
+  return true;
+}
+
+// Text as a JSON string, quotes included; bytes outside printable ASCII become \u00XX.
+std::string JsonString(std::string_view text);

@@ -27,6 +27,25 @@ void PrintHelp() {
 
 }  // namespace
 
+std::string JsonString(std::string_view text) {
+  std::string out = "\"";
+  for (const char ch : text) {
+    const auto c = static_cast<unsigned char>(ch);
+    if (c == '"' || c == '\\') out += '\\', out += ch;
+    else if (c == '\n') out += "\\n";
+    else if (c == '\r') out += "\\r";
+    else if (c == '\t') out += "\\t";
+    else if (c < 0x20 || c >= 0x7F) {
+      char esc[8];
+      std::snprintf(esc, sizeof esc, "\\u%04x", c);
+      out += esc;
+    } else {
+      out += ch;
+    }
+  }
+  return out + "\"";
+}
+
 bool IsHelp(std::string_view arg) { return arg == "--help" || arg == "-h"; }
 
 int UsageError(std::string_view command, std::string_view message) {
