@@ -210,6 +210,11 @@ ThreadHandle CreateThreadSuspended(ThreadFunction fn, void* arg) {
   }
   return sys::CreateThreadSuspended(fn, arg);
 }
+bool SetThreadPriority(ThreadHandle thread, int priority) {
+  if (!On()) return sys::SetThreadPriority(thread, priority);
+  Count("SetThreadPriority");
+  return true;
+}
 int GetCurrentThreadPriority() { return On() ? t_priority : sys::GetCurrentThreadPriority(); }
 bool SetCurrentThreadPriority(int priority) {
   if (!On()) return sys::SetCurrentThreadPriority(priority);

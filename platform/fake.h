@@ -39,7 +39,8 @@ bool TimerArmed();
 void FireTick(std::uint32_t time_low, std::uint32_t time_high);
 
 // Counts of calls that reached the (fake) system, by name: "TimeBeginPeriod", "TimeEndPeriod",
-// "ProcessorCount", "GetProcessAffinityMask", "SetCurrentThreadAffinityMask", "SetCurrentThreadPriority".
+// "ProcessorCount", "GetProcessAffinityMask", "SetCurrentThreadAffinityMask", "SetCurrentThreadPriority",
+// "SetThreadPriority" (of another thread: the fake gives no thread a real-time priority).
 std::uint32_t CallCount(std::string_view name);
 void SetProcessorCount(std::uint32_t n);       // Enable: 4
 void SetProcessAffinity(std::uint64_t mask);   // Enable: 0xF

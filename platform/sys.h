@@ -24,6 +24,7 @@ void CloseTickTimer(TickTimerHandle timer);
 std::uint32_t WaitForEventAlertable(EventHandle event, std::uint32_t timeout_ms);
 
 ThreadHandle CreateThreadSuspended(ThreadFunction fn, void* arg);
+bool SetThreadPriority(ThreadHandle thread, int priority);
 int GetCurrentThreadPriority();
 bool SetCurrentThreadPriority(int priority);
 std::uint32_t ProcessorCount();

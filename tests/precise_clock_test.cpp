@@ -47,6 +47,7 @@ TEST_F(PreciseClock, StartTakesTheTimeIncrementAndFrequencyAndRuns) {
   EXPECT_EQ(s.skip_count.load(), 0u);
   EXPECT_TRUE(platform::fake::TimerArmed());
   EXPECT_EQ(PreciseClockThreadCount(), 1u);
+  EXPECT_EQ(platform::fake::CallCount("SetThreadPriority"), 1u);  // the calibration thread: time critical
 }
 
 TEST_F(PreciseClock, SecondStartWhileRunningReturnsOneAndKeepsTheBaseline) {

@@ -95,7 +95,7 @@ bool ResumeThread(ThreadHandle t) {
   return true;
 }
 
-bool SetThreadPriority(ThreadHandle t, int priority) {
+bool sys::SetThreadPriority(ThreadHandle t, int priority) {
   if (!t) return SetLastError(6), false;
   return ApplyPriority(t->thread, priority);
 }

@@ -32,7 +32,7 @@ ThreadHandle sys::CreateThreadSuspended(ThreadFunction fn, void* arg) {
 }
 
 bool ResumeThread(ThreadHandle t) { return ::ResumeThread(H(t)) != static_cast<DWORD>(-1); }
-bool SetThreadPriority(ThreadHandle t, int priority) { return ::SetThreadPriority(H(t), priority) != FALSE; }
+bool sys::SetThreadPriority(ThreadHandle t, int priority) { return ::SetThreadPriority(H(t), priority) != FALSE; }
 bool WaitForThread(ThreadHandle t, std::uint32_t timeout_ms) { return ::WaitForSingleObject(H(t), timeout_ms) == WAIT_OBJECT_0; }
 void CloseThread(ThreadHandle t) {
   if (t) ::CloseHandle(H(t));
