@@ -26,6 +26,8 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <chrono>
+#include <thread>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -300,9 +302,15 @@ std::uint32_t OpenStoreFile(Store& s, const std::string& computer_name, const st
   }
   sqlite3_busy_timeout(s.db, kBusyTimeoutMs);
   if (s.read_only) return 0;
-  std::uint32_t st = Exec(s.db, "PRAGMA journal_mode=WAL");
-  if (!st) st = Exec(s.db, "PRAGMA synchronous=NORMAL");
-  return st ? st : Initialise(s, computer_name, system_root);
+  // Two processes making the same new store meet while one switches it to WAL or fills it in, and
+  // SQLite may then answer "busy" without waiting: try again for up to a second.
+  for (int attempt = 0;; ++attempt) {
+    std::uint32_t st = Exec(s.db, "PRAGMA journal_mode=WAL");
+    if (!st) st = Exec(s.db, "PRAGMA synchronous=NORMAL");
+    if (!st) st = Initialise(s, computer_name, system_root);
+    if (st != kErrorRegistryIoFailed || attempt == 50) return st;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
 }
 
 // The store of a machine root, opened once per process (again after fork, or when the file was
