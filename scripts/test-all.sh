@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and tests every target: Linux native, Linux with ASan/UBSan, Windows (mingw-w64) under Wine.
-# Usage: scripts/test-all.sh [PRESET...]   (default: linux linux-asan windows)
+# Usage: scripts/test-all.sh [PRESET...]   (default: fuzz linux linux-asan windows)
+# "fuzz" builds the libFuzzer targets and runs each for a few seconds from its committed corpus.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 # The NTP tests serve on loopback port 123 (chronyd and the tests' own servers). When that port is
@@ -14,10 +15,15 @@ if [ -z "${CW_IN_NETNS:-}" ]; then
   fi
 fi
 presets=("$@")
-((${#presets[@]})) || presets=(linux linux-asan windows)
+((${#presets[@]})) || presets=(fuzz linux linux-asan windows)
 jobs=$(nproc)
 status=0
 for preset in "${presets[@]}"; do
+  if [ "$preset" = fuzz ]; then
+    echo "==== fuzz: build and run each target briefly"
+    scripts/fuzz.sh "${CW_FUZZ_SECONDS:-10}" || status=1
+    continue
+  fi
   echo "==== $preset: configure and build"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
