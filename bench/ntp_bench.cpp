@@ -39,11 +39,9 @@ Figures FromTimes(const NtpTimes& t) {
 }
 
 bool OurQuery(Figures& out) {
-  std::uint32_t delay = 0, error = 0;
-  std::int64_t offset = 0;
-  NtpTimes times{};
-  if (!NtpQueryWith(0, kServer, delay, offset, error, 0, 2000, nullptr, nullptr, &times)) return false;
-  out = FromTimes(times);
+  const NtpResult r = NtpQuery({.server = kServer, .timeout_ms = 2000});
+  if (!r.valid) return false;
+  out = FromTimes(r.times);
   return true;
 }
 
@@ -119,8 +117,7 @@ void BM_NtpQueryVsNtpdate(benchmark::State& state) {
       }
     }
   }
-  platform::SetEvent(stop.get());
-  while (PreciseClockThreadCount() != 0) platform::Sleep(1);
+  PreciseClockStop();
   platform::NetCleanup();
 
   const double om = Percentile(our_offset, 0.5), op = Percentile(our_offset, 0.99);

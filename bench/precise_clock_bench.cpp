@@ -20,8 +20,7 @@ class RunningClock {
     PreciseClockStart(stop_.get());
   }
   ~RunningClock() {
-    platform::SetEvent(stop_.get());
-    while (PreciseClockThreadCount() != 0) platform::Sleep(1);
+    PreciseClockStop();
     platform::SetWallClockMode(platform::WallClock::Fine);
   }
 

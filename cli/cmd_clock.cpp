@@ -96,8 +96,7 @@ int CmdClock(CommandArgs args) {
     while (platform::FineWallTimeAsFileTime() < until) {
     }
   }
-  platform::SetEvent(stop.get());
-  while (PreciseClockThreadCount() != 0) platform::Sleep(1);
+  PreciseClockStop();
 
   std::uint32_t adjustment = 0, increment = 0;
   bool disabled = false;

@@ -50,13 +50,6 @@ std::string CsvField(std::string_view s) {
   return out + "\"";
 }
 
-std::string SourceName(std::uint32_t address) {
-  if (address == kAddressAveraged) return "Averaged Time";
-  if (address == kAddressSelf) return "Self";
-  char buf[16];
-  return FormatIPv4(address, buf);
-}
-
 std::string Dotted(std::uint32_t address) {
   const auto* b = reinterpret_cast<const unsigned char*>(&address);
   char buf[16];
@@ -103,8 +96,7 @@ int Append(CommandArgs args) {
   if (file.empty()) return UsageError("history append", "FILE is missing");
   if (!have_variance) return UsageError("history append", "--variance is required");
   if (!have_time) {
-    const std::int64_t now = FileTimeToUnixSeconds(platform::SystemTimeAsFileTime());
-    when = now < 1 ? 1u : now > 0x7FFFFFFF ? 0x7FFFFFFFu : static_cast<std::uint32_t>(now);
+    when = std::max(1u, ClampUnixSeconds(FileTimeToUnixSeconds(platform::SystemTimeAsFileTime())));
   }
   if (!DriftFileOpenPath(file)) {
     char text[129] = {};
@@ -152,7 +144,7 @@ int CmdHistory(CommandArgs args) {
     const std::string phase = phase_known ? std::to_string(DriftPhaseAdjustment(r)) : "";
     const char* reason = CheckReasonName(r.reason);
     const char* machine = MachineTypeName(DriftMachineType(r));
-    const std::string source = SourceName(r.address);
+    const std::string source = DriftSourceName(r.address);
     if (format == Csv) {
       std::printf("%u,%s,%s,%s,%d,%s,%u,%s,%u,%s,%d,%u\n", r.check_time, FormatUtcDate(r.check_time),
                   CsvField(source).c_str(), Dotted(r.address).c_str(), DriftClockSet(r) ? 1 : 0, phase.c_str(),

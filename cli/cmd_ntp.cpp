@@ -36,63 +36,34 @@ constexpr const char* kQueryHelp =
     "                (stratum, refid and leap are null when no reply came back)\n\n"
     "Exit codes: 0 at least one reply was valid, 1 none was, 2 the command line was wrong.\n";
 
-// The reference identifier: four characters at strata 0 and 1 (a kiss code or a clock's name),
-// the upstream server's IPv4 address above.
-std::string RefId(const std::uint8_t* reply) {
-  const std::uint8_t* id = reply + 12;
-  if (reply[1] <= 1) {
-    std::string text;
-    for (int i = 0; i < 4 && id[i]; ++i) text += (id[i] >= 0x20 && id[i] < 0x7F) ? static_cast<char>(id[i]) : '.';
-    return text;
-  }
-  char dotted[16];
-  std::snprintf(dotted, sizeof dotted, "%u.%u.%u.%u", id[0], id[1], id[2], id[3]);
-  return dotted;
-}
-
-const char* LeapName(unsigned leap) {
-  static const char* const kNames[] = {"no warning", "last minute has 61 s", "last minute has 59 s", "not synchronised"};
-  return kNames[leap & 3];
-}
-
-struct Sample {
-  int valid;
-  std::uint32_t delay_ms;
-  std::int64_t offset;
-  std::uint32_t error;
-  bool replied;     // a reply came back (valid, or refused with 1901)
-  double delay_us;  // the same delay from the exchange's timestamps, before truncation
-  std::array<std::uint8_t, kNtpReplySize> reply;
-};
-
-void PrintLine(const std::string& server, const Sample& s) {
-  std::printf("%s  %s", server.c_str(), s.valid ? "valid" : "invalid");
-  if (s.valid)
-    std::printf("  offset %+lld (%+.7f s)  delay %u ms (%.1f us)", static_cast<long long>(s.offset), s.offset / 1e7,
-                s.delay_ms, s.delay_us);
-  if (s.replied)
-    std::printf("  stratum %u  refid %s  leap %u (%s)", s.reply[1], RefId(s.reply.data()).c_str(), s.reply[0] >> 6,
-                LeapName(s.reply[0] >> 6));
-  if (!s.valid) {
+void PrintLine(const std::string& server, const NtpResult& r) {
+  std::printf("%s  %s", server.c_str(), r.valid ? "valid" : "invalid");
+  if (r.valid)
+    std::printf("  offset %+lld (%+.7f s)  delay %u ms (%.1f us)", static_cast<long long>(r.offset), r.offset / 1e7,
+                r.delay_ms, r.delay_seconds * 1e6);
+  if (r.replied)
+    std::printf("  stratum %u  refid %s  leap %u (%s)", r.stratum, NtpReferenceIdText(r).c_str(), r.leap,
+                NtpLeapText(r.leap));
+  if (!r.valid) {
     char text[128];
-    std::printf("  %s", SocketErrorText(s.error, text, sizeof text));
+    std::printf("  %s", SocketErrorText(r.error, text, sizeof text));
   }
   std::printf("\n");
 }
 
-void PrintJson(const std::string& server, const Sample& s, bool first) {
+void PrintJson(const std::string& server, const NtpResult& r, bool first) {
   char text[128];
-  SocketErrorText(s.error, text, sizeof text);
+  SocketErrorText(r.error, text, sizeof text);
   std::printf("%s\n  {\"server\": %s, \"valid\": %s, \"offset_100ns\": %lld, \"offset_s\": %.7f, \"delay_ms\": %u, "
               "\"delay_us\": %.1f, ",
-              first ? "" : ",", JsonString(server).c_str(), s.valid ? "true" : "false", static_cast<long long>(s.offset),
-              s.offset / 1e7, s.delay_ms, s.delay_us);
-  if (s.replied)
-    std::printf("\"stratum\": %u, \"refid\": %s, \"leap\": %u, ", s.reply[1], JsonString(RefId(s.reply.data())).c_str(),
-                s.reply[0] >> 6);
+              first ? "" : ",", JsonString(server).c_str(), r.valid ? "true" : "false", static_cast<long long>(r.offset),
+              r.offset / 1e7, r.delay_ms, r.delay_seconds * 1e6);
+  if (r.replied)
+    std::printf("\"stratum\": %u, \"refid\": %s, \"leap\": %u, ", r.stratum, JsonString(NtpReferenceIdText(r)).c_str(),
+                r.leap);
   else
     std::printf("\"stratum\": null, \"refid\": null, \"leap\": null, ");
-  std::printf("\"error\": %d, \"error_text\": %s}", static_cast<std::int32_t>(s.error), JsonString(text).c_str());
+  std::printf("\"error\": %d, \"error_text\": %s}", static_cast<std::int32_t>(r.error), JsonString(text).c_str());
 }
 
 int Query(CommandArgs args) {
@@ -131,25 +102,18 @@ int Query(CommandArgs args) {
   if (json) std::printf("{\"server\": %s, \"samples\": [", JsonString(host).c_str());
   long valid_count = 0;
   for (long i = 0; i < count; ++i) {
-    Sample s{};
-    std::array<std::uint8_t, kNtpPrebuiltRequestSize> request{};
-    NtpTimes times{};
-    s.valid = NtpQueryWith(0, host.c_str(), s.delay_ms, s.offset, s.error, 0, static_cast<std::uint32_t>(timeout_ms),
-                           request.data(), s.reply.data(), &times);
-    s.replied = s.valid || s.error == static_cast<std::uint32_t>(kNtpErrorClockNotSet);
-    if (s.valid)
-      s.delay_us = (NtpDifferenceSeconds(times.t4, times.t1) + NtpDifferenceSeconds(times.t3, times.t2)) * 1e6;
-    valid_count += s.valid ? 1 : 0;
-    if (json) PrintJson(host, s, i == 0);
-    else PrintLine(host, s);
+    NtpQueryOptions options;
+    options.server = host.c_str();
+    options.timeout_ms = static_cast<std::uint32_t>(timeout_ms);
+    const NtpResult r = NtpQuery(options);
+    valid_count += r.valid ? 1 : 0;
+    if (json) PrintJson(host, r, i == 0);
+    else PrintLine(host, r);
     std::fflush(stdout);
   }
   if (json) std::printf("],\n \"valid_count\": %ld}\n", valid_count);
 
-  if (clock_started) {
-    platform::SetEvent(stop.get());
-    while (PreciseClockThreadCount() != 0) platform::Sleep(1);
-  }
+  if (clock_started) PreciseClockStop();
   platform::NetCleanup();
   return valid_count > 0 ? kExitOk : kExitFailed;
 }

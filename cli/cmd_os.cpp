@@ -30,14 +30,9 @@ int CmdOs(CommandArgs args) {
   os_local_text(text, sizeof text);
   os_remote_text(kArchNoPrefix1, g_os.level, level_name, sizeof level_name);
   if (json) {
-    std::string quoted;
-    for (const char c : std::string(text)) {
-      if (c == '"' || c == '\\') quoted += '\\';
-      if (static_cast<unsigned char>(c) >= 0x20) quoted += c;
-    }
-    std::printf("{\"text\": \"%s\", \"level\": %u, \"level_name\": \"%s\", \"arch\": %u, \"arch_name\": \"%s\", "
-                "\"wow64\": %s}\n",
-                quoted.c_str(), g_os.level, level_name, g_os.arch, os_arch_name(g_os.arch), g_os.wow64 ? "true" : "false");
+    std::printf("{\"text\": %s, \"level\": %u, \"level_name\": %s, \"arch\": %u, \"arch_name\": %s, \"wow64\": %s}\n",
+                JsonString(text).c_str(), g_os.level, JsonString(level_name).c_str(), g_os.arch,
+                JsonString(os_arch_name(g_os.arch)).c_str(), g_os.wow64 ? "true" : "false");
     return kExitOk;
   }
   std::printf("System:        %s\n", text);

@@ -54,12 +54,18 @@ int Fail(std::uint32_t code) {
   return kExitFailed;
 }
 
+// parent\child; a parent that already ends in a backslash (the hive root) gets no second one.
+std::string JoinKey(const std::string& parent, std::string_view child) {
+  if (child.empty()) return parent;
+  return parent.ends_with('\\') ? parent + std::string(child) : parent + "\\" + std::string(child);
+}
+
 std::string KeyTitle(const std::string& path) {
   char translated[1024];
   reg_key_path(path.c_str(), translated, sizeof translated);
   std::string title;
   if (g_target_machine[0]) title = (g_target_machine[0] == '\\' ? "" : "\\\\") + std::string(g_target_machine) + "\\";
-  return title + "HKEY_LOCAL_MACHINE\\" + translated;
+  return JoinKey(title + "HKEY_LOCAL_MACHINE", translated);
 }
 
 const char* TypeName(std::uint32_t type) {
@@ -291,7 +297,7 @@ std::uint32_t ExportKey(const std::string& path, const std::string& title) {
   reg_key_path(path.c_str(), translated, sizeof translated);
   const std::string absolute = path.starts_with("\\\\") ? path : "\\\\" + std::string(translated);
   for (const auto& s : Subkeys(key.h))
-    if (const std::uint32_t st = ExportKey(absolute + "\\" + s, title + "\\" + s)) return st;
+    if (const std::uint32_t st = ExportKey(JoinKey(absolute, s), JoinKey(title, s))) return st;
   return 0;
 }
 

@@ -67,8 +67,8 @@ int CmdReport(CommandArgs args) {
   ReportTimeZoneText(local, zone, sizeof zone);
   if (have_out && out == "-") {
     platform::SetStdoutBinary();
-    const std::int64_t now = FileTimeToUnixSeconds(platform::SystemTimeAsFileTime());
-    RenderDriftReport(log, zone, now < 0 ? 0u : static_cast<std::uint32_t>(now), StdoutSink, nullptr);
+    RenderDriftReport(log, zone, ClampUnixSeconds(FileTimeToUnixSeconds(platform::SystemTimeAsFileTime())), StdoutSink,
+                      nullptr);
     std::fflush(stdout);
     return kExitOk;
   }

@@ -24,8 +24,6 @@ using platform::RegKey;
 
 constexpr std::uint32_t kAccessWrite = 0x2001F;     // KEY_READ | KEY_SET_VALUE | KEY_CREATE_SUB_KEY
 constexpr std::uint32_t kBoolSentinel = 0xFEDCBA98;
-constexpr std::uint32_t kErrorPathTooLong = 206;
-constexpr std::uint32_t kErrorNotEnoughMemory = 8;
 constexpr std::uint32_t kSubkeyNameSize = 515;
 
 // The translated path, or false (last error 206) when it does not fit the path buffer.
@@ -34,7 +32,7 @@ bool Translate(const char* path, std::string& out) {
   reg_key_path(path, buf.data(), static_cast<std::uint32_t>(buf.size()));
   out = buf.data();
   if (out.size() < defaults::kRegPathSize) return true;
-  platform::SetLastError(kErrorPathTooLong);
+  platform::SetLastError(platform::kErrorPathTooLong);
   return false;
 }
 
@@ -212,7 +210,7 @@ char* reg_get_string_alloc(const char* path, const char* name, char* def) {
   // The value may grow between the two reads; ask again with the new size a few times.
   for (int attempt = 0; attempt < 4; ++attempt) {
     auto* text = static_cast<char*>(std::calloc(static_cast<std::size_t>(size) + 2, 1));
-    if (!text) return platform::SetLastError(kErrorNotEnoughMemory), def;
+    if (!text) return platform::SetLastError(platform::kErrorNotEnoughMemory), def;
     std::uint32_t n = size;
     st = platform::RegQueryValue(key.h, name, nullptr, text, &n);
     if (st == 0) {

@@ -13,9 +13,6 @@
 
 namespace {
 
-constexpr std::uint32_t kErrorNotEnoughMemory = 8;
-constexpr std::uint32_t kErrorHandleEof = 38;
-constexpr std::uint32_t kErrorCancelled = 1223;
 
 void CopyText(char* out, std::size_t size, std::string_view text) {
   std::memset(out, 0, size);
@@ -55,7 +52,7 @@ bool Fail(DriftLog& log, std::uint32_t code) {
 }  // namespace
 
 void DriftLogErrorText(std::uint32_t code, char* out, std::uint32_t size) {
-  if (code == kErrorInvalidParameter)
+  if (code == platform::kErrorInvalidParameter)
     std::snprintf(out, size, "%s", "the file is either not a drift record file, or it is corrupted.");
   else
     SystemErrorText(code, out, size);
@@ -78,7 +75,7 @@ bool DriftLogLoad(const DriftUi* owner, DriftLog& log) {
   log.changed = false;
   if (log.path[0] == 0) {
     const bool chosen = owner && owner->choose_file && owner->choose_file(*owner, log);
-    if (!chosen || log.path[0] == 0) return Fail(log, kErrorCancelled);
+    if (!chosen || log.path[0] == 0) return Fail(log, platform::kErrorCancelled);
   }
   if (log.display_name[0] == 0) DriftLogDisplayName(log);
   if (!log.file) {
@@ -89,9 +86,9 @@ bool DriftLogLoad(const DriftUi* owner, DriftLog& log) {
   }
   std::uint64_t size = 0;
   if (!platform::FileSize(log.file, size)) return Fail(log, platform::LastError());
-  if (size % kDriftRecordSize != 0) return Fail(log, kErrorInvalidParameter);
+  if (size % kDriftRecordSize != 0) return Fail(log, platform::kErrorInvalidParameter);
   // A drift file holds at most a little over 16,384 records; anything near 4 GB cannot be held.
-  if (size > 0xFFFFFFFFull - kDriftRecordSize) return Fail(log, kErrorNotEnoughMemory);
+  if (size > 0xFFFFFFFFull - kDriftRecordSize) return Fail(log, platform::kErrorNotEnoughMemory);
   if (size == log.loaded_size) {
     log.last_error = 0;
     platform::SetLastError(0);
@@ -105,18 +102,18 @@ bool DriftLogLoad(const DriftUi* owner, DriftLog& log) {
   log.record_count = log.loaded_size / kDriftRecordSize;
   log.average_interval = 0;
   log.records.reset(new (std::nothrow) DriftRecord[log.record_count + 1]());
-  if (!log.records) return Fail(log, kErrorNotEnoughMemory);
+  if (!log.records) return Fail(log, platform::kErrorNotEnoughMemory);
 
   std::uint32_t done = 0;
   if (!platform::FileSeek(log.file, 0, platform::SeekFrom::Begin)) return Fail(log, platform::LastError());
   if (log.loaded_size != 0) {
     if (!platform::FileRead(log.file, log.records.get(), log.loaded_size, done)) return Fail(log, platform::LastError());
-    if (done < log.loaded_size) return Fail(log, kErrorHandleEof);
+    if (done < log.loaded_size) return Fail(log, platform::kErrorHandleEof);
   }
 
   std::uint32_t sum = 0;
   for (std::uint32_t i = 0; i < log.record_count; ++i) {
-    if (!DriftRecordValid(log.records[i])) return Fail(log, kErrorInvalidParameter);
+    if (!DriftRecordValid(log.records[i])) return Fail(log, platform::kErrorInvalidParameter);
     if (i > 0) sum += log.records[i].check_time - log.records[i - 1].check_time;   // wraps, as unsigned
   }
   if (log.record_count >= 2) log.average_interval = sum / (log.record_count - 1);

@@ -8,10 +8,10 @@
 
 #include "drift/drift_record.h"
 #include "drift/drift_ui.h"
+#include "platform/error.h"
 #include "platform/file.h"
 
 inline constexpr std::uint32_t kDriftPathMax = 260;
-inline constexpr std::uint32_t kErrorInvalidParameter = 87;   // "not a drift record file, or corrupted"
 
 struct DriftLog {
   void* module = nullptr;             // the applet's module (dialog resources, cursors)

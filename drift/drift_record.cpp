@@ -3,6 +3,8 @@
 
 #include <cstring>
 
+#include "timing/format.h"
+
 const char* CheckReasonName(std::uint8_t code) {
   switch (code) {
     case kReasonScheduled: return "Scheduled";
@@ -19,6 +21,13 @@ const char* CheckReasonName(std::uint8_t code) {
     case kReasonStartup: return "Startup";
     default: return "Unknown";
   }
+}
+
+std::string DriftSourceName(std::uint32_t address, bool self_name) {
+  if (address == kAddressAveraged) return "Averaged Time";
+  if (self_name && address == kAddressSelf) return "Self";
+  char buf[16];
+  return FormatIPv4(address, buf);
 }
 
 const char* MachineTypeName(std::uint8_t code) {

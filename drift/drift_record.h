@@ -4,6 +4,7 @@
 #pragma once
 #include <bit>
 #include <cstdint>
+#include <string>
 
 static_assert(std::endian::native == std::endian::little, "records are read and written in place");
 
@@ -53,6 +54,8 @@ enum MachineType : std::uint8_t {
 
 const char* CheckReasonName(std::uint8_t code);   // "Scheduled" ... "Startup"; "Unknown" for others (0 too)
 const char* MachineTypeName(std::uint8_t code);   // "Master Server" ... "NTP Server"; "Unknown" for others
+// A record's source as shown: "Averaged Time", "Self" for 127.0.0.1 when self_name, else dotted.
+std::string DriftSourceName(std::uint32_t address, bool self_name = true);
 
 inline bool DriftClockSet(const DriftRecord& r) { return (r.flags & 1) != 0; }
 inline std::uint8_t DriftMachineType(const DriftRecord& r) { return static_cast<std::uint8_t>(r.flags >> 1); }

@@ -69,13 +69,6 @@ std::string DurationText(std::int64_t ms) {
 }
 
 // The source column: "Averaged Time", "Self" (when self_name is set) or the dotted address.
-std::string SourceText(std::uint32_t address, bool self_name) {
-  if (address == kAddressAveraged) return "Averaged Time";
-  if (self_name && address == kAddressSelf) return "Self";
-  char buf[16];
-  return FormatIPv4(address, buf);
-}
-
 // The phase adjustment column: empty before version 41, else "+5", "0", "-3".
 std::string PhaseText(const DriftRecord& r) {
   if (r.version < kDriftRecordVersion) return "";
@@ -86,8 +79,7 @@ std::string PhaseText(const DriftRecord& r) {
 }
 
 std::uint32_t NowUnixSeconds() {
-  const std::int64_t s = FileTimeToUnixSeconds(platform::SystemTimeAsFileTime());
-  return s < 0 ? 0 : s > 0x7FFFFFFF ? 0x7FFFFFFFu : static_cast<std::uint32_t>(s);
+  return ClampUnixSeconds(FileTimeToUnixSeconds(platform::SystemTimeAsFileTime()));
 }
 
 void FileSink(void* context, const char* text, std::size_t length) {
@@ -280,7 +272,7 @@ void RenderDriftReport(const DriftLog& log, const char* time_zone_text, std::uin
     }
     if (log.zero_fill && !seconds.empty() && seconds[0] == ' ')
       for (std::size_t k = 0; k < seconds.size() && seconds[k] == ' '; ++k) seconds[k] = '0';
-    Appendf(out, "%24s  %15s  %s  %5s  %13s  %s%s", when.c_str(), SourceText(r.address, true).c_str(),
+    Appendf(out, "%24s  %15s  %s  %5s  %13s  %s%s", when.c_str(), DriftSourceName(r.address).c_str(),
             DriftClockSet(r) ? " Y " : " N ", PhaseText(r).c_str(), CheckReasonName(r.reason),
             v < 0 ? "-" : v == 0 ? " " : "+", seconds.c_str());
     const std::uint8_t type = DriftMachineType(r);
@@ -324,7 +316,7 @@ std::uint32_t WriteDriftReport(const DriftUi* owner, DriftLog& log, const char* 
   std::string path;
   if (owner && count == 0) {
     Notify(owner, NoticeIcon::Information, "No data points in this record; nothing to display.\r\n");
-    return kErrorNoData;
+    return platform::kErrorNoData;
   }
   if (owner) {
     std::string dir = platform::TempDirectory();
@@ -415,6 +407,6 @@ bool DriftPointText(const DriftLog& log, std::int32_t index, char* out, std::siz
                 "Check #%d: %s, %s. Variance was %s%0.3f seconds.\r\nTime source: %s. Local clock was%s corrected. "
                 "Phase adjust was %s.",
                 index + 1, FormatDate(r.check_time, log.local_time), reason.c_str(), seconds > 0 ? "+" : "", seconds,
-                SourceText(r.address, false).c_str(), DriftClockSet(r) ? "" : " not", phase.c_str());
+                DriftSourceName(r.address, false).c_str(), DriftClockSet(r) ? "" : " not", phase.c_str());
   return true;
 }

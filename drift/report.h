@@ -10,7 +10,6 @@
 #include "drift/drift_log.h"
 #include "drift/drift_ui.h"
 
-inline constexpr std::uint32_t kErrorNoData = 232;   // no records, with an owner window: nothing written
 
 // Everything one pass over the records gathers (milliseconds unless said otherwise). Sums are 64-bit
 // so that no number of records can overflow them.

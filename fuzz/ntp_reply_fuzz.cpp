@@ -17,12 +17,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     size -= 16;
   }
   std::memcpy(reply.data(), data, size < reply.size() ? size : reply.size());
-  std::uint32_t delay = 0, error = 0;
-  std::int64_t offset = 0;
-  NtpTimes times{};
-  const int valid = NtpReadReply(reply.data(), t1, t4, delay, offset, error, &times);
-  if (valid != 0 && valid != 1) __builtin_trap();
-  if (valid ? error != 0 : error != 1901) __builtin_trap();
+  const NtpResult r = NtpReadReply(reply.data(), t1, t4);
+  if (r.valid != 0 && r.valid != 1) __builtin_trap();
+  if (r.valid ? r.error != 0 : r.error != 1901) __builtin_trap();
+  if (r.leap != reply[0] >> 6 || r.stratum != reply[1]) __builtin_trap();
   if (NtpLastLeapIndicator() != reply[0] >> 6) __builtin_trap();
   return 0;
 }

@@ -205,7 +205,7 @@ std::uint32_t WaitForEventAlertable(EventHandle event, std::uint32_t timeout_ms)
 
 ThreadHandle CreateThreadSuspended(ThreadFunction fn, void* arg) {
   if (On() && Locked([](FakeState& s) { return s.fail_thread_create; })) {
-    SetLastError(8);  // ERROR_NOT_ENOUGH_MEMORY
+    SetLastError(kErrorNotEnoughMemory);
     return nullptr;
   }
   return sys::CreateThreadSuspended(fn, arg);
@@ -273,7 +273,7 @@ bool OpenTextFileForUser(std::string_view path, const int* origin_xy) {
   if (!On()) return sys::OpenTextFileForUser(path, origin_xy);
   return Locked([&](FakeState& s) {
     if (s.fail_viewer) {
-      SetLastError(2);
+      SetLastError(kErrorFileNotFound);
       return false;
     }
     s.viewer_paths.emplace_back(path);
@@ -308,7 +308,7 @@ bool LookupHostV4(const char* host, std::uint32_t& address) {
   });
   if (found) return true;
   if (name == "localhost") return sys::LookupHostV4(host, address);
-  SetLastSocketError(11001);  // WSAHOST_NOT_FOUND
+  SetLastSocketError(kWsaHostNotFound);
   return false;
 }
 SocketHandle CreateSocketV4(int type, int protocol) {

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/error.h"
 #include "platform/file.h"
 
 // <windows.h> maps these names to its A/W calls; here they are this layer's own.
@@ -51,17 +52,7 @@ inline constexpr std::uint32_t kMaximumAllowed = 0x02000000;
 inline constexpr std::uint32_t kGenericAll = 0x10000000;
 // kGenericRead (GENERIC_READ) is the one of platform/file.h.
 
-// Win32 statuses the registry calls return.
-inline constexpr std::uint32_t kErrorFileNotFound = 2;
-inline constexpr std::uint32_t kErrorAccessDenied = 5;
-inline constexpr std::uint32_t kErrorInvalidHandle = 6;
-inline constexpr std::uint32_t kErrorBadNetPath = 53;
-inline constexpr std::uint32_t kErrorInvalidParameter = 87;
-inline constexpr std::uint32_t kErrorMoreData = 234;
-inline constexpr std::uint32_t kErrorNoMoreItems = 259;
-inline constexpr std::uint32_t kErrorRegistryCorrupt = 1015;
-inline constexpr std::uint32_t kErrorRegistryIoFailed = 1016;
-inline constexpr std::uint32_t kErrorKeyDeleted = 1018;
+// The statuses the registry calls return are the Win32 codes of platform/error.h.
 
 // One entry of a key's access list. sid is the text form ("S-1-5-32-544").
 struct RegAce {

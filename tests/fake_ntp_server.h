@@ -13,6 +13,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
@@ -38,6 +39,7 @@ struct FakeNtpReply {
   bool zero_transmit = false;
   bool silent = false;              // receive the request, never answer
   std::uint32_t late_ms = 0;        // real time waited before answering
+  bool held = false;                // answer only once the test calls Release() (or the server ends)
   std::size_t size = 48;            // bytes sent
 };
 
@@ -70,11 +72,21 @@ class FakeNtpServer {
   explicit FakeNtpServer(const char* address, FakeNtpReply reply = {}) : FakeNtpServer(address, std::vector{reply}) {}
   ~FakeNtpServer() {
     stop_ = true;
+    Release();
     if (thread_.joinable()) thread_.join();
     platform::CloseSocket(socket_);
   }
   FakeNtpServer(const FakeNtpServer&) = delete;
   FakeNtpServer& operator=(const FakeNtpServer&) = delete;
+
+  // Lets held replies go.
+  void Release() {
+    {
+      std::lock_guard lock(mutex_);
+      released_ = true;
+    }
+    released_cv_.notify_all();
+  }
 
   std::vector<FakeNtpRequest> Requests() {
     std::lock_guard lock(mutex_);
@@ -102,6 +114,10 @@ class FakeNtpServer {
       const FakeNtpReply& r = script_[std::min(index, script_.size() - 1)];
       if (r.silent) continue;
       if (r.late_ms) std::this_thread::sleep_for(std::chrono::milliseconds(r.late_ms));
+      if (r.held) {
+        std::unique_lock lock(mutex_);
+        released_cv_.wait(lock, [this] { return released_; });
+      }
 
       const std::uint64_t arrival = PreciseClockNow() + static_cast<std::uint64_t>(r.offset + r.one_way);
       const std::uint64_t t2 = FileTimeToNtpTimestamp(arrival);
@@ -130,6 +146,8 @@ class FakeNtpServer {
   std::atomic<bool> stop_{false};
   std::thread thread_;
   std::mutex mutex_;
+  std::condition_variable released_cv_;
+  bool released_ = false;
   std::vector<FakeNtpRequest> requests_;
   std::vector<std::pair<std::uint64_t, std::uint64_t>> stamps_;
 };

@@ -34,11 +34,23 @@ struct Result {
   std::uint32_t error = 0xDEAD;
   std::array<std::uint8_t, kNtpPrebuiltRequestSize> request{};
   std::array<std::uint8_t, kNtpReplySize> reply{};
+  NtpResult full;
 };
 
-Result Query(const char* server, std::uint32_t timeout_ms = 2000) {
+// Runs a query with the request and reply buffers of r.
+void RunQuery(Result& r, NtpQueryOptions o) {
+  o.request = r.request.data();
+  o.reply = r.reply.data();
+  r.full = NtpQuery(o);
+  r.valid = r.full.valid;
+  r.delay = r.full.delay_ms;
+  r.offset = r.full.offset;
+  r.error = r.full.error;
+}
+
+Result Query(const char* server, std::uint32_t timeout_ms = 2000, bool multi_sample = false) {
   Result r;
-  r.valid = NtpQuery(server, r.delay, r.offset, r.error, 0, timeout_ms, r.request.data(), r.reply.data());
+  RunQuery(r, {.server = server, .timeout_ms = timeout_ms, .multi_sample = multi_sample});
   return r;
 }
 
@@ -257,14 +269,17 @@ TEST_F(NtpTest, NoReplyTimesOutWith10060) {
 }
 
 TEST_F(NtpTest, LateReplyAfterTheStatusCheckTimeoutGives10060) {
+  // The reply is held until the query has given up, so it is late however slow the machine is.
   FakeNtpReply late;
-  late.late_ms = 600;
+  late.held = true;
   FakeNtpServer server("127.0.0.10", late);
   const Result r = Query("127.0.0.10", 500);
   EXPECT_EQ(r.valid, 0);
   EXPECT_EQ(r.error, 10060u);
   char text[128];
   EXPECT_STREQ(SocketErrorText(r.error, text, sizeof text), "Error 10060: timed out");
+  EXPECT_EQ(server.Requests().size(), 1u);
+  server.Release();
 }
 
 TEST_F(NtpTest, TimeoutZeroWaitsTheDefaultTwoSeconds) {
@@ -415,7 +430,7 @@ TEST_F(NtpFakeClockTest, PrebuiltRequestIsSentAsItStandsIn68Bytes) {
   Result r;
   for (std::size_t i = 0; i < r.request.size(); ++i) r.request[i] = static_cast<std::uint8_t>(0xA0 + i);
   r.request[0] = 0x23;   // version 4 client
-  r.valid = NtpQuery("127.0.0.15", r.delay, r.offset, r.error, 1, 0, r.request.data(), r.reply.data());
+  RunQuery(r, {.server = "127.0.0.15", .prebuilt_request = true});
   ASSERT_EQ(r.valid, 1);
   const auto requests = server.Requests();
   ASSERT_EQ(requests.size(), 1u);
@@ -457,22 +472,71 @@ TEST(NtpReadReply, FiguresOfExtremeStampsStayWithinTheirTypes) {
   reply[1] = 1;
   StoreNtpTimestamp(reply.data() + 32, 0);                       // T2: 1900
   StoreNtpTimestamp(reply.data() + 40, 0xFFFFFFFF00000000ULL);   // T3: 2036, before T2 by the sign
-  std::uint32_t delay = 99, error = 99;
-  std::int64_t offset = 0;
-  NtpTimes times{};
   const std::uint64_t t1 = 0x7FFFFFFF00000000ULL, t4 = 0x8000000000000000ULL;
-  EXPECT_EQ(NtpReadReply(reply.data(), t1, t4, delay, offset, error, &times), 1);
-  EXPECT_EQ(error, 0u);
-  EXPECT_EQ(times.t1, t1);
-  EXPECT_EQ(times.t2, 0u);
-  EXPECT_EQ(times.t3, 0xFFFFFFFF00000000ULL);
-  EXPECT_EQ(times.t4, t4);
+  const NtpResult r = NtpReadReply(reply.data(), t1, t4);
+  EXPECT_EQ(r.valid, 1);
+  EXPECT_EQ(r.error, 0u);
+  EXPECT_EQ(r.times.t1, t1);
+  EXPECT_EQ(r.times.t2, 0u);
+  EXPECT_EQ(r.times.t3, 0xFFFFFFFF00000000ULL);
+  EXPECT_EQ(r.times.t4, t4);
   // T4 - T1 = 1 s and T3 - T2 = -1 s (signed): a delay of 0; the offset is whatever the stamps say.
-  EXPECT_EQ(delay, 0u);
+  EXPECT_EQ(r.delay_ms, 0u);
   // A negative round trip (a server whose T3 is far before its T2) reads as 0 ms, not a wrapped value.
   StoreNtpTimestamp(reply.data() + 40, 0x8000000000000000ULL);
-  EXPECT_EQ(NtpReadReply(reply.data(), t1, t1, delay, offset, error, nullptr), 1);
-  EXPECT_EQ(delay, 0u);
+  const NtpResult negative = NtpReadReply(reply.data(), t1, t1);
+  EXPECT_EQ(negative.valid, 1);
+  EXPECT_EQ(negative.delay_ms, 0u);
+}
+
+TEST(NtpReadReply, ReplyFieldsComeBackInTheResult) {
+  std::array<std::uint8_t, kNtpReplySize> reply{};
+  reply[0] = 0x64;   // LI 1, version 4, mode 4
+  reply[1] = 3;
+  reply[12] = 192, reply[13] = 0, reply[14] = 2, reply[15] = 7;
+  StoreNtpTimestamp(reply.data() + 32, 100ULL << 32);
+  StoreNtpTimestamp(reply.data() + 40, 100ULL << 32);
+  const NtpResult r = NtpReadReply(reply.data(), 100ULL << 32, (100ULL << 32) + (1ULL << 31));
+  EXPECT_EQ(r.valid, 1);
+  EXPECT_TRUE(r.replied);
+  EXPECT_EQ(r.leap, 1);
+  EXPECT_EQ(r.stratum, 3);
+  EXPECT_EQ(NtpReferenceIdText(r), "192.0.2.7");
+  EXPECT_STREQ(NtpLeapText(r.leap), "last minute has 61 s");
+  EXPECT_NEAR(r.delay_seconds, 0.5, 1e-9);
+  EXPECT_EQ(r.delay_ms, 500u);
+  reply[1] = 1;
+  reply[12] = 'G', reply[13] = 'P', reply[14] = 'S', reply[15] = 0;
+  EXPECT_EQ(NtpReferenceIdText(NtpReadReply(reply.data(), 0, 0)), "GPS");
+}
+
+// The difference of two stamps is the exact negative of the reverse difference, at every
+// magnitude, and a local clock a fraction ahead gives the offset rounded toward zero either way.
+TEST(NtpDifference, NegativeDifferencesAreTheNegativeOfTheForwardOnes) {
+  const std::uint64_t a = (3'900'000'000ULL << 32) | 0x12345678u;
+  for (const std::uint64_t d : {1ULL, 4295ULL, 0x80000000ULL, 0xFFFFFFFFULL, 1ULL << 32, (5ULL << 32) + 4295,
+                                (1000ULL << 32) + 0xFFFFFFFEULL}) {
+    const double forward = NtpDifferenceSeconds(a + d, a);
+    EXPECT_GT(forward, 0) << d;
+    EXPECT_EQ(NtpDifferenceSeconds(a, a + d), -forward) << d;
+  }
+  EXPECT_NEAR(NtpDifferenceSeconds(a, a + 4295), -1.0000076e-6, 1e-13);
+  EXPECT_EQ(NtpDifferenceSeconds(a, a), 0.0);
+}
+
+TEST(NtpDifference, OffsetOfALocalClockAFractionAheadIsTruncatedTowardZero) {
+  const std::uint64_t a = 3'900'000'000ULL << 32;
+  std::array<std::uint8_t, kNtpReplySize> reply{};
+  reply[0] = 0x24;
+  reply[1] = 2;
+  StoreNtpTimestamp(reply.data() + 32, a);
+  StoreNtpTimestamp(reply.data() + 40, a);
+  EXPECT_EQ(NtpReadReply(reply.data(), a, a + 4295).offset, -5);   // -0.50000 us: -5 units
+  // The mirror image: the server's stamps a fraction later than both of ours.
+  StoreNtpTimestamp(reply.data() + 32, a + 4295);
+  StoreNtpTimestamp(reply.data() + 40, a + 4295);
+  EXPECT_EQ(NtpReadReply(reply.data(), a, a).offset, 10);   // +1.0000076 us: 10 units
+  EXPECT_EQ(NtpReadReply(reply.data(), a + 4295 + 4295, a + 4295 + 4295).offset, -10);
 }
 
 TEST(NtpReadReply, RefusedReplyKeepsTheLeapIndicatorAndGives1901) {
@@ -480,23 +544,30 @@ TEST(NtpReadReply, RefusedReplyKeepsTheLeapIndicatorAndGives1901) {
   reply[0] = 0xE4;   // LI 3
   reply[1] = 2;
   StoreNtpTimestamp(reply.data() + 40, 1);
-  std::uint32_t delay = 7, error = 0;
-  std::int64_t offset = 5;
-  EXPECT_EQ(NtpReadReply(reply.data(), 0, 0, delay, offset, error, nullptr), 0);
-  EXPECT_EQ(error, 1901u);
+  const NtpResult r = NtpReadReply(reply.data(), 0, 0);
+  EXPECT_EQ(r.valid, 0);
+  EXPECT_EQ(r.error, 1901u);
+  EXPECT_TRUE(r.replied);
+  EXPECT_EQ(r.leap, 3);
+  EXPECT_EQ(r.stratum, 2);
   EXPECT_EQ(NtpLastLeapIndicator(), 3);
-  EXPECT_EQ(delay, 7u);    // untouched
-  EXPECT_EQ(offset, 5);
+  EXPECT_EQ(r.delay_ms, 0u);    // no figures for a refused reply
+  EXPECT_EQ(r.offset, 0);
 }
 
 // ---- multi-sample mode ----
 
-NtpSample S(int valid, std::int64_t offset, std::uint32_t error = 0) {
-  return NtpSample{valid, 7, offset, error, {}};
+NtpResult S(int valid, std::int64_t offset, std::uint32_t error = 0) {
+  NtpResult r;
+  r.valid = valid;
+  r.delay_ms = 7;
+  r.offset = offset;
+  r.error = error;
+  return r;
 }
 
 TEST(NtpChoose, MedianOfThreeValidByAbsoluteOffset) {
-  std::array<NtpSample, 3> s{S(1, 300), S(1, -100), S(1, 200)};
+  std::array<NtpResult, 3> s{S(1, 300), S(1, -100), S(1, 200)};
   EXPECT_EQ(ChooseNtpSample(s), 1u);
   EXPECT_EQ(s[0].offset, -100);
   EXPECT_EQ(s[1].offset, 200);
@@ -504,7 +575,7 @@ TEST(NtpChoose, MedianOfThreeValidByAbsoluteOffset) {
 }
 
 TEST(NtpChoose, TwoValidGiveTheSmallerOffset) {
-  std::array<NtpSample, 3> s{S(0, 0, 10060), S(1, 500), S(1, -40)};
+  std::array<NtpResult, 3> s{S(0, 0, 10060), S(1, 500), S(1, -40)};
   EXPECT_EQ(ChooseNtpSample(s), 0u);
   EXPECT_EQ(s[0].offset, -40);
   EXPECT_EQ(s[1].offset, 500);
@@ -512,18 +583,18 @@ TEST(NtpChoose, TwoValidGiveTheSmallerOffset) {
 }
 
 TEST(NtpChoose, OneValidIsChosen) {
-  std::array<NtpSample, 3> s{S(0, 0, 10060), S(0, 0, 1901), S(1, 900)};
+  std::array<NtpResult, 3> s{S(0, 0, 10060), S(0, 0, 1901), S(1, 900)};
   EXPECT_EQ(ChooseNtpSample(s), 0u);
   EXPECT_EQ(s[0].offset, 900);
 }
 
 TEST(NtpChoose, NoneValidGivesTheLastWithAnError) {
-  std::array<NtpSample, 3> s{S(0, 0, 10060), S(0, 0, 1901), S(0, 0, 0)};
+  std::array<NtpResult, 3> s{S(0, 0, 10060), S(0, 0, 1901), S(0, 0, 0)};
   EXPECT_EQ(ChooseNtpSample(s), 1u);
   EXPECT_EQ(s[1].error, 1901u);
-  std::array<NtpSample, 3> t{S(0, 0, 0), S(0, 0, 0), S(0, 0, 10054)};
+  std::array<NtpResult, 3> t{S(0, 0, 0), S(0, 0, 0), S(0, 0, 10054)};
   EXPECT_EQ(ChooseNtpSample(t), 2u);
-  std::array<NtpSample, 3> u{S(0, 0, 0), S(0, 0, 0), S(0, 0, 0)};
+  std::array<NtpResult, 3> u{S(0, 0, 0), S(0, 0, 0), S(0, 0, 0)};
   EXPECT_EQ(ChooseNtpSample(u), 0u);
 }
 
@@ -533,9 +604,8 @@ TEST_F(NtpFakeClockTest, MultiSampleQueryTakesTheMedianWithTheReplyOfThatPositio
   b.offset = -1 * kSecond;
   c.offset = 2 * kSecond;
   FakeNtpServer server("127.0.0.16", std::vector{a, b, c});
-  Result r;
-  NtpTimes times{};
-  r.valid = NtpQueryWith(1, "127.0.0.16", r.delay, r.offset, r.error, 0, 0, r.request.data(), r.reply.data(), &times);
+  const Result r = Query("127.0.0.16", 0, true);
+  const NtpTimes& times = r.full.times;
   EXPECT_EQ(r.valid, 1);
   EXPECT_EQ(r.error, 0u);
   EXPECT_EQ(r.offset, 2 * kSecond);   // sorted: -1 s, +2 s, +3 s
@@ -549,12 +619,11 @@ TEST_F(NtpFakeClockTest, MultiSampleQueryTakesTheMedianWithTheReplyOfThatPositio
 
 TEST_F(NtpTest, MultiSampleQueryWithNoValidReplyGivesTheError) {
   FakeNtpServer server("127.0.0.19", std::vector{With(0, 4, 2, false), With(0, 4, 0, false), With(0, 4, 16, false)});
-  Result r;
-  r.valid = NtpQueryWith(1, "127.0.0.19", r.delay, r.offset, r.error, 0, 2000, r.request.data(), r.reply.data(), nullptr);
+  Result r = Query("127.0.0.19", 2000, true);
   EXPECT_EQ(r.valid, 1);   // the first was valid
   EXPECT_EQ(r.error, 0u);
   FakeNtpServer none("127.0.0.20", std::vector{With(3, 4, 2, false)});
-  r.valid = NtpQueryWith(1, "127.0.0.20", r.delay, r.offset, r.error, 0, 2000, r.request.data(), r.reply.data(), nullptr);
+  r = Query("127.0.0.20", 2000, true);
   EXPECT_EQ(r.valid, 0);
   EXPECT_EQ(r.error, 1901u);
   EXPECT_EQ(platform::LastSocketError(), 1901);

@@ -241,6 +241,12 @@ TEST(TimeConversions, ClampAndAbs) {
   EXPECT_EQ(AbsInt64(-7), 7);
   EXPECT_EQ(AbsInt64(7), 7);
   EXPECT_EQ(AbsInt64(INT64_MIN), INT64_MIN);
+  EXPECT_EQ(ClampUnixSeconds(-1), 0u);
+  EXPECT_EQ(ClampUnixSeconds(0), 0u);
+  EXPECT_EQ(ClampUnixSeconds(1'700'000'000), 1'700'000'000u);
+  EXPECT_EQ(ClampUnixSeconds(0x7FFFFFFF), 0x7FFFFFFFu);
+  EXPECT_EQ(ClampUnixSeconds(0x80000000LL), 0x7FFFFFFFu);
+  EXPECT_EQ(ClampUnixSeconds(INT64_MIN), 0u);
 }
 
 // ---- real-time brackets ----

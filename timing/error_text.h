@@ -3,9 +3,8 @@
 #pragma once
 #include <cstdint>
 
-inline constexpr std::int32_t kNtpErrorInvalidData = -1;    // the reply or request held invalid data
-inline constexpr std::int32_t kNtpErrorProtocol = -2;       // the reply was not a correct protocol response
-inline constexpr std::int32_t kNtpErrorClockNotSet = 1901;  // the server reports its own clock is not set
+#include "platform/error.h"
+
 
 char* SocketErrorText(std::uint32_t code, char* buf, std::uint32_t size);       // "Error %d: description"
 char* SocketErrorShortName(std::uint32_t code, char* buf, std::uint32_t size);  // a short name, or "Error %d"

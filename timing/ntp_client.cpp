@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -20,13 +21,13 @@
 
 namespace {
 
+constexpr std::size_t kReferenceIdOffset = 12;
 constexpr std::size_t kOriginateOffset = 24;
 constexpr std::size_t kReceiveOffset = 32;
 constexpr std::size_t kTransmitOffset = 40;
 constexpr std::uint8_t kRequestFirstByte = 0x0B;   // LI 0, version 1, mode 3 (client)
 constexpr std::uint8_t kModeServer = 4;
 constexpr std::uint8_t kLeapUnsynchronised = 3;
-constexpr int kWouldBlock = 10035;   // WSAEWOULDBLOCK
 constexpr double kFractionUnit = 2.3283064370807974e-10;              // 1 / 4,294,967,295 s
 constexpr double kUnitsPerFraction = 0.0023283064370807974;           // 10,000,000 / 4,294,967,295
 constexpr std::int64_t kSeconds1601To1970 = 11'644'473'600LL;
@@ -69,12 +70,19 @@ T TruncateClamped(double v) {
 }
 
 // The figures of a reply that passed validation.
-void ComputeFigures(const NtpTimes& t, std::uint32_t& delay_ms, std::int64_t& offset) {
+void ComputeFigures(NtpResult& r) {
+  const NtpTimes& t = r.times;
   const double theta = (NtpDifferenceSeconds(t.t2, t.t1) + NtpDifferenceSeconds(t.t3, t.t4)) / 2;
-  const double delta = NtpDifferenceSeconds(t.t4, t.t1) + NtpDifferenceSeconds(t.t3, t.t2);
-  offset = TruncateClamped<std::int64_t>(theta * 10'000'000.0);
-  delay_ms = TruncateClamped<std::uint32_t>(delta * 1000.0);  // a negative delay (bogus server stamps) reads 0
-  if (delay_ms == 1) delay_ms = 0;
+  r.delay_seconds = NtpDifferenceSeconds(t.t4, t.t1) + NtpDifferenceSeconds(t.t3, t.t2);
+  r.offset = TruncateClamped<std::int64_t>(theta * 10'000'000.0);
+  r.delay_ms = TruncateClamped<std::uint32_t>(r.delay_seconds * 1000.0);  // a negative delay (bogus server stamps) reads 0
+  if (r.delay_ms == 1) r.delay_ms = 0;
+}
+
+NtpResult Failed(std::uint32_t error) {
+  NtpResult r;
+  r.error = error;
+  return r;
 }
 
 // The receive: polls for up to the spin time, then blocks until the socket's receive time-out.
@@ -83,7 +91,7 @@ int ReceiveReply(platform::SocketHandle socket, std::uint8_t* reply) {
   const auto until = Clock::now() + std::chrono::microseconds(defaults::kNtpReceiveSpinUs);
   do {
     const int n = platform::ReceiveNow(socket, reply, kNtpReplySize);
-    if (n >= 0 || platform::LastSocketError() != kWouldBlock) return n;
+    if (n >= 0 || platform::LastSocketError() != platform::kWsaEwouldblock) return n;
   } while (Clock::now() < until);
   return platform::Receive(socket, reply, kNtpReplySize);
 }
@@ -96,84 +104,78 @@ bool ReplyIsValid(const std::uint8_t* reply) {
          stratum >= 1 && stratum <= 15;
 }
 
-int Exchange(const char* server, std::uint32_t& delay_ms, std::int64_t& offset, std::uint32_t& error,
-             std::uint32_t prebuilt_request, std::uint32_t timeout_ms, std::uint8_t* request, std::uint8_t* reply,
-             NtpTimes* times) {
-  std::array<std::uint8_t, kNtpPrebuiltRequestSize> request_scratch{};
-  std::array<std::uint8_t, kNtpReplySize> reply_scratch{};
-  if (!request) request = request_scratch.data();
-  if (!reply) reply = reply_scratch.data();
-  if (times) *times = NtpTimes{};
-
-  int result = 0;
-  {
-    RealTimeBrackets brackets;
-    SocketCloser socket;
-    [&] {
-      if (!server || !*server) {
-        error = kNtpErrorInvalidParameter;
-        return;
-      }
-      std::string host;
-      try {
-        host = server;
-      } catch (const std::bad_alloc&) {
-        error = kNtpErrorNoMemory;
-        return;
-      }
-      // "host:port" names the host alone: the port part is ignored.
-      if (const auto colon = host.find(':'); colon != std::string::npos) host.resize(colon);
-
-      platform::SocketAddressV4 to{};
-      socket.socket = OpenSocketTo(host.c_str(), to, "ntp", defaults::kNtpPort, platform::kSocketDatagram,
-                                   timeout_ms != 0 ? timeout_ms : defaults::kNtpTimeoutMs, defaults::kNtpLocalPort);
-      if (socket.socket == platform::kInvalidSocket) {
-        error = static_cast<std::uint32_t>(platform::LastSocketError());
-        return;
-      }
-      if (!prebuilt_request) {
-        std::memset(request, 0, kNtpRequestSize);
-        request[0] = kRequestFirstByte;
-      }
-      std::memset(reply, 0, kNtpReplySize);
-      const std::size_t request_size = prebuilt_request ? kNtpPrebuiltRequestSize : kNtpRequestSize;
-
-      const std::array<std::uint8_t, 8> t1 = BuildNtpTimestamp();
-      std::memcpy(request + kOriginateOffset, t1.data(), t1.size());
-      MarkActivity(kActivityNtpSend);
-      if (platform::SendTo(socket.socket, request, request_size, to) < 0) {
-        error = static_cast<std::uint32_t>(platform::LastSocketError());
-        return;
-      }
-      const int received = ReceiveReply(socket.socket, reply);
-      const std::array<std::uint8_t, 8> t4 = BuildNtpTimestamp();
-      MarkActivity(kActivityNtpReceived);
-      if (received < 0) {
-        error = static_cast<std::uint32_t>(platform::LastSocketError());
-        return;
-      }
-      result = NtpReadReply(reply, LoadNtpTimestamp(t1.data()), LoadNtpTimestamp(t4.data()), delay_ms, offset, error,
-                            times);
-    }();
+// One exchange inside the brackets: the socket and the name copy are released on every path
+// before the caller leaves the brackets.
+NtpResult ExchangeInBrackets(const NtpQueryOptions& o, std::uint8_t* request, std::uint8_t* reply) {
+  if (!o.server || !*o.server) return Failed(platform::kErrorInvalidParameter);
+  std::string host;
+  try {
+    host = o.server;
+  } catch (const std::bad_alloc&) {
+    return Failed(platform::kErrorNotEnoughMemory);
   }
-  platform::SetLastSocketError(static_cast<int>(error));
-  return result;
+  // "host:port" names the host alone: the port part is ignored.
+  if (const auto colon = host.find(':'); colon != std::string::npos) host.resize(colon);
+
+  platform::SocketAddressV4 to{};
+  SocketCloser socket;
+  socket.socket = OpenSocketTo(host.c_str(), to, "ntp", defaults::kNtpPort, platform::kSocketDatagram,
+                               o.timeout_ms != 0 ? o.timeout_ms : defaults::kNtpTimeoutMs, defaults::kNtpLocalPort);
+  if (socket.socket == platform::kInvalidSocket) return Failed(static_cast<std::uint32_t>(platform::LastSocketError()));
+  if (!o.prebuilt_request) {
+    std::memset(request, 0, kNtpRequestSize);
+    request[0] = kRequestFirstByte;
+  }
+  std::memset(reply, 0, kNtpReplySize);
+  const std::size_t request_size = o.prebuilt_request ? kNtpPrebuiltRequestSize : kNtpRequestSize;
+
+  const std::array<std::uint8_t, 8> t1 = BuildNtpTimestamp();
+  std::memcpy(request + kOriginateOffset, t1.data(), t1.size());
+  MarkActivity(kActivityNtpSend);
+  if (platform::SendTo(socket.socket, request, request_size, to) < 0)
+    return Failed(static_cast<std::uint32_t>(platform::LastSocketError()));
+  const int received = ReceiveReply(socket.socket, reply);
+  const std::array<std::uint8_t, 8> t4 = BuildNtpTimestamp();
+  MarkActivity(kActivityNtpReceived);
+  if (received < 0) return Failed(static_cast<std::uint32_t>(platform::LastSocketError()));
+  return NtpReadReply(reply, LoadNtpTimestamp(t1.data()), LoadNtpTimestamp(t4.data()));
 }
 
 }  // namespace
 
-int NtpReadReply(const std::uint8_t* reply, std::uint64_t t1, std::uint64_t t4, std::uint32_t& delay_ms,
-                 std::int64_t& offset, std::uint32_t& error, NtpTimes* times) {
-  g_last_leap.store(static_cast<std::uint8_t>(reply[0] >> 6), std::memory_order_relaxed);
+NtpResult NtpReadReply(const std::uint8_t* reply, std::uint64_t t1, std::uint64_t t4) {
+  NtpResult r;
+  r.replied = true;
+  r.leap = static_cast<std::uint8_t>(reply[0] >> 6);
+  r.stratum = reply[1];
+  std::memcpy(r.reference_id.data(), reply + kReferenceIdOffset, r.reference_id.size());
+  g_last_leap.store(r.leap, std::memory_order_relaxed);
   if (!ReplyIsValid(reply)) {
-    error = static_cast<std::uint32_t>(kNtpErrorClockNotSet);
-    return 0;
+    r.error = static_cast<std::uint32_t>(platform::kNtpErrorClockNotSet);
+    return r;
   }
-  const NtpTimes t{t1, LoadNtpTimestamp(reply + kReceiveOffset), LoadNtpTimestamp(reply + kTransmitOffset), t4};
-  if (times) *times = t;
-  ComputeFigures(t, delay_ms, offset);
-  error = 0;
-  return 1;
+  r.times = NtpTimes{t1, LoadNtpTimestamp(reply + kReceiveOffset), LoadNtpTimestamp(reply + kTransmitOffset), t4};
+  ComputeFigures(r);
+  r.valid = 1;
+  return r;
+}
+
+std::string NtpReferenceIdText(const NtpResult& result) {
+  const auto& id = result.reference_id;
+  if (result.stratum <= 1) {
+    std::string text;
+    for (std::size_t i = 0; i < id.size() && id[i]; ++i)
+      text += (id[i] >= 0x20 && id[i] < 0x7F) ? static_cast<char>(id[i]) : '.';
+    return text;
+  }
+  char dotted[16];
+  std::snprintf(dotted, sizeof dotted, "%u.%u.%u.%u", id[0], id[1], id[2], id[3]);
+  return dotted;
+}
+
+const char* NtpLeapText(std::uint8_t leap) {
+  static const char* const kNames[] = {"no warning", "last minute has 61 s", "last minute has 59 s", "not synchronised"};
+  return kNames[leap & 3];
 }
 
 std::uint64_t FileTimeToNtpTimestamp(std::uint64_t file_time) {
@@ -189,8 +191,12 @@ double NtpTimestampToSeconds(std::uint64_t timestamp) {
 }
 
 double NtpDifferenceSeconds(std::uint64_t later, std::uint64_t earlier) {
-  const auto d = static_cast<std::int64_t>(later - earlier);
-  return static_cast<double>(d >> 32) + static_cast<double>(static_cast<std::uint32_t>(d)) * kFractionUnit;
+  // The magnitude is converted and the sign applied after, so that a - b is exactly -(b - a).
+  const std::uint64_t forward = later - earlier;
+  const bool negative = static_cast<std::int64_t>(forward) < 0;
+  const std::uint64_t magnitude = negative ? 0 - forward : forward;
+  const double seconds = static_cast<double>(magnitude >> 32) + static_cast<double>(magnitude & 0xFFFFFFFFu) * kFractionUnit;
+  return negative ? -seconds : seconds;
 }
 
 std::uint64_t LoadNtpTimestamp(const std::uint8_t* p) {
@@ -221,7 +227,7 @@ int ResolveHostPort(const char* host, platform::SocketAddressV4& out, const char
   out.family = platform::kFamilyInet;
   out.port = port;
   if (!host) {
-    platform::SetLastSocketError(10014);  // WSAEFAULT: no host text at all
+    platform::SetLastSocketError(platform::kWsaEfault);  // no host text at all
     return 0;
   }
   int kind = 2;
@@ -254,13 +260,22 @@ platform::SocketHandle OpenSocketTo(const char* host, platform::SocketAddressV4&
   return s;
 }
 
-int NtpExchange(const char* server, std::uint32_t& delay_ms, std::int64_t& offset, std::uint32_t& error,
-                std::uint32_t prebuilt_request, std::uint32_t timeout_ms, std::uint8_t* request, std::uint8_t* reply) {
-  return Exchange(server, delay_ms, offset, error, prebuilt_request, timeout_ms, request, reply, nullptr);
+NtpResult NtpExchange(const NtpQueryOptions& options) {
+  std::array<std::uint8_t, kNtpPrebuiltRequestSize> request_scratch{};
+  std::array<std::uint8_t, kNtpReplySize> reply_scratch{};
+  std::uint8_t* request = options.request ? options.request : request_scratch.data();
+  std::uint8_t* reply = options.reply ? options.reply : reply_scratch.data();
+  NtpResult result;
+  {
+    RealTimeBrackets brackets;
+    result = ExchangeInBrackets(options, request, reply);
+  }
+  platform::SetLastSocketError(static_cast<int>(result.error));
+  return result;
 }
 
-std::size_t ChooseNtpSample(std::array<NtpSample, 3>& samples) {
-  std::stable_sort(samples.begin(), samples.end(), [](const NtpSample& a, const NtpSample& b) {
+std::size_t ChooseNtpSample(std::array<NtpResult, 3>& samples) {
+  std::stable_sort(samples.begin(), samples.end(), [](const NtpResult& a, const NtpResult& b) {
     if ((a.valid != 0) != (b.valid != 0)) return a.valid != 0;
     return static_cast<std::uint64_t>(AbsInt64(a.offset)) < static_cast<std::uint64_t>(AbsInt64(b.offset));
   });
@@ -273,36 +288,26 @@ std::size_t ChooseNtpSample(std::array<NtpSample, 3>& samples) {
   return 0;
 }
 
-int NtpQueryWith(std::uint32_t multi_sample, const char* server, std::uint32_t& delay_ms, std::int64_t& offset,
-                 std::uint32_t& error, std::uint32_t prebuilt_request, std::uint32_t timeout_ms, std::uint8_t* request,
-                 std::uint8_t* reply, NtpTimes* times) {
-  if (!multi_sample)
-    return Exchange(server, delay_ms, offset, error, prebuilt_request, timeout_ms, request, reply, times);
+NtpResult NtpQuery(const NtpQueryOptions& options) {
+  if (!options.multi_sample) return NtpExchange(options);
 
+  const std::size_t request_size = options.prebuilt_request ? kNtpPrebuiltRequestSize : kNtpRequestSize;
   std::array<std::array<std::uint8_t, kNtpPrebuiltRequestSize>, 3> requests{};
   std::array<std::array<std::uint8_t, kNtpReplySize>, 3> replies{};
-  std::array<NtpSample, 3> samples{};
+  std::array<NtpResult, 3> samples{};
   for (std::size_t i = 0; i < samples.size(); ++i) {
-    if (request) std::memcpy(requests[i].data(), request, prebuilt_request ? kNtpPrebuiltRequestSize : kNtpRequestSize);
-    auto& s = samples[i];
-    s.valid = Exchange(server, s.delay_ms, s.offset, s.error, prebuilt_request, timeout_ms, requests[i].data(),
-                       replies[i].data(), &s.times);
+    if (options.request) std::memcpy(requests[i].data(), options.request, request_size);
+    NtpQueryOptions one = options;
+    one.request = requests[i].data();
+    one.reply = replies[i].data();
+    samples[i] = NtpExchange(one);
     platform::Sleep(defaults::kNtpMultiSamplePauseMs);
   }
-  // The sort moves the figures; the reply handed back is the one made at the chosen position.
+  // The sort moves the figures; the request and reply handed back are those made at the chosen
+  // position.
   const std::size_t chosen = ChooseNtpSample(samples);
-  delay_ms = samples[chosen].delay_ms;
-  offset = samples[chosen].offset;
-  error = samples[chosen].error;
-  if (times) *times = samples[chosen].times;
-  if (request) std::memcpy(request, requests[chosen].data(), prebuilt_request ? kNtpPrebuiltRequestSize : kNtpRequestSize);
-  if (reply) std::memcpy(reply, replies[chosen].data(), kNtpReplySize);
-  platform::SetLastSocketError(static_cast<int>(error));
-  return samples[chosen].valid;
-}
-
-int NtpQuery(const char* server, std::uint32_t& delay_ms, std::int64_t& offset, std::uint32_t& error,
-             std::uint32_t prebuilt_request, std::uint32_t timeout_ms, std::uint8_t* request, std::uint8_t* reply) {
-  return NtpQueryWith(defaults::kNtpMultiSample ? 1 : 0, server, delay_ms, offset, error, prebuilt_request, timeout_ms,
-                      request, reply, nullptr);
+  if (options.request) std::memcpy(options.request, requests[chosen].data(), request_size);
+  if (options.reply) std::memcpy(options.reply, replies[chosen].data(), kNtpReplySize);
+  platform::SetLastSocketError(static_cast<int>(samples[chosen].error));
+  return samples[chosen];
 }

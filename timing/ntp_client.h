@@ -18,14 +18,14 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
+#include "config/defaults.h"
 #include "platform/net.h"
 
 inline constexpr std::size_t kNtpRequestSize = 48;          // a fresh request as sent
 inline constexpr std::size_t kNtpPrebuiltRequestSize = 68;  // a prebuilt request: room for key id and digest
 inline constexpr std::size_t kNtpReplySize = 68;            // the reply buffer
-inline constexpr std::uint32_t kNtpErrorInvalidParameter = 87;   // ERROR_INVALID_PARAMETER: no server name
-inline constexpr std::uint32_t kNtpErrorNoMemory = 8;            // ERROR_NOT_ENOUGH_MEMORY: the name copy failed
 
 // The four timestamps of one exchange as 64-bit NTP fixed-point values (seconds since 1900 in the
 // high half, fraction in the low half), host byte order: T1 sent and T4 received by this machine,
@@ -34,43 +34,54 @@ struct NtpTimes {
   std::uint64_t t1, t2, t3, t4;
 };
 
-// The figures of one exchange, as the multi-sample mode sorts them.
-struct NtpSample {
-  std::int32_t valid;
-  std::uint32_t delay_ms;
-  std::int64_t offset;      // 100-ns units, server minus local
-  std::uint32_t error;
-  NtpTimes times;
+// What a query asks. Only server is required; the rest have the product's defaults.
+struct NtpQueryOptions {
+  const char* server = nullptr;          // a host name or dotted address; a ":port" suffix is ignored
+  std::uint32_t timeout_ms = 0;          // receive time-out (ms); 0 means 2000
+  bool prebuilt_request = false;         // send *request as it stands (68 bytes, T1 written into it)
+  std::uint8_t* request = nullptr;       // 48 (68 when prebuilt) bytes: the request as sent; nullptr: scratch
+  std::uint8_t* reply = nullptr;         // 68 bytes: zero-filled, then the reply as received; nullptr: scratch
+  bool multi_sample = defaults::kNtpMultiSample;  // three exchanges 100 ms apart, the median by |offset| of the valid ones
 };
 
-// Asks server (a host name or dotted address; a ":port" suffix is ignored) for its time. The
-// time-out is in ms, 0 meaning 2000. request: 48 bytes, or 68 when prebuilt_request is nonzero, in
-// which case it is sent as it stands (with T1 written into it); otherwise a fresh request is built
-// there. reply: 68 bytes, zero-filled, then the reply as received. Either may be nullptr to use
-// scratch buffers. Returns 1 when the reply was valid and delay/offset were computed, else 0;
-// error (and the thread's last socket error) gets the code. Blocks for at most the time-out.
-int NtpQuery(const char* server, std::uint32_t& delay_ms, std::int64_t& offset, std::uint32_t& error,
-             std::uint32_t prebuilt_request, std::uint32_t timeout_ms, std::uint8_t* request, std::uint8_t* reply);
-// One request and reply: the same arguments and result as NtpQuery.
-int NtpExchange(const char* server, std::uint32_t& delay_ms, std::int64_t& offset, std::uint32_t& error,
-                std::uint32_t prebuilt_request, std::uint32_t timeout_ms, std::uint8_t* request, std::uint8_t* reply);
-// NtpQuery with the multi-sample mode given (0: one exchange; nonzero: three exchanges, 100 ms
-// apart, and the median by |offset| of the valid ones), and the chosen exchange's four timestamps
-// written to times when it is not nullptr (all 0 when no reply was received).
-int NtpQueryWith(std::uint32_t multi_sample, const char* server, std::uint32_t& delay_ms, std::int64_t& offset,
-                 std::uint32_t& error, std::uint32_t prebuilt_request, std::uint32_t timeout_ms, std::uint8_t* request,
-                 std::uint8_t* reply, NtpTimes* times);
+// What a query hands back. The reply's own fields are filled whenever a reply was received, valid
+// or refused (error 1901); the figures only when it was valid.
+struct NtpResult {
+  std::int32_t valid = 0;                // 1: the reply passed validation and the figures were computed
+  std::uint32_t delay_ms = 0;            // round-trip delay (ms), truncated; exactly 1 ms reads 0
+  std::int64_t offset = 0;               // 100-ns units, server minus local: positive when the local clock is behind
+  std::uint32_t error = 0;               // 0, a Winsock code, 87, 1901, or a system error code
+  bool replied = false;                  // a reply was received (valid, or refused with 1901)
+  std::uint8_t leap = 0;                 // the reply's leap indicator (0..3)
+  std::uint8_t stratum = 0;              // the reply's stratum (0 kiss-of-death, 1 primary, 2..15, 16 unsynchronised)
+  std::array<std::uint8_t, 4> reference_id{};  // the reply's reference identifier, bytes as sent
+  double delay_seconds = 0;              // the delay before truncation (s)
+  NtpTimes times{};                      // T1..T4 of a valid reply (all 0 otherwise)
+};
+
+// Asks options.server for its time: one exchange, or three with multi_sample (the product keeps
+// it off). Blocks for at most the time-out (three times over with
+// multi_sample). The error is also left as the thread's last socket error.
+NtpResult NtpQuery(const NtpQueryOptions& options);
+// One request and reply (multi_sample is not looked at).
+NtpResult NtpExchange(const NtpQueryOptions& options);
 
 // The receiving half of an exchange, given the reply (68 bytes) and this machine's T1 and T4 (NTP
-// timestamps, host order): keeps the leap indicator, validates the reply (else error 1901, result
-// 0) and computes delay and offset (error 0, result 1; times gets T1..T4 when not nullptr).
-int NtpReadReply(const std::uint8_t* reply, std::uint64_t t1, std::uint64_t t4, std::uint32_t& delay_ms,
-                 std::int64_t& offset, std::uint32_t& error, NtpTimes* times);
+// timestamps, host order): keeps the leap indicator, reads the reply's fields, validates it (else
+// error 1901, valid 0) and computes the figures (error 0, valid 1).
+NtpResult NtpReadReply(const std::uint8_t* reply, std::uint64_t t1, std::uint64_t t4);
+
+// The reference identifier as text: four characters at strata 0 and 1 (a kiss code or a clock's
+// name, unprintable bytes as '.'), the upstream server's dotted IPv4 address above.
+std::string NtpReferenceIdText(const NtpResult& result);
+// The leap indicator in words: "no warning", "last minute has 61 s", "last minute has 59 s",
+// "not synchronised".
+const char* NtpLeapText(std::uint8_t leap);
 
 // Multi-sample choice: sorts the three samples (valid before invalid, then by |offset|, smaller
 // first) and returns the chosen position 0..2: the median of three valid samples, the better of
 // two, the only one; with none valid, the last of positions 2 and 1 whose error is not 0, else 0.
-std::size_t ChooseNtpSample(std::array<NtpSample, 3>& samples);
+std::size_t ChooseNtpSample(std::array<NtpResult, 3>& samples);
 
 // The leap indicator (0..3) of the last reply received by any exchange.
 std::uint8_t NtpLastLeapIndicator();

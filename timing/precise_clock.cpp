@@ -65,6 +65,11 @@ std::array<BoostSlot, 10> g_boost_slots{};
 PreciseClockState& PreciseClockStateRef() { return g_state; }
 std::uint32_t PreciseClockThreadCount() { return g_thread_count.load(); }
 
+void PreciseClockStop() {
+  if (g_stop_event) platform::SetEvent(g_stop_event);
+  while (g_thread_count.load() != 0) platform::Sleep(1);
+}
+
 int PreciseClockStart(platform::EventHandle stop_event) {
   if (g_state.running.load() == 1) return 1;
   if (!g_nt_family.load()) return 0;
@@ -180,6 +185,10 @@ std::int64_t FileTimeToUnixSeconds(std::uint64_t file_time) {
 
 std::int64_t UnixSecondsToFileTime(std::uint32_t seconds) {
   return (static_cast<std::int64_t>(seconds) + 11'644'473'600LL) * 10'000'000LL;
+}
+
+std::uint32_t ClampUnixSeconds(std::int64_t seconds) {
+  return seconds < 0 ? 0u : seconds > 0x7FFFFFFF ? 0x7FFFFFFFu : static_cast<std::uint32_t>(seconds);
 }
 
 std::int32_t ClampToInt32(std::int64_t value) {

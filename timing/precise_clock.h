@@ -29,12 +29,14 @@ inline constexpr std::uint64_t kFileTimeOf1970 = 116444736000000000ULL;  // file
 extern std::atomic<bool> g_nt_family;
 
 int PreciseClockStart(platform::EventHandle stop_event);  // nonzero on success; stop_event may be nullptr (own auto-reset event)
+void PreciseClockStop();                                  // sets the stop event and returns once the calibration thread has ended
 std::uint64_t PreciseClockNow();                          // current UTC file time (100-ns since 1601)
 int PreciseClockGetSystemTime(platform::SystemTime& out); // precise UTC broken down; 1 on the fallback path
 int PreciseClockGetLocalTime(platform::SystemTime& out);  // precise local time broken down; 1 on the fallback path
 std::uint32_t PreciseClockUnixSeconds();                  // seconds since 1970; 0x7FFFFFFF before 1970 or past 2106
 std::int64_t FileTimeToUnixSeconds(std::uint64_t file_time);    // seconds since 1970, truncated toward zero
 std::int64_t UnixSecondsToFileTime(std::uint32_t seconds);      // file time (100-ns since 1601) of seconds since 1970
+std::uint32_t ClampUnixSeconds(std::int64_t seconds);     // seconds since 1970 kept within 0..0x7FFFFFFF (2038-01-19 03:14:07)
 std::int32_t ClampToInt32(std::int64_t value);            // saturates to [-2^31, 2^31-1]
 std::int64_t AbsInt64(std::int64_t value);                // |value|; the most negative value stays as it is
 

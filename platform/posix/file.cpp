@@ -31,21 +31,21 @@ namespace {
 std::uint32_t Win32Code(int err, bool path_missing = false) {
   switch (err) {
     case 0: return 0;
-    case ENOENT: return path_missing ? 3 : 2;
-    case ENOTDIR: return 3;
-    case EACCES: case EPERM: case EISDIR: return 5;
-    case EBADF: return 6;
-    case ENOMEM: return 8;
-    case EROFS: return 19;
-    case EEXIST: return 80;
-    case EINVAL: return 87;
-    case ENOSPC: case EDQUOT: return 112;
-    case EMFILE: case ENFILE: return 4;
-    case ENAMETOOLONG: return 206;
-    case EWOULDBLOCK: return 32;
-    case EIO: return 30;
-    case EFBIG: return 112;
-    default: return 31;
+    case ENOENT: return path_missing ? kErrorPathNotFound : kErrorFileNotFound;
+    case ENOTDIR: return kErrorPathNotFound;
+    case EACCES: case EPERM: case EISDIR: return kErrorAccessDenied;
+    case EBADF: return kErrorInvalidHandle;
+    case ENOMEM: return kErrorNotEnoughMemory;
+    case EROFS: return kErrorWriteProtect;
+    case EEXIST: return kErrorFileExists;
+    case EINVAL: return kErrorInvalidParameter;
+    case ENOSPC: case EDQUOT: return kErrorDiskFull;
+    case EMFILE: case ENFILE: return kErrorTooManyOpenFiles;
+    case ENAMETOOLONG: return kErrorPathTooLong;
+    case EWOULDBLOCK: return kErrorSharingViolation;
+    case EIO: return kErrorReadFault;
+    case EFBIG: return kErrorDiskFull;
+    default: return kErrorGenFailure;
   }
 }
 
@@ -72,7 +72,7 @@ FileHandle FileCreate(std::string_view path, std::uint32_t access, std::uint32_t
   int oflags = mode | O_CLOEXEC;
   if (disposition == kCreateAlways || disposition == kOpenAlways) oflags |= O_CREAT;
   else if (disposition != kOpenExisting) {
-    SetLastError(87);
+    SetLastError(kErrorInvalidParameter);
     return nullptr;
   }
   // No O_TRUNC here: CREATE_ALWAYS truncates only once the sharing check has passed.
@@ -85,13 +85,13 @@ FileHandle FileCreate(std::string_view path, std::uint32_t access, std::uint32_t
   struct stat st{};
   if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
     ::close(fd);
-    SetLastError(5);
+    SetLastError(kErrorAccessDenied);
     return nullptr;
   }
   if (::flock(fd, (share == 0 ? LOCK_EX : LOCK_SH) | LOCK_NB) != 0) {
     const int err = errno;
     ::close(fd);
-    SetLastError(err == EWOULDBLOCK ? 32 : Win32Code(err));
+    SetLastError(err == EWOULDBLOCK ? kErrorSharingViolation : Win32Code(err));
     return nullptr;
   }
   if (disposition == kCreateAlways && ::ftruncate(fd, 0) != 0) {
@@ -147,7 +147,7 @@ bool FileSeek(FileHandle file, std::int64_t distance, SeekFrom from, std::uint64
   const off_t at = ::lseek(file->fd, static_cast<off_t>(distance), whence);
   if (at < 0) {
     // Win32 names a move before the start of the file with its own code.
-    SetLastError(errno == EINVAL ? 131 : Win32Code(errno));
+    SetLastError(errno == EINVAL ? kErrorNegativeSeek : Win32Code(errno));
     return false;
   }
   if (position) *position = static_cast<std::uint64_t>(at);
@@ -208,7 +208,7 @@ bool TempFileName(std::string_view dir, std::string_view prefix, std::string& ou
     }
     if (errno != EEXIST) return Fail(errno, errno == ENOENT);
   }
-  SetLastError(80);
+  SetLastError(kErrorFileExists);
   return false;
 }
 
@@ -267,7 +267,7 @@ bool sys::OpenTextFileForUser(std::string_view path, const int* /*origin_xy*/) {
     const char* editor = std::getenv(var);
     if (editor && *editor && SpawnDetached({editor, native})) return true;
   }
-  if (LastError() == 0) SetLastError(2);
+  if (LastError() == 0) SetLastError(kErrorFileNotFound);
   return false;
 }
 

@@ -36,39 +36,38 @@ bool IsDatagram(int fd) {
 int WinsockCode(int err, bool datagram) {
   switch (err) {
     case 0: return 0;
-    case EINTR: return 10004;            // WSAEINTR
-    case EACCES: case EPERM: return 10013;   // WSAEACCES
-    case EFAULT: return 10014;           // WSAEFAULT
-    case EINVAL: return 10022;           // WSAEINVAL
-    case EMFILE: case ENFILE: return 10024;  // WSAEMFILE
-    case EWOULDBLOCK: return 10035;      // WSAEWOULDBLOCK (EAGAIN is the same value)
-    case EINPROGRESS: return 10036;      // WSAEINPROGRESS
-    case EALREADY: return 10037;         // WSAEALREADY
-    case EBADF: case ENOTSOCK: return 10038;  // WSAENOTSOCK
-    case EDESTADDRREQ: return 10039;     // WSAEDESTADDRREQ
-    case EMSGSIZE: return 10040;         // WSAEMSGSIZE
-    case EPROTOTYPE: return 10041;       // WSAEPROTOTYPE
-    case ENOPROTOOPT: return 10042;      // WSAENOPROTOOPT
-    case EPROTONOSUPPORT: return 10043;  // WSAEPROTONOSUPPORT
-    case EOPNOTSUPP: return 10045;       // WSAEOPNOTSUPP
-    case EAFNOSUPPORT: return 10047;     // WSAEAFNOSUPPORT
-    case EADDRINUSE: return 10048;       // WSAEADDRINUSE
-    case EADDRNOTAVAIL: return 10049;    // WSAEADDRNOTAVAIL
-    case ENETDOWN: return 10050;         // WSAENETDOWN
-    case ENETUNREACH: return 10051;      // WSAENETUNREACH
-    case ENETRESET: return 10052;        // WSAENETRESET
-    case ECONNABORTED: return 10053;     // WSAECONNABORTED
-    case ECONNRESET: return 10054;       // WSAECONNRESET
-    case ENOBUFS: case ENOMEM: return 10055;  // WSAENOBUFS
-    case EISCONN: return 10056;          // WSAEISCONN
-    case ENOTCONN: return 10057;         // WSAENOTCONN
-    case ESHUTDOWN: return 10058;        // WSAESHUTDOWN
-    case ETIMEDOUT: return 10060;        // WSAETIMEDOUT
-    case ECONNREFUSED: return datagram ? 10054 : 10061;
-    case EHOSTDOWN: return 10064;        // WSAEHOSTDOWN
-    case EHOSTUNREACH: return 10065;     // WSAEHOSTUNREACH
-    default: return 10022;
-  }
+    case EINTR: return kWsaEintr;
+    case EACCES: case EPERM: return kWsaEacces;
+    case EFAULT: return kWsaEfault;
+    case EINVAL: return kWsaEinval;
+    case EMFILE: case ENFILE: return kWsaEmfile;
+    case EWOULDBLOCK: return kWsaEwouldblock;  // EAGAIN is the same value
+    case EINPROGRESS: return kWsaEinprogress;
+    case EALREADY: return kWsaEalready;
+    case EBADF: case ENOTSOCK: return kWsaEnotsock;
+    case EDESTADDRREQ: return kWsaEdestaddrreq;
+    case EMSGSIZE: return kWsaEmsgsize;
+    case EPROTOTYPE: return kWsaEprototype;
+    case ENOPROTOOPT: return kWsaEnoprotoopt;
+    case EPROTONOSUPPORT: return kWsaEprotonosupport;
+    case EOPNOTSUPP: return kWsaEopnotsupp;
+    case EAFNOSUPPORT: return kWsaEafnosupport;
+    case EADDRINUSE: return kWsaEaddrinuse;
+    case EADDRNOTAVAIL: return kWsaEaddrnotavail;
+    case ENETDOWN: return kWsaEnetdown;
+    case ENETUNREACH: return kWsaEnetunreach;
+    case ENETRESET: return kWsaEnetreset;
+    case ECONNABORTED: return kWsaEconnaborted;
+    case ECONNRESET: return kWsaEconnreset;
+    case ENOBUFS: case ENOMEM: return kWsaEnobufs;
+    case EISCONN: return kWsaEisconn;
+    case ENOTCONN: return kWsaEnotconn;
+    case ESHUTDOWN: return kWsaEshutdown;
+    case ETIMEDOUT: return kWsaEtimedout;
+    case ECONNREFUSED: return datagram ? kWsaEconnreset : kWsaEconnrefused;
+    case EHOSTDOWN: return kWsaEhostdown;
+    case EHOSTUNREACH: return kWsaEhostunreach;
+    default: return kWsaEinval;}
 }
 
 int Fail(int err, bool datagram) {
@@ -87,14 +86,12 @@ sockaddr_in ToNative(const SocketAddressV4& a) {
 // getaddrinfo's failures as the Winsock lookup errors.
 int LookupCode(int eai) {
   switch (eai) {
-    case EAI_NONAME: return 11001;   // WSAHOST_NOT_FOUND
-    case EAI_AGAIN: return 11002;    // WSATRY_AGAIN
+    case EAI_NONAME: return kWsaHostNotFound;
+    case EAI_AGAIN: return kWsaTryAgain;
 #ifdef EAI_NODATA
-    case EAI_NODATA: return 11004;   // WSANO_DATA
+    case EAI_NODATA: return kWsaNoData;
 #endif
-    case EAI_ADDRFAMILY: return 11004;
-    case EAI_MEMORY: return 10055;
-    default: return 11003;           // WSANO_RECOVERY
+    case EAI_ADDRFAMILY: return kWsaNoData;case EAI_MEMORY: return kWsaEnobufs;default: return kWsaNoRecovery;
   }
 }
 

@@ -38,7 +38,7 @@ bool TryConsume(EventObject* e) {
 EventHandle CreateSyncEvent(bool manual_reset, bool initially_set) {
   int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   if (fd < 0) {
-    SetLastError(8);  // ERROR_NOT_ENOUGH_MEMORY
+    SetLastError(kErrorNotEnoughMemory);
     return nullptr;
   }
   auto* e = new EventObject;
@@ -49,7 +49,7 @@ EventHandle CreateSyncEvent(bool manual_reset, bool initially_set) {
 }
 
 bool SetEvent(EventHandle e) {
-  if (!e) return SetLastError(6), false;  // ERROR_INVALID_HANDLE
+  if (!e) return SetLastError(kErrorInvalidHandle), false;
   std::lock_guard lock(e->mutex);
   if (!e->set) {
     e->set = true;
@@ -59,7 +59,7 @@ bool SetEvent(EventHandle e) {
 }
 
 bool ResetEvent(EventHandle e) {
-  if (!e) return SetLastError(6), false;
+  if (!e) return SetLastError(kErrorInvalidHandle), false;
   std::lock_guard lock(e->mutex);
   if (e->set) {
     e->set = false;
@@ -75,10 +75,10 @@ void CloseEvent(EventHandle e) {
 }
 
 std::uint32_t WaitForAnyEvent(const EventHandle* events, std::uint32_t count, std::uint32_t timeout_ms) {
-  if (count == 0 || !events) return SetLastError(87), kWaitFailed;  // ERROR_INVALID_PARAMETER
+  if (count == 0 || !events) return SetLastError(kErrorInvalidParameter), kWaitFailed;
   std::vector<pollfd> fds(count);
   for (std::uint32_t i = 0; i < count; ++i) {
-    if (!events[i]) return SetLastError(6), kWaitFailed;
+    if (!events[i]) return SetLastError(kErrorInvalidHandle), kWaitFailed;
     fds[i] = {events[i]->fd, POLLIN, 0};
   }
   using Clock = std::chrono::steady_clock;
@@ -92,7 +92,7 @@ std::uint32_t WaitForAnyEvent(const EventHandle* events, std::uint32_t count, st
       if (left <= 0) return kWaitTimeout;
       wait = static_cast<int>(left);
     }
-    if (poll(fds.data(), fds.size(), wait) < 0 && errno != EINTR) return SetLastError(6), kWaitFailed;
+    if (poll(fds.data(), fds.size(), wait) < 0 && errno != EINTR) return SetLastError(kErrorInvalidHandle), kWaitFailed;
   }
 }
 

@@ -55,7 +55,7 @@ bool ApplyPriority(pthread_t th, int priority) {
   }
   int rc = pthread_setschedparam(th, policy, &param);
   if (rc != 0) {
-    SetLastError(5);  // ERROR_ACCESS_DENIED: carry on at normal priority
+    SetLastError(kErrorAccessDenied);  // carry on at normal priority
     return false;
   }
   return true;
@@ -79,14 +79,14 @@ ThreadHandle sys::CreateThreadSuspended(ThreadFunction fn, void* arg) {
   pthread_t th;
   if (pthread_create(&th, nullptr, Trampoline, handoff) != 0) {
     delete handoff;
-    SetLastError(8);
+    SetLastError(kErrorNotEnoughMemory);
     return nullptr;
   }
   return new ThreadObject{th, state};
 }
 
 bool ResumeThread(ThreadHandle t) {
-  if (!t) return SetLastError(6), false;
+  if (!t) return SetLastError(kErrorInvalidHandle), false;
   {
     std::lock_guard lock(t->state->mutex);
     t->state->resumed = true;
@@ -96,7 +96,7 @@ bool ResumeThread(ThreadHandle t) {
 }
 
 bool sys::SetThreadPriority(ThreadHandle t, int priority) {
-  if (!t) return SetLastError(6), false;
+  if (!t) return SetLastError(kErrorInvalidHandle), false;
   return ApplyPriority(t->thread, priority);
 }
 
@@ -139,7 +139,7 @@ std::uint32_t sys::ProcessorCount() {
 bool sys::GetProcessAffinityMask(std::uint64_t& mask) {
   cpu_set_t set;
   CPU_ZERO(&set);
-  if (sched_getaffinity(0, sizeof set, &set) != 0) return SetLastError(5), false;
+  if (sched_getaffinity(0, sizeof set, &set) != 0) return SetLastError(kErrorAccessDenied), false;
   mask = 0;
   for (int i = 0; i < 64; ++i)
     if (CPU_ISSET(i, &set)) mask |= std::uint64_t{1} << i;
@@ -151,7 +151,7 @@ bool sys::SetCurrentThreadAffinityMask(std::uint64_t mask) {
   CPU_ZERO(&set);
   for (int i = 0; i < 64; ++i)
     if (mask & (std::uint64_t{1} << i)) CPU_SET(i, &set);
-  if (pthread_setaffinity_np(pthread_self(), sizeof set, &set) != 0) return SetLastError(87), false;
+  if (pthread_setaffinity_np(pthread_self(), sizeof set, &set) != 0) return SetLastError(kErrorInvalidParameter), false;
   return true;
 }
 

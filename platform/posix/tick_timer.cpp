@@ -43,7 +43,7 @@ TickTimerHandle sys::CreateTickTimer() {
 }
 
 bool sys::ArmTickTimer(TickTimerHandle t, std::uint32_t period_ms, TickCallback callback) {
-  if (!t || !callback) return SetLastError(6), false;
+  if (!t || !callback) return SetLastError(kErrorInvalidHandle), false;
   // Windows timers expire at clock interrupts, so the first callback after a tick sees the new
   // system time at once. Linux timers are not tied to the tick; phase-lock the expiries to the
   // tick instead: CLOCK_MONOTONIC_COARSE holds the last tick's instant, and expiries fall a short
@@ -57,7 +57,7 @@ bool sys::ArmTickTimer(TickTimerHandle t, std::uint32_t period_ms, TickCallback 
   setting.it_interval.tv_nsec = static_cast<long>(period_ns % 1'000'000'000);
   setting.it_value.tv_sec = static_cast<time_t>(first_ns / 1'000'000'000);
   setting.it_value.tv_nsec = static_cast<long>(first_ns % 1'000'000'000);
-  if (timerfd_settime(t->fd, TFD_TIMER_ABSTIME, &setting, nullptr) != 0) return SetLastError(87), false;
+  if (timerfd_settime(t->fd, TFD_TIMER_ABSTIME, &setting, nullptr) != 0) return SetLastError(kErrorInvalidParameter), false;
   t->callback = callback;
   t_armed = t;
   return true;
@@ -79,7 +79,7 @@ void sys::CloseTickTimer(TickTimerHandle t) {
 }
 
 std::uint32_t sys::WaitForEventAlertable(EventHandle event, std::uint32_t timeout_ms) {
-  if (!event) return SetLastError(6), kWaitFailed;
+  if (!event) return SetLastError(kErrorInvalidHandle), kWaitFailed;
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
@@ -92,7 +92,7 @@ std::uint32_t sys::WaitForEventAlertable(EventHandle event, std::uint32_t timeou
       wait = static_cast<int>(left);
     }
     int n = poll(fds, 2, wait);
-    if (n < 0 && errno != EINTR) return SetLastError(6), kWaitFailed;
+    if (n < 0 && errno != EINTR) return SetLastError(kErrorInvalidHandle), kWaitFailed;
     if (n > 0 && (fds[1].revents & POLLIN) && t_armed) {
       std::uint64_t expirations;
       if (read(t_armed->fd, &expirations, sizeof expirations) == sizeof expirations) {

@@ -13,10 +13,9 @@ namespace {
 // the next receive; the POSIX backend does the same instead of waiting out the time-out. (Wine
 // passes no ICMP errors to such sockets, so this is not asserted for the Windows build.)
 TEST(NetPosix, UnreachablePortIsReportedAsWinsockDoesForUdp) {
-  std::uint32_t delay = 0, error = 0;
-  std::int64_t offset = 0;
-  EXPECT_EQ(NtpQuery("127.0.0.60", delay, offset, error, 0, 2000, nullptr, nullptr), 0);
-  EXPECT_EQ(error, 10054u);   // nothing listens on 127.0.0.60:123
+  const NtpResult r = NtpQuery({.server = "127.0.0.60", .timeout_ms = 2000});
+  EXPECT_EQ(r.valid, 0);
+  EXPECT_EQ(r.error, 10054u);   // nothing listens on 127.0.0.60:123
 }
 
 TEST(NetPosix, ReceiveTimeoutIs10060) {
