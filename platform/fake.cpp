@@ -36,6 +36,7 @@ struct FakeState {
   bool viewer_placed = false;
   int viewer_x = 0, viewer_y = 0;
   std::function<void()> on_next_read;
+  std::function<void()> on_next_counter_read;
   int fail_lookup = 0, fail_socket = 0, fail_send = 0;
 };
 
@@ -82,6 +83,7 @@ bool Active() { return On(); }
 void SetSystemTime(std::uint64_t t) { Locked([&](FakeState& s) { s.system_time = t; return 0; }); }
 void AdvanceSystemTime(std::int64_t u) { Locked([&](FakeState& s) { s.system_time += static_cast<std::uint64_t>(u); return 0; }); }
 void OnNextSystemTimeRead(std::function<void()> a) { Locked([&](FakeState& s) { s.on_next_read = std::move(a); return 0; }); }
+void OnNextCounterRead(std::function<void()> a) { Locked([&](FakeState& s) { s.on_next_counter_read = std::move(a); return 0; }); }
 void SetCounter(std::int64_t t) { Locked([&](FakeState& s) { s.counter = t; return 0; }); }
 void AdvanceCounter(std::int64_t t) { Locked([&](FakeState& s) { s.counter += t; return 0; }); }
 void SetFrequency(std::int64_t hz) { Locked([&](FakeState& s) { s.frequency = hz; return 0; }); }
@@ -148,6 +150,8 @@ std::uint64_t FineWallTimeAsFileTime() {
 }
 bool PerformanceCounter(std::int64_t& ticks) {
   if (!On()) return sys::PerformanceCounter(ticks);
+  auto action = Locked([](FakeState& s) { return std::exchange(s.on_next_counter_read, nullptr); });
+  if (action) action();
   return Locked([&](FakeState& s) {
     if (s.fail_counter) return false;
     ticks = s.counter;

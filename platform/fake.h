@@ -21,6 +21,8 @@ void AdvanceSystemTime(std::int64_t units);    // moves the system time by units
 // Runs action once, inside the next system-time read (after the reader has started, before it returns):
 // lets a test put a clock tick in the middle of a read.
 void OnNextSystemTimeRead(std::function<void()> action);
+// The same inside the next counter read (before the value is taken).
+void OnNextCounterRead(std::function<void()> action);
 void SetCounter(std::int64_t ticks);           // performance counter (Enable: 1,000,000)
 void AdvanceCounter(std::int64_t ticks);
 void SetFrequency(std::int64_t hz);            // counter frequency (Enable: 10,000,000)

@@ -104,7 +104,7 @@ TEST_F(PreciseClock, ReadWithCounterBelowAMovedBaselineAddsNothing) {
   Tick(kT0, 1'000);
   platform::fake::SetCounter(3'000);
   // During the read, after it noted the baseline, a tick moves the baseline past its counter.
-  platform::fake::OnNextSystemTimeRead([] {
+  platform::fake::OnNextCounterRead([] {
     Tick(kT0 + 156'250, 5'000);
     platform::fake::SetCounter(3'000);
   });

@@ -5,10 +5,13 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cmath>
 
+#include "platform/posix/tick_phase.h"
 #include "platform/sys.h"
 
 namespace platform {
@@ -16,6 +19,13 @@ namespace {
 
 constexpr std::uint64_t kUnixEpochFileTime = 116444736000000000ULL;
 std::atomic<WallClock> g_mode{WallClock::Fine};
+std::atomic<long long> g_coarse_lag_ns{-1};   // the coarse clock's constant lateness; -1 not measured yet
+
+long long NowNs(clockid_t id) {
+  timespec ts{};
+  clock_gettime(id, &ts);
+  return ts.tv_sec * 1'000'000'000LL + ts.tv_nsec;
+}
 
 std::uint64_t Read(clockid_t id) {
   timespec ts{};
@@ -26,11 +36,39 @@ std::uint64_t Read(clockid_t id) {
 
 }  // namespace
 
-void SetWallClockMode(WallClock mode) { g_mode.store(mode); }
+int posix::MeasureCoarseSteps(int steps, std::span<long long> out) {
+  int n = 0;
+  long long last = NowNs(CLOCK_MONOTONIC_COARSE);
+  const long long give_up = NowNs(CLOCK_MONOTONIC) + 100'000'000;
+  while (n < steps && static_cast<std::size_t>(n) < out.size()) {
+    const long long coarse = NowNs(CLOCK_MONOTONIC_COARSE);
+    const long long fine = NowNs(CLOCK_MONOTONIC);
+    if (coarse != last) {
+      out[static_cast<std::size_t>(n++)] = fine - coarse;
+      last = coarse;
+    }
+    if (fine > give_up) break;
+  }
+  if (n > 0) SetCoarseClockLag(CoarseLagFromLags(out.first(static_cast<std::size_t>(n))));
+  return n;
+}
+
+void posix::SetCoarseClockLag(long long lag_ns) { g_coarse_lag_ns.store(lag_ns, std::memory_order_relaxed); }
+
+// Coarse mode makes up the coarse clock's constant lateness (measured once, and again by the tick
+// timer), so that the system time steps to the time of each tick as Windows system time does.
+void SetWallClockMode(WallClock mode) {
+  if (mode == WallClock::Coarse && g_coarse_lag_ns.load() < 0) {
+    std::array<long long, posix::kTickLagSamples> lags{};
+    if (posix::MeasureCoarseSteps(posix::kTickLagSamples, lags) == 0) posix::SetCoarseClockLag(0);
+  }
+  g_mode.store(mode);
+}
 WallClock GetWallClockMode() { return g_mode.load(); }
 
 std::uint64_t sys::SystemTimeAsFileTime() {
-  return Read(g_mode.load(std::memory_order_relaxed) == WallClock::Coarse ? CLOCK_REALTIME_COARSE : CLOCK_REALTIME);
+  if (g_mode.load(std::memory_order_relaxed) == WallClock::Fine) return Read(CLOCK_REALTIME);
+  return Read(CLOCK_REALTIME_COARSE) + static_cast<std::uint64_t>(std::max(0LL, g_coarse_lag_ns.load(std::memory_order_relaxed))) / 100;
 }
 std::uint64_t sys::FineWallTimeAsFileTime() { return Read(CLOCK_REALTIME); }
 

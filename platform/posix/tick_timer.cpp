@@ -4,6 +4,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -12,6 +13,7 @@
 #include "platform/clock.h"
 #include "platform/error.h"
 #include "platform/posix/event.h"
+#include "platform/posix/tick_phase.h"
 #include "platform/sys.h"
 
 namespace platform {
@@ -19,20 +21,56 @@ namespace platform {
 struct TickTimerObject {
   int fd = -1;
   TickCallback callback = nullptr;
+  long long period_ns = 0;
+  long long lead_ns = 0;             // expiries fall this long after each clock tick
+  posix::TickPhaseWatch watch;
 };
 
 namespace {
-// How long after a clock tick the timer fires: enough for the tick to have updated the coarse
-// clock, little enough that the baseline is taken close to the tick.
-long long TickLeadNs() {
+
+long long Now(clockid_t id) {
+  timespec ts{};
+  clock_gettime(id, &ts);
+  return ts.tv_sec * 1'000'000'000LL + ts.tv_nsec;
+}
+
+// A fixed lead (us) from CHRONWARDEN_TICK_LEAD_US turns the measurement off; -1 when unset.
+long long FixedLeadNs() {
   static const long long lead = [] {
     const char* env = std::getenv("CHRONWARDEN_TICK_LEAD_US");
-    return (env ? std::atoll(env) : 150) * 1000;
+    return env ? std::atoll(env) * 1000 : -1;
   }();
   return lead;
 }
-thread_local TickTimerObject* t_armed = nullptr;  // the timer this thread armed; its callbacks run here
+
+// The lead from `steps` freshly timed steps of the coarse clock (which also update the coarse
+// system time's correction), or the fixed lead.
+long long MeasureLead(long long period_ns, int steps) {
+  if (FixedLeadNs() >= 0) return FixedLeadNs();
+  std::array<long long, posix::kTickLagSamples> lags{};
+  const int n = posix::MeasureCoarseSteps(steps, lags);
+  return posix::TickLeadFromLags(std::span(lags.data(), static_cast<std::size_t>(n)), period_ns);
 }
+
+// Sets the expiries a lead after the clock ticks: CLOCK_MONOTONIC_COARSE holds the last tick's
+// instant, and the timer fires a period and the lead after it, then every period (which keeps the
+// phase for HZ 100, 250 and 1000).
+bool SetPhase(TickTimerObject* t) {
+  const long long first_ns = Now(CLOCK_MONOTONIC_COARSE) + t->period_ns + t->lead_ns;
+  itimerspec setting{};
+  setting.it_interval.tv_sec = static_cast<time_t>(t->period_ns / 1'000'000'000);
+  setting.it_interval.tv_nsec = static_cast<long>(t->period_ns % 1'000'000'000);
+  setting.it_value.tv_sec = static_cast<time_t>(first_ns / 1'000'000'000);
+  setting.it_value.tv_nsec = static_cast<long>(first_ns % 1'000'000'000);
+  if (timerfd_settime(t->fd, TFD_TIMER_ABSTIME, &setting, nullptr) != 0) return false;
+  t->watch.Reset(t->lead_ns, t->period_ns);
+  return true;
+}
+
+thread_local TickTimerObject* t_armed = nullptr;  // the timer this thread armed; its callbacks run here
+
+}  // namespace
+
 
 TickTimerHandle sys::CreateTickTimer() {
   int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
@@ -46,18 +84,10 @@ bool sys::ArmTickTimer(TickTimerHandle t, std::uint32_t period_ms, TickCallback 
   if (!t || !callback) return SetLastError(kErrorInvalidHandle), false;
   // Windows timers expire at clock interrupts, so the first callback after a tick sees the new
   // system time at once. Linux timers are not tied to the tick; phase-lock the expiries to the
-  // tick instead: CLOCK_MONOTONIC_COARSE holds the last tick's instant, and expiries fall a short
-  // lead after it (and every period_ms after that, which keeps the phase for HZ 100, 250 and 1000).
-  timespec tick{};
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &tick);
-  const long long period_ns = static_cast<long long>(period_ms) * 1'000'000;
-  const long long first_ns = tick.tv_sec * 1'000'000'000LL + tick.tv_nsec + period_ns + TickLeadNs();
-  itimerspec setting{};
-  setting.it_interval.tv_sec = static_cast<time_t>(period_ns / 1'000'000'000);
-  setting.it_interval.tv_nsec = static_cast<long>(period_ns % 1'000'000'000);
-  setting.it_value.tv_sec = static_cast<time_t>(first_ns / 1'000'000'000);
-  setting.it_value.tv_nsec = static_cast<long>(first_ns % 1'000'000'000);
-  if (timerfd_settime(t->fd, TFD_TIMER_ABSTIME, &setting, nullptr) != 0) return SetLastError(kErrorInvalidParameter), false;
+  // tick instead, a measured lead after it (platform/posix/tick_phase.h).
+  t->period_ns = static_cast<long long>(period_ms) * 1'000'000;
+  t->lead_ns = MeasureLead(t->period_ns, posix::kTickLagSamples);
+  if (!SetPhase(t)) return SetLastError(kErrorInvalidParameter), false;
   t->callback = callback;
   t_armed = t;
   return true;
@@ -98,6 +128,10 @@ std::uint32_t sys::WaitForEventAlertable(EventHandle event, std::uint32_t timeou
       if (read(t_armed->fd, &expirations, sizeof expirations) == sizeof expirations) {
         std::uint64_t now = SystemTimeAsFileTime();
         t_armed->callback(static_cast<std::uint32_t>(now), static_cast<std::uint32_t>(now >> 32));
+        if (FixedLeadNs() < 0 && t_armed->watch.Observe(Now(CLOCK_MONOTONIC), Now(CLOCK_MONOTONIC_COARSE))) {
+          t_armed->lead_ns = MeasureLead(t_armed->period_ns, posix::kTickLagResamples);
+          SetPhase(t_armed);
+        }
         return kWaitIoCompletion;
       }
     }
