@@ -55,8 +55,9 @@ int posix::MeasureCoarseSteps(int steps, std::span<long long> out) {
 
 void posix::SetCoarseClockLag(long long lag_ns) { g_coarse_lag_ns.store(lag_ns, std::memory_order_relaxed); }
 
-// Coarse mode makes up the coarse clock's constant lateness (measured once, and again by the tick
-// timer), so that the system time steps to the time of each tick as Windows system time does.
+// Coarse mode makes up the coarse clock's usual lateness (measured once, and again by the tick
+// timer), so that the system time steps to the time of each tick as Windows system time does, and
+// never beyond the time now.
 void SetWallClockMode(WallClock mode) {
   if (mode == WallClock::Coarse && g_coarse_lag_ns.load() < 0) {
     std::array<long long, posix::kTickLagSamples> lags{};
@@ -68,7 +69,11 @@ WallClock GetWallClockMode() { return g_mode.load(); }
 
 std::uint64_t sys::SystemTimeAsFileTime() {
   if (g_mode.load(std::memory_order_relaxed) == WallClock::Fine) return Read(CLOCK_REALTIME);
-  return Read(CLOCK_REALTIME_COARSE) + static_cast<std::uint64_t>(std::max(0LL, g_coarse_lag_ns.load(std::memory_order_relaxed))) / 100;
+  // A step that became visible sooner than usual (the kernel updates its clocks off the tick too,
+  // when a processor leaves idle) would be made up beyond now: a tick clock never shows the future.
+  const std::uint64_t made_up =
+      Read(CLOCK_REALTIME_COARSE) + static_cast<std::uint64_t>(std::max(0LL, g_coarse_lag_ns.load(std::memory_order_relaxed))) / 100;
+  return std::min(made_up, Read(CLOCK_REALTIME));
 }
 std::uint64_t sys::FineWallTimeAsFileTime() { return Read(CLOCK_REALTIME); }
 

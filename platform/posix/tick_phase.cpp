@@ -32,21 +32,19 @@ void TickPhaseWatch::Reset(long long lead_ns, long long period_ns) {
   period_ns_ = period_ns;
 }
 
-bool TickPhaseWatch::Observe(long long fine_ns, long long coarse_ns) {
+TickPhaseWatch::Verdict TickPhaseWatch::Observe(long long fine_ns, long long coarse_ns) {
   const bool stepped = last_coarse_ >= 0 && coarse_ns != last_coarse_;
   last_coarse_ = coarse_ns;
-  if (!stepped) return false;
+  if (!stepped) return kKeep;
   // The first expiry after a visible step is due at the lead; one a whole period later means the
   // expiry at the lead still saw the old time.
   if (fine_ns - coarse_ns > lead_ns_ + period_ns_ / 2) ++missed_;
-  if (++steps_ < kTickWatchWindow) return false;
+  if (++steps_ < kTickWatchWindow) return kKeep;
   const bool late = missed_ * 100 > steps_;
   steps_ = missed_ = 0;
-  if (late || ++windows_ >= kTickWatchRefreshWindows) {
-    windows_ = 0;
-    return true;
-  }
-  return false;
+  if (late) return windows_ = 0, kLate;
+  if (++windows_ >= kTickWatchRefreshWindows) return windows_ = 0, kRefresh;
+  return kKeep;
 }
 
 }  // namespace platform::posix

@@ -17,8 +17,7 @@
 namespace platform::posix {
 
 inline constexpr int kTickLagSamples = 8;                  // steps timed when the timer is armed
-inline constexpr int kTickLagResamples = 4;                // steps timed when measuring again
-inline constexpr long long kTickLeadMarginNs = 30'000;     // added to the measured lag
+inline constexpr long long kTickLeadMarginNs = 60'000;     // added to the measured lag
 inline constexpr long long kTickLeadMinNs = 20'000;
 inline constexpr long long kTickLeadFallbackNs = 150'000;  // when no step could be timed
 inline constexpr int kTickWatchWindow = 256;               // steps per verdict while running
@@ -44,11 +43,13 @@ void SetCoarseClockLag(long long lag_ns);
 // Watches the timer's expiries while it runs and says when the phase should be measured again.
 class TickPhaseWatch {
  public:
+  enum Verdict { kKeep, kLate, kRefresh };
   void Reset(long long lead_ns, long long period_ns);
-  // One expiry: the fine monotonic time and the coarse monotonic clock's value then. True when the
-  // lead should be measured again: more than 1 in 100 steps of the last window were first seen an
-  // expiry too late (the step became visible after the lead), or the refresh is due.
-  bool Observe(long long fine_ns, long long coarse_ns);
+  // One expiry: the fine monotonic time and the coarse monotonic clock's value then. kLate when
+  // more than 1 in 100 steps of the last window were first seen an expiry too late (the step
+  // became visible after the lead): measure again and do not go below the lead plus the margin.
+  // kRefresh when the periodic measurement is due (the lead may then shrink); else kKeep.
+  Verdict Observe(long long fine_ns, long long coarse_ns);
   int missed() const { return missed_; }
 
  private:

@@ -4,6 +4,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -128,8 +129,14 @@ std::uint32_t sys::WaitForEventAlertable(EventHandle event, std::uint32_t timeou
       if (read(t_armed->fd, &expirations, sizeof expirations) == sizeof expirations) {
         std::uint64_t now = SystemTimeAsFileTime();
         t_armed->callback(static_cast<std::uint32_t>(now), static_cast<std::uint32_t>(now >> 32));
-        if (FixedLeadNs() < 0 && t_armed->watch.Observe(Now(CLOCK_MONOTONIC), Now(CLOCK_MONOTONIC_COARSE))) {
-          t_armed->lead_ns = MeasureLead(t_armed->period_ns, posix::kTickLagResamples);
+        const auto verdict =
+            FixedLeadNs() < 0 ? t_armed->watch.Observe(Now(CLOCK_MONOTONIC), Now(CLOCK_MONOTONIC_COARSE))
+                              : posix::TickPhaseWatch::kKeep;
+        if (verdict != posix::TickPhaseWatch::kKeep) {
+          const long long measured = MeasureLead(t_armed->period_ns, posix::kTickLagSamples);
+          t_armed->lead_ns = verdict == posix::TickPhaseWatch::kLate
+                                 ? std::max(measured, t_armed->lead_ns + posix::kTickLeadMarginNs)
+                                 : measured;
           SetPhase(t_armed);
         }
         return kWaitIoCompletion;

@@ -19,7 +19,7 @@ TEST(TickLead, SecondLargestLagPlusTheMargin) {
 
 TEST(TickLead, KeepsALagBeyondThePeriodAndStaysAboveTheMinimum) {
   // A coarse clock whose steps show an instant 3.1 ms past: the lead keeps it (its phase places
-  // the 1 ms expiries) and the smallest lag is the clock's own lateness.
+  // the 1 ms expiries) and the usual (median) lag is the clock's own lateness.
   const std::vector<long long> late{3'090 * kUs, 3'110 * kUs, 3'100 * kUs, 400 * kUs, 3'087 * kUs};
   EXPECT_EQ(TickLeadFromLags(late, kMs), 3'100 * kUs + kTickLeadMarginNs);
   EXPECT_EQ(CoarseLagFromLags(late), 3'090 * kUs);   // one step seen early does not move it
@@ -34,6 +34,8 @@ TEST(TickLead, KeepsALagBeyondThePeriodAndStaysAboveTheMinimum) {
 }
 
 // Steps at 4 ms (HZ 250) seen by expiries every 1 ms at the lead after each tick.
+TickPhaseWatch::Verdict last_verdict = TickPhaseWatch::kKeep;
+
 void Feed(TickPhaseWatch& w, int ticks, long long lead, int late_every, bool& asked) {
   static long long tick = 1'000 * kMs;
   for (int i = 0; i < ticks; ++i) {
@@ -42,7 +44,8 @@ void Feed(TickPhaseWatch& w, int ticks, long long lead, int late_every, bool& as
     for (int k = 0; k < 4; ++k) {
       const long long at = tick + lead + k * kMs;
       const long long coarse = (late && k == 0) ? tick - 4 * kMs : tick;   // the step not yet visible
-      asked = w.Observe(at, coarse) || asked;
+      const auto verdict = w.Observe(at, coarse);
+      if (verdict != TickPhaseWatch::kKeep) asked = true, last_verdict = verdict;
     }
   }
 }
@@ -54,7 +57,8 @@ TEST(TickPhaseWatch, StepsSeenAtTheLeadNeedNoNewMeasurementUntilTheRefresh) {
   Feed(w, kTickWatchWindow * (kTickWatchRefreshWindows - 1), 100 * kUs, 0, asked);
   EXPECT_FALSE(asked);
   Feed(w, kTickWatchWindow + 1, 100 * kUs, 0, asked);
-  EXPECT_TRUE(asked);   // the refresh
+  EXPECT_TRUE(asked);
+  EXPECT_EQ(last_verdict, TickPhaseWatch::kRefresh);
 }
 
 TEST(TickPhaseWatch, StepsSeenAnExpiryLateAskForANewMeasurement) {
@@ -63,6 +67,7 @@ TEST(TickPhaseWatch, StepsSeenAnExpiryLateAskForANewMeasurement) {
   bool asked = false;
   Feed(w, kTickWatchWindow + 1, 100 * kUs, 50, asked);   // 2 % of the steps late
   EXPECT_TRUE(asked);
+  EXPECT_EQ(last_verdict, TickPhaseWatch::kLate);
   TickPhaseWatch quiet;
   quiet.Reset(100 * kUs, kMs);
   asked = false;
