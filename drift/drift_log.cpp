@@ -49,6 +49,50 @@ bool Fail(DriftLog& log, std::uint32_t code) {
   return false;
 }
 
+// Takes a whole file's contents of `size` bytes, which `read(into, size)` puts into the records, as
+// the snapshot: validated (a size that is not whole records, a record of a wrong version or check
+// time: 87), the average interval worked out, and the view moved to the newest records when it
+// follows them. An unchanged size keeps what the last load took.
+template <typename Read>
+bool TakeContents(DriftLog& log, std::uint64_t size, Read read) {
+  if (size % kDriftRecordSize != 0) return Fail(log, platform::kErrorInvalidParameter);
+  // A drift file holds at most a little over 16,384 records; anything near 4 GB cannot be held.
+  if (size > 0xFFFFFFFFull - kDriftRecordSize) return Fail(log, platform::kErrorNotEnoughMemory);
+  if (size == log.loaded_size) {
+    log.last_error = 0;
+    platform::SetLastError(0);
+    return true;
+  }
+
+  log.changed = true;
+  log.records.reset();
+  log.point_cache = {};
+  log.loaded_size = static_cast<std::uint32_t>(size);
+  log.record_count = log.loaded_size / kDriftRecordSize;
+  log.average_interval = 0;
+  log.records.reset(new (std::nothrow) DriftRecord[log.record_count + 1]());
+  if (!log.records) return Fail(log, platform::kErrorNotEnoughMemory);
+
+  if (!read(log.records.get(), log.loaded_size)) return false;
+
+  std::uint32_t sum = 0;
+  for (std::uint32_t i = 0; i < log.record_count; ++i) {
+    if (!DriftRecordValid(log.records[i])) return Fail(log, platform::kErrorInvalidParameter);
+    if (i > 0) sum += log.records[i].check_time - log.records[i - 1].check_time;   // wraps, as unsigned
+  }
+  if (log.record_count >= 2) log.average_interval = sum / (log.record_count - 1);
+
+  if (log.follow_newest) {
+    const std::uint32_t page = defaults::kDriftRecordsPerScreen;
+    log.per_screen = log.record_count < page ? log.record_count : page;
+    log.first_shown = log.record_count < page ? 0 : log.record_count - page;
+    log.end_shown = log.first_shown + log.per_screen;
+  }
+  log.last_error = 0;
+  platform::SetLastError(0);
+  return true;
+}
+
 }  // namespace
 
 void DriftLogErrorText(std::uint32_t code, char* out, std::uint32_t size) {
@@ -86,47 +130,23 @@ bool DriftLogLoad(const DriftUi* owner, DriftLog& log) {
   }
   std::uint64_t size = 0;
   if (!platform::FileSize(log.file, size)) return Fail(log, platform::LastError());
-  if (size % kDriftRecordSize != 0) return Fail(log, platform::kErrorInvalidParameter);
-  // A drift file holds at most a little over 16,384 records; anything near 4 GB cannot be held.
-  if (size > 0xFFFFFFFFull - kDriftRecordSize) return Fail(log, platform::kErrorNotEnoughMemory);
-  if (size == log.loaded_size) {
-    log.last_error = 0;
-    platform::SetLastError(0);
+  return TakeContents(log, size, [&](void* into, std::uint32_t bytes) {
+    std::uint32_t done = 0;
+    if (!platform::FileSeek(log.file, 0, platform::SeekFrom::Begin)) return Fail(log, platform::LastError());
+    if (bytes != 0) {
+      if (!platform::FileRead(log.file, into, bytes, done)) return Fail(log, platform::LastError());
+      if (done < bytes) return Fail(log, platform::kErrorHandleEof);
+    }
     return true;
-  }
+  });
+}
 
-  log.changed = true;
-  log.records.reset();
-  log.point_cache = {};
-  log.loaded_size = static_cast<std::uint32_t>(size);
-  log.record_count = log.loaded_size / kDriftRecordSize;
-  log.average_interval = 0;
-  log.records.reset(new (std::nothrow) DriftRecord[log.record_count + 1]());
-  if (!log.records) return Fail(log, platform::kErrorNotEnoughMemory);
-
-  std::uint32_t done = 0;
-  if (!platform::FileSeek(log.file, 0, platform::SeekFrom::Begin)) return Fail(log, platform::LastError());
-  if (log.loaded_size != 0) {
-    if (!platform::FileRead(log.file, log.records.get(), log.loaded_size, done)) return Fail(log, platform::LastError());
-    if (done < log.loaded_size) return Fail(log, platform::kErrorHandleEof);
-  }
-
-  std::uint32_t sum = 0;
-  for (std::uint32_t i = 0; i < log.record_count; ++i) {
-    if (!DriftRecordValid(log.records[i])) return Fail(log, platform::kErrorInvalidParameter);
-    if (i > 0) sum += log.records[i].check_time - log.records[i - 1].check_time;   // wraps, as unsigned
-  }
-  if (log.record_count >= 2) log.average_interval = sum / (log.record_count - 1);
-
-  if (log.follow_newest) {
-    const std::uint32_t page = defaults::kDriftRecordsPerScreen;
-    log.per_screen = log.record_count < page ? log.record_count : page;
-    log.first_shown = log.record_count < page ? 0 : log.record_count - page;
-    log.end_shown = log.first_shown + log.per_screen;
-  }
-  log.last_error = 0;
-  platform::SetLastError(0);
-  return true;
+bool DriftLogLoadBytes(DriftLog& log, const void* data, std::size_t size) {
+  log.changed = false;
+  return TakeContents(log, size, [&](void* into, std::uint32_t bytes) {
+    if (bytes != 0) std::memcpy(into, data, bytes);
+    return true;
+  });
 }
 
 bool DriftLogReset(DriftLog& log) {

@@ -3,6 +3,7 @@
 // window and is what the summary report reads.
 #pragma once
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -47,6 +48,8 @@ struct DriftLog {
 // size that is not a multiple of 20 or a record with a bad version or check time. With an empty
 // path the owner's file chooser is asked first (no owner or cancel: failure, 1223).
 bool DriftLogLoad(const DriftUi* owner, DriftLog& log);
+// The same load from a whole file's contents already in memory (size bytes at data), without a file.
+bool DriftLogLoadBytes(DriftLog& log, const void* data, std::size_t size);
 // Closes the file, drops the records and resets the view; keeps the path and the initial directory.
 bool DriftLogReset(DriftLog& log);
 // "drift.kr" files are known by their whole path; others by their name without the last extension.

@@ -5,12 +5,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "config/registry.h"
-#include "platform/paths.h"
+#include "platform/registry.h"
 
 namespace {
 
@@ -24,8 +23,7 @@ bool Terminated(const char* buf, std::size_t size) { return std::memchr(buf, 0, 
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const bool ready = [] {
-    const auto root = std::filesystem::temp_directory_path() / ("cw-fuzz-registry-" + std::to_string(std::rand()));
-    platform::SetEnvironmentValue("CHRONWARDEN_ROOT", root.string().c_str());
+    platform::UseMemoryRegistryStore();   // no file, no flush: the readers are what is tested
     return reg_connect_target(nullptr) == 1;
   }();
   Check(ready);

@@ -103,4 +103,9 @@ std::uint32_t RegGetKeySecurity(RegKey key, std::vector<RegAce>& dacl);
 // POSIX: NAME's store under the network root (RemoteMachineRoot); 53 when NAME's root is not there.
 std::uint32_t RegConnectRegistry(std::string_view unc_name, bool wide, RegKey& out);
 
+// POSIX: from now on this process keeps the local machine's store in memory (SQLite's in-memory
+// database: no file, no flush), filled in as a new store is. For fuzzing and benchmarks that must
+// not wait on a disk. Windows: nothing changes.
+void UseMemoryRegistryStore();
+
 }  // namespace platform

@@ -188,6 +188,26 @@ TEST_F(DriftLogTest, ResetKeepsPathAndFolder) {
   EXPECT_EQ(log_.record_count, 70u);
 }
 
+TEST(DriftLogBytesTest, ContentsInMemoryLoadAsAFileDoes) {
+  DriftLog log;
+  log.follow_newest = true;
+  const auto bytes = RecordBytes({MakeRecord(100, 1), MakeRecord(400, -2), MakeRecord(700, 3)});
+  ASSERT_TRUE(DriftLogLoadBytes(log, bytes.data(), bytes.size()));
+  EXPECT_TRUE(log.changed);
+  EXPECT_EQ(log.record_count, 3u);
+  EXPECT_EQ(log.average_interval, 300u);
+  EXPECT_EQ(log.end_shown, 3u);
+  EXPECT_EQ(log.records[1].variance_ms, -2);
+  ASSERT_TRUE(DriftLogLoadBytes(log, bytes.data(), bytes.size()));
+  EXPECT_FALSE(log.changed);   // the same size: kept
+  DriftLog torn;
+  EXPECT_FALSE(DriftLogLoadBytes(torn, bytes.data(), bytes.size() - 1));
+  EXPECT_EQ(torn.last_error, 87u);
+  auto bad = RecordBytes({MakeRecord(100, 1), MakeRecord(0, 1)});   // check time 0
+  EXPECT_FALSE(DriftLogLoadBytes(torn, bad.data(), bad.size()));
+  EXPECT_EQ(torn.last_error, 87u);
+}
+
 TEST(DriftLogNameTest, DisplayNames) {
   const std::pair<const char*, const char*> cases[] = {
       {"C:\\WINDOWS\\system32\\DRIFT.KR", "C:\\WINDOWS\\system32\\DRIFT.KR"},

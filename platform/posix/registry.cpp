@@ -28,6 +28,7 @@
 #include <cctype>
 #include <chrono>
 #include <thread>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -50,8 +51,14 @@ constexpr std::size_t kMaxValueNameLength = 16383;
 constexpr int kBusyTimeoutMs = 30000;
 
 struct Store {
+  // A prepared statement kept for the life of the connection, by its SQL text.
+  struct Cached {
+    sqlite3_stmt* stmt = nullptr;
+    bool in_use = false;
+  };
   sqlite3* db = nullptr;
-  std::mutex lock;
+  std::mutex lock;                                   // one call at a time; the statements are used under it
+  std::map<const char*, Cached> statements;
   std::string path;
   dev_t dev = 0;
   ino_t ino = 0;
@@ -59,7 +66,9 @@ struct Store {
   bool read_only = false;
   ~Store() {
     // A store inherited through fork is left alone: closing would touch the parent's WAL state.
-    if (db && pid == getpid()) sqlite3_close_v2(db);
+    if (!db || pid != getpid()) return;
+    for (auto& [sql, cached] : statements) sqlite3_finalize(cached.stmt);
+    sqlite3_close_v2(db);
   }
 };
 
@@ -78,6 +87,7 @@ RegKeyObject g_local_machine{nullptr, kRootId, kKeyAllAccess, true};
 
 std::mutex g_stores_lock;
 std::map<std::string, std::shared_ptr<Store>> g_stores;
+std::atomic<bool> g_memory_store{false};   // the local machine's store lives in memory
 
 std::uint32_t StatusOf(int rc) {
   switch (rc & 0xFF) {
@@ -93,11 +103,30 @@ std::uint32_t StatusOf(int rc) {
   }
 }
 
-// One prepared statement.
+// One prepared statement: the store's kept one for this SQL (prepared the first time, reset after
+// each use), or a statement of its own while the kept one is in use.
 class Stmt {
  public:
-  Stmt(sqlite3* db, const char* sql) { rc_ = sqlite3_prepare_v2(db, sql, -1, &s_, nullptr); }
-  ~Stmt() { sqlite3_finalize(s_); }
+  Stmt(Store& store, const char* sql) {
+    Store::Cached& c = store.statements[sql];
+    if (!c.stmt) rc_ = sqlite3_prepare_v3(store.db, sql, -1, SQLITE_PREPARE_PERSISTENT, &c.stmt, nullptr);
+    if (rc_ == SQLITE_OK && !c.in_use) {
+      c.in_use = true;
+      cached_ = &c;
+      s_ = c.stmt;
+    } else {
+      rc_ = sqlite3_prepare_v2(store.db, sql, -1, &s_, nullptr);
+    }
+  }
+  ~Stmt() {
+    if (!cached_) {
+      sqlite3_finalize(s_);
+      return;
+    }
+    sqlite3_reset(s_);
+    sqlite3_clear_bindings(s_);
+    cached_->in_use = false;
+  }
   Stmt(const Stmt&) = delete;
   Stmt& operator=(const Stmt&) = delete;
   bool ok() const { return rc_ == SQLITE_OK; }
@@ -130,21 +159,29 @@ class Stmt {
 
  private:
   sqlite3_stmt* s_ = nullptr;
+  Store::Cached* cached_ = nullptr;
   int rc_ = SQLITE_OK;
 };
 
 std::uint32_t Exec(sqlite3* db, const char* sql) { return StatusOf(sqlite3_exec(db, sql, nullptr, nullptr, nullptr)); }
 
+// One statement without results, through the store's kept statements.
+std::uint32_t Run(Store& s, const char* sql) {
+  Stmt q(s, sql);
+  q.Step();
+  return StatusOf(q.error());
+}
+
 // One transaction: BEGIN (IMMEDIATE for a change), COMMIT by Commit(), else ROLLBACK.
 class Txn {
  public:
-  Txn(Store& s, bool write) : s_(s) { status_ = Exec(s.db, write ? "BEGIN IMMEDIATE" : "BEGIN"); }
-  ~Txn() { if (status_ == 0 && !done_) Exec(s_.db, "ROLLBACK"); }
+  Txn(Store& s, bool write) : s_(s) { status_ = Run(s, write ? "BEGIN IMMEDIATE" : "BEGIN"); }
+  ~Txn() { if (status_ == 0 && !done_) Run(s_, "ROLLBACK"); }
   std::uint32_t status() const { return status_; }
   std::uint32_t Commit() {
     done_ = true;
-    const std::uint32_t st = Exec(s_.db, "COMMIT");
-    if (st) Exec(s_.db, "ROLLBACK");
+    const std::uint32_t st = Run(s_, "COMMIT");
+    if (st) Run(s_, "ROLLBACK");
     return st;
   }
 
@@ -167,12 +204,12 @@ std::vector<std::string_view> SplitPath(std::string_view path) {
 }
 
 bool KeyAlive(Store& s, std::int64_t id) {
-  Stmt q(s.db, "SELECT 1 FROM keys WHERE id = ?");
+  Stmt q(s, "SELECT 1 FROM keys WHERE id = ?");
   return q.Int(1, id).Step() == SQLITE_ROW;
 }
 
 std::uint32_t FindChild(Store& s, std::int64_t parent, std::string_view name, std::int64_t& id) {
-  Stmt q(s.db, "SELECT id FROM keys WHERE parent = ? AND name = ?");
+  Stmt q(s, "SELECT id FROM keys WHERE parent = ? AND name = ?");
   const int rc = q.Int(1, parent).Text(2, name).Step();
   if (rc == SQLITE_ROW) return id = q.ColInt(0), 0;
   return rc == SQLITE_DONE ? kErrorFileNotFound : StatusOf(rc);
@@ -205,7 +242,7 @@ std::vector<RegAce> ParseSecurity(std::string_view text) {
 
 // The entries a new subkey takes over from its parent: those that containers inherit.
 std::string InheritedSecurity(Store& s, std::int64_t parent) {
-  Stmt q(s.db, "SELECT security FROM keys WHERE id = ?");
+  Stmt q(s, "SELECT security FROM keys WHERE id = ?");
   if (q.Int(1, parent).Step() != SQLITE_ROW) return {};
   std::vector<RegAce> inherited;
   for (auto& ace : ParseSecurity(q.ColText(0)))
@@ -222,7 +259,7 @@ std::uint32_t Walk(Store& s, std::int64_t from, std::string_view path, bool crea
     std::int64_t child = 0;
     std::uint32_t st = FindChild(s, id, part, child);
     if (st == kErrorFileNotFound && create) {
-      Stmt ins(s.db, "INSERT INTO keys(parent, name, security) VALUES(?, ?, ?)");
+      Stmt ins(s, "INSERT INTO keys(parent, name, security) VALUES(?, ?, ?)");
       if (ins.Int(1, id).Text(2, part).Text(3, InheritedSecurity(s, id)).Step() != SQLITE_DONE) return StatusOf(ins.error());
       child = sqlite3_last_insert_rowid(s.db);
       st = 0;
@@ -235,7 +272,7 @@ std::uint32_t Walk(Store& s, std::int64_t from, std::string_view path, bool crea
 
 std::uint32_t PutValue(Store& s, std::int64_t key, std::string_view name, std::uint32_t type, const void* data,
                        std::uint32_t size) {
-  Stmt up(s.db,
+  Stmt up(s,
           "INSERT INTO vals(key, name, type, data) VALUES(?, ?, ?, ?) "
           "ON CONFLICT(key, name) DO UPDATE SET type = excluded.type, data = excluded.data");
   up.Int(1, key).Text(2, name).Int(3, type).Blob(4, data, size);
@@ -275,7 +312,7 @@ std::uint32_t Initialise(Store& s, const std::string& computer_name, const std::
                           "type INTEGER NOT NULL, data BLOB NOT NULL, UNIQUE(key, name));"
                           "CREATE TABLE IF NOT EXISTS meta(name TEXT PRIMARY KEY, value TEXT);");
   if (st) return st;
-  Stmt probe(s.db, "SELECT 1 FROM keys WHERE id = 1");
+  Stmt probe(s, "SELECT 1 FROM keys WHERE id = 1");
   const int rc = probe.Step();
   if (rc == SQLITE_ROW) return t.Commit();
   if (rc != SQLITE_DONE) return StatusOf(probe.error());
@@ -316,10 +353,26 @@ std::uint32_t OpenStoreFile(Store& s, const std::string& computer_name, const st
 // The store of a machine root, opened once per process (again after fork, or when the file was
 // replaced). create_root: make a missing root folder (the local machine); else a missing root is
 // an unreachable machine (53).
+// The local machine's store in memory, made on first use (a forked child works on its copy).
+std::uint32_t GetMemoryStore(std::shared_ptr<Store>& out) {
+  std::lock_guard guard(g_stores_lock);
+  static std::shared_ptr<Store> memory;
+  if (!memory) {
+    auto store = std::make_shared<Store>();
+    store->path = ":memory:";
+    store->pid = getpid();
+    if (const std::uint32_t status = OpenStoreFile(*store, ComputerName(), MachineRoot())) return status;
+    memory = std::move(store);
+  }
+  out = memory;
+  return 0;
+}
+
 std::uint32_t GetStore(const std::string& root, bool create_root, const std::string& computer_name,
                        std::shared_ptr<Store>& out) {
-  const std::string path = root + "/registry.db";
+  if (g_memory_store.load() && create_root) return GetMemoryStore(out);
   std::lock_guard guard(g_stores_lock);
+  const std::string path = root + "/registry.db";
   struct stat st {};
   const bool file_there = ::stat(path.c_str(), &st) == 0;
   auto it = g_stores.find(path);
@@ -350,6 +403,7 @@ std::uint32_t Resolve(RegKey key, std::shared_ptr<Store>& store, std::int64_t& i
   if (!key) return kErrorInvalidHandle;
   id = key->id;
   if (key->store) return store = key->store, 0;
+  if (g_memory_store.load()) return GetMemoryStore(store);
   return GetStore(MachineRoot(), true, ComputerName(), store);
 }
 
@@ -427,7 +481,7 @@ std::uint32_t RegQueryValue(RegKey key, const char* name, std::uint32_t* type, v
   if (key && !(key->access & kKeyQueryValue)) return kErrorAccessDenied;
   if (data && !size) return kErrorInvalidParameter;
   return WithKey(key, false, [&](Store& s, std::int64_t id) -> std::uint32_t {
-    Stmt q(s.db, "SELECT type, data FROM vals WHERE key = ? AND name = ?");
+    Stmt q(s, "SELECT type, data FROM vals WHERE key = ? AND name = ?");
     const int rc = q.Int(1, id).Text(2, name ? name : "").Step();
     if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? kErrorFileNotFound : StatusOf(q.error());
     const auto bytes = q.ColBlob(1);
@@ -450,7 +504,7 @@ std::uint32_t RegSetValue(RegKey key, const char* name, std::uint32_t type, cons
 std::uint32_t RegDeleteValue(RegKey key, const char* name) {
   if (key && !(key->access & kKeySetValue)) return kErrorAccessDenied;
   return WithKey(key, true, [&](Store& s, std::int64_t id) -> std::uint32_t {
-    Stmt del(s.db, "DELETE FROM vals WHERE key = ? AND name = ?");
+    Stmt del(s, "DELETE FROM vals WHERE key = ? AND name = ?");
     if (del.Int(1, id).Text(2, name ? name : "").Step() != SQLITE_DONE) return StatusOf(del.error());
     return sqlite3_changes(s.db) ? 0 : kErrorFileNotFound;
   });
@@ -461,7 +515,7 @@ std::uint32_t RegEnumValue(RegKey key, std::uint32_t index, char* name, std::uin
   if (key && !(key->access & kKeyQueryValue)) return kErrorAccessDenied;
   if (!name || !name_size || (data && !data_size)) return kErrorInvalidParameter;
   return WithKey(key, false, [&](Store& s, std::int64_t id) -> std::uint32_t {
-    Stmt q(s.db, "SELECT name, type, data FROM vals WHERE key = ? ORDER BY rowid LIMIT 1 OFFSET ?");
+    Stmt q(s, "SELECT name, type, data FROM vals WHERE key = ? ORDER BY rowid LIMIT 1 OFFSET ?");
     const int rc = q.Int(1, id).Int(2, index).Step();
     if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? kErrorNoMoreItems : StatusOf(q.error());
     const auto value_name = q.ColText(0);
@@ -485,7 +539,7 @@ std::uint32_t RegEnumKey(RegKey key, std::uint32_t index, char* name, std::uint3
   if (key && !(key->access & kKeyEnumerateSubKeys)) return kErrorAccessDenied;
   if (!name) return kErrorInvalidParameter;
   return WithKey(key, false, [&](Store& s, std::int64_t id) -> std::uint32_t {
-    Stmt q(s.db, "SELECT name FROM keys WHERE parent = ? ORDER BY name COLLATE NOCASE LIMIT 1 OFFSET ?");
+    Stmt q(s, "SELECT name FROM keys WHERE parent = ? ORDER BY name COLLATE NOCASE LIMIT 1 OFFSET ?");
     const int rc = q.Int(1, id).Int(2, index).Step();
     if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? kErrorNoMoreItems : StatusOf(q.error());
     const auto sub = q.ColText(0);
@@ -501,20 +555,20 @@ std::uint32_t RegDeleteKey(RegKey parent, std::string_view subkey) {
     std::int64_t id = 0;
     if (const std::uint32_t st = Walk(s, start, subkey, false, id)) return st;
     if (id == kRootId) return kErrorAccessDenied;
-    Stmt kids(s.db, "SELECT 1 FROM keys WHERE parent = ? LIMIT 1");
+    Stmt kids(s, "SELECT 1 FROM keys WHERE parent = ? LIMIT 1");
     const int rc = kids.Int(1, id).Step();
     if (rc == SQLITE_ROW) return kErrorAccessDenied;
     if (rc != SQLITE_DONE) return StatusOf(kids.error());
-    Stmt del_vals(s.db, "DELETE FROM vals WHERE key = ?");
+    Stmt del_vals(s, "DELETE FROM vals WHERE key = ?");
     if (del_vals.Int(1, id).Step() != SQLITE_DONE) return StatusOf(del_vals.error());
-    Stmt del_key(s.db, "DELETE FROM keys WHERE id = ?");
+    Stmt del_key(s, "DELETE FROM keys WHERE id = ?");
     return del_key.Int(1, id).Step() == SQLITE_DONE ? 0 : StatusOf(del_key.error());
   });
 }
 
 std::uint32_t RegSetKeySecurity(RegKey key, std::span<const RegAce> dacl) {
   return WithKey(key, true, [&](Store& s, std::int64_t id) -> std::uint32_t {
-    Stmt up(s.db, "UPDATE keys SET security = ? WHERE id = ?");
+    Stmt up(s, "UPDATE keys SET security = ? WHERE id = ?");
     return up.Text(1, SecurityText(dacl)).Int(2, id).Step() == SQLITE_DONE ? 0 : StatusOf(up.error());
   });
 }
@@ -522,7 +576,7 @@ std::uint32_t RegSetKeySecurity(RegKey key, std::span<const RegAce> dacl) {
 std::uint32_t RegGetKeySecurity(RegKey key, std::vector<RegAce>& dacl) {
   dacl.clear();
   return WithKey(key, false, [&](Store& s, std::int64_t id) -> std::uint32_t {
-    Stmt q(s.db, "SELECT security FROM keys WHERE id = ?");
+    Stmt q(s, "SELECT security FROM keys WHERE id = ?");
     if (q.Int(1, id).Step() != SQLITE_ROW) return StatusOf(q.error());
     dacl = ParseSecurity(q.ColText(0));
     return 0;
@@ -548,5 +602,7 @@ std::uint32_t RegConnectRegistry(std::string_view unc_name, bool /*wide*/, RegKe
   out = new RegKeyObject{store, kRootId, kKeyAllAccess, false};
   return 0;
 }
+
+void UseMemoryRegistryStore() { g_memory_store.store(true); }
 
 }  // namespace platform
