@@ -44,3 +44,14 @@ inline constexpr std::uint32_t kNtpMultiSamplePauseMs = 100;   // pause after ea
 inline constexpr std::uint32_t kNtpReceiveSpinUs = 200;
 
 }  // namespace defaults
+
+// The product family's identity, as the shared status block, the status records and the
+// registration show it.
+namespace defaults {
+inline constexpr const char* kVersionText = "4.2.b.20081210R";     // "Current Version"
+inline constexpr std::uint32_t kVersionMajor = 4;
+inline constexpr std::uint32_t kVersionMinor = 2;
+inline constexpr std::uint32_t kBuildYear = 2008;
+inline constexpr std::uint32_t kBuildMonthDay = 1210;
+inline constexpr std::uint32_t kProductCode = 7;                   // this product among the family's
+}  // namespace defaults
