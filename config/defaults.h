@@ -45,10 +45,41 @@ inline constexpr std::uint32_t kNtpReceiveSpinUs = 200;
 
 }  // namespace defaults
 
+// Windows Time settings and the provider's registration.
+namespace defaults {
+inline constexpr const char* kModuleFileName = "w32tmkr.cpl";        // the module in the system directory
+inline constexpr const char* kProductVersion = "4.2.b.20081210R";    // "Current Version" of the provider key
+inline constexpr std::uint32_t kProviderOemId = 288;                 // "OEMID" of the provider key
+inline constexpr const char* kCplCategoryValue = "%systemroot%\\system32\\w32tmkr.cpl";   // Control Panel category value name
+inline constexpr std::uint32_t kCplCategory = 6;                     // its Control Panel category number
+inline constexpr std::uint32_t kW32tServiceStart = 2;                // W32Time "Start" when missing (automatic)
+inline constexpr std::uint32_t kCheckIntervalS = 1800;               // the agent's check interval when missing (s)
+inline constexpr std::uint32_t kAlertThresholdS = 2;                 // the alert threshold when missing (s)
+}  // namespace defaults
+
+// Service control of the time service.
+namespace defaults {
+inline constexpr const char* kTimeServiceName = "W32Time";      // the time service's name
+inline constexpr std::uint32_t kStopFirstSleepMs = 250;           // pause after sending stop (ms)
+inline constexpr std::uint32_t kStopPollMinMs = 100;              // stop polling: the wait hint clamped to this... (ms)
+inline constexpr std::uint32_t kStopPollMaxMs = 500;              // ...and this (ms)
+inline constexpr std::uint32_t kStopWaitMs = 30'000;              // give up on a stop after this long (ms)
+inline constexpr std::uint32_t kRestartPolls = 100;               // restart: polls for stopped, then for running
+inline constexpr std::uint32_t kRestartPollMs = 100;              // restart: pause between polls (ms)
+inline constexpr std::uint32_t kServiceMessageStyle = 0x42030;    // OK, warning icon, task-modal, topmost
+inline constexpr std::uint32_t kErrorServiceTimeout = 1053;       // a restart whose wait ran out without a code
+}  // namespace defaults
+
+// The Linux time service's NTP client (chrony).
+namespace defaults {
+inline constexpr const char* kChronyParametersKey = "System\\CurrentControlSet\\Services\\W32Time\\Parameters";   // holds the two paths below when set
+inline constexpr const char* kChronySocket = "/run/chrony/chronyd.sock";                  // "ChronyCommandSocket"
+inline constexpr const char* kChronySourcesFile = "/etc/chrony/sources.d/chronwarden.sources";   // "ChronySourcesFile"
+}  // namespace defaults
+
 // The product family's identity, as the shared status block, the status records and the
 // registration show it.
 namespace defaults {
-inline constexpr const char* kVersionText = "4.2.b.20081210R";     // "Current Version"
 inline constexpr std::uint32_t kVersionMajor = 4;
 inline constexpr std::uint32_t kVersionMinor = 2;
 inline constexpr std::uint32_t kBuildYear = 2008;
