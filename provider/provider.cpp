@@ -1,7 +1,9 @@
 // Provider entry points, start-up and shut-down.
 #include "provider/provider.h"
 
+#include <chrono>
 #include <cstdio>
+#include <thread>
 #include <cstring>
 #include <string>
 
@@ -152,9 +154,11 @@ void ProviderShutdown() {
       platform::CloseThread(p.agent_thread);
       p.agent_thread = nullptr;
     }
-    // The precise clock's thread waits on this event too: it goes before the event does.
-    for (std::uint32_t waited = 0; PreciseClockThreadCount() != 0 && waited < kAgentStopWaitMs; ++waited)
-      platform::Sleep(1);
+    // The precise clock's thread waits on this event too: it goes before the event does (real
+    // time, also under the fake clock).
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::milliseconds(kAgentStopWaitMs);
+    while (PreciseClockThreadCount() != 0 && std::chrono::steady_clock::now() < give_up)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
     CloseHandleOf(p.shutdown_event);
   }
   if (p.status_notify_private) CloseHandleOf(p.status_notify_event);   // 2
