@@ -300,6 +300,7 @@ TEST_F(ProviderTest, AnUnopenableDriftFileOnlyWarns) {
                                "drift.kr to collect drift records; the service will continue running, but historical "
                                "drift data will not be available. Error: ";
   EXPECT_EQ(events[0].text.rfind(expected, 0), 0u) << events[0].text;
+  EXPECT_EQ(events[0].text.find("successfully"), std::string::npos) << events[0].text;   // the real error's text
   EXPECT_EQ(Running(), "True");
 }
 
