@@ -12,6 +12,7 @@
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "host/time_service.h"
+#include "platform/error.h"
 #include "platform/host.h"
 
 namespace {
@@ -26,13 +27,20 @@ const char kUsage[] =
     "  --poll SECONDS        ask the providers for samples this often (1 to 86400; default 64)\n"
     "  --chrony-socket PATH  chronyd's command socket (default: the W32Time Parameters value\n"
     "                        \"ChronyCommandSocket\", else /run/chrony/chronyd.sock)\n"
+    "  --register            make this program the machine's \"W32Time\" service: its ImagePath\n"
+    "                        (run with --foreground, so that the supervisor's log file gets the\n"
+    "                        lines too), Start 2 when not set, SystemdUnit chronwarden-host.service\n"
     "  --help                this text\n"
     "Signals: SIGTERM or SIGINT stop the host, SIGHUP reloads the providers' settings.\n"
     "Log lines go to the system log: the host's as chronwarden-host, a provider's as its name\n"
     "(journalctl -t Chronwarden).\n";
 
+constexpr const char* kW32TimeServiceKey = "\\\\System\\CurrentControlSet\\Services\\W32Time";
+constexpr const char* kSystemdUnit = "chronwarden-host.service";
+
 struct Options {
   bool foreground = false;
+  bool register_service = false;
   std::uint32_t poll_s = kDefaultPollS;
   std::string chrony_socket;
 };
@@ -44,6 +52,8 @@ int Parse(int argc, char** argv, Options& o) {
     if (a == "--help" || a == "-h") {
       std::fputs(kUsage, stdout);
       return 1;
+    } else if (a == "--register") {
+      o.register_service = true;
     } else if (a == "--foreground") {
       o.foreground = true;
     } else if (a == "--poll" && i + 1 < argc) {
@@ -64,11 +74,29 @@ int Parse(int argc, char** argv, Options& o) {
   return 0;
 }
 
+// Both Linux service backends start the program the W32Time key names: the supervisor runs its
+// ImagePath, systemd its SystemdUnit.
+int Register() {
+  reg_connect_target(nullptr);
+  const std::string image = std::string(platform::host::ProgramPath()) + " --foreground";
+  int ok = reg_set_string(kW32TimeServiceKey, "ImagePath", image.c_str());
+  if (reg_get_dword(kW32TimeServiceKey, "Start", 0) == 0) reg_set_dword(kW32TimeServiceKey, "Start", 2);
+  ok &= reg_set_string(kW32TimeServiceKey, "SystemdUnit", kSystemdUnit);
+  if (!ok) {
+    std::fprintf(stderr, "chronwarden-host: cannot write the W32Time service key (error %u)\n",
+                 static_cast<unsigned>(platform::LastError()));
+    return 1;
+  }
+  std::printf("W32Time service: ImagePath \"%s\", SystemdUnit %s\n", image.c_str(), kSystemdUnit);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   Options options;
   if (const int parsed = Parse(argc, argv, options)) return parsed == 1 ? 0 : 2;
+  if (options.register_service) return Register();
   platform::host::OpenSystemLog(options.foreground);
   // Before any provider starts a thread: the signals are taken through a descriptor.
   if (!platform::host::OpenWakeups()) {

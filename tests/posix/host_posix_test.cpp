@@ -23,6 +23,7 @@
 #include "host/time_service.h"
 #include "platform/host.h"
 #include "platform/net.h"
+#include "platform/service.h"
 #include "tests/registry_fixture.h"
 
 namespace {
@@ -286,6 +287,49 @@ TEST_F(HostProcessTest, HelpAndWrongCommandLines) {
   EXPECT_EQ(run("--poll", "0"), 2);
   EXPECT_EQ(run("--poll", "x"), 2);
   EXPECT_EQ(run("--poll", nullptr), 2);
+}
+
+}  // namespace
+
+namespace {
+
+// Registered as the machine's "W32Time", the host is started and stopped by the service layer's
+// supervisor backend like any service.
+TEST_F(HostProcessTest, RegisteredItRunsAsTheW32TimeServiceUnderTheSupervisor) {
+  const pid_t reg = fork();
+  if (reg == 0) {
+    const int null = ::open("/dev/null", O_WRONLY);
+    dup2(null, 1);
+    execl(CHRONWARDEN_HOST_PATH, "chronwarden-host", "--register", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(reg, &status, 0);
+  ASSERT_EQ(WEXITSTATUS(status), 0);
+  char image[1024];
+  reg_get_string("\\\\System\\CurrentControlSet\\Services\\W32Time", "ImagePath", image, sizeof image, "");
+  EXPECT_EQ(std::string(image), std::string(CHRONWARDEN_HOST_PATH) + " --foreground");
+  EXPECT_EQ(reg_get_dword("\\\\System\\CurrentControlSet\\Services\\W32Time", "Start", 0), 2u);
+
+  platform::SetEnvironmentValue("CHRONWARDEN_SERVICE_BACKEND", "supervisor");
+  platform::SetEnvironmentValue("CHRONWARDEN_SHM_NAMESPACE", ns_.c_str());
+  platform::ServiceHandle manager = platform::OpenServiceManager(nullptr, platform::kScManagerAllAccess);
+  ASSERT_NE(manager, nullptr);
+  platform::ServiceHandle service = platform::OpenNamedService(manager, "W32Time", platform::kServiceAllAccess);
+  ASSERT_NE(service, nullptr);
+  EXPECT_TRUE(platform::StartNamedService(service));
+  EXPECT_TRUE(Within(20, [] { return Running() == "True"; }));
+  platform::ServiceStatus st;
+  EXPECT_TRUE(platform::ControlService(service, platform::kServiceControlParamChange, st));
+  EXPECT_TRUE(platform::ControlService(service, platform::kServiceControlStop, st));
+  EXPECT_TRUE(Within(20, [&] {
+    return platform::QueryServiceStatus(service, st) && st.current_state == platform::kServiceStopped;
+  }));
+  EXPECT_EQ(Running(), "False");
+  platform::CloseServiceHandle(service);
+  platform::CloseServiceHandle(manager);
+  platform::SetEnvironmentValue("CHRONWARDEN_SERVICE_BACKEND", nullptr);
+  platform::SetEnvironmentValue("CHRONWARDEN_SHM_NAMESPACE", nullptr);
 }
 
 }  // namespace
