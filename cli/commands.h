@@ -25,6 +25,9 @@ int CmdHistory(CommandArgs args);
 int CmdReg(CommandArgs args);
 int CmdOs(CommandArgs args);
 int CmdNtp(CommandArgs args);
+int CmdConfig(CommandArgs args);
+int CmdService(CommandArgs args);
+int CmdResync(CommandArgs args);
 
 // Prints "chronwarden: <message>" and the hint to --help on standard error; returns kExitUsage.
 int UsageError(std::string_view command, std::string_view message);

@@ -106,8 +106,8 @@ int main(int argc, char** argv) {
   reg_connect_target(nullptr);
   if (options.chrony_socket.empty()) {
     char path[512];
-    reg_get_string((std::string("\\\\") + defaults::kChronyParametersKey).c_str(), "ChronyCommandSocket", path,
-                   sizeof path, defaults::kChronySocket);
+    reg_get_string(defaults::kChronyParametersPath, defaults::kChronySocketValue, path, sizeof path,
+                   defaults::kChronySocket);
     options.chrony_socket = path;
   }
   HostSetChronySocket(options.chrony_socket);
