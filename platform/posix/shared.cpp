@@ -2,6 +2,7 @@
 #include "platform/shared.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <linux/futex.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -76,6 +77,7 @@ void WakeAll(std::atomic<std::uint32_t>* word) { Futex(word, FUTEX_WAKE, INT_MAX
 
 // The waiter thread: mirrors the shared word into the local event until the handle is closed.
 void Mirror(EventObject* e) {
+  pthread_setname_np(pthread_self(), "cw-event-wait");
   NamedEventLink* link = e->named;
   for (;;) {
     std::uint32_t seen;
