@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -26,8 +27,12 @@ struct SectionObject {
 };
 
 struct NamedEventLink {
-  std::atomic<std::uint32_t>* word = nullptr;   // bit 0 signalled, bits 1.. change count
-  bool closing = false;                         // under the event's mutex
+  std::atomic<std::uint32_t>* word = nullptr;   // bit 0 signalled, bits 1.. count the times it was set
+  // Under the event's mutex:
+  bool closing = false;
+  bool pending = false;          // a setting of the word not yet consumed by a wait in this process
+  std::uint32_t last_count = 0;  // the set count the waiter thread last saw
+  std::atomic<bool> exited{false};
   std::thread waiter;
 };
 
@@ -75,7 +80,10 @@ long Futex(std::atomic<std::uint32_t>* word, int op, std::uint32_t value) {
 
 void WakeAll(std::atomic<std::uint32_t>* word) { Futex(word, FUTEX_WAKE, INT_MAX); }
 
-// The waiter thread: mirrors the shared word into the local event until the handle is closed.
+// The waiter thread: mirrors the shared word into the local event until the handle is closed. A
+// setting by another process that it sees (even one already reset again, when it ran late) leaves
+// one pending wake-up, so that a pulse wakes every other process's waiter once however briefly the
+// word stayed set; a wait that returns answers every setting up to then.
 void Mirror(EventObject* e) {
   pthread_setname_np(pthread_self(), "cw-event-wait");
   NamedEventLink* link = e->named;
@@ -83,20 +91,17 @@ void Mirror(EventObject* e) {
     std::uint32_t seen;
     {
       std::lock_guard lock(e->mutex);
-      if (link->closing) return;
+      if (link->closing) break;
       seen = link->word->load(std::memory_order_acquire);
-      posix::SetLocalLocked(e, (seen & 1) != 0);
+      if ((seen >> 1) != link->last_count) {
+        link->last_count = seen >> 1;
+        link->pending = true;
+      }
+      posix::SetLocalLocked(e, (seen & 1) != 0 || link->pending);
     }
     Futex(link->word, FUTEX_WAIT, seen);   // returns at once when the word moved on meanwhile
   }
-}
-
-// Sets bit 0 to state and counts the change, so that every waiter sees a new word.
-void Store(std::atomic<std::uint32_t>* word, bool state) {
-  std::uint32_t v = word->load(std::memory_order_relaxed), next;
-  do next = ((v + 2) & ~1u) | (state ? 1u : 0u);
-  while (!word->compare_exchange_weak(v, next, std::memory_order_acq_rel));
-  WakeAll(word);
+  link->exited.store(true);
 }
 
 }  // namespace
@@ -144,6 +149,7 @@ EventHandle sys::CreateNamedEvent(const char* name) {
   if (!e) return munmap(view, sizeof(std::uint32_t)), nullptr;
   e->named = new NamedEventLink;
   e->named->word = static_cast<std::atomic<std::uint32_t>*>(view);
+  e->named->last_count = e->named->word->load() >> 1;   // settings before this open are not ours
   static_assert(sizeof(std::atomic<std::uint32_t>) == 4 && std::atomic<std::uint32_t>::is_always_lock_free);
   e->named->waiter = std::thread(Mirror, e);
   SetLastError(existed ? 183 : 0);
@@ -152,23 +158,47 @@ EventHandle sys::CreateNamedEvent(const char* name) {
 
 namespace posix {
 
-void SetNamed(EventObject* e, bool set) {
+bool NamedIsSet(EventObject* e) {
   std::lock_guard lock(e->mutex);
-  Store(e->named->word, set);
-  SetLocalLocked(e, set);
+  NamedEventLink* link = e->named;
+  const std::uint32_t word = link->word->load(std::memory_order_acquire);
+  const bool word_set = (word & 1) != 0;
+  const bool set = word_set || link->pending;
+  if (set) {   // this wake-up answers every setting up to now
+    link->pending = false;
+    link->last_count = word >> 1;
+  }
+  if (!word_set) SetLocalLocked(e, false);
+  return set;
 }
 
-bool NamedIsSet(EventObject* e) { return (e->named->word->load(std::memory_order_acquire) & 1) != 0; }
+void SetNamed(EventObject* e, bool set) {
+  std::lock_guard lock(e->mutex);
+  std::atomic<std::uint32_t>* word = e->named->word;
+  if (set) {
+    std::uint32_t v = word->load(std::memory_order_relaxed);
+    while (!(v & 1) && !word->compare_exchange_weak(v, (v + 2) | 1u, std::memory_order_acq_rel)) {
+    }
+    // This process's own waiters see the setting directly; only other processes keep it pending.
+    e->named->last_count = word->load(std::memory_order_relaxed) >> 1;
+  } else {
+    word->fetch_and(~1u, std::memory_order_acq_rel);
+  }
+  WakeAll(word);
+  SetLocalLocked(e, set || e->named->pending);
+}
 
 void CloseNamed(EventObject* e) {
   NamedEventLink* link = e->named;
   {
     std::lock_guard lock(e->mutex);
     link->closing = true;
-    // A change of count only: the waiter (and those of other processes) wake and look again.
-    link->word->fetch_add(2, std::memory_order_acq_rel);
   }
-  WakeAll(link->word);
+  // The waiter may be just about to block: wake it until it is gone.
+  while (!link->exited.load()) {
+    WakeAll(link->word);
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
   link->waiter.join();
   munmap(link->word, sizeof(std::uint32_t));
   delete link;
