@@ -11,6 +11,8 @@
 #include "cli/service_cli.h"
 #include "config/registry.h"
 #include "config/w32time.h"
+#include "platform/error.h"
+#include "timing/error_text.h"
 
 namespace {
 
@@ -220,6 +222,13 @@ int CmdConfig(CommandArgs args) {
   }
   w32t_save(s, 1);
   std::printf("Settings saved%s.\n", machine.empty() ? "" : (" on " + machine).c_str());
+  // Locally the save ends with the NTP client's own configuration (chrony on Linux).
+  if (machine.empty() && platform::LastError() != 0) {
+    char text[256];
+    std::string reason = SystemErrorText(platform::LastError(), text, sizeof text);
+    while (!reason.empty() && (reason.back() == ' ' || reason.back() == '\n' || reason.back() == '\r')) reason.pop_back();
+    return CliFailure("config", "the NTP client did not take the servers: " + reason);
+  }
   if (!apply) return kExitOk;
   return NotifyTimeService(machine.c_str()) ? kExitOk : kExitFailed;
 }

@@ -42,6 +42,15 @@ bool MakeAutomatic(ServiceHandle service) {
          platform::ChangeServiceStartType(service, platform::kServiceAutoStart);
 }
 
+// Makes a stopped service automatic (a refused change does not stop the start) and starts it
+// without waiting: 0 when the start was accepted, else the error.
+std::uint32_t StartAutomatic(ServiceHandle service) {
+  platform::ServiceConfig config;
+  if (!platform::GetServiceConfig(service, config)) return platform::LastError();
+  platform::ChangeServiceStartType(service, platform::kServiceAutoStart);
+  return platform::StartNamedService(service) ? 0 : platform::LastError();
+}
+
 // Polls up to kRestartPolls times, kRestartPollMs apart, until the state is reached.
 bool PollFor(ServiceHandle service, std::uint32_t state) {
   ServiceStatus status;
@@ -102,9 +111,7 @@ int ControlTimeService(const ServiceOwner* owner, const char* machine, std::uint
     } else if (code == kServiceOpQuery) {
       ok = status.current_state == platform::kServiceRunning;
     } else if (code == kServiceOpStart) {
-      if (status.current_state != platform::kServiceRunning &&
-          !(MakeAutomatic(h.service) && platform::StartNamedService(h.service)))
-        error = platform::LastError();
+      if (status.current_state != platform::kServiceRunning) error = StartAutomatic(h.service);
     } else if (!platform::ControlService(h.service, code, status)) {
       error = platform::LastError();
     }

@@ -1,9 +1,10 @@
 // A Windows service program for the service tests (registered by the tests with CreateService).
 //   test_service run MARKER            stops at once when told
 //   test_service linger MS MARKER      stays stop-pending (wait hint MS) for MS milliseconds, then stops
-//   test_service bounce MARKER         goes stop-pending for 300 ms, then back to running
+//   test_service bounce MARKER         at the first stop goes stop-pending for 300 ms, then back to
+//                                      running; a second stop stops it
 //   test_service hang HINT MARKER      stays stop-pending with wait hint HINT until MARKER.quit appears
-// It writes MARKER.started when it runs and appends a line to MARKER.hup at each parameters-changed.
+// Any mode stops once MARKER.quit exists. It writes MARKER.started when it runs and appends a line to MARKER.hup at each parameters-changed.
 #include <windows.h>
 
 #include <cstdlib>
@@ -41,8 +42,14 @@ void WINAPI ServiceMain(DWORD, LPSTR*) {
   Report(SERVICE_RUNNING, 0);
   std::ofstream(g_marker + ".started") << GetCurrentProcessId() << "\n";
   for (;;) {
-    WaitForSingleObject(g_stop, INFINITE);
+    // Every mode ends when the test leaves MARKER.quit behind.
+    if (WaitForSingleObject(g_stop, 50) != WAIT_OBJECT_0) {
+      if (!Exists(g_marker + ".quit")) continue;
+      Report(SERVICE_STOPPED, 0);
+      return;
+    }
     if (g_mode == "bounce") {
+      g_mode = "run";
       Report(SERVICE_STOP_PENDING, 0);
       Sleep(300);
       Report(SERVICE_RUNNING, 0);
