@@ -14,12 +14,13 @@ chronyd=$(command -v chronyd || echo /usr/sbin/chronyd)
 hz=$(getconf CLK_TCK)
 
 cat >"$dir/chrony.conf" <<CONF
+port 0
 cmdport 0
 bindcmdaddress $dir/chronyd.sock
 pidfile $dir/chronyd.pid
 driftfile $dir/chronyd.drift
 CONF
-"$chronyd" -x -f "$dir/chrony.conf" -U 2>"$dir/chronyd.err" || "$chronyd" -x -f "$dir/chrony.conf" 2>>"$dir/chronyd.err"
+"$chronyd" -x -u root -f "$dir/chrony.conf" 2>"$dir/chronyd.err"
 sleep 1
 cpid=$(cat "$dir/chronyd.pid")
 
@@ -29,8 +30,9 @@ cp "$build/w32tmkr.cpl" "$CHRONWARDEN_ROOT/system32/"
 key='\\System\CurrentControlSet\Services\W32Time\TimeProviders\Chronwarden'
 "$build/cli/chronwarden" reg set "$key" Enabled --type dword --data 1 >/dev/null
 "$build/cli/chronwarden" reg set "$key" DllName --data w32tmkr.cpl >/dev/null
-"$build/host/chronwarden-host" --poll 1 --chrony-socket "$dir/chronyd.sock" 2>"$dir/host.err" &
+"$build/host/chronwarden-host" --poll 1 --chrony-socket "$dir/chronyd.sock" >"$dir/host.out" 2>&1 &
 hpid=$!
+trap 'kill -TERM $hpid "$cpid" 2>/dev/null || true' EXIT
 sleep 2   # start-up done (the precise clock settles, the agent runs)
 
 cpu() { awk '{print $14 + $15}' "/proc/$1/stat"; }
