@@ -82,3 +82,13 @@ inline constexpr const char* kChronySourcesValue = "ChronySourcesFile";     // w
 inline constexpr const char* kChronySocketValue = "ChronyCommandSocket";    // chronyd's command socket
 inline constexpr const char* kDefaultMachineRoot = "/var/lib/chronwarden";  // the system's own machine root (Linux)
 }  // namespace defaults
+
+// The product family's identity, as the shared status block, the status records and the
+// registration show it.
+namespace defaults {
+inline constexpr std::uint32_t kVersionMajor = 4;
+inline constexpr std::uint32_t kVersionMinor = 2;
+inline constexpr std::uint32_t kBuildYear = 2008;
+inline constexpr std::uint32_t kBuildMonthDay = 1210;
+inline constexpr std::uint32_t kProductCode = 7;                   // this product among the family's
+}  // namespace defaults
