@@ -67,3 +67,23 @@ inline constexpr const char* kPublicNtpServer2 = "time.nist.gov";
 inline constexpr const char* kUninstallKey = "\\\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Chronwarden Control Panel Applet";
 inline constexpr std::uint32_t kStatusThreadWaitMs = 10'000;                 // the launch waits this long for the status worker
 }  // namespace defaults
+
+// Service control of the time service.
+namespace defaults {
+inline constexpr const char* kTimeServiceName = "W32Time";      // the time service's name
+inline constexpr std::uint32_t kStopFirstSleepMs = 250;           // pause after sending stop (ms)
+inline constexpr std::uint32_t kStopPollMinMs = 100;              // stop polling: the wait hint clamped to this... (ms)
+inline constexpr std::uint32_t kStopPollMaxMs = 500;              // ...and this (ms)
+inline constexpr std::uint32_t kStopWaitMs = 30'000;              // give up on a stop after this long (ms)
+inline constexpr std::uint32_t kRestartPolls = 100;               // restart: polls for stopped, then for running
+inline constexpr std::uint32_t kRestartPollMs = 100;              // restart: pause between polls (ms)
+inline constexpr std::uint32_t kServiceMessageStyle = 0x42030;    // OK, warning icon, task-modal, topmost
+inline constexpr std::uint32_t kErrorServiceTimeout = 1053;       // a restart whose wait ran out without a code
+}  // namespace defaults
+
+// The Linux time service's NTP client (chrony).
+namespace defaults {
+inline constexpr const char* kChronyParametersKey = "System\\CurrentControlSet\\Services\\W32Time\\Parameters";   // holds the two paths below when set
+inline constexpr const char* kChronySocket = "/run/chrony/chronyd.sock";                  // "ChronyCommandSocket"
+inline constexpr const char* kChronySourcesFile = "/etc/chrony/sources.d/chronwarden.sources";   // "ChronySourcesFile"
+}  // namespace defaults
