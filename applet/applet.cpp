@@ -184,6 +184,16 @@ int applet_needs_upgrade(const char* registered, const char* mine, int service_i
   return order > 0;
 }
 
+int applet_sheet_pages(std::uint32_t level, int service_installed, int ids[5]) {
+  int n = 0;
+  ids[n++] = level == kOsWin2000 ? IDD_CLIENT_W2K : IDD_CLIENT;
+  ids[n++] = IDD_SERVER;
+  if (level > kOsWin2000 && service_installed) ids[n++] = IDD_AGENT;
+  ids[n++] = IDD_SERVICE;
+  ids[n++] = IDD_ABOUT;
+  return n;
+}
+
 void applet_set_sheet_title(platform::Dialog& page) {
   char title[300];
   std::snprintf(title, sizeof title, "Windows Time Service - %s",
@@ -264,16 +274,13 @@ std::intptr_t run_sheet(void* window, std::uint32_t mode, bool remote) {
     }
   }
   // The pages, in order.
+  int ids[5];
+  int count = applet_sheet_pages(g_w32t_env.level, int(s.service_installed), ids);
   std::vector<SheetPage> pages;
-  pages.push_back({g_w32t_env.level == kOsWin2000 ? IDD_CLIENT_W2K : IDD_CLIENT, nullptr});
-  pages.push_back({IDD_SERVER, nullptr});
-  if (g_w32t_env.level > kOsWin2000 && s.service_installed) pages.push_back({IDD_AGENT, nullptr});
-  pages.push_back({IDD_SERVICE, nullptr});
-  pages.push_back({IDD_ABOUT, nullptr});
   std::memset(g_applet.pages_shown, 0, sizeof g_applet.pages_shown);
-  for (std::size_t i = 0; i < pages.size(); ++i) {
-    pages[i].logic = &applet_page_logic(pages[i].template_id);
-    g_applet.pages_shown[i] = std::uint32_t(pages[i].template_id);
+  for (int i = 0; i < count; ++i) {
+    pages.push_back({ids[i], &applet_page_logic(ids[i])});
+    g_applet.pages_shown[i] = std::uint32_t(ids[i]);
   }
   SheetSpec spec{defaults::kAppletCaption, pages, "&OK", "&Cancel", true};
   (void)window;

@@ -86,6 +86,8 @@ std::intptr_t applet_launch(void* window, std::uint32_t mode);
 // Whether a sheet launch brings the provider up to date: the registered version (may be empty),
 // this one, and whether the provider is installed.
 int applet_needs_upgrade(const char* registered, const char* mine, int service_installed);
+// The sheet's pages for an OS level: their template ids in order into ids; returns how many.
+int applet_sheet_pages(std::uint32_t level, int service_installed, int ids[5]);
 // The sheet's title: "Windows Time Service - " and the target, or the local computer name.
 void applet_set_sheet_title(platform::Dialog& page);
 // The documentation page for subject ("abouttab", "clienttab", ...).

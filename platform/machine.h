@@ -28,8 +28,9 @@ struct ServerInfo {
 };
 // NetServerGetInfo level 101 of machine (no leading backslashes; "" the local machine). Returns 0
 // or the error (53 the machine was not found). POSIX: from the machine's registry store (its root
-// under the network root): a Linux machine answers as NT 6.3, a server when its ProductType is not
-// "WinNT".
+// under the network root): the version its store declares (CurrentMajorVersionNumber and
+// CurrentMinorVersionNumber under SOFTWARE\Microsoft\Windows NT\CurrentVersion, as Windows keeps
+// them), else NT 6.3; a server when its ProductType is not "WinNT".
 std::uint32_t GetServerInfo(std::string_view machine, ServerInfo& out);
 
 // ---- The module ----

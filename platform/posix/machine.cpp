@@ -59,17 +59,27 @@ std::uint32_t GetServerInfo(std::string_view machine, ServerInfo& out) {
   std::string name = "\\\\" + std::string(machine);
   std::uint32_t st = machine.empty() ? 0 : RegConnectRegistry(name, false, root);
   if (st) return st;
+  RegKey base = root ? root : RegLocalMachine();
   RegKey key = nullptr;
   char type[32] = {};
   std::uint32_t size = sizeof type - 1, vtype = 0;
-  if (RegOpenKey(root ? root : RegLocalMachine(), "SYSTEM\\CurrentControlSet\\Control\\ProductOptions", kKeyRead, key) == 0) {
+  if (RegOpenKey(base, "SYSTEM\\CurrentControlSet\\Control\\ProductOptions", kKeyRead, key) == 0) {
     RegQueryValue(key, "ProductType", &vtype, type, &size);
+    RegCloseKey(key);
+  }
+  // The version the machine declares (CurrentMajorVersionNumber / CurrentMinorVersionNumber, as
+  // Windows keeps them), else 6.3.
+  out.major = 6;
+  out.minor = 3;
+  if (RegOpenKey(base, "SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", kKeyRead, key) == 0) {
+    std::uint32_t v = 0, vsize = sizeof v;
+    if (RegQueryValue(key, "CurrentMajorVersionNumber", &vtype, &v, &vsize) == 0 && vtype == kRegDword) out.major = v;
+    vsize = sizeof v;
+    if (RegQueryValue(key, "CurrentMinorVersionNumber", &vtype, &v, &vsize) == 0 && vtype == kRegDword) out.minor = v;
     RegCloseKey(key);
   }
   if (root) RegCloseKey(root);
   out.type = 0x1000 | 0x2 | (std::strcmp(type, "WinNT") == 0 ? 0 : 0x8000);   // NT | server service | server
-  out.major = 6;
-  out.minor = 3;
   return 0;
 }
 
