@@ -87,3 +87,13 @@ inline constexpr const char* kChronyParametersKey = "System\\CurrentControlSet\\
 inline constexpr const char* kChronySocket = "/run/chrony/chronyd.sock";                  // "ChronyCommandSocket"
 inline constexpr const char* kChronySourcesFile = "/etc/chrony/sources.d/chronwarden.sources";   // "ChronySourcesFile"
 }  // namespace defaults
+
+// The product family's identity, as the shared status block, the status records and the
+// registration show it.
+namespace defaults {
+inline constexpr std::uint32_t kVersionMajor = 4;
+inline constexpr std::uint32_t kVersionMinor = 2;
+inline constexpr std::uint32_t kBuildYear = 2008;
+inline constexpr std::uint32_t kBuildMonthDay = 1210;
+inline constexpr std::uint32_t kProductCode = 7;                   // this product among the family's
+}  // namespace defaults
