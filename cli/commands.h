@@ -28,6 +28,8 @@ int CmdNtp(CommandArgs args);
 int CmdConfig(CommandArgs args);
 int CmdService(CommandArgs args);
 int CmdResync(CommandArgs args);
+int CmdInstall(CommandArgs args);
+int CmdRemove(CommandArgs args);
 
 // Prints "chronwarden: <message>" and the hint to --help on standard error; returns kExitUsage.
 int UsageError(std::string_view command, std::string_view message);

@@ -17,6 +17,8 @@ constexpr Command kCommands[] = {
     {"config", "show or change the time service's settings and tell the service", CmdConfig},
     {"service", "status, start, stop, restart or start type of the time service (or another)", CmdService},
     {"resync", "ask the time service to synchronise now", CmdResync},
+    {"install", "install the provider module on this or another machine and register it", CmdInstall},
+    {"remove", "remove the provider module's registration and move the module aside", CmdRemove},
 };
 
 void PrintHelp() {

@@ -57,6 +57,17 @@ inline constexpr std::uint32_t kCheckIntervalS = 1800;               // the agen
 inline constexpr std::uint32_t kAlertThresholdS = 2;                 // the alert threshold when missing (s)
 }  // namespace defaults
 
+// The Control Panel applet and its installation.
+namespace defaults {
+inline constexpr const char* kAppletCaption = "Chronwarden";                  // message boxes and the sheet
+inline constexpr const char* kDocumentationHost = "www.selvox.example";       // the documentation links
+inline constexpr const char* kCopyright = "Copyright (C) 2008 Selvox, Inc. All rights reserved.";
+inline constexpr const char* kPublicNtpServer1 = "pool.ntp.org";             // added to the server list by install
+inline constexpr const char* kPublicNtpServer2 = "time.nist.gov";
+inline constexpr const char* kUninstallKey = "\\\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Chronwarden Control Panel Applet";
+inline constexpr std::uint32_t kStatusThreadWaitMs = 10'000;                 // the launch waits this long for the status worker
+}  // namespace defaults
+
 // Service control of the time service.
 namespace defaults {
 inline constexpr const char* kTimeServiceName = "W32Time";      // the time service's name

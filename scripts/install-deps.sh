@@ -9,6 +9,7 @@ packages=(
   wine wine64 xvfb xauth
   chrony ntpsec-ntpdate iproute2 util-linux procps
   libsystemd-dev dbus
+  imagemagick python3
 )
 missing=()
 for p in "${packages[@]}"; do
