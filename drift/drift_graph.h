@@ -21,14 +21,14 @@ inline constexpr std::int64_t kDriftGraphYellowMs = 56;
 inline constexpr std::int64_t kDriftGraphRedMs = 127;
 
 namespace graph_colour {
-inline constexpr platform::Rgb kBlack{0, 0, 0};
-inline constexpr platform::Rgb kWhite{255, 255, 255};
-inline constexpr platform::Rgb kGreen{0, 255, 0};        // axis labels, corrected checks
-inline constexpr platform::Rgb kYellow{255, 255, 0};     // 56 to 127 ms
-inline constexpr platform::Rgb kRed{255, 0, 0};          // above 127 ms
-inline constexpr platform::Rgb kDarkGreen{0, 112, 0};    // grid
-inline constexpr platform::Rgb kGrey{127, 127, 127};     // joining line, ordinary marker outline
-inline constexpr platform::Rgb kBlue{0, 0, 255};         // startup rings
+inline constexpr platform::Colour kBlack = platform::Rgb(0, 0, 0);
+inline constexpr platform::Colour kWhite = platform::Rgb(255, 255, 255);
+inline constexpr platform::Colour kGreen = platform::Rgb(0, 255, 0);        // axis labels, corrected checks
+inline constexpr platform::Colour kYellow = platform::Rgb(255, 255, 0);     // 56 to 127 ms
+inline constexpr platform::Colour kRed = platform::Rgb(255, 0, 0);          // above 127 ms
+inline constexpr platform::Colour kDarkGreen = platform::Rgb(0, 112, 0);    // grid
+inline constexpr platform::Colour kGrey = platform::Rgb(127, 127, 127);     // joining line, ordinary marker outline
+inline constexpr platform::Colour kBlue = platform::Rgb(0, 0, 255);         // startup rings
 }  // namespace graph_colour
 
 inline constexpr const char* kDriftGraphFont = "MS Shell Dlg";
@@ -78,7 +78,7 @@ int DriftGraphPointY(const DriftGraphLayout& layout, std::int32_t variance_ms, s
 
 // A marker's outline and fill and its shape (corrected checks are ellipses, others rounded boxes).
 struct DriftMarkerStyle {
-  platform::Rgb pen, brush;
+  platform::Colour pen, brush;
   bool ellipse;
 };
 DriftMarkerStyle DriftGraphMarkerStyle(const DriftRecord& record);

@@ -10,12 +10,9 @@
 #include <memory>
 #include <string_view>
 
-namespace platform {
+#include "platform/dialog.h"   // Colour: 0x00BBGGRR, made with Rgb(r, g, b)
 
-struct Rgb {
-  std::uint8_t r = 0, g = 0, b = 0;
-  friend constexpr bool operator==(Rgb, Rgb) = default;
-};
+namespace platform {
 
 // left/top included, right/bottom excluded (pixels).
 struct Rect {
@@ -34,14 +31,14 @@ class Canvas {
   virtual ~Canvas() = default;
   virtual int Width() const = 0;    // pixels
   virtual int Height() const = 0;   // pixels
-  virtual void SetPen(Rgb colour) = 0;         // solid, 1 pixel wide: outlines and lines
-  virtual void SetBrush(Rgb colour) = 0;       // solid fill of ellipses and rounded rectangles
+  virtual void SetPen(Colour colour) = 0;         // solid, 1 pixel wide: outlines and lines
+  virtual void SetBrush(Colour colour) = 0;       // solid fill of ellipses and rounded rectangles
   virtual void SetHollowBrush() = 0;           // shapes drawn as outlines only
-  virtual void SetTextColor(Rgb colour) = 0;   // text is drawn transparently (no background box)
+  virtual void SetTextColor(Colour colour) = 0;   // text is drawn transparently (no background box)
   // The face and its size in points: the character height is points * the surface's pixels per inch
   // / 72 (GDI's negative font height). A face the system lacks is replaced by its closest match.
   virtual void SetFont(std::string_view face, int points) = 0;
-  virtual void Fill(const Rect& area, Rgb colour) = 0;   // no outline
+  virtual void Fill(const Rect& area, Colour colour) = 0;   // no outline
   virtual void MoveTo(int x, int y) = 0;
   virtual void LineTo(int x, int y) = 0;       // from the current position, end point excluded; moves there
   virtual void Ellipse(const Rect& box) = 0;   // outlined with the pen, filled with the brush
@@ -70,5 +67,11 @@ ImageFormat ImageFormatOf(std::string_view path);
 // releases it after the canvas is gone. The canvas restores the DC's objects when it is destroyed.
 // Linux: nullptr (there are no windows to draw on).
 std::unique_ptr<Canvas> CreateWindowCanvas(void* device_context, int width, int height);
+
+// A canvas on control id of a dialog, for drawing on it now (not inside its own painting). A real
+// window: GDI on the control's device context, released when the canvas goes. An in-memory window:
+// a recording canvas of the control's size whose calls are kept for tests when it goes
+// (platform/recording_canvas.h, LastControlDrawing). nullptr when the control cannot be drawn on.
+std::unique_ptr<Canvas> CreateControlCanvas(Dialog& dialog, int id);
 
 }  // namespace platform

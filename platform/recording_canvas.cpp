@@ -1,6 +1,11 @@
 // The recording canvas of the tests (no drawing, no operating system).
 #include "platform/recording_canvas.h"
 
+#include <mutex>
+
+#include "platform/canvas_sys.h"
+#include "platform/dialog.h"
+
 namespace platform {
 
 DrawCall& RecordingCanvas::Record(DrawOp op, const Rect& box) {
@@ -18,7 +23,7 @@ void RecordingCanvas::SetFont(std::string_view face, int points) {
   font_points = points;
 }
 
-void RecordingCanvas::Fill(const Rect& area, Rgb colour) { Record(DrawOp::Fill, area).brush = colour; }
+void RecordingCanvas::Fill(const Rect& area, Colour colour) { Record(DrawOp::Fill, area).brush = colour; }
 
 void RecordingCanvas::LineTo(int x, int y) {
   Record(DrawOp::Line, {x_, y_, x, y});
@@ -45,11 +50,56 @@ TextSize RecordingCanvas::Measure(std::string_view text) {
 
 void RecordingCanvas::Clip(const Rect& area) { Record(DrawOp::Clip, area); }
 
-std::vector<DrawCall> RecordingCanvas::Of(DrawOp op) const {
+namespace {
+std::vector<DrawCall> CallsOf(const std::vector<DrawCall>& calls, DrawOp op) {
   std::vector<DrawCall> out;
   for (const auto& c : calls)
     if (c.op == op) out.push_back(c);
   return out;
+}
+}  // namespace
+
+std::vector<DrawCall> RecordingCanvas::Of(DrawOp op) const { return CallsOf(calls, op); }
+
+}  // namespace platform
+
+namespace platform {
+namespace {
+
+std::mutex g_drawing_lock;
+ControlDrawing g_last_drawing;
+int g_drawing_count = 0;
+
+// A control's recording canvas: what it recorded becomes the last control drawing when it goes.
+class ControlRecordingCanvas final : public RecordingCanvas {
+ public:
+  using RecordingCanvas::RecordingCanvas;
+  ~ControlRecordingCanvas() override {
+    std::lock_guard lock(g_drawing_lock);
+    g_last_drawing = {Width(), Height(), std::move(calls)};
+    ++g_drawing_count;
+  }
+};
+
+}  // namespace
+
+std::vector<DrawCall> ControlDrawing::Of(DrawOp op) const { return CallsOf(calls, op); }
+
+ControlDrawing LastControlDrawing() {
+  std::lock_guard lock(g_drawing_lock);
+  return g_last_drawing;
+}
+
+int ControlDrawingCount() {
+  std::lock_guard lock(g_drawing_lock);
+  return g_drawing_count;
+}
+
+std::unique_ptr<Canvas> CreateControlCanvas(Dialog& dialog, int id) {
+  if (!dialog.HasControl(id)) return nullptr;
+  if (void* window = dialog.NativeHandle()) return sys::CreateControlCanvas(window, id);
+  const DlgRect r = dialog.ControlRect(id);
+  return std::make_unique<ControlRecordingCanvas>(r.right - r.left, r.bottom - r.top);
 }
 
 }  // namespace platform

@@ -15,27 +15,27 @@ enum class DrawOp : std::uint8_t { Fill, Line, Ellipse, RoundRect, Text, Clip };
 struct DrawCall {
   DrawOp op = DrawOp::Fill;
   Rect box;                   // Fill/Ellipse/RoundRect/Clip: the area; Line: from (left, top) to (right, bottom)
-  Rgb pen{};                  // Line, Ellipse, RoundRect
-  std::optional<Rgb> brush;   // Ellipse, RoundRect (empty: hollow); Fill: its colour
-  Rgb text_colour{};          // Text
+  Colour pen = 0;                  // Line, Ellipse, RoundRect
+  std::optional<Colour> brush;   // Ellipse, RoundRect (empty: hollow); Fill: its colour
+  Colour text_colour = 0;          // Text
   std::string text;           // Text
   TextAlign align = TextAlign::Left;
   int x = 0, y = 0;           // Text position
   int corner = 0;             // RoundRect corner width
 };
 
-class RecordingCanvas final : public Canvas {
+class RecordingCanvas : public Canvas {
  public:
   RecordingCanvas(int width, int height, int char_width = 6, int char_height = 11)
       : width_(width), height_(height), char_width_(char_width), char_height_(char_height) {}
   int Width() const override { return width_; }
   int Height() const override { return height_; }
-  void SetPen(Rgb colour) override { pen_ = colour; }
-  void SetBrush(Rgb colour) override { brush_ = colour; }
+  void SetPen(Colour colour) override { pen_ = colour; }
+  void SetBrush(Colour colour) override { brush_ = colour; }
   void SetHollowBrush() override { brush_.reset(); }
-  void SetTextColor(Rgb colour) override { text_ = colour; }
+  void SetTextColor(Colour colour) override { text_ = colour; }
   void SetFont(std::string_view face, int points) override;
-  void Fill(const Rect& area, Rgb colour) override;
+  void Fill(const Rect& area, Colour colour) override;
   void MoveTo(int x, int y) override { x_ = x, y_ = y; }
   void LineTo(int x, int y) override;
   void Ellipse(const Rect& box) override;
@@ -54,9 +54,19 @@ class RecordingCanvas final : public Canvas {
  private:
   DrawCall& Record(DrawOp op, const Rect& box);
   int width_, height_, char_width_, char_height_;
-  Rgb pen_{}, text_{};
-  std::optional<Rgb> brush_ = Rgb{255, 255, 255};
+  Colour pen_ = 0, text_ = 0;
+  std::optional<Colour> brush_ = Rgb(255, 255, 255);
   int x_ = 0, y_ = 0;
 };
+
+// What the last canvas of an in-memory window's control (CreateControlCanvas) drew, with its
+// size: a test's view of a window's plot. Empty until one was drawn.
+struct ControlDrawing {
+  int width = 0, height = 0;
+  std::vector<DrawCall> calls;
+  std::vector<DrawCall> Of(DrawOp op) const;
+};
+ControlDrawing LastControlDrawing();
+int ControlDrawingCount();   // how many such canvases were finished since the process started
 
 }  // namespace platform

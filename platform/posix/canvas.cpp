@@ -9,6 +9,7 @@
 #include <string>
 
 #include "platform/canvas.h"
+#include "platform/canvas_sys.h"
 #include "platform/error.h"
 
 namespace platform {
@@ -54,17 +55,17 @@ class CairoCanvas final : public ImageCanvas {
 
   int Width() const override { return width_; }
   int Height() const override { return height_; }
-  void SetPen(Rgb colour) override { pen_ = colour; }
-  void SetBrush(Rgb colour) override { brush_ = colour, hollow_ = false; }
+  void SetPen(Colour colour) override { pen_ = colour; }
+  void SetBrush(Colour colour) override { brush_ = colour, hollow_ = false; }
   void SetHollowBrush() override { hollow_ = true; }
-  void SetTextColor(Rgb colour) override { text_ = colour; }
+  void SetTextColor(Colour colour) override { text_ = colour; }
   void SetFont(std::string_view face, int points) override {
     const std::string name = face == kDialogFace ? kDialogStandIn : std::string(face);
     cairo_select_font_face(cr_, name.c_str(), CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
     cairo_set_font_size(cr_, std::lround(points * kPixelsPerInch / 72.0));
     cairo_font_extents(cr_, &font_);
   }
-  void Fill(const Rect& a, Rgb colour) override {
+  void Fill(const Rect& a, Colour colour) override {
     Source(colour);
     cairo_rectangle(cr_, a.left, a.top, a.right - a.left, a.bottom - a.top);
     cairo_fill(cr_);
@@ -143,7 +144,7 @@ class CairoCanvas final : public ImageCanvas {
   }
 
  private:
-  void Source(Rgb c) { cairo_set_source_rgb(cr_, c.r / 255.0, c.g / 255.0, c.b / 255.0); }
+  void Source(Colour c) { cairo_set_source_rgb(cr_, (c & 0xFF) / 255.0, (c >> 8 & 0xFF) / 255.0, (c >> 16 & 0xFF) / 255.0); }
   void FillAndStroke() {
     if (!hollow_) {
       Source(brush_);
@@ -159,7 +160,7 @@ class CairoCanvas final : public ImageCanvas {
   cairo_surface_t* surface_ = nullptr;
   cairo_t* cr_ = nullptr;
   cairo_font_extents_t font_{};
-  Rgb pen_{}, brush_{255, 255, 255}, text_{};
+  Colour pen_ = 0, brush_ = Rgb(255, 255, 255), text_ = 0;
   bool hollow_ = false;
   int x_ = 0, y_ = 0;
 };
@@ -185,3 +186,12 @@ std::unique_ptr<Canvas> CreateWindowCanvas(void*, int, int) {
 }
 
 }  // namespace platform
+
+namespace platform::sys {
+
+std::unique_ptr<Canvas> CreateControlCanvas(void*, int) {
+  SetLastError(50);   // ERROR_NOT_SUPPORTED: no windows on this system
+  return nullptr;
+}
+
+}  // namespace platform::sys
