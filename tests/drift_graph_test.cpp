@@ -6,7 +6,7 @@
 
 #include "drift/drift_graph.h"
 #include "drift/drift_graph_window.h"
-#include "drift_test_util.h"
+#include "tests/drift_test_util.h"
 #include "platform/dialog_memory.h"
 #include "platform/file_chooser.h"
 #include "platform/recording_canvas.h"
