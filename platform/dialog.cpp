@@ -60,6 +60,11 @@ void OpenWebAddress(std::string_view url) {
   else sys::OpenWebAddress(url);
 }
 
+Colour SystemColour(int index) {
+  if (!MemoryDialogsInUse()) return sys::SystemColour(index);
+  return index == kColorWindow ? Rgb(255, 255, 255) : Rgb(240, 240, 240);
+}
+
 int ScreenPixelsPerInchY() { return MemoryDialogsInUse() ? 96 : sys::ScreenPixelsPerInchY(); }
 
 void SetResourceModule(void* module) { g_resource_module = module; }

@@ -130,7 +130,11 @@ struct StaticColours {
   Colour text;        // text colour
   bool opaque;        // opaque background mode
   FontSpec font;      // font selected for the text
+  Colour background;  // background colour (and the brush the backend answers with)
 };
+// System colours (GetSysColor) by index.
+inline constexpr int kColorMenu = 4, kColorWindow = 5, kColorBtnFace = 15;
+Colour SystemColour(int index);   // in memory: a fixed light palette in which menu and button face agree
 
 class Dialog;
 

@@ -13,6 +13,7 @@ int ShowMessageBox(Dialog* owner, std::string_view text, std::string_view captio
 void SetSystemCursor(CursorShape shape);
 void OpenWebAddress(std::string_view url);
 int ScreenPixelsPerInchY();
+Colour SystemColour(int index);
 void* DefaultResourceModule();
 
 }  // namespace platform::sys

@@ -31,9 +31,13 @@ struct Recorder : DialogLogic {
 struct DialogTest : ::testing::Test {
   void SetUp() override {
     resources::RegisterDialogs();
+    UseMemoryDialogs(true);
     memory_ui::Reset();
   }
-  void TearDown() override { memory_ui::Reset(); }
+  void TearDown() override {
+    memory_ui::Reset();
+    UseMemoryDialogs(false);
+  }
 };
 
 TEST_F(DialogTest, EveryTemplateIsDescribedWithItsSize) {

@@ -18,6 +18,7 @@ int ShowMessageBox(Dialog*, std::string_view text, std::string_view caption, std
 void SetSystemCursor(CursorShape shape) { memory_backend::SetSystemCursor(shape); }
 void OpenWebAddress(std::string_view url) { memory_backend::OpenWebAddress(url); }
 int ScreenPixelsPerInchY() { return 96; }
+Colour SystemColour(int) { return Rgb(240, 240, 240); }
 void* DefaultResourceModule() { return nullptr; }
 
 }  // namespace platform::sys
