@@ -22,7 +22,12 @@ class GdiCanvas final : public Canvas {
     if (pen_) DeleteObject(pen_);
     if (brush_) DeleteObject(brush_);
     if (font_) DeleteObject(font_);
-    if (release_to_) ReleaseDC(release_to_, dc_);
+    if (release_to_) {
+      // What was drawn is the control's picture now: its own painting (a static's background)
+      // must not wipe it when it was due to paint too.
+      ValidateRect(release_to_, nullptr);
+      ReleaseDC(release_to_, dc_);
+    }
   }
   int Width() const override { return width_; }
   int Height() const override { return height_; }
