@@ -61,3 +61,44 @@ inline constexpr std::uint32_t kW32tServiceStart = 2;                // W32Time 
 inline constexpr std::uint32_t kCheckIntervalS = 1800;               // the agent's check interval when missing (s)
 inline constexpr std::uint32_t kAlertThresholdS = 2;                 // the alert threshold when missing (s)
 }  // namespace defaults
+
+// The Control Panel applet and its installation.
+namespace defaults {
+inline constexpr const char* kAppletCaption = "Chronwarden";                  // message boxes and the sheet
+inline constexpr const char* kDocumentationHost = "www.selvox.example";       // the documentation links
+inline constexpr const char* kCopyright = "Copyright (C) 2008 Selvox, Inc. All rights reserved.";
+inline constexpr const char* kPublicNtpServer1 = "pool.ntp.org";             // added to the server list by install
+inline constexpr const char* kPublicNtpServer2 = "time.nist.gov";
+inline constexpr const char* kUninstallKey = "\\\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Chronwarden Control Panel Applet";
+inline constexpr std::uint32_t kStatusThreadWaitMs = 10'000;                 // the launch waits this long for the status worker
+}  // namespace defaults
+
+// Service control of the time service.
+namespace defaults {
+inline constexpr const char* kTimeServiceName = "W32Time";      // the time service's name
+inline constexpr std::uint32_t kStopFirstSleepMs = 250;           // pause after sending stop (ms)
+inline constexpr std::uint32_t kStopPollMinMs = 100;              // stop polling: the wait hint clamped to this... (ms)
+inline constexpr std::uint32_t kStopPollMaxMs = 500;              // ...and this (ms)
+inline constexpr std::uint32_t kStopWaitMs = 30'000;              // give up on a stop after this long (ms)
+inline constexpr std::uint32_t kRestartPolls = 100;               // restart: polls for stopped, then for running
+inline constexpr std::uint32_t kRestartPollMs = 100;              // restart: pause between polls (ms)
+inline constexpr std::uint32_t kServiceMessageStyle = 0x42030;    // OK, warning icon, task-modal, topmost
+inline constexpr std::uint32_t kErrorServiceTimeout = 1053;       // a restart whose wait ran out without a code
+}  // namespace defaults
+
+// The Linux time service's NTP client (chrony).
+namespace defaults {
+inline constexpr const char* kChronyParametersKey = "System\\CurrentControlSet\\Services\\W32Time\\Parameters";   // holds the two paths below when set
+inline constexpr const char* kChronySocket = "/run/chrony/chronyd.sock";                  // "ChronyCommandSocket"
+inline constexpr const char* kChronySourcesFile = "/etc/chrony/sources.d/chronwarden.sources";   // "ChronySourcesFile"
+}  // namespace defaults
+
+// The product family's identity, as the shared status block, the status records and the
+// registration show it.
+namespace defaults {
+inline constexpr std::uint32_t kVersionMajor = 4;
+inline constexpr std::uint32_t kVersionMinor = 2;
+inline constexpr std::uint32_t kBuildYear = 2008;
+inline constexpr std::uint32_t kBuildMonthDay = 1210;
+inline constexpr std::uint32_t kProductCode = 7;                   // this product among the family's
+}  // namespace defaults

@@ -67,6 +67,12 @@ Colour SystemColour(int index) {
 
 int ScreenPixelsPerInchY() { return MemoryDialogsInUse() ? 96 : sys::ScreenPixelsPerInchY(); }
 
+void InitDialogSystem() {
+  if (!MemoryDialogsInUse()) sys::InitDialogSystem();
+}
+
+void* FindModuleHandle(const char* file_name) { return MemoryDialogsInUse() ? nullptr : sys::FindModuleHandle(file_name); }
+
 void SetResourceModule(void* module) { g_resource_module = module; }
 void* ResourceModule() {
   void* m = g_resource_module;

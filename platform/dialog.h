@@ -291,6 +291,13 @@ int ScreenPixelsPerInchY();
 void SetResourceModule(void* module);
 void* ResourceModule();
 
+// Prepares the system's dialogs once per process (InitCommonControlsEx for the classes the
+// templates use); nothing in memory.
+void InitDialogSystem();
+// The handle of a loaded module by file name ("w32tmkr.cpl"); nullptr when it is not loaded
+// (always in memory and on POSIX).
+void* FindModuleHandle(const char* file_name);
+
 // In-memory dialogs and user interface instead of the system's (always on POSIX). See
 // platform/dialog_memory.h for what a test does with them.
 void UseMemoryDialogs(bool on);

@@ -15,6 +15,8 @@ void OpenWebAddress(std::string_view url);
 int ScreenPixelsPerInchY();
 Colour SystemColour(int index);
 void* DefaultResourceModule();
+void InitDialogSystem();
+void* FindModuleHandle(const char* file_name);
 
 }  // namespace platform::sys
 

@@ -35,8 +35,12 @@ struct FakeState {
   std::vector<std::string> viewer_paths;
   bool viewer_placed = false;
   int viewer_x = 0, viewer_y = 0;
+  std::vector<std::uint32_t> sleeps;   // Sleep requests, oldest first
   std::function<void()> on_next_read;
   int fail_lookup = 0, fail_socket = 0, fail_send = 0;
+  int fail_net_startup = 0;
+  std::uint32_t fail_event_nth = 0;
+  std::map<std::string, std::uint32_t, std::less<>> fail_named;
 };
 
 std::atomic<bool> g_active{false};
@@ -122,6 +126,10 @@ void SetProcessorCount(std::uint32_t n) { Locked([&](FakeState& s) { s.processor
 void SetProcessAffinity(std::uint64_t m) { Locked([&](FakeState& s) { s.process_affinity = m; return 0; }); }
 std::uint64_t CurrentThreadAffinity() { return t_affinity; }
 
+std::vector<std::uint32_t> Sleeps() {
+  return Locked([](FakeState& s) { return s.sleeps; });
+}
+
 void SetSystemMessage(std::uint32_t code, std::string_view text) {
   Locked([&](FakeState& s) { s.messages[code] = std::string(text); return 0; });
 }
@@ -129,6 +137,11 @@ void SetSystemMessage(std::uint32_t code, std::string_view text) {
 void FailHostLookup(int code) { Locked([&](FakeState& s) { s.fail_lookup = code; return 0; }); }
 void FailSocketCreate(int code) { Locked([&](FakeState& s) { s.fail_socket = code; return 0; }); }
 void FailSend(int code) { Locked([&](FakeState& s) { s.fail_send = code; return 0; }); }
+void FailNetStartup(int code) { Locked([&](FakeState& s) { s.fail_net_startup = code; return 0; }); }
+void FailEventCreate(std::uint32_t nth) { Locked([&](FakeState& s) { s.fail_event_nth = nth; return 0; }); }
+void FailNamedObject(std::string_view name, std::uint32_t code) {
+  Locked([&](FakeState& s) { s.fail_named[std::string(name)] = code; return 0; });
+}
 
 }  // namespace fake
 
@@ -248,7 +261,8 @@ void TimeEndPeriod(std::uint32_t ms) {
   sys::TimeEndPeriod(ms);
 }
 void Sleep(std::uint32_t ms) {
-  if (!On()) sys::Sleep(ms);
+  if (!On()) return sys::Sleep(ms);
+  Locked([&](FakeState& s) { s.sleeps.push_back(ms); });
 }
 bool SystemMessage(std::uint32_t code, char* buf, std::size_t size) {
   if (On()) {
@@ -318,6 +332,37 @@ SocketHandle CreateSocketV4(int type, int protocol) {
 int SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddressV4& to) {
   if (InjectedFailure(&FakeState::fail_send)) return -1;
   return sys::SendTo(s, data, size, to);
+}
+
+// Service-side start-up: injected failures while the fake is on, else the backend.
+int NetStartup() {
+  const int code = On() ? Locked([](FakeState& s) { return s.fail_net_startup; }) : 0;
+  return code ? code : sys::NetStartup();
+}
+EventHandle CreateSyncEvent(bool manual_reset, bool initially_set) {
+  if (On() && Locked([](FakeState& s) { return s.fail_event_nth != 0 && --s.fail_event_nth == 0; })) {
+    SetLastError(8);  // ERROR_NOT_ENOUGH_MEMORY
+    return nullptr;
+  }
+  return sys::CreateSyncEvent(manual_reset, initially_set);
+}
+namespace {
+std::uint32_t NamedFailure(const char* name) {
+  if (!On() || !name) return 0;
+  const std::uint32_t code = Locked([&](FakeState& s) {
+    auto it = s.fail_named.find(std::string_view(name));
+    return it == s.fail_named.end() ? 0u : it->second;
+  });
+  if (code) SetLastError(code);
+  return code;
+}
+}  // namespace
+EventHandle CreateNamedEvent(const char* name) {
+  return NamedFailure(name) ? nullptr : sys::CreateNamedEvent(name);
+}
+SectionHandle CreateNamedSection(const char* name, std::uint32_t size, bool& already_existed) {
+  already_existed = false;
+  return NamedFailure(name) ? nullptr : sys::CreateNamedSection(name, size, already_existed);
 }
 
 }  // namespace platform

@@ -56,6 +56,9 @@ void FailViewer(bool fail);
 std::vector<std::string> ViewerOpened();        // paths handed to the viewer since Enable, oldest first
 bool LastViewerOrigin(int& x, int& y);          // the position of the last viewer start; false without one
 
+// Sleeps: while the fake is on, Sleep returns at once and records the time asked for (ms).
+std::vector<std::uint32_t> Sleeps();           // since Enable, oldest first
+
 // System message texts: an entry here is returned by SystemMessage before the system's own.
 void SetSystemMessage(std::uint32_t code, std::string_view text);
 
@@ -64,5 +67,12 @@ void SetSystemMessage(std::uint32_t code, std::string_view text);
 void FailHostLookup(int winsock_code);         // LookupHostV4 (e.g. 11001 host not found)
 void FailSocketCreate(int winsock_code);       // CreateSocketV4 (e.g. 10024 too many sockets)
 void FailSend(int winsock_code);               // SendTo (e.g. 10051 network unreachable)
+
+// Start-up failures of the service side. While set (and the fake is on):
+void FailNetStartup(int winsock_code);         // NetStartup returns the code (0: none)
+// The nth CreateSyncEvent from now fails with ERROR_NOT_ENOUGH_MEMORY (1: the next one; 0: none).
+void FailEventCreate(std::uint32_t nth);
+// Creating the named section or event of exactly this Win32 name fails with the code (0: none).
+void FailNamedObject(std::string_view name, std::uint32_t code);
 
 }  // namespace platform::fake

@@ -20,5 +20,7 @@ void OpenWebAddress(std::string_view url) { memory_backend::OpenWebAddress(url);
 int ScreenPixelsPerInchY() { return 96; }
 Colour SystemColour(int) { return Rgb(240, 240, 240); }
 void* DefaultResourceModule() { return nullptr; }
+void InitDialogSystem() {}
+void* FindModuleHandle(const char*) { return nullptr; }
 
 }  // namespace platform::sys

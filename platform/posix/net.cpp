@@ -103,7 +103,7 @@ int LookupCode(int eai) {
 std::uint16_t HostToNet16(std::uint16_t v) { return htons(v); }
 std::uint32_t HostToNet32(std::uint32_t v) { return htonl(v); }
 
-int NetStartup() { return 0; }
+int sys::NetStartup() { return 0; }
 void NetCleanup() {}
 
 std::uint32_t InetAddr(const char* text) { return text ? inet_addr(text) : kInaddrNone; }
@@ -210,4 +210,21 @@ bool CloseSocket(SocketHandle s) {
   return true;
 }
 
+}  // namespace platform
+
+namespace platform {
+bool IsOwnAddress(std::uint32_t address) {
+  char name[256] = {};
+  if (gethostname(name, sizeof name - 1) != 0) return false;
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo* list = nullptr;
+  if (getaddrinfo(name, nullptr, &hints, &list) != 0) return false;
+  bool found = false;
+  for (addrinfo* a = list; a && !found; a = a->ai_next)
+    found = reinterpret_cast<const sockaddr_in*>(a->ai_addr)->sin_addr.s_addr == address;
+  freeaddrinfo(list);
+  return found;
+}
 }  // namespace platform

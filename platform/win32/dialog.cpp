@@ -503,6 +503,13 @@ void* DefaultResourceModule() {
   return m;
 }
 
+void InitDialogSystem() {
+  INITCOMMONCONTROLSEX icc{sizeof icc, ICC_WIN95_CLASSES | ICC_PROGRESS_CLASS | ICC_STANDARD_CLASSES};
+  InitCommonControlsEx(&icc);
+}
+
+void* FindModuleHandle(const char* file_name) { return GetModuleHandleA(file_name); }
+
 }  // namespace sys
 
 }  // namespace platform

@@ -27,7 +27,7 @@ sockaddr_in ToNative(const SocketAddressV4& a) {
 std::uint16_t HostToNet16(std::uint16_t v) { return htons(v); }
 std::uint32_t HostToNet32(std::uint32_t v) { return htonl(v); }
 
-int NetStartup() {
+int sys::NetStartup() {
   WSADATA data;
   return ::WSAStartup(MAKEWORD(2, 2), &data);
 }
@@ -118,4 +118,19 @@ bool CloseSocket(SocketHandle s) {
   return ::closesocket(S(s)) == 0;
 }
 
+}  // namespace platform
+
+namespace platform {
+bool IsOwnAddress(std::uint32_t address) {
+  char name[256] = {};
+  if (::gethostname(name, sizeof name - 1) != 0) return false;
+  const hostent* h = ::gethostbyname(name);
+  if (!h || h->h_addrtype != AF_INET) return false;
+  for (char** a = h->h_addr_list; a && *a; ++a) {
+    std::uint32_t v;
+    std::memcpy(&v, *a, sizeof v);
+    if (v == address) return true;
+  }
+  return false;
+}
 }  // namespace platform

@@ -1,0 +1,407 @@
+// The applet's entry, launch and shared helpers.
+#include "applet/applet.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "applet/install.h"
+#include "applet/os_identify.h"
+#include "config/defaults.h"
+#include "config/registry.h"
+#include "config/service_control.h"
+#include "drift/report.h"
+#include "platform/clock.h"
+#include "platform/error.h"
+#include "platform/machine.h"
+#include "platform/net.h"
+#include "resources/resources.h"
+#include "timing/error_text.h"
+
+AppletState g_applet;
+platform::ThreadFunction g_status_thread_fn = nullptr;
+
+namespace {
+
+constexpr const char* kProviderKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden";
+constexpr const char* kAccessTestKey = "\\\\System\\CurrentControlSet\\Services\\LanmanServer";
+constexpr const char* kAccessTestShownKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters";
+constexpr std::uint32_t kDefaultStyle = 0x42040;   // information icon, task-modal, topmost
+constexpr std::uint32_t kErrorUnsupported = 1633;
+
+// Service control messages go through the applet's message box (and so obey the quiet flag).
+void service_message(void* owner, const char* text, const char*, std::uint32_t style) {
+  applet_message(static_cast<platform::Dialog*>(owner), style, "%s", text);
+}
+ServiceOwner owner_of(platform::Dialog* d) { return ServiceOwner{d, service_message}; }
+
+int real_control(platform::Dialog* owner, const char* machine, std::uint32_t code, std::uint32_t show_error) {
+  ServiceOwner o = owner_of(owner);
+  return ControlTimeService(&o, machine, code, show_error);
+}
+int real_restart(platform::Dialog* owner, const char* machine, const char* service) {
+  ServiceOwner o = owner_of(owner);
+  return RestartService(&o, machine, service);
+}
+std::uint32_t real_resync(platform::Dialog* owner, const char* machine, std::uint32_t wait, std::uint32_t flags) {
+  ServiceOwner o = owner_of(owner);
+  return TriggerResync(&o, machine, wait, flags);
+}
+
+// The machine name without leading backslashes.
+const char* bare_name(const char* name) {
+  while (*name == '\\') ++name;
+  return name;
+}
+
+std::string error_text(std::uint32_t code) {
+  char buf[256];
+  return SystemErrorText(code, buf, sizeof buf);
+}
+
+}  // namespace
+
+AppletServices g_applet_services{real_control, real_restart, real_resync};
+
+int applet_message(platform::Dialog* owner, std::uint32_t style, const char* format, ...) {
+  if (g_applet.quiet) return 1;
+  char text[510];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  return platform::ShowMessageBox(owner, text, defaults::kAppletCaption, style ? style : kDefaultStyle);
+}
+
+void applet_wait_cursor(int begin) {
+  if (begin) {
+    if (g_applet.wait_depth++ == 0) platform::SetSystemCursor(platform::CursorShape::Wait);
+    return;
+  }
+  if (g_applet.wait_depth && --g_applet.wait_depth) return;
+  platform::SetSystemCursor(platform::CursorShape::Arrow);
+}
+
+int applet_is_admin() {
+  if (!platform::IsNtFamily()) return 1;
+  if (platform::AdminShareOpens(platform::ComputerName())) return 1;
+  if (platform::EnableTcbPrivilege()) return 1;
+  return platform::TokenHasAdministrators() ? 1 : 0;
+}
+
+int applet_access_test(platform::Dialog*, const char* machine, const char* key, char* message) {
+  char name[64];
+  std::snprintf(name, sizeof name, "morvane-test-%d", int(platform::SystemTimeAsFileTime() / 10'000));
+  const bool given = key && *key;
+  const char* path = given ? key : kAccessTestKey;
+  const char* shown = given ? key : kAccessTestShownKey;   // the texts name the Parameters key on purpose
+  const char* where = machine && *machine ? machine : "this";
+  message[0] = '\0';
+  if (!reg_set_string(path, name, "Access Test")) {
+    std::uint32_t e = platform::LastError();
+    std::snprintf(message, 512, "Could not write test value to %s key on %s machine's registry; %s", shown, where,
+                  error_text(e).c_str());
+    platform::SetLastError(e);
+    return 0;
+  }
+  char def[] = "";
+  char* read = reg_get_string_alloc(path, name, def);
+  std::uint32_t e = platform::LastError();
+  bool same = read != def && std::memcmp(read, "Access Test", 12) == 0;
+  reg_free_string(read, def);
+  if (!same) {
+    if (e == 0) e = platform::kErrorAccessDenied;
+    std::snprintf(message, 512, "Could not read test value from %s key on %s machine's registry; %s", shown, where,
+                  error_text(e).c_str());
+    platform::SetLastError(e);
+    return 0;
+  }
+  if (!reg_delete_value(path, name)) {
+    e = platform::LastError();
+    std::snprintf(message, 512, "Could not delete test value from %s key on %s machine's registry; %s", shown, where,
+                  error_text(e).c_str());
+    platform::SetLastError(e);
+    return 0;
+  }
+  platform::SetLastError(0);
+  return 1;
+}
+
+std::intptr_t applet_entry(void* window, std::uint32_t message, std::intptr_t first, std::intptr_t second) {
+  switch (message) {
+    case kCplInit:
+      g_applet.quiet = 0;
+      g_applet.target[0] = '\0';
+      os_identify();
+      return g_os.level >= kOsWin2000;
+    case kCplGetCount:
+      return g_os.level >= kOsWin2000;
+    case kCplInquire: {
+      auto* info = reinterpret_cast<CplInfo*>(second);
+      if (info) *info = CplInfo{IDI_APPLET, IDS_APPLET_NAME, IDS_APPLET_INFO, 0};
+      return 0;
+    }
+    case kCplDblClk:
+      if (void* m = platform::FindModuleHandle(defaults::kModuleFileName)) {
+        g_applet.module = m;
+        platform::SetResourceModule(m);
+      }
+      return applet_launch(window, kCplDblClk);
+    case kCplSetMachine: {
+      g_applet.target[0] = '\0';
+      const char* arg = reinterpret_cast<const char*>(first);
+      if (!arg || !*arg) return 0;
+      std::string s(arg, strnlen(arg, sizeof g_applet.target - 1));
+      const char* blanks = " \t\r\n";
+      std::size_t b = s.find_first_not_of(blanks), e = s.find_last_not_of(blanks);
+      s = b == std::string::npos ? std::string() : s.substr(b, e - b + 1);
+      for (char& c : s) c = char(std::toupper(static_cast<unsigned char>(c)));
+      std::snprintf(g_applet.target, sizeof g_applet.target, "%s", s.c_str());
+      return g_applet.target[0] != '\0';
+    }
+    case kCplInstall:
+    case kCplRemove:
+    case kCplSheet:
+      return applet_launch(window, message);
+    case kCplQuiet:
+      g_applet.quiet = second ? 1 : 0;
+      return 1;
+    default:
+      return 0;
+  }
+}
+
+int applet_needs_upgrade(const char* registered, const char* mine, int service_installed) {
+  if (!service_installed || !registered || !*registered) return 1;
+  std::string reg(registered), me(mine);
+  bool reg_release = reg.find('R') != std::string::npos, my_release = me.find('R') != std::string::npos;
+  reg = reg.substr(0, reg.find('R'));
+  me = me.substr(0, me.find('R'));
+  int order = strcasecmp(me.c_str(), reg.c_str());
+  if (my_release && !reg_release) return order >= 0;
+  return order > 0;
+}
+
+int applet_sheet_pages(std::uint32_t level, int service_installed, int ids[5]) {
+  int n = 0;
+  ids[n++] = level == kOsWin2000 ? IDD_CLIENT_W2K : IDD_CLIENT;
+  ids[n++] = IDD_SERVER;
+  if (level > kOsWin2000 && service_installed) ids[n++] = IDD_AGENT;
+  ids[n++] = IDD_SERVICE;
+  ids[n++] = IDD_ABOUT;
+  return n;
+}
+
+void applet_set_sheet_title(platform::Dialog& page) {
+  char title[300];
+  std::snprintf(title, sizeof title, "Windows Time Service - %s",
+                g_applet.target[0] ? g_applet.target : g_w32t_env.computer_name);
+  page.SetSheetTitle(title);
+}
+
+void applet_open_help(const char* subject) {
+  std::string url = std::string("http://") + defaults::kDocumentationHost +
+                    "/onlinehelp.asp?product=w32tmkrcpl&subject=" + subject + "&version=" + defaults::kProductVersion;
+  platform::OpenWebAddress(url);
+}
+
+platform::StaticColours applet_link_colours() {
+  using namespace platform;
+  Colour bg = SystemColour(kColorMenu) == SystemColour(kColorBtnFace) ? SystemColour(kColorBtnFace)
+                                                                      : SystemColour(kColorWindow);
+  return StaticColours{true, Rgb(70, 70, 245), true, kFontLink, bg};
+}
+
+void applet_setup_link(platform::Dialog& page) {
+  page.SetClassCursor(IDC_LINK, IDC_CW_LINK);
+  page.SetText(IDC_LINK, defaults::kDocumentationHost);
+}
+
+std::intptr_t applet_apply(platform::Dialog& page) {
+  if (!page.SheetChanged()) return 0;
+  page.SetSheetChanged(false);
+  applet_wait_cursor(1);
+  W32tSettings& s = g_applet.settings;
+  w32t_save(s, 1);
+  const char* target = g_applet.target;
+  std::intptr_t result = 0;
+  if (g_w32t_env.installed_product == kProductKaironServer && s.ntp_server_enabled && w32t_kairon_serves_ntp()) {
+    reg_set_bool("\\\\Software\\Morvane\\Kairon Server\\Enabled Protocols", ProtocolName(1), 0);
+    reg_set_bool("\\\\Software\\Morvane\\Kairon Server\\Parameters", "Skip Splash Once", 1);
+    g_applet_services.control(&page, target, kServiceOpStop, 0);
+    g_applet_services.restart(&page, target, "Kairon Server");
+    g_applet_services.control(&page, target, kServiceOpStart, 1);
+  } else if (g_applet_services.control(&page, target, kServiceOpQuery, 0)) {
+    if (g_w32t_env.level != kOsWin2000) g_applet_services.control(&page, target, kServiceParamChange, 1);
+    else g_applet_services.restart(&page, target, "W32Time");
+    result = std::intptr_t(g_applet_services.resync(&page, target, 0, kResyncHard));
+  }
+  applet_wait_cursor(0);
+  page.NotifySheet(false);
+  return result;
+}
+
+namespace {
+
+// Runs the sheet of a launch: status worker, settings, silent upgrade, pages.
+std::intptr_t run_sheet(void* window, std::uint32_t mode, bool remote) {
+  using namespace platform;
+  g_applet.status_stop = CreateSyncEvent(true, false);
+  g_applet.status_check = CreateSyncEvent(false, false);
+  g_applet.status_thread = g_status_thread_fn ? CreateThreadSuspended(g_status_thread_fn, nullptr) : nullptr;
+  g_applet.win2k_target = g_os.level > kOsWin2000 && remote && g_applet.target_level == kOsWin2000;
+  if (remote) {
+    g_w32t_env.level = g_applet.target_level;
+    g_w32t_env.installed_product = w32t_installed_product();
+  }
+  W32tSettings& s = g_applet.settings;
+  w32t_load(s);
+  char registered[32];
+  reg_get_string(kProviderKey, "Current Version", registered, sizeof registered, "");
+  if (mode == kCplDblClk && g_w32t_env.level > kOsWin2000 &&
+      applet_needs_upgrade(registered, defaults::kProductVersion, int(s.service_installed))) {
+    int quiet = g_applet.quiet;
+    g_applet.quiet = 1;
+    int installed = InstallModule(nullptr);
+    g_applet.quiet = quiet;
+    if (installed) {
+      w32t_load(s);
+      w32t_apply_coexistence(s);
+      w32t_save(s, 1);
+      g_applet_services.restart(nullptr, g_applet.target, "W32Time");
+    }
+  }
+  // The pages, in order.
+  int ids[5];
+  int count = applet_sheet_pages(g_w32t_env.level, int(s.service_installed), ids);
+  std::vector<SheetPage> pages;
+  std::memset(g_applet.pages_shown, 0, sizeof g_applet.pages_shown);
+  for (int i = 0; i < count; ++i) {
+    pages.push_back({ids[i], &applet_page_logic(ids[i])});
+    g_applet.pages_shown[i] = std::uint32_t(ids[i]);
+  }
+  SheetSpec spec{defaults::kAppletCaption, pages, "&OK", "&Cancel", true};
+  (void)window;
+  std::intptr_t shown = RunPropertySheet(spec, nullptr);
+  std::uint32_t err = shown < 0 ? LastError() : 0;
+  if (g_applet.helper && g_applet.helper->Exists()) g_applet.helper->End(0);
+  g_applet.helper = nullptr;
+  g_applet.sheet_page = nullptr;
+  if (g_applet.status_thread) ResumeThread(g_applet.status_thread);
+  SetEvent(g_applet.status_stop);
+  if (g_applet.status_thread) {
+    WaitForThread(g_applet.status_thread, defaults::kStatusThreadWaitMs);
+    CloseThread(g_applet.status_thread);
+  }
+  CloseEvent(g_applet.status_stop);
+  CloseEvent(g_applet.status_check);
+  g_applet.status_thread = nullptr;
+  g_applet.status_stop = g_applet.status_check = nullptr;
+  SetLastError(err);
+  return shown >= 0 ? 1 : 0;
+}
+
+}  // namespace
+
+std::intptr_t applet_launch(void* window, std::uint32_t mode) {
+  using namespace platform;
+  resources::RegisterDialogs();
+  InitDialogSystem();
+  w32t_environment_init();
+  if (strcasecmp(bare_name(g_applet.target), g_w32t_env.computer_name) == 0) g_applet.target[0] = '\0';
+  const bool remote = g_applet.target[0] != '\0';
+  const char* name = remote ? g_applet.target : g_w32t_env.computer_name;
+  bool winsock = false;
+  std::uint32_t err = 0;
+  std::intptr_t result = 0;
+  char text[512];
+
+  // Every way out disconnects the registry layer, cleans up Winsock and leaves the code.
+  struct Cleanup {
+    bool& winsock;
+    std::uint32_t& err;
+    ~Cleanup() {
+      reg_connect_target(nullptr);
+      if (winsock) NetCleanup();
+      SetLastError(err);
+    }
+  } cleanup{winsock, err};
+
+  if (!applet_is_admin()) {
+    err = platform::kErrorAccessDenied;
+    applet_message(nullptr, 0, "Sorry, you must have administrative privileges in order to run this applet.");
+    return 0;
+  }
+  ServerInfo info{};
+  if (remote) {
+    if (std::uint32_t st = GetServerInfo(bare_name(g_applet.target), info)) {
+      err = st;
+      applet_message(nullptr, 0, "Could not retrieve operating system version information for %s; %s", g_applet.target,
+                     error_text(st).c_str());
+      return 0;
+    }
+    g_applet.target_type = info.type;
+    g_applet.target_level = os_level_from_server(info.type, info.major, info.minor);
+  } else {
+    g_applet.target_level = g_os.level;
+    g_applet.target_type = GetServerInfo("", info) == 0 ? info.type : 4097;
+  }
+  if (g_os.level < kOsWin2000) {
+    err = kErrorUnsupported;
+    applet_message(nullptr, 0, "This program requires Windows 2000 or later. This machine is %s.", os_local_text(text, sizeof text));
+    return 0;
+  }
+  if (g_applet.target_level < kOsWin2000) {
+    err = kErrorUnsupported;
+    applet_message(nullptr, 0, "This program requires Windows 2000 or later. %s appears to be %s.", name,
+                   os_remote_text(kArchNoPrefix1, g_applet.target_level, text, sizeof text));
+    return 0;
+  }
+  if (os_is_wow64()) {
+    err = kErrorUnsupported;
+    applet_message(nullptr, 0,
+                   "You have launched the 32-bit version of this program, but you are running a 64-bit operating "
+                   "system.\r\nPlease use the 64-bit version instead.");
+    return 0;
+  }
+  if (int st = NetStartup()) {
+    err = std::uint32_t(st);
+    applet_message(nullptr, 0, "Unable to start the Winsock subsystem. %s", SocketErrorText(std::uint32_t(st), text, sizeof text));
+    return 0;
+  }
+  winsock = true;
+  if (remote && !reg_connect_target(g_applet.target)) {
+    err = LastError();
+    applet_message(nullptr, 0, "Cannot set focus to remote machine; %s", error_text(err).c_str());
+    return 0;
+  }
+  if (!applet_access_test(nullptr, g_applet.target, "", text)) {
+    err = LastError();
+    applet_message(nullptr, 0, "%s", text);
+    return 0;
+  }
+  if (mode == kCplInstall || mode == kCplRemove) {
+    if (mode == kCplInstall && remote) {
+      std::uint32_t arch = reg_target_architecture();
+      if (arch != g_os.arch) {
+        err = kErrorUnsupported;
+        applet_message(nullptr, 0, "%s is %s. You cannot install to a different machine architecture remotely.", name,
+                       os_arch_name(arch));
+        return 0;
+      }
+    }
+    if (remote) {
+      g_w32t_env.level = g_applet.target_level;
+      g_w32t_env.installed_product = w32t_installed_product();
+    }
+    if (g_applet.quiet) result = mode == kCplInstall ? InstallModule(nullptr) : RemoveModule(nullptr);
+    else result = RunWaitDialog(mode);
+    err = LastError();
+    return result;
+  }
+  result = run_sheet(window, mode, remote);
+  err = LastError();
+  return result;
+}

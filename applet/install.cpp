@@ -1,0 +1,332 @@
+// Install and remove.
+#include "applet/install.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "applet/applet.h"
+#include "applet/os_identify.h"
+#include "config/defaults.h"
+#include "config/registry.h"
+#include "config/service_control.h"
+#include "drift/drift_file.h"
+#include "platform/error.h"
+#include "platform/machine.h"
+#include "platform/thread.h"
+#include "resources/resources.h"
+#include "timing/error_text.h"
+
+namespace {
+
+constexpr const char* kVersionKey = "\\\\Software\\Microsoft\\Windows NT\\CurrentVersion";
+constexpr const char* kKaironServerParams = "\\\\Software\\Morvane\\Kairon Server\\Parameters";
+constexpr const char* kKaironClientParams = "\\\\Software\\Morvane\\Kairon Client\\Parameters";
+constexpr std::uint32_t kProductSettingsSize = 335;   // "Server Settings" / "Client Settings"
+constexpr std::uint32_t kNameSlotsOffset = 43, kNameSlotSize = 66, kNameSlots = 4;
+constexpr std::uint32_t kDomainControllerBits = 0x8 | 0x10;
+
+void step(platform::Dialog* progress) {
+  if (progress && !g_applet.quiet) progress->StepProgress(IDC_PROGRESS);
+}
+
+// The end of an operation: the completion message to the wait window, the code left.
+int finish(platform::Dialog* progress, int result, std::uint32_t err) {
+  if (progress) progress->Post(CW_MSG_WORK_DONE, 0, result);
+  platform::SetLastError(err);
+  return result;
+}
+
+std::string error_text(std::uint32_t code) {
+  char buf[256];
+  return SystemErrorText(code, buf, sizeof buf);
+}
+
+// "<SystemRoot>\system32\" of the target (the local machine when the layer is local).
+std::string target_system_dir() {
+  char root[260];
+  reg_get_string(kVersionKey, "SystemRoot", root, sizeof root, "c:\\windows");
+  return std::string(root) + "\\system32\\";
+}
+
+int show_error() { return g_applet.quiet ? 0 : 1; }
+
+void write_uninstall_entry() {
+  const char* key = defaults::kUninstallKey;
+  std::string dir = target_system_dir();
+  reg_set_string(key, "DisplayName", "Chronwarden Control Panel Applet");
+  reg_set_string_fmt(key, "UninstallString", "rundll32.exe %s%s,RunDll -remove", dir.c_str(), defaults::kModuleFileName);
+  reg_set_string_fmt(key, "DisplayIcon", "%s%s,0", dir.c_str(), defaults::kModuleFileName);
+  reg_set_string(key, "PublisherName", "Selvox, Inc.");
+  reg_set_string(key, "Publisher", "Selvox, Inc.");
+  reg_set_string(key, "URLInfoAbout", defaults::kDocumentationHost);
+  reg_set_dword(key, "NoModify", 1);
+  reg_set_dword(key, "NoRepair", 1);
+  reg_set_dword(key, "TSAware", 0);
+  reg_set_dword(key, "WindowsInstaller", 0);
+  reg_set_dword(key, "VersionMajor", 4);
+  reg_set_dword(key, "VerMinor", 2);
+  reg_set_string(key, "DisplayVersion", defaults::kProductVersion);
+  reg_set_string(key, "HelpTelephone", "+1 555 0142 7700");
+  reg_set_string(key, "Contact", "support@selvox.example");
+  reg_set_string_fmt(key, "HelpLink", "http://%s/support", defaults::kDocumentationHost);
+  reg_set_string_fmt(key, "URLInfoAbout", "http://%s/", defaults::kDocumentationHost);
+  reg_set_string_fmt(key, "URLUpdateInfo", "http://%s/downloads", defaults::kDocumentationHost);
+}
+
+// The coexistence adjustments and the first-install values.
+void adjust_settings(W32tSettings& s) {
+  std::uint8_t value[kProductSettingsSize] = {};
+  bool have_value = false;
+  const std::uint32_t product = g_w32t_env.installed_product;
+  const bool serves_ntp = product == kProductKaironServer && w32t_kairon_serves_ntp();
+  if (product == kProductKaironServer) {
+    have_value = reg_get_binary(kKaironServerParams, "Server Settings", value, sizeof value);
+    std::uint32_t slave_flag = 0;
+    std::memcpy(&slave_flag, value + 4, 4);
+    if (reg_get_bool(kKaironServerParams, "Slave Mode", 0) || slave_flag || serves_ntp) {
+      s.ntp_client_enabled = 0;
+      s.ntp_client_input_provider = 0;
+      s.sync_type = kW32tNoSync;
+    } else {
+      s.ntp_client_enabled = 1;
+      s.ntp_client_input_provider = 1;
+    }
+  } else if (product == kProductKaironClient || product == kProductKaironThinClient || product == kProductKaironUltraThinClient) {
+    have_value = reg_get_binary(kKaironClientParams, "Client Settings", value, sizeof value);
+    s.ntp_client_enabled = 0;
+    s.ntp_client_input_provider = 0;
+    s.sync_type = kW32tNoSync;
+  }
+  if (have_value) {
+    for (std::uint32_t i = 0; i < kNameSlots; ++i) {
+      char name[kNameSlotSize + 1] = {};
+      std::memcpy(name, value + kNameSlotsOffset + i * kNameSlotSize, kNameSlotSize);
+      install_add_server(s, name);
+    }
+  }
+  install_add_server(s, defaults::kPublicNtpServer1);
+  install_add_server(s, defaults::kPublicNtpServer2);
+  if (!s.service_installed) {
+    // First installation: the agent on with its defaults, and on a domain controller that runs a
+    // Kairon Server that does not serve NTP itself, Windows Time serves and announces time.
+    s.provider_enabled = w32t_forced_disable() ? 0 : 1;
+    s.check_interval = defaults::kCheckIntervalS;
+    s.alert_threshold = defaults::kAlertThresholdS;
+    s.alert_if_unverified = 1;
+    s.alert_if_unsynchronized = 1;
+    s.dns_lookups_enabled = 1;
+    if (product == kProductKaironServer && (g_applet.target_type & kDomainControllerBits) && !serves_ntp) {
+      s.ntp_server_enabled = 1;
+      s.announce_flags = 0x2 | 0x8;   // automatic time server, automatic reliable source
+    }
+    s.service_installed = 1;
+  }
+}
+
+}  // namespace
+
+void install_add_server(W32tSettings& s, const char* name) {
+  if (!name || !*name || s.server_count >= kW32tMaxServers) return;
+  for (std::uint32_t i = 0; i < s.server_count; ++i)
+    if (strcasecmp(s.servers[i].name, name) == 0) return;
+  W32tServer& e = s.servers[s.server_count++];
+  std::snprintf(e.name, sizeof e.name, "%s", name);
+  e.flags = 0x1;
+  e.work = -1;
+}
+
+int CopyModuleToTarget() {
+  char dest[400];
+  if (g_applet.target[0]) {
+    const char* name = g_applet.target;
+    while (*name == '\\') ++name;
+    std::snprintf(dest, sizeof dest, "\\\\%s\\admin$\\system32\\%s", name, defaults::kModuleFileName);
+  } else {
+    std::snprintf(dest, sizeof dest, "%s%s", g_w32t_env.system_dir, defaults::kModuleFileName);
+  }
+  std::string mine = platform::ThisModuleFile();
+  if (strcasecmp(mine.c_str(), dest) == 0) return 1;
+  std::uint64_t there = platform::FileVersion(dest);
+  if (there && there >= platform::ThisFileVersion()) {
+    platform::SetLastError(0);
+    return 1;
+  }
+  platform::ClearFileAttributes(dest);
+  if (!platform::CopyFileOver(mine, dest)) return 0;
+  platform::SetLastError(0);
+  return 1;
+}
+
+int InstallModule(platform::Dialog* progress) {
+  const char* target = g_applet.target;
+  step(progress);
+  DriftFileOpen(g_applet.target);
+  DriftFileClose();
+  step(progress);
+  w32t_secure_keys();
+  step(progress);
+  write_uninstall_entry();
+  step(progress);
+  W32tSettings s{};
+  w32t_load(s);
+  const W32tSettings untouched = s;
+  step(progress);
+  int copied = CopyModuleToTarget();
+  std::uint32_t err = copied ? 0 : platform::LastError();
+  step(progress);
+  adjust_settings(s);
+  step(progress);
+  bool stopped = false;
+  if (!copied) {
+    if (g_applet_services.control(progress, target, kServiceOpQuery, 0)) {
+      stopped = g_applet_services.control(progress, target, kServiceOpStop, show_error()) != 0;
+      copied = CopyModuleToTarget();
+      err = copied ? 0 : platform::LastError();
+    }
+    if (!copied)
+      applet_message(progress, 0x30, "Could not install %s to the system32 folder on %s; %s", defaults::kModuleFileName,
+                     target[0] ? target : g_w32t_env.computer_name, error_text(err).c_str());
+  }
+  step(progress);
+  if (std::memcmp(&s, &untouched, sizeof s) != 0) {
+    if (!stopped && g_applet_services.control(progress, target, kServiceOpQuery, 0))
+      stopped = g_applet_services.control(progress, target, kServiceOpStop, show_error()) != 0;
+    w32t_save(s, 1);
+  }
+  step(progress);
+  if (stopped) g_applet_services.control(progress, target, kServiceOpStart, show_error());
+  return finish(progress, copied, err);
+}
+
+int RemoveModule(platform::Dialog* progress) {
+  const char* target = g_applet.target;
+  step(progress);
+  g_applet_services.control(progress, target, kServiceOpStop, show_error());
+  step(progress);
+  W32tSettings s{};
+  w32t_load(s);
+  reg_delete_key(defaults::kUninstallKey);
+  w32t_save(s, 0);
+  step(progress);
+  int started = g_applet_services.control(progress, target, kServiceOpStart, show_error());
+  return finish(progress, started, platform::LastError());
+}
+
+int RetireModuleFile() {
+  char root[260];
+  reg_get_string(kVersionKey, "SystemRoot", root, sizeof root, "c:\\windows");
+  std::string cpl = std::string(root) + "\\system32\\" + defaults::kModuleFileName;
+  std::string old = std::string(root) + "\\system32\\w32tmkr.old";
+  auto attempt = [&] {
+    platform::ClearFileAttributes(cpl);
+    platform::ClearFileAttributes(old);
+    platform::DeleteFileAt(old);
+    return platform::MoveFileReplacing(cpl, old);
+  };
+  bool moved = attempt();
+  if (!moved && platform::LastError() == 5 && g_applet_services.control(nullptr, "", kServiceOpStop, 1)) {
+    moved = attempt();
+    std::uint32_t err = moved ? 0 : platform::LastError();
+    g_applet_services.control(nullptr, "", kServiceOpStart, 0);
+    platform::SetLastError(err);
+  }
+  return moved ? 1 : 0;
+}
+
+namespace {
+
+// The please-wait window: a worker thread runs the operation and posts its end.
+struct WaitWindow : platform::DialogLogic {
+  std::uint32_t request;
+  platform::ThreadHandle worker = nullptr;
+  platform::Dialog* dialog = nullptr;
+  int result = 0;
+  std::uint32_t error = 0;
+
+  explicit WaitWindow(std::uint32_t r) : request(r) {}
+
+  static void run(void* self) {
+    auto* w = static_cast<WaitWindow*>(self);
+    w->result = w->request == kCplInstall ? InstallModule(w->dialog) : RemoveModule(w->dialog);
+    w->error = platform::LastError();
+  }
+  bool init(platform::Dialog& d) override {
+    dialog = &d;
+    char text[400];
+    std::snprintf(text, sizeof text, "%s%s%s...", request == kCplInstall ? "Installing/Upgrading" : "Removing",
+                  g_applet.target[0] ? " on " : "", g_applet.target);
+    d.SetText(IDC_WAIT_TEXT, text);
+    d.SetProgressRange(IDC_PROGRESS, 0, 10, 1);
+    worker = platform::CreateThreadSuspended(run, this);
+    if (!worker) {
+      error = platform::LastError();
+      d.End(0);
+    } else {
+      platform::ResumeThread(worker);
+    }
+    return true;
+  }
+  std::intptr_t message(platform::Dialog& d, std::uint32_t msg, std::uintptr_t, std::intptr_t lparam) override {
+    if (msg == CW_MSG_WORK_DONE) d.End(lparam);
+    return 0;
+  }
+  void close(platform::Dialog&, int) override {}   // the window closes when the work is done
+};
+
+}  // namespace
+
+std::intptr_t RunWaitDialog(std::uint32_t request) {
+  resources::RegisterDialogs();
+  platform::InitDialogSystem();
+  WaitWindow w(request);
+  std::intptr_t r = platform::RunModalDialog(IDD_WAIT, nullptr, w);
+  if (w.worker) {
+    platform::WaitForThread(w.worker, 0xFFFFFFFF);
+    platform::CloseThread(w.worker);
+  }
+  if (r < 0) {
+    platform::SetLastError(platform::LastError());
+    return 0;
+  }
+  platform::SetLastError(w.error);
+  return w.result;
+}
+
+std::intptr_t applet_rundll(void*, const char* command_line) {
+  using namespace platform;
+  if (void* m = FindModuleHandle(defaults::kModuleFileName)) {
+    g_applet.module = m;
+    SetResourceModule(m);
+  }
+  os_identify();
+  w32t_environment_init();
+  g_applet.target[0] = '\0';
+  const std::uint32_t exclamation = kMbIconExclamation;
+  if (g_os.level < kOsWin2000)
+    return ShowMessageBox(nullptr, "Sorry, this program requires Windows 2000 or above.", defaults::kAppletCaption, exclamation);
+  std::string cmd = command_line ? command_line : "";
+  for (char& c : cmd) c = char(std::tolower(static_cast<unsigned char>(c)));
+  g_applet.quiet = cmd.find("-quiet") != std::string::npos || cmd.find("/quiet") != std::string::npos;
+  if (cmd.find_first_not_of(" \t") == std::string::npos) {
+    SetLastError(87);
+    if (g_applet.quiet) return 0;
+    return ShowMessageBox(nullptr, "Was expecting a command like -remove or -install.", defaults::kAppletCaption, exclamation);
+  }
+  std::uint32_t err = 0;
+  if (cmd.find("-install") != std::string::npos || cmd.find("/install") != std::string::npos) {
+    RunWaitDialog(kCplInstall);
+    err = LastError();
+  } else if (cmd.find("-remove") != std::string::npos || cmd.find("/remove") != std::string::npos) {
+    if (RunWaitDialog(kCplRemove)) RetireModuleFile();
+    err = LastError();
+  } else {
+    if (g_applet.quiet) return 0;
+    return ShowMessageBox(nullptr, "Was expecting either -remove or -install on the command line.", defaults::kAppletCaption,
+                          exclamation);
+  }
+  SetLastError(err);
+  if (err == 0 || g_applet.quiet) return 0;
+  return ShowMessageBox(nullptr, error_text(err), defaults::kAppletCaption, exclamation);
+}

@@ -1,0 +1,55 @@
+// A machine as the applet meets it: the user's administrator rights here, another machine's
+// server information, the loaded module and its file, file versions, and the file operations that
+// install and remove the module. Failures return false / 0 with the Win32 code in LastError().
+#pragma once
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace platform {
+
+// ---- Administrator rights (the steps of the applet's check, each on its own) ----
+// The local administrative share opens: Windows: "\\NAME\ADMIN$" opened for read data with
+// backup semantics. POSIX: the machine root may be written (it holds the registry store and the
+// system directory, which is what the share gives on Windows).
+bool AdminShareOpens(std::string_view computer_name);
+// SeTcbPrivilege can be enabled in the process token. POSIX: the effective user is root.
+bool EnableTcbPrivilege();
+// The process token holds the local Administrators group (S-1-5-32-544). POSIX: false.
+bool TokenHasAdministrators();
+// Tests: -1 (default) asks the system; 0 makes the three calls above answer false, 1 true.
+void SetAdministratorOverride(int answer);
+
+// ---- Another machine ----
+struct ServerInfo {
+  std::uint32_t type;    // server type bits (SV_TYPE_...)
+  std::uint32_t major;   // version, as NetServerGetInfo level 101 gives it
+  std::uint32_t minor;
+};
+// NetServerGetInfo level 101 of machine (no leading backslashes; "" the local machine). Returns 0
+// or the error (53 the machine was not found). POSIX: from the machine's registry store (its root
+// under the network root): the version its store declares (CurrentMajorVersionNumber and
+// CurrentMinorVersionNumber under SOFTWARE\Microsoft\Windows NT\CurrentVersion, as Windows keeps
+// them), else NT 6.3; a server when its ProductType is not "WinNT".
+std::uint32_t GetServerInfo(std::string_view machine, ServerInfo& out);
+
+// ---- The module ----
+// The file of the module that holds this code (the .cpl; a test program's own file). POSIX: the
+// provider module the host daemon loads ($CHRONWARDEN_MODULE, else the running program).
+std::string ThisModuleFile();
+// The file version (fixed version information: most significant << 32 | least significant); 0
+// for a file without one. POSIX: the version marker embedded in the file ("CWFILEVER" and 8 bytes).
+std::uint64_t FileVersion(std::string_view path);
+// This build's own file version (4.2.0.build).
+std::uint64_t ThisFileVersion();
+
+// ---- File operations (Windows paths; POSIX through NativePath) ----
+bool ClearFileAttributes(std::string_view path);           // SetFileAttributesA(NORMAL)
+bool CopyFileOver(std::string_view from, std::string_view to);   // CopyFileA, replacing
+bool DeleteFileAt(std::string_view path);                  // DeleteFileA
+bool MoveFileReplacing(std::string_view from, std::string_view to);  // MoveFileExA(REPLACE_EXISTING)
+// Tests: the next n moves of a file named like path fail with 5 (access denied), as a loaded
+// module file does.
+void FailMovesOf(std::string_view file_name, int n);
+
+}  // namespace platform

@@ -1,0 +1,137 @@
+// The applet's machine facts on POSIX: rights on the machine root, other machines' stores, files.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "platform/error.h"
+#include "platform/machine.h"
+#include "platform/paths.h"
+#include "platform/registry.h"
+
+#ifndef CW_BUILD
+#define CW_BUILD 1
+#endif
+
+namespace platform {
+
+extern std::atomic<int> g_admin_override;
+bool MoveShouldFail(std::string_view path);
+
+// The file version marker the installer reads in a module file: "CWFILEVER", a zero, then the
+// version as 8 little-endian bytes (4.2.0.build).
+extern "C" __attribute__((used)) const unsigned char cw_file_version_marker[18] = {
+    'C', 'W', 'F', 'I', 'L', 'E', 'V', 'E', 'R', 0, std::uint8_t(CW_BUILD), std::uint8_t(CW_BUILD >> 8), 0, 0, 2, 0, 4, 0};
+
+namespace {
+std::uint32_t errno_code(std::error_code ec) {
+  switch (ec.value()) {
+    case ENOENT: return 2;
+    case EACCES: case EPERM: return 5;
+    case ENOTDIR: return 3;
+    default: return 31;   // ERROR_GEN_FAILURE
+  }
+}
+bool fail(std::error_code ec) {
+  SetLastError(errno_code(ec));
+  return false;
+}
+}  // namespace
+
+bool AdminShareOpens(std::string_view) {
+  if (g_admin_override >= 0) return g_admin_override == 1;
+  return access(MachineRoot().c_str(), W_OK) == 0;
+}
+bool EnableTcbPrivilege() {
+  if (g_admin_override >= 0) return g_admin_override == 1;
+  return geteuid() == 0;
+}
+bool TokenHasAdministrators() { return g_admin_override == 1; }
+
+std::uint32_t GetServerInfo(std::string_view machine, ServerInfo& out) {
+  RegKey root = nullptr;
+  std::string name = "\\\\" + std::string(machine);
+  std::uint32_t st = machine.empty() ? 0 : RegConnectRegistry(name, false, root);
+  if (st) return st;
+  RegKey base = root ? root : RegLocalMachine();
+  RegKey key = nullptr;
+  char type[32] = {};
+  std::uint32_t size = sizeof type - 1, vtype = 0;
+  if (RegOpenKey(base, "SYSTEM\\CurrentControlSet\\Control\\ProductOptions", kKeyRead, key) == 0) {
+    RegQueryValue(key, "ProductType", &vtype, type, &size);
+    RegCloseKey(key);
+  }
+  // The version the machine declares (CurrentMajorVersionNumber / CurrentMinorVersionNumber, as
+  // Windows keeps them), else 6.3.
+  out.major = 6;
+  out.minor = 3;
+  if (RegOpenKey(base, "SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", kKeyRead, key) == 0) {
+    std::uint32_t v = 0, vsize = sizeof v;
+    if (RegQueryValue(key, "CurrentMajorVersionNumber", &vtype, &v, &vsize) == 0 && vtype == kRegDword) out.major = v;
+    vsize = sizeof v;
+    if (RegQueryValue(key, "CurrentMinorVersionNumber", &vtype, &v, &vsize) == 0 && vtype == kRegDword) out.minor = v;
+    RegCloseKey(key);
+  }
+  if (root) RegCloseKey(root);
+  out.type = 0x1000 | 0x2 | (std::strcmp(type, "WinNT") == 0 ? 0 : 0x8000);   // NT | server service | server
+  return 0;
+}
+
+std::string ThisModuleFile() {
+  if (const char* m = std::getenv("CHRONWARDEN_MODULE"); m && *m) return m;
+  std::error_code ec;
+  return std::filesystem::read_symlink("/proc/self/exe", ec).string();
+}
+
+std::uint64_t FileVersion(std::string_view path) {
+  std::ifstream f(NativePath(path), std::ios::binary);
+  if (!f) return 0;
+  std::string data((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  std::string_view magic(reinterpret_cast<const char*>(cw_file_version_marker), 10);
+  std::size_t at = data.find(magic);
+  if (at == std::string::npos || at + 18 > data.size()) return 0;
+  std::uint64_t v = 0;
+  for (int i = 7; i >= 0; --i) v = v << 8 | static_cast<unsigned char>(data[at + 10 + std::size_t(i)]);
+  return v;
+}
+
+bool ClearFileAttributes(std::string_view path) {
+  std::error_code ec;
+  std::filesystem::permissions(NativePath(path), std::filesystem::perms::owner_write, std::filesystem::perm_options::add, ec);
+  return ec ? fail(ec) : true;
+}
+
+bool CopyFileOver(std::string_view from, std::string_view to) {
+  std::error_code ec;
+  std::string dst = NativePath(to);
+  std::filesystem::create_directories(std::filesystem::path(dst).parent_path(), ec);
+  // Through a temporary name and a rename, so that a running program keeps its old file.
+  std::string tmp = dst + ".new";
+  std::filesystem::copy_file(NativePath(from), tmp, std::filesystem::copy_options::overwrite_existing, ec);
+  if (!ec) std::filesystem::rename(tmp, dst, ec);
+  return ec ? fail(ec) : true;
+}
+
+bool DeleteFileAt(std::string_view path) {
+  std::error_code ec;
+  if (!std::filesystem::remove(NativePath(path), ec)) return fail(ec ? ec : std::make_error_code(std::errc::no_such_file_or_directory));
+  return true;
+}
+
+bool MoveFileReplacing(std::string_view from, std::string_view to) {
+  if (MoveShouldFail(from)) {
+    SetLastError(5);
+    return false;
+  }
+  std::error_code ec;
+  std::filesystem::rename(NativePath(from), NativePath(to), ec);
+  return ec ? fail(ec) : true;
+}
+
+}  // namespace platform
