@@ -492,7 +492,11 @@ TEST_F(AppletTest, InstallAddsTheKaironClientServersAndStopsAtSix) {
   EXPECT_EQ(s.ntp_client_enabled, 0u);
   EXPECT_EQ(s.sync_type, kW32tNoSync);
   W32tSettings full{};
-  for (int i = 0; i < 6; ++i) install_add_server(full, ("s" + std::to_string(i)).c_str());
+  for (int i = 0; i < 6; ++i) {
+    char name[8];
+    std::snprintf(name, sizeof name, "s%d", i);
+    install_add_server(full, name);
+  }
   install_add_server(full, "seventh");
   EXPECT_EQ(full.server_count, 6u);
   install_add_server(full, "");

@@ -1,0 +1,141 @@
+// Drives the module's CPlApplet on a (virtual) display: opens the property sheet, reads back its
+// caption, page titles and the About page's texts from the real windows, keeps a screenshot of
+// each page (BMP files in the folder given as the first argument), and closes it with Cancel.
+// Exit code 0 when everything read back is as expected.
+#include <windows.h>
+#include <commctrl.h>
+#include <prsht.h>
+
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using CplFn = LONG(APIENTRY*)(HWND, UINT, LPARAM, LPARAM);
+int g_failures = 0;
+std::string g_out;
+
+void expect(bool ok, const std::string& what) {
+  std::printf("%s: %s\n", ok ? "ok" : "FAILED", what.c_str());
+  if (!ok) ++g_failures;
+}
+
+std::string text_of(HWND w) {
+  char buf[4096] = {};
+  GetWindowTextA(w, buf, sizeof buf);
+  return buf;
+}
+
+HWND find_sheet() {
+  HWND found = nullptr;
+  EnumWindows(
+      [](HWND w, LPARAM p) -> BOOL {
+        DWORD pid = 0;
+        GetWindowThreadProcessId(w, &pid);
+        char cls[64] = {};
+        GetClassNameA(w, cls, sizeof cls);
+        if (pid == GetCurrentProcessId() && std::string(cls) == "#32770" && IsWindowVisible(w) &&
+            GetDlgItem(w, 0x3020) /* the tab control */) {
+          *reinterpret_cast<HWND*>(p) = w;
+          return FALSE;
+        }
+        return TRUE;
+      },
+      reinterpret_cast<LPARAM>(&found));
+  return found;
+}
+
+void screenshot(HWND w, const std::string& path) {
+  RECT r;
+  GetWindowRect(w, &r);
+  int width = r.right - r.left, height = r.bottom - r.top;
+  HDC screen = GetDC(nullptr), mem = CreateCompatibleDC(screen);
+  HBITMAP bmp = CreateCompatibleBitmap(screen, width, height);
+  HGDIOBJ old = SelectObject(mem, bmp);
+  BitBlt(mem, 0, 0, width, height, screen, r.left, r.top, SRCCOPY);
+  SelectObject(mem, old);
+  BITMAPINFOHEADER bi{sizeof bi, width, height, 1, 24, BI_RGB, 0, 0, 0, 0, 0};
+  int stride = (width * 3 + 3) & ~3;
+  std::vector<char> pixels(std::size_t(stride) * std::size_t(height));
+  GetDIBits(mem, bmp, 0, UINT(height), pixels.data(), reinterpret_cast<BITMAPINFO*>(&bi), DIB_RGB_COLORS);
+  BITMAPFILEHEADER fh{0x4D42, DWORD(sizeof fh + sizeof bi + pixels.size()), 0, 0, DWORD(sizeof fh + sizeof bi)};
+  if (FILE* f = std::fopen(path.c_str(), "wb")) {
+    std::fwrite(&fh, sizeof fh, 1, f);
+    std::fwrite(&bi, sizeof bi, 1, f);
+    std::fwrite(pixels.data(), 1, pixels.size(), f);
+    std::fclose(f);
+  }
+  DeleteObject(bmp);
+  DeleteDC(mem);
+  ReleaseDC(nullptr, screen);
+}
+
+// Runs on a thread of its own while CPlApplet shows the modal sheet.
+void inspect(const std::string& folder) {
+  HWND sheet = nullptr;
+  for (int i = 0; i < 300 && !(sheet = find_sheet()); ++i) Sleep(100);
+  expect(sheet != nullptr, "the property sheet opened");
+  if (!sheet) return;
+  Sleep(500);
+  HWND tab = PropSheet_GetTabControl(sheet);
+  int pages = TabCtrl_GetItemCount(tab);
+  std::string titles;
+  for (int i = 0; i < pages; ++i) {
+    char buf[64] = {};
+    TCITEMA item{};
+    item.mask = TCIF_TEXT;
+    item.pszText = buf;
+    item.cchTextMax = sizeof buf;
+    SendMessageA(tab, TCM_GETITEMA, WPARAM(i), LPARAM(&item));
+    titles += std::string(i ? "," : "") + buf;
+  }
+  expect(titles == "Client,Server,Service,About" || titles == "Client,Server,Agent,Service,About", "page titles " + titles);
+  expect(text_of(sheet) == "Chronwarden", "sheet caption before the About page: " + text_of(sheet));
+  expect(text_of(GetDlgItem(sheet, IDOK)) == "&OK" && text_of(GetDlgItem(sheet, IDCANCEL)) == "&Cancel", "buttons &OK and &Cancel");
+  const char* names[] = {"client", "server", "agent", "service", "about"};
+  for (int i = 0; i < pages; ++i) {
+    PropSheet_SetCurSel(sheet, nullptr, i);
+    Sleep(700);
+    std::string name = pages == 4 && i >= 2 ? names[i + 1] : names[i];
+    screenshot(sheet, folder + "\\page-" + std::to_string(i + 1) + "-" + name + ".bmp");
+  }
+  HWND about = PropSheet_GetCurrentPageHwnd(sheet);
+  char computer[64] = {};
+  DWORD size = sizeof computer;
+  GetComputerNameA(computer, &size);
+  expect(text_of(sheet) == std::string("Windows Time Service - ") + computer, "sheet title " + text_of(sheet));
+  expect(text_of(GetDlgItem(about, 1001)) == "Chronwarden Version 4.2.b.20081210R\r\nCopyright (C) 2008 Selvox, Inc. All rights reserved.",
+         "version line");
+  expect(text_of(GetDlgItem(about, 2280)) == "www.selvox.example", "documentation link text");
+  expect(text_of(GetDlgItem(about, 2293)).rfind("Chronwarden 4.2.b.20081210R\r\nSelvox, Inc.\r\n", 0) == 0, "about text");
+  PropSheet_PressButton(sheet, PSBTN_CANCEL);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string folder = argc > 1 ? argv[1] : ".";
+  std::string module = argc > 2 ? argv[2] : "w32tmkr.cpl";
+  HMODULE m = LoadLibraryA(module.c_str());
+  expect(m != nullptr, "the module loads");
+  if (!m) return 1;
+  auto cpl = reinterpret_cast<CplFn>(reinterpret_cast<void*>(GetProcAddress(m, "CPlApplet")));
+  expect(cpl != nullptr, "CPlApplet is exported");
+  expect(GetProcAddress(m, "RunDll") != nullptr, "RunDll is exported");
+  if (!cpl) return 1;
+  expect(cpl(nullptr, 1, 0, 0) == 1, "CPL_INIT");
+  expect(cpl(nullptr, 2, 0, 0) == 1, "CPL_GETCOUNT");
+  struct { int icon, name, info; LONG_PTR data; } info{};
+  cpl(nullptr, 3, 0, reinterpret_cast<LPARAM>(&info));
+  char name[64] = {};
+  LoadStringA(m, UINT(info.name), name, sizeof name);
+  expect(info.icon == 1 && std::string(name) == "Chronwarden", "CPL_INQUIRE names the applet");
+  std::thread watcher(inspect, folder);
+  LONG shown = cpl(nullptr, 0x11223348, 0, 0);
+  watcher.join();
+  expect(shown == 1, "the sheet launch succeeded (error " + std::to_string(GetLastError()) + ")");
+  cpl(nullptr, 8, 0, 0);
+  return g_failures ? 1 : 0;
+}
