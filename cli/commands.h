@@ -25,6 +25,8 @@ int CmdHistory(CommandArgs args);
 int CmdReg(CommandArgs args);
 int CmdOs(CommandArgs args);
 int CmdNtp(CommandArgs args);
+int CmdInstall(CommandArgs args);
+int CmdRemove(CommandArgs args);
 int CmdGraph(CommandArgs args);
 
 // Prints "chronwarden: <message>" and the hint to --help on standard error; returns kExitUsage.

@@ -14,6 +14,8 @@ constexpr Command kCommands[] = {
     {"reg", "query, set, delete and export registry values (product path rules)", CmdReg},
     {"os", "name the local system: text, OS level, architecture", CmdOs},
     {"ntp", "query an NTP server: the local clock's offset from it and the round trip", CmdNtp},
+    {"install", "install the provider module on this or another machine and register it", CmdInstall},
+    {"remove", "remove the provider module's registration and move the module aside", CmdRemove},
     {"graph", "draw the drift graph of a drift history file as PNG or SVG", CmdGraph},
 };
 

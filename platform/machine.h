@@ -35,7 +35,8 @@ std::uint32_t GetServerInfo(std::string_view machine, ServerInfo& out);
 
 // ---- The module ----
 // The file of the module that holds this code (the .cpl; a test program's own file). POSIX: the
-// provider module the host daemon loads ($CHRONWARDEN_MODULE, else the running program).
+// provider module the host daemon loads: $CHRONWARDEN_MODULE, else w32tmkr.cpl beside the running
+// program or one folder up, else the running program.
 std::string ThisModuleFile();
 // The file version (fixed version information: most significant << 32 | least significant); 0
 // for a file without one. POSIX: the version marker embedded in the file ("CWFILEVER" and 8 bytes).

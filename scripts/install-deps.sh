@@ -8,7 +8,8 @@ packages=(
   g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
   wine wine64 xvfb xauth
   chrony ntpsec-ntpdate iproute2 util-linux procps
-  libcairo2-dev fonts-dejavu-core imagemagick x11-apps python3
+  imagemagick python3
+  libcairo2-dev fonts-dejavu-core x11-apps
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -85,8 +85,12 @@ std::uint32_t GetServerInfo(std::string_view machine, ServerInfo& out) {
 
 std::string ThisModuleFile() {
   if (const char* m = std::getenv("CHRONWARDEN_MODULE"); m && *m) return m;
+  // Else the module beside the running program, or one folder up (the build tree's layout).
   std::error_code ec;
-  return std::filesystem::read_symlink("/proc/self/exe", ec).string();
+  std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+  for (const auto& p : {exe.parent_path() / "w32tmkr.cpl", exe.parent_path().parent_path() / "w32tmkr.cpl"})
+    if (std::filesystem::exists(p, ec)) return p.string();
+  return exe.string();
 }
 
 std::uint64_t FileVersion(std::string_view path) {

@@ -1,0 +1,64 @@
+// chronwarden install|remove [--machine NAME] [--quiet]: the applet's install and remove on this
+// machine or on another one (its root under the network root), through the same launch.
+#include <cstdio>
+#include <string>
+
+#include "applet/applet.h"
+#include "applet/install.h"
+#include "cli/commands.h"
+#include "platform/dialog_memory.h"
+#include "platform/error.h"
+#include "timing/error_text.h"
+
+namespace {
+
+int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
+  std::string machine;
+  bool quiet = false;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (IsHelp(args[i])) {
+      std::printf(
+          "Usage: chronwarden %s [--machine NAME] [--quiet]\n\n"
+          "%s the provider module on this machine, or with --machine on NAME (its machine root mounted\n"
+          "under $CHRONWARDEN_NETWORK_ROOT/NAME). Install copies the module ($CHRONWARDEN_MODULE, else\n"
+          "w32tmkr.cpl beside this program) into the system directory unless the one there is as new,\n"
+          "registers it as a time provider, writes the uninstall entry and restarts the time service;\n"
+          "remove undoes the registration%s.\n"
+          "Needs administrator rights: the effective user root, or write access to the machine root.\n"
+          "  --machine NAME  the target machine (\\\\NAME or NAME)\n"
+          "  --quiet         show no messages; the exit code still tells\n",
+          std::string(command).c_str(), message == kCplInstall ? "Installs" : "Removes",
+          message == kCplRemove ? " and moves the local module aside (w32tmkr.old)" : "");
+      return kExitOk;
+    }
+    if (args[i] == "--quiet") quiet = true;
+    else if (args[i] == "--machine" && i + 1 < args.size()) machine = args[++i];
+    else return UsageError(command, "unknown argument: " + std::string(args[i]));
+  }
+  // Messages of the applet go to standard error; questions take their first answer.
+  platform::memory_ui::SetSink([](const platform::memory_ui::Box& box) {
+    std::fprintf(stderr, "chronwarden: %s\n", box.text.c_str());
+    return 0;
+  });
+  platform::memory_ui::OnModal([](platform::MemoryDialog& d) { d.RunUntilEnded(0xFFFFFFFF); });
+  applet_entry(nullptr, kCplInit, 0, 0);
+  applet_entry(nullptr, kCplSetMachine, reinterpret_cast<std::intptr_t>(machine.c_str()), 0);
+  applet_entry(nullptr, kCplQuiet, 0, quiet ? 1 : 0);
+  std::intptr_t ok = applet_entry(nullptr, message, 0, 0);
+  std::uint32_t err = platform::LastError();
+  if (ok && message == kCplRemove && machine.empty()) RetireModuleFile();
+  if (!ok || err) {
+    if (!quiet) {
+      char text[256];
+      std::fprintf(stderr, "chronwarden %s: %s\n", std::string(command).c_str(), SystemErrorText(err, text, sizeof text));
+    }
+    return kExitFailed;
+  }
+  if (!quiet) std::printf("%s\n", message == kCplInstall ? "Installed." : "Removed.");
+  return kExitOk;
+}
+
+}  // namespace
+
+int CmdInstall(CommandArgs args) { return Run("install", args, kCplInstall); }
+int CmdRemove(CommandArgs args) { return Run("remove", args, kCplRemove); }
