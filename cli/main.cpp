@@ -19,6 +19,7 @@ constexpr Command kCommands[] = {
     {"resync", "ask the time service to synchronise now", CmdResync},
     {"install", "install the provider module on this or another machine and register it", CmdInstall},
     {"remove", "remove the provider module's registration and move the module aside", CmdRemove},
+    {"graph", "draw the drift graph of a drift history file as PNG or SVG", CmdGraph},
 };
 
 void PrintHelp() {

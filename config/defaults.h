@@ -43,6 +43,11 @@ inline constexpr std::uint32_t kNtpMultiSamplePauseMs = 100;   // pause after ea
 // and T4. Slower replies cost this much processor time once per query.
 inline constexpr std::uint32_t kNtpReceiveSpinUs = 200;
 
+// Drift graph: the plot's size in pixels when the window is at 96 dpi with its 8-point dialog font
+// (424 x 190 dialog units); the command line draws this size unless told otherwise.
+inline constexpr int kGraphPlotWidth = 636;
+inline constexpr int kGraphPlotHeight = 308;
+
 }  // namespace defaults
 
 // Windows Time settings and the provider's registration.

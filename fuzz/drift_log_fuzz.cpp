@@ -1,13 +1,16 @@
 // Fuzz target: arbitrary bytes as a drift history file's contents, loaded by the applet's snapshot
 // (from memory: the file reading around it is the same for every input) and written out as the
 // summary report; and the same bytes as records that skipped validation (what a snapshot holds after
-// a failed load), rendered and described point by point.
+// a failed load), rendered and described point by point, and drawn as the graph on a recording
+// canvas of a size the bytes choose, then paged and pointed at.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
+#include "drift/drift_graph.h"
 #include "drift/drift_log.h"
 #include "drift/report.h"
+#include "platform/recording_canvas.h"
 
 namespace {
 
@@ -26,6 +29,13 @@ void Exercise(DriftLog& log, std::uint8_t options) {
   char text[512];
   for (std::int32_t i = -1; i <= static_cast<std::int32_t>(log.end_shown) && i < 200; ++i)
     DriftPointText(log, i, text, sizeof text);
+  platform::RecordingCanvas canvas(1 + options * 3, 1 + options * 2);
+  const std::uint32_t scale = options & 0x80 ? kDriftGraphScales[options % kDriftGraphScales.size()] : kDriftGraphAuto;
+  for (const auto action : {ScrollAction::Other, ScrollAction::PageLeft, ScrollAction::LineRight, ScrollAction::Right}) {
+    DriftGraphScroll(log, action, options);
+    DrawDriftGraph(canvas, &log, static_cast<std::int32_t>(options % 80) - 1, scale);
+    for (const auto& [x, y] : log.point_cache) DriftGraphHitTest(log, x + (options & 7), y - (options & 15));
+  }
 }
 
 }  // namespace
@@ -45,6 +55,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     log.records.reset(new DriftRecord[count + 1]());
     if (count) std::memcpy(log.records.get(), data, count * sizeof(DriftRecord));
     log.record_count = count;
+    log.per_screen = count < 64 ? count : 64;
+    log.first_shown = count - log.per_screen;
     log.end_shown = count;
     DriftLogSetPath(log, size > 40 ? "C:\\NTP Server\\drift.kr" : "drift.kr");
     Exercise(log, options);

@@ -10,6 +10,7 @@ packages=(
   chrony ntpsec-ntpdate iproute2 util-linux procps
   libsystemd-dev dbus
   imagemagick python3
+  libcairo2-dev fonts-dejavu-core x11-apps
 )
 missing=()
 for p in "${packages[@]}"; do
