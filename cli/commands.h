@@ -25,6 +25,8 @@ int CmdHistory(CommandArgs args);
 int CmdReg(CommandArgs args);
 int CmdOs(CommandArgs args);
 int CmdNtp(CommandArgs args);
+int CmdKr2(CommandArgs args);
+int CmdMonitor(CommandArgs args);
 
 // Prints "chronwarden: <message>" and the hint to --help on standard error; returns kExitUsage.
 int UsageError(std::string_view command, std::string_view message);

@@ -43,4 +43,11 @@ inline constexpr std::uint32_t kNtpMultiSamplePauseMs = 100;   // pause after ea
 // and T4. Slower replies cost this much processor time once per query.
 inline constexpr std::uint32_t kNtpReceiveSpinUs = 200;
 
+// The time provider's registry key (absolute) and the values the agent keeps there.
+inline constexpr const char* kProviderKeyPath = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden";
+inline constexpr const char* kLastUsedTimeSourceValue = "Last Used Time Source";
+inline constexpr const char* kPartnerValue = "Current Inbound Time Partner";
+// KR2 client (chronwarden kr2 / monitor).
+inline constexpr std::uint32_t kKr2TimeoutMs = 1000;       // reply wait of one request (ms)
+
 }  // namespace defaults

@@ -65,6 +65,8 @@ int ReceiveFrom(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* fr
 // recv without waiting: bytes received, or -1 with 10035 (would block) when nothing is queued, or
 // with the receive's own error.
 int ReceiveNow(SocketHandle s, void* buf, std::size_t size);
+// recvfrom without waiting: as ReceiveNow, with the sender's address (from may be nullptr).
+int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* from);
 bool ShutdownSocket(SocketHandle s);         // shutdown(SD_BOTH)
 bool CloseSocket(SocketHandle s);            // closesocket; kInvalidSocket is ignored
 

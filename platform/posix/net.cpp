@@ -199,6 +199,15 @@ int ReceiveNow(SocketHandle s, void* buf, std::size_t size) {
   return static_cast<int>(n);
 }
 
+int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* from) {
+  sockaddr_in sin{};
+  socklen_t len = sizeof sin;
+  const ssize_t n = recvfrom(Fd(s), buf, size, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&sin), &len);
+  if (n < 0) return Fail(errno, IsDatagram(Fd(s)));   // EAGAIN reads as 10035 here
+  if (from) *from = SocketAddressV4{kFamilyInet, sin.sin_port, sin.sin_addr.s_addr};
+  return static_cast<int>(n);
+}
+
 bool ShutdownSocket(SocketHandle s) {
   if (shutdown(Fd(s), SHUT_RDWR) != 0) return Fail(errno, IsDatagram(Fd(s))), false;
   return true;

@@ -111,6 +111,16 @@ int ReceiveNow(SocketHandle s, void* buf, std::size_t size) {
   return Receive(s, buf, size);
 }
 
+int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* from) {
+  u_long queued = 0;
+  if (::ioctlsocket(S(s), FIONREAD, &queued) == SOCKET_ERROR) return -1;
+  if (queued == 0) {
+    ::WSASetLastError(WSAEWOULDBLOCK);
+    return -1;
+  }
+  return ReceiveFrom(s, buf, size, from);
+}
+
 bool ShutdownSocket(SocketHandle s) { return ::shutdown(S(s), SD_BOTH) == 0; }
 
 bool CloseSocket(SocketHandle s) {

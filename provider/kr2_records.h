@@ -1,0 +1,261 @@
+// The KR2 protocol's records, byte for byte as they travel: requests and replies are raw packed
+// records without a header, every multi-byte field little-endian (the host's order on every
+// target this system runs on), IPv4 addresses in network order. Text fields are zero-filled and
+// zero-terminated. Shared by the responder (provider/kr2_responder.*) and the command-line client.
+#pragma once
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+
+#include "drift/drift_record.h"
+#include "platform/clock.h"
+
+static_assert(std::endian::native == std::endian::little, "KR2 records are read and written in place");
+
+inline constexpr std::uint16_t kKr2DefaultPort = 9909;          // when the "kaironsync" service is unknown
+inline constexpr const char* kKr2ServiceName = "kaironsync";    // the Winsock service name of the port
+inline constexpr std::size_t kKr2RequestMax = 512;              // the responder reads at most this much
+inline constexpr std::size_t kKr2CommandOffset = 4;             // byte 4 of a request: the command code
+inline constexpr std::size_t kKr2ArgumentOffset = 8;            // the 32-bit argument word of some commands
+inline constexpr std::size_t kKr2RequestSize = 12;              // what the client sends: header, code, argument
+
+inline constexpr std::uint32_t kKr2ProductCode = 7;             // this product's code in the family
+inline constexpr const char* kKr2VersionText = "4.2.b.20081210R";
+
+// Command codes.
+enum Kr2Command : std::uint8_t {
+  kKr2Ack = 0,
+  kKr2Time = 2,              // UTC SYSTEMTIME
+  kKr2Resync = 3,            // demand resync: ACK / NAK
+  kKr2Identity = 4,
+  kKr2Nak5 = 5,
+  kKr2TimeZone = 6,
+  kKr2LocalTime = 7,
+  kKr2Status = 128,
+  kKr2StatusClear = 129,     // empties the history and resets the counters, then as 128
+  kKr2Nak132 = 132,
+  kKr2Zero150 = 150,
+  kKr2Limits = 151,
+  kKr2DriftAfter = 160,      // the first drift record later than the argument
+  kKr2Products = 200,
+  kKr2Products201 = 201,
+  kKr2Resync204 = 204,
+};
+
+// The 35 codes the family knows; every other code is refused.
+inline constexpr std::uint8_t kKr2KnownCommands[] = {0,   1,   2,   3,   4,   5,   6,   7,   10,  11,  12,  13,
+                                                     14,  80,  81,  82,  83,  100, 101, 102, 128, 129, 130, 131,
+                                                     132, 140, 150, 151, 160, 180, 200, 201, 202, 203, 204};
+static_assert(sizeof(kKr2KnownCommands) == 35);
+// Codes refused when the machine's "Prohibited KR2 Commands" value cannot be read.
+inline constexpr std::uint8_t kKr2DefaultProhibited[] = {102, 150, 160, 180};
+inline constexpr std::uint8_t kKr2UnknownCommandMark = 128;   // table entry of a code the family does not know
+
+#pragma pack(push, 1)
+
+// "ACK" / "NAK" with the terminating zero.
+struct Kr2Word {
+  char text[4];
+};
+
+// The Win32 SYSTEMTIME: eight unsigned 16-bit words.
+using Kr2SystemTime = platform::SystemTime;
+
+// Identity (command 4), built at start-up.
+struct Kr2Identity {
+  std::uint32_t ephemerides;       // seconds since 1970 of the provider's first start
+  std::uint32_t product_code;      // 7
+  std::uint16_t major;             // 4
+  std::uint16_t minor;             // 2
+  std::uint16_t build_year;        // 2008
+  std::uint16_t build_month_day;   // 1210
+  std::uint32_t one;               // 1
+  std::uint32_t nt_family;         // 1 on an NT-family system
+  char version[16];                // "4.2.b.20081210R"
+  std::uint8_t reserved[8];
+  char computer_name[16];          // at most 15 characters
+};
+
+// The local sync status record (commands 128 and 129).
+struct Kr2Status {
+  std::uint32_t product_code;          // 7
+  std::uint32_t last_status_request;   // seconds since 1970; 0 when the agent stops
+  std::uint32_t last_reset;            // time of the last counter reset
+  std::uint32_t partner_time;          // when the current partner was taken
+  std::uint32_t agent_start;           // 0 when the agent stops
+  std::uint32_t last_check;            // cleared at agent start and stop
+  std::int64_t last_offset_ms;         // last measured offset, ms, reference minus local
+  std::int64_t offset_sum_ms;          // running sum of offsets, ms
+  char time_zone[32];                  // current zone name, ANSI
+  char version[20];                    // "4.2.b.20081210R"
+  std::uint8_t flags;                  // kKr2StatusChecking while the agent looks for a verdict
+  std::uint8_t sync_type;              // the time service's "Type" code at the last status request
+  std::uint8_t reserved1[10];
+  char partner[63];                    // "(none since startup)", then a host name or dotted address
+  std::uint8_t partner_state;          // 254 at agent start, 1 once a partner is taken
+  std::uint8_t reserved2[7];
+  std::uint32_t times[7];              // [0]: time of the last reply sent
+  std::uint64_t counters[7];           // [0]: replies sent
+  std::uint64_t failures[7];           // [0]: failed receives
+  std::uint64_t bytes_received;
+  std::uint64_t bytes_sent;
+  std::uint64_t sync_successes;        // partners taken
+  std::uint64_t sync_verdicts;         // successes and failures
+  std::uint64_t sync_failures;
+};
+inline constexpr std::uint8_t kKr2StatusChecking = 2;
+inline constexpr std::uint8_t kKr2PartnerStarting = 254;
+inline constexpr std::uint8_t kKr2PartnerTaken = 1;
+inline constexpr const char* kKr2NoPartnerYet = "(none since startup)";
+
+// Installed products (commands 200 and 201), rebuilt for each request.
+struct Kr2Products {
+  std::uint32_t reserved;              // 0
+  std::uint32_t machine_flags;         // kKr2Machine... bits
+  std::uint32_t size_288;              // 288
+  std::uint8_t partner_state;          // as the status record
+  char dollar;                         // '$'
+  Kr2SystemTime local_time;            // as command 7
+  Kr2SystemTime utc_time;              // as command 2
+  std::int64_t last_offset_ms;
+  std::uint64_t sync_successes;
+  std::uint64_t sync_verdicts;
+  std::uint64_t sync_failures;
+  std::uint32_t ephemerides;
+  std::uint32_t now;                   // seconds since 1970
+  std::uint32_t partner_time;
+  std::uint32_t agent_start;
+  char time_zone[32];
+  char version[32];
+  char partner[64];
+  char computer_name[36];
+  std::uint8_t responder_block[36];    // zeroed whenever the listen socket is created
+  std::uint8_t zero[6];
+  std::uint16_t installed;             // kKr2Installed... bits
+};
+
+// Machine flags of the installed-product record.
+inline constexpr std::uint32_t kKr2MachineProductMask = 0xF;           // bits 0-3: product code
+inline constexpr std::uint32_t kKr2MachineIdentityOne = 1u << 4;       // the identity record's word at 16
+inline constexpr std::uint32_t kKr2MachineNtFamily = 1u << 5;
+inline constexpr std::uint32_t kKr2MachineWin9xFamily = 1u << 14;
+inline constexpr std::uint32_t kKr2MachineAlways = 1u << 25;
+inline constexpr int kKr2MachineZoneShift = 30;                        // bits 30-31: time-zone state
+// Installed products of the family.
+inline constexpr std::uint16_t kKr2InstalledAlways = 0x8000;
+inline constexpr std::uint16_t kKr2InstalledServer = 1;
+inline constexpr std::uint16_t kKr2InstalledClient = 2;
+inline constexpr std::uint16_t kKr2InstalledThinClient = 4;
+inline constexpr std::uint16_t kKr2InstalledSet = 8;
+inline constexpr std::uint16_t kKr2InstalledManager = 16;
+inline constexpr std::uint16_t kKr2InstalledMonitor = 32;
+inline constexpr std::uint16_t kKr2InstalledUpdateServer = 64;
+inline constexpr std::uint16_t kKr2InstalledAuditServer = 128;
+inline constexpr std::uint16_t kKr2InstalledUltraThinClient = 0x100;
+inline constexpr std::uint16_t kKr2InstalledChronwarden = 0x200;
+
+// Win32 TIME_ZONE_INFORMATION.
+struct Kr2TimeZoneInformation {
+  std::int32_t bias;                   // minutes, UTC = local + bias
+  char16_t standard_name[32];
+  Kr2SystemTime standard_date;
+  std::int32_t standard_bias;
+  char16_t daylight_name[32];
+  Kr2SystemTime daylight_date;
+  std::int32_t daylight_bias;
+};
+
+// Time-zone reply (command 6). The first 8 bytes are the zone state as GetTimeZoneInformation
+// reports it (0 unknown, 1 standard, 2 daylight, 0xFFFFFFFF error) and the size of the
+// information that follows (244 - 8 + 4 = 240 bytes: zone information, ANSI name, setting).
+struct Kr2TimeZoneReply {
+  std::uint32_t zone_id;
+  std::uint32_t info_size;             // 240
+  Kr2TimeZoneInformation info;
+  char standard_name[64];              // the standard name, ANSI
+  std::uint32_t daylight_disabled;     // automatic daylight-saving adjustment turned off (0 when unset)
+  std::uint8_t zero[256];
+};
+inline constexpr std::uint32_t kKr2ZoneInfoSize = 240;
+
+// Command 151: four 32-bit words 1, 1, 0 and the largest allowed phase offset in ms.
+struct Kr2Limits {
+  std::uint32_t one_a;
+  std::uint32_t one_b;
+  std::uint32_t zero;
+  std::uint32_t max_phase_offset_ms;
+};
+
+#pragma pack(pop)
+
+static_assert(sizeof(Kr2Word) == 4);
+static_assert(sizeof(Kr2SystemTime) == 16);
+static_assert(sizeof(DriftRecord) == 20);
+static_assert(sizeof(Kr2Limits) == 16);
+
+static_assert(sizeof(Kr2Identity) == 64);
+static_assert(offsetof(Kr2Identity, ephemerides) == 0);
+static_assert(offsetof(Kr2Identity, product_code) == 4);
+static_assert(offsetof(Kr2Identity, major) == 8);
+static_assert(offsetof(Kr2Identity, minor) == 10);
+static_assert(offsetof(Kr2Identity, build_year) == 12);
+static_assert(offsetof(Kr2Identity, build_month_day) == 14);
+static_assert(offsetof(Kr2Identity, one) == 16);
+static_assert(offsetof(Kr2Identity, nt_family) == 20);
+static_assert(offsetof(Kr2Identity, version) == 24);
+static_assert(offsetof(Kr2Identity, computer_name) == 48);
+
+static_assert(sizeof(Kr2Status) == 355);
+static_assert(offsetof(Kr2Status, product_code) == 0);
+static_assert(offsetof(Kr2Status, last_status_request) == 4);
+static_assert(offsetof(Kr2Status, last_reset) == 8);
+static_assert(offsetof(Kr2Status, partner_time) == 12);
+static_assert(offsetof(Kr2Status, agent_start) == 16);
+static_assert(offsetof(Kr2Status, last_check) == 20);
+static_assert(offsetof(Kr2Status, last_offset_ms) == 24);
+static_assert(offsetof(Kr2Status, offset_sum_ms) == 32);
+static_assert(offsetof(Kr2Status, time_zone) == 40);
+static_assert(offsetof(Kr2Status, version) == 72);
+static_assert(offsetof(Kr2Status, flags) == 92);
+static_assert(offsetof(Kr2Status, sync_type) == 93);
+static_assert(offsetof(Kr2Status, partner) == 104);
+static_assert(offsetof(Kr2Status, partner_state) == 167);
+static_assert(offsetof(Kr2Status, reserved2) == 168);
+static_assert(offsetof(Kr2Status, times) == 175);
+static_assert(offsetof(Kr2Status, counters) == 203);
+static_assert(offsetof(Kr2Status, failures) == 259);
+static_assert(offsetof(Kr2Status, bytes_received) == 315);
+static_assert(offsetof(Kr2Status, bytes_sent) == 323);
+static_assert(offsetof(Kr2Status, sync_successes) == 331);
+static_assert(offsetof(Kr2Status, sync_verdicts) == 339);
+static_assert(offsetof(Kr2Status, sync_failures) == 347);
+
+static_assert(sizeof(Kr2Products) == 302);
+static_assert(offsetof(Kr2Products, reserved) == 0);
+static_assert(offsetof(Kr2Products, machine_flags) == 4);
+static_assert(offsetof(Kr2Products, size_288) == 8);
+static_assert(offsetof(Kr2Products, partner_state) == 12);
+static_assert(offsetof(Kr2Products, dollar) == 13);
+static_assert(offsetof(Kr2Products, local_time) == 14);
+static_assert(offsetof(Kr2Products, utc_time) == 30);
+static_assert(offsetof(Kr2Products, last_offset_ms) == 46);
+static_assert(offsetof(Kr2Products, sync_successes) == 54);
+static_assert(offsetof(Kr2Products, sync_verdicts) == 62);
+static_assert(offsetof(Kr2Products, sync_failures) == 70);
+static_assert(offsetof(Kr2Products, ephemerides) == 78);
+static_assert(offsetof(Kr2Products, now) == 82);
+static_assert(offsetof(Kr2Products, partner_time) == 86);
+static_assert(offsetof(Kr2Products, agent_start) == 90);
+static_assert(offsetof(Kr2Products, time_zone) == 94);
+static_assert(offsetof(Kr2Products, version) == 126);
+static_assert(offsetof(Kr2Products, partner) == 158);
+static_assert(offsetof(Kr2Products, computer_name) == 222);
+static_assert(offsetof(Kr2Products, responder_block) == 258);
+static_assert(offsetof(Kr2Products, zero) == 294);
+static_assert(offsetof(Kr2Products, installed) == 300);
+
+static_assert(sizeof(Kr2TimeZoneInformation) == 172);
+static_assert(sizeof(Kr2TimeZoneReply) == 504);
+static_assert(offsetof(Kr2TimeZoneReply, info) == 8);
+static_assert(offsetof(Kr2TimeZoneReply, standard_name) == 180);
+static_assert(offsetof(Kr2TimeZoneReply, daylight_disabled) == 244);

@@ -1,0 +1,342 @@
+// The KR2 responder: request handling and the records it answers with.
+#include "provider/kr2_responder.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "config/defaults.h"
+#include "config/registry.h"
+#include "config/w32time.h"
+#include "drift/drift_file.h"
+#include "platform/timezone.h"
+#include "timing/activity.h"
+#include "timing/precise_clock.h"
+
+Kr2State g_kr2;
+Kr2SystemMachine g_kr2_machine;
+
+namespace {
+
+// Activity slots of the responder.
+constexpr std::uint32_t kSlotRequest = 8;   // a request datagram was received
+constexpr std::uint32_t kSlotReply = 7;     // a reply was sent (or its send failed)
+
+// Commands that are accepted but not answered, and the activity slot each marks.
+struct SilentCommand {
+  std::uint8_t code;
+  std::uint32_t slot;
+};
+constexpr SilentCommand kSilentMarked[] = {{100, 20}, {101, 22}, {81, 28}, {82, 26}, {83, 30}};
+
+constexpr std::uint32_t kLevelWin2000 = 2048;
+constexpr std::uint32_t kLevelVista = 16384;
+
+constexpr Kr2Word kAck{{'A', 'C', 'K', 0}};
+constexpr Kr2Word kNak{{'N', 'A', 'K', 0}};
+
+// Copies text into a fixed field: zero-filled, at most size - 1 bytes, always terminated.
+template <std::size_t N>
+void CopyText(char (&field)[N], const char* text) {
+  std::memset(field, 0, N);
+  if (text) std::memcpy(field, text, strnlen(text, N - 1));
+}
+
+std::uint32_t Now() { return PreciseClockUnixSeconds(); }
+
+std::uint16_t InstalledBit(const char* key, std::uint16_t bit) {
+  return reg_get_bool(key, "Service Installed", 0) ? bit : 0;
+}
+
+}  // namespace
+
+void Kr2BuildProhibitedTable(const std::uint8_t* value, std::size_t size, bool read,
+                             std::array<std::uint8_t, 256>& table) {
+  table.fill(0);
+  if (read && value) std::memcpy(table.data(), value, std::min<std::size_t>(size, table.size()));
+  if (!read)
+    for (const auto code : kKr2DefaultProhibited) table[code] = 1;
+  std::array<bool, 256> known{};
+  for (const auto code : kKr2KnownCommands) known[code] = true;
+  for (std::size_t code = 0; code < table.size(); ++code)
+    if (!known[code]) table[code] = kKr2UnknownCommandMark;
+}
+
+void Kr2ResetCounters(Kr2Status& status, std::uint32_t now) {
+  std::memset(status.times, 0, sizeof status.times);
+  std::memset(status.counters, 0, sizeof status.counters);
+  std::memset(status.failures, 0, sizeof status.failures);
+  status.bytes_received = 0;
+  status.bytes_sent = 0;
+  status.offset_sum_ms = 0;
+  status.sync_successes = 0;
+  status.sync_verdicts = 0;
+  status.sync_failures = 0;
+  status.last_reset = now;
+}
+
+std::uint32_t Kr2ZoneName(char (&name)[32]) {
+  std::memset(name, 0, sizeof name);
+  platform::TimeZoneNow zone;
+  if (!platform::CurrentTimeZone(zone) || zone.name.empty()) {
+    CopyText(name, "unknown");
+    return 0;
+  }
+  CopyText(name, zone.name.c_str());
+  return zone.daylight ? 1 : 2;
+}
+
+void Kr2InitStatus(Kr2Status& status, std::uint32_t now) {
+  std::memset(&status, 0, sizeof status);
+  status.product_code = kKr2ProductCode;
+  CopyText(status.version, kKr2VersionText);
+  CopyText(status.partner, kKr2NoPartnerYet);
+  Kr2ZoneName(status.time_zone);
+  Kr2ResetCounters(status, now);
+}
+
+void Kr2BuildIdentity(Kr2Identity& identity, std::uint32_t ephemerides, bool nt_family, const char* computer_name) {
+  std::memset(&identity, 0, sizeof identity);
+  identity.ephemerides = ephemerides;
+  identity.product_code = kKr2ProductCode;
+  identity.major = 4;
+  identity.minor = 2;
+  identity.build_year = 2008;
+  identity.build_month_day = 1210;
+  identity.one = 1;
+  identity.nt_family = nt_family ? 1 : 0;
+  CopyText(identity.version, kKr2VersionText);
+  CopyText(identity.computer_name, computer_name);
+}
+
+void Kr2BuildProducts(Kr2Machine& machine) {
+  Kr2Products& p = g_kr2.products;
+  const Kr2Status& s = g_kr2.status;
+  std::uint8_t block[36];
+  std::memcpy(block, p.responder_block, sizeof block);   // kept: only a new listen socket zeroes it
+  std::memset(&p, 0, sizeof p);
+  std::memcpy(p.responder_block, block, sizeof block);
+
+  char zone[32];
+  const std::uint32_t zone_state = Kr2ZoneName(zone);
+  std::uint32_t flags = (kKr2ProductCode & kKr2MachineProductMask) | kKr2MachineAlways;
+  if (g_kr2.identity.one) flags |= kKr2MachineIdentityOne;
+  if (g_kr2.nt_family) {
+    flags |= kKr2MachineNtFamily;
+    struct LevelBit {
+      std::uint32_t level;
+      int bit;
+    };
+    constexpr LevelBit kLevelBits[] = {{256, 16},  {512, 16},   {1024, 17},  {2048, 18},
+                                       {4096, 19}, {8192, 20}, {16384, 26}, {32768, 27}};
+    for (const auto& lb : kLevelBits)
+      if (g_kr2.os_level == lb.level) flags |= 1u << lb.bit;
+  }
+  if (g_kr2.win9x_family) flags |= kKr2MachineWin9xFamily;
+  flags |= (zone_state & 3u) << kKr2MachineZoneShift;
+  p.machine_flags = flags;
+  p.size_288 = 288;
+  p.partner_state = s.partner_state;
+  p.dollar = '$';
+  PreciseClockGetLocalTime(p.local_time);
+  PreciseClockGetSystemTime(p.utc_time);
+  p.last_offset_ms = s.last_offset_ms;
+  p.sync_successes = s.sync_successes;
+  p.sync_verdicts = s.sync_verdicts;
+  p.sync_failures = s.sync_failures;
+  p.ephemerides = g_kr2.identity.ephemerides;
+  p.now = Now();
+  p.partner_time = s.partner_time;
+  p.agent_start = s.agent_start;
+  std::memcpy(p.time_zone, s.time_zone, sizeof s.time_zone);
+  std::memcpy(p.version, s.version, sizeof s.version);
+  std::memcpy(p.partner, s.partner, sizeof s.partner);
+  std::memcpy(p.computer_name, g_kr2.identity.computer_name, sizeof g_kr2.identity.computer_name);
+  p.installed = static_cast<std::uint16_t>(kKr2InstalledAlways | machine.InstalledProducts());
+}
+
+void Kr2ForgetLastRequest() {
+  std::memset(g_kr2.products.responder_block, 0, sizeof g_kr2.products.responder_block);
+  g_kr2.last.fill(0);
+  g_kr2.have_last = false;
+}
+
+namespace {
+
+// Fills the time-zone reply over the receive buffer from offset 8 on; returns it.
+const Kr2TimeZoneReply& BuildTimeZoneReply(Kr2Machine& machine) {
+  static_assert(kKr2ArgumentOffset + sizeof(Kr2TimeZoneReply) == kKr2RequestMax);
+  auto* r = reinterpret_cast<Kr2TimeZoneReply*>(g_kr2.receive.data() + kKr2ArgumentOffset);
+  std::memset(r, 0, sizeof *r);
+  platform::TimeZoneNow zone;
+  const bool ok = platform::CurrentTimeZone(zone);
+  r->zone_id = !ok ? 0xFFFFFFFFu : zone.daylight ? 2 : 1;
+  r->info_size = kKr2ZoneInfoSize;
+  r->info.bias = zone.bias_minutes;
+  const std::size_t n = std::min<std::size_t>(zone.name.size(), 31);
+  char16_t* wide = zone.daylight ? r->info.daylight_name : r->info.standard_name;
+  for (std::size_t i = 0; i < n; ++i) wide[i] = static_cast<unsigned char>(zone.name[i]);
+  if (zone.daylight) r->info.daylight_bias = zone.total_bias_minutes - zone.bias_minutes;
+  if (!zone.daylight) std::memcpy(r->standard_name, zone.name.data(), std::min<std::size_t>(zone.name.size(), 63));
+  r->daylight_disabled = machine.DaylightDisabled();
+  return *r;
+}
+
+// Command 128's refresh of the status record.
+void RefreshStatus(Kr2Machine& machine) {
+  Kr2ZoneName(g_kr2.status.time_zone);
+  g_kr2.status.product_code = kKr2ProductCode;
+  g_kr2.status.sync_type = static_cast<std::uint8_t>(machine.SyncType());
+  g_kr2.status.last_status_request = Now();
+}
+
+}  // namespace
+
+Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
+  auto& buf = g_kr2.receive;
+  platform::SocketAddressV4 from{};
+  const int received = socket.Receive(buf.data(), buf.size(), from);
+  if (received < 0) {
+    ++g_kr2.status.failures[0];
+    return Kr2Outcome::ReceiveFailed;
+  }
+  const std::uint8_t code = buf[kKr2CommandOffset];
+  if (g_kr2.prohibited[code] != 0) return Kr2Outcome::Refused;
+
+  MarkActivity(kSlotRequest);
+  if (g_kr2.have_last && buf == g_kr2.last) return Kr2Outcome::Repeat;
+  g_kr2.last = buf;
+  g_kr2.have_last = true;
+  g_kr2.status.bytes_received += static_cast<std::uint64_t>(received);
+
+  // The reply, as bytes in one of these.
+  const void* reply = nullptr;
+  std::size_t size = 0;
+  Kr2SystemTime time{};
+  Kr2Limits limits{};
+  DriftRecord record{};
+  constexpr std::uint32_t kZeroWord = 0;
+  auto answer = [&](const auto& r) { reply = &r, size = sizeof r; };
+
+  switch (code) {
+    case kKr2Ack:
+      answer(kAck);
+      break;
+    case kKr2Time:
+      PreciseClockGetSystemTime(time);
+      answer(time);
+      break;
+    case kKr2LocalTime:
+      PreciseClockGetLocalTime(time);
+      answer(time);
+      break;
+    case kKr2Resync:
+    case kKr2Resync204:
+      if (g_kr2.os_level == kLevelWin2000) {
+        answer(kNak);
+      } else {
+        machine.RequestResync();
+        answer(kAck);
+      }
+      break;
+    case kKr2Identity:
+      answer(g_kr2.identity);
+      break;
+    case kKr2Nak5:
+    case kKr2Nak132:
+      answer(kNak);
+      break;
+    case kKr2TimeZone:
+      answer(BuildTimeZoneReply(machine));
+      break;
+    case kKr2StatusClear:
+      machine.ClearHistory();
+      Kr2ResetCounters(g_kr2.status, Now());
+      [[fallthrough]];
+    case kKr2Status:
+      RefreshStatus(machine);
+      answer(g_kr2.status);
+      break;
+    case kKr2Zero150:
+      answer(kZeroWord);
+      break;
+    case kKr2Limits:
+      limits = {1, 1, 0, machine.MaxPhaseOffsetSeconds() * 1000u};
+      answer(limits);
+      break;
+    case kKr2DriftAfter: {
+      std::uint32_t after;
+      std::memcpy(&after, buf.data() + kKr2ArgumentOffset, sizeof after);
+      if (!machine.DriftAfter(record, after)) record = DriftRecord{};
+      answer(record);
+      break;
+    }
+    case kKr2Products:
+    case kKr2Products201:
+      Kr2BuildProducts(machine);
+      answer(g_kr2.products);
+      break;
+    default:
+      for (const auto& s : kSilentMarked)
+        if (s.code == code) MarkActivity(s.slot);
+      return Kr2Outcome::Unanswered;
+  }
+
+  const int sent = socket.Send(reply, size, from);
+  if (sent >= 0) g_kr2.status.bytes_sent += static_cast<std::uint64_t>(sent);
+  ++g_kr2.status.counters[0];
+  g_kr2.status.times[0] = Now();
+  MarkActivity(kSlotReply);
+  return Kr2Outcome::Answered;
+}
+
+void HandleRequest(platform::SocketHandle socket) {
+  Kr2SocketOn transport(socket);
+  HandleRequestWith(transport, g_kr2_machine);
+}
+
+int Kr2SocketOn::Receive(std::uint8_t* buf, std::size_t size, platform::SocketAddressV4& from) {
+  return platform::ReceiveFrom(socket, buf, size, &from);
+}
+
+int Kr2SocketOn::Send(const void* data, std::size_t size, const platform::SocketAddressV4& to) {
+  return platform::SendTo(socket, data, size, to);
+}
+
+void Kr2SystemMachine::RequestResync() {
+  if (sync_event) platform::SetEvent(sync_event);
+}
+
+void Kr2SystemMachine::ClearHistory() {
+  DriftFileClear();
+  reg_delete_value(defaults::kProviderKeyPath, defaults::kLastUsedTimeSourceValue);
+}
+
+bool Kr2SystemMachine::DriftAfter(DriftRecord& out, std::uint32_t after) { return DriftFileReadAfter(out, after); }
+
+std::uint32_t Kr2SystemMachine::SyncType() { return settings ? settings->sync_type : kW32tNtp; }
+
+std::uint32_t Kr2SystemMachine::MaxPhaseOffsetSeconds() { return settings ? settings->max_allowed_phase_offset : 0; }
+
+std::uint16_t Kr2SystemMachine::InstalledProducts() {
+  std::uint16_t bits = 0;
+  bits |= InstalledBit("\\\\Software\\Morvane\\Kairon Server\\Parameters", kKr2InstalledServer);
+  bits |= InstalledBit("\\\\Software\\Morvane\\Kairon Set\\Parameters", kKr2InstalledSet);
+  bits |= InstalledBit("\\\\Software\\Morvane\\Kairon II Manager\\Parameters", kKr2InstalledManager);
+  bits |= InstalledBit("\\\\Software\\Morvane\\Kairon II Monitor\\Parameters", kKr2InstalledMonitor);
+  bits |= InstalledBit("\\\\Software\\Morvane\\Kairon II Update Server\\Parameters", kKr2InstalledUpdateServer);
+  bits |= InstalledBit("\\\\Software\\Morvane\\Kairon II Audit Server\\Parameters", kKr2InstalledAuditServer);
+  bits |= InstalledBit(defaults::kProviderKeyPath, kKr2InstalledChronwarden);
+  constexpr const char* kClient = "\\\\Software\\Morvane\\Kairon Client\\Parameters";
+  if (reg_get_bool(kClient, "Service Installed", 0)) {
+    if (reg_get_bool(kClient, "Thin Client", 0)) bits |= kKr2InstalledThinClient;
+    else if (reg_get_bool(kClient, "Ultra Thin Client", 0)) bits |= kKr2InstalledUltraThinClient;
+    else bits |= kKr2InstalledClient;
+  }
+  return bits;
+}
+
+std::uint32_t Kr2SystemMachine::DaylightDisabled() {
+  constexpr const char* kZoneKey = "\\\\System\\CurrentControlSet\\Control\\TimeZoneInformation";
+  const char* name = g_kr2.os_level < kLevelVista ? "DisableAutoDaylightTimeSet" : "DynamicDaylightTimeDisabled";
+  return reg_get_dword(kZoneKey, name, 0);
+}
