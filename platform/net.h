@@ -56,6 +56,7 @@ bool SetReceiveTimeout(SocketHandle s, std::uint32_t timeout_ms);   // SO_RCVTIM
 bool SetNoDelay(SocketHandle s, bool on);                           // TCP_NODELAY (fails on datagram sockets)
 bool SetReuseAddress(SocketHandle s, bool on);                      // SO_REUSEADDR
 bool BindV4(SocketHandle s, const SocketAddressV4& local);          // bind
+bool SocketName(SocketHandle s, SocketAddressV4& local);            // getsockname: the bound address and port
 // sendto: bytes sent, or -1 on failure.
 int SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddressV4& to);
 // recv / recvfrom (from may be nullptr): bytes received, or -1 on failure (10060 when the receive

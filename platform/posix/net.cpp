@@ -199,6 +199,14 @@ int ReceiveNow(SocketHandle s, void* buf, std::size_t size) {
   return static_cast<int>(n);
 }
 
+bool SocketName(SocketHandle s, SocketAddressV4& local) {
+  sockaddr_in sin{};
+  socklen_t len = sizeof sin;
+  if (getsockname(Fd(s), reinterpret_cast<sockaddr*>(&sin), &len) != 0) return Fail(errno, false), false;
+  local = SocketAddressV4{kFamilyInet, sin.sin_port, sin.sin_addr.s_addr};
+  return true;
+}
+
 int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* from) {
   sockaddr_in sin{};
   socklen_t len = sizeof sin;

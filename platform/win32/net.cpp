@@ -111,6 +111,14 @@ int ReceiveNow(SocketHandle s, void* buf, std::size_t size) {
   return Receive(s, buf, size);
 }
 
+bool SocketName(SocketHandle s, SocketAddressV4& local) {
+  sockaddr_in sin{};
+  int len = sizeof sin;
+  if (::getsockname(S(s), reinterpret_cast<sockaddr*>(&sin), &len) == SOCKET_ERROR) return false;
+  local = SocketAddressV4{kFamilyInet, sin.sin_port, sin.sin_addr.s_addr};
+  return true;
+}
+
 int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* from) {
   u_long queued = 0;
   if (::ioctlsocket(S(s), FIONREAD, &queued) == SOCKET_ERROR) return -1;
