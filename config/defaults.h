@@ -51,3 +51,15 @@ inline constexpr const char* kPartnerValue = "Current Inbound Time Partner";
 inline constexpr std::uint32_t kKr2TimeoutMs = 1000;       // reply wait of one request (ms)
 
 }  // namespace defaults
+
+// Windows Time settings and the provider's registration.
+namespace defaults {
+inline constexpr const char* kModuleFileName = "w32tmkr.cpl";        // the module in the system directory
+inline constexpr const char* kProductVersion = "4.2.b.20081210R";    // "Current Version" of the provider key
+inline constexpr std::uint32_t kProviderOemId = 288;                 // "OEMID" of the provider key
+inline constexpr const char* kCplCategoryValue = "%systemroot%\\system32\\w32tmkr.cpl";   // Control Panel category value name
+inline constexpr std::uint32_t kCplCategory = 6;                     // its Control Panel category number
+inline constexpr std::uint32_t kW32tServiceStart = 2;                // W32Time "Start" when missing (automatic)
+inline constexpr std::uint32_t kCheckIntervalS = 1800;               // the agent's check interval when missing (s)
+inline constexpr std::uint32_t kAlertThresholdS = 2;                 // the alert threshold when missing (s)
+}  // namespace defaults

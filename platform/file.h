@@ -44,6 +44,7 @@ bool FileSize(FileHandle file, std::uint64_t& size);   // size in bytes
 bool FileFlush(FileHandle file);                       // FlushFileBuffers (POSIX: fsync): on disk when it returns
 bool FileSetEnd(FileHandle file);                      // SetEndOfFile: cuts or extends the file at the file pointer
 bool FileDelete(std::string_view path);                // DeleteFileA
+bool FileExists(std::string_view path);                // FindFirstFileA finds it (a file or a folder)
 
 // GetTempPathA: the temporary folder with a trailing separator, "" on failure.
 // POSIX: $TMPDIR, else /tmp, with a trailing "/".

@@ -181,6 +181,11 @@ bool FileDelete(std::string_view path) {
   return true;
 }
 
+bool FileExists(std::string_view path) {
+  struct stat st;
+  return ::stat(NativePath(path).c_str(), &st) == 0;
+}
+
 std::string TempDirectory() {
   const char* env = std::getenv("TMPDIR");
   std::string dir = (env && *env) ? env : "/tmp";

@@ -79,6 +79,14 @@ bool FileSetEnd(FileHandle file) {
 
 bool FileDelete(std::string_view path) { return ::DeleteFileA(std::string(path).c_str()) != FALSE; }
 
+bool FileExists(std::string_view path) {
+  WIN32_FIND_DATAA found;
+  HANDLE h = ::FindFirstFileA(std::string(path).c_str(), &found);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  ::FindClose(h);
+  return true;
+}
+
 std::string TempDirectory() {
   std::unique_ptr<char[]> buf(new char[4096]());
   const DWORD n = ::GetTempPathA(4096, buf.get());

@@ -1,0 +1,296 @@
+// The Windows Time settings record: loading, saving with registration, sync type texts, key
+// security and the Kairon coexistence rules.
+#include "config/w32time.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "applet/os_identify.h"
+#include "config/defaults.h"
+#include "config/registry.h"
+#include "platform/file.h"
+#include "platform/os.h"
+#include "platform/paths.h"
+
+W32tEnvironment g_w32t_env{};
+
+namespace {
+
+constexpr const char* kW32TimeKey = "\\\\System\\CurrentControlSet\\Services\\W32Time";
+constexpr const char* kParametersKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters";
+constexpr const char* kConfigKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\Config";
+constexpr const char* kTimeProvidersKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders";
+constexpr const char* kNtpClientKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\NtpClient";
+constexpr const char* kNtpServerKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\NtpServer";
+constexpr const char* kProviderKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden";
+constexpr const char* kLanmanKey = "\\\\System\\CurrentControlSet\\Services\\LanmanServer\\Parameters";
+constexpr const char* kComputerNameKey = "\\\\System\\CurrentControlSet\\Control\\ComputerName\\ComputerName";
+constexpr const char* kCategoryKey1 =
+    "\\\\Software\\Microsoft\\Windows\\CurrentVersion\\Control Panel\\Extended Properties\\"
+    "{305CA226-D286-468e-B848-2B2E8E697B74} 2";
+constexpr const char* kCategoryKey2 =
+    "\\\\Software\\Microsoft\\Windows\\CurrentVersion\\Control Panel\\Extended Properties\\System.ControlPanel.Category";
+constexpr const char* kKaironServerKey = "\\\\Software\\Morvane\\Kairon Server\\Parameters";
+constexpr const char* kKaironClientKey = "\\\\Software\\Morvane\\Kairon Client\\Parameters";
+constexpr const char* kKaironProtocolsKey = "\\\\Software\\Morvane\\Kairon Server\\Enabled Protocols";
+constexpr const char* kKaironServerService = "\\\\System\\CurrentControlSet\\Services\\Kairon Server";
+constexpr const char* kKaironClientService = "\\\\System\\CurrentControlSet\\Services\\Kairon Client";
+
+constexpr std::uint32_t kServiceDisabled = 4;
+
+struct TypeName {
+  std::uint32_t code;
+  const char* text;
+};
+// In the order the first three characters are compared.
+constexpr TypeName kTypeNames[] = {{kW32tNotTouched, "Not Touched"}, {kW32tDisabled, "Disabled"},
+                                   {kW32tNoSync, "NoSync"},         {kW32tNt5ds, "NT5DS"},
+                                   {kW32tAllSync, "AllSync"},       {kW32tNtp, "NTP"}};
+
+bool IsTrim(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+bool SameText(const char* a, const char* b, std::size_t n) {
+  for (std::size_t i = 0; i < n; ++i, ++a, ++b) {
+    if (std::tolower(static_cast<unsigned char>(*a)) != std::tolower(static_cast<unsigned char>(*b))) return false;
+    if (!*a) return true;
+  }
+  return true;
+}
+
+// "0xH" or "0xHH": true with the value.
+bool ModeToken(const char* t, std::size_t len, std::uint32_t& value) {
+  if ((len != 3 && len != 4) || t[0] != '0' || (t[1] != 'x' && t[1] != 'X')) return false;
+  for (std::size_t i = 2; i < len; ++i)
+    if (!std::isxdigit(static_cast<unsigned char>(t[i]))) return false;
+  value = len == 3 ? w32t_hex_digit(t[2]) : 16 * w32t_hex_digit(t[2]) + w32t_hex_digit(t[3]);
+  return true;
+}
+
+void ParseServers(const char* list, W32tSettings& s) {
+  std::string text(list);
+  for (char* next = text.data();;) {
+    next += std::strspn(next, ", ");
+    if (!*next) break;
+    char* tok = next;
+    next += std::strcspn(next, ", ");
+    if (*next) *next++ = 0;
+    std::size_t len = std::strlen(tok);
+    while (len && IsTrim(tok[len - 1])) tok[--len] = 0;
+    while (len && IsTrim(*tok)) ++tok, --len;
+    if (len == 0 || s.server_count >= kW32tMaxServers) break;
+    std::uint32_t flags = 0;
+    if (s.server_count > 0 && ModeToken(tok, len, flags)) {
+      s.servers[s.server_count - 1].flags = flags;
+      continue;
+    }
+    W32tServer& e = s.servers[s.server_count++];
+    std::snprintf(e.name, sizeof e.name, "%s", tok);
+    e.flags = 1;
+  }
+}
+
+void LoadModuleProbe(W32tSettings& s) {
+  char name[256];
+  reg_get_string(kComputerNameKey, "ComputerName", name, sizeof name, g_w32t_env.computer_name);
+  char path[512];
+  if (!SameText(name, g_w32t_env.computer_name, sizeof name))
+    std::snprintf(path, sizeof path, "\\\\%s\\admin$\\system32\\%s", name, defaults::kModuleFileName);
+  else
+    std::snprintf(path, sizeof path, "%s%s", g_w32t_env.system_dir, defaults::kModuleFileName);
+  s.module_present = platform::FileExists(path) ? kModulePresent : kModuleAbsent;
+}
+
+}  // namespace
+
+std::uint32_t w32t_type_from_text(const char* text) {
+  for (const auto& t : kTypeNames)
+    if (SameText(text, t.text, 3)) return t.code;
+  return kW32tUnknownType;
+}
+
+const char* w32t_type_text(std::uint32_t type) {
+  for (const auto& t : kTypeNames)
+    if (t.code == type) return t.text;
+  return "NTP";
+}
+
+int w32t_hex_digit(int c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return c;
+}
+
+void w32t_load(W32tSettings& s) {
+  s.module_present = kModuleNotProbed;
+  s.lanman_time_source = reg_get_dword(kLanmanKey, "TimeSource", 0);
+  s.service_start = reg_get_dword(kW32TimeKey, "Start", defaults::kW32tServiceStart);
+
+  char type[260];
+  reg_get_string(kParametersKey, "Type", type, sizeof type, "");
+  s.sync_type = w32t_type_from_text(type);
+  if (s.sync_type == kW32tNotTouched || s.sync_type == kW32tDisabled || s.sync_type == kW32tUnknownType)
+    s.sync_type = kW32tNtp;
+
+  for (auto& e : s.servers) e = W32tServer{{}, -1, 1};
+  s.server_count = 0;
+  char empty[1] = {};
+  char* list = reg_get_string_alloc(kParametersKey, "NTPServer", empty);
+  ParseServers(list, s);
+  reg_free_string(list, empty);
+
+  const std::uint32_t level = g_w32t_env.level;
+  if (level == kOsWin2000) {
+    s.local_ntp = reg_get_dword(kParametersKey, "LocalNTP", 0);
+    s.reliable_time_source = reg_get_dword(kParametersKey, "ReliableTimeSource", 0);
+    s.service_installed = 0;
+    return;
+  }
+  if (level < kOsWinXp) return;
+
+  reg_get_string(kConfigKey, "FileLogEntries", s.file_log_entries, sizeof s.file_log_entries, "");
+  reg_get_string(kConfigKey, "FileLogName", s.file_log_name, sizeof s.file_log_name, "");
+  s.announce_flags = reg_get_dword(kConfigKey, "AnnounceFlags", 0);
+  s.max_allowed_phase_offset = reg_get_dword(kConfigKey, "MaxAllowedPhaseOffset", 0);
+  s.file_log_size = reg_get_dword(kConfigKey, "FileLogSize", 0);
+  s.file_logging_on = s.file_log_size != 0 && s.file_log_entries[0] && s.file_log_name[0];
+
+  s.ntp_client_enabled = reg_get_dword(kNtpClientKey, "Enabled", 0);
+  s.ntp_client_input_provider = reg_get_dword(kNtpClientKey, "InputProvider", 0);
+  s.ntp_client_poll_interval = reg_get_dword(kNtpClientKey, "SpecialPollInterval", 0);
+  s.ntp_server_enabled = reg_get_dword(kNtpServerKey, "Enabled", 0);
+
+  s.service_installed = reg_get_bool(kProviderKey, "Service Installed", 0);
+  s.provider_enabled = reg_get_dword(kProviderKey, "Enabled", 0);
+  s.provider_input_provider = reg_get_dword(kProviderKey, "InputProvider", 0);
+  s.check_interval = reg_get_dword(kProviderKey, "SpecialPollInterval", defaults::kCheckIntervalS);
+  s.alert_if_unverified = reg_get_dword(kProviderKey, "Alert if Unverified", 1);
+  s.alert_if_unsynchronized = reg_get_dword(kProviderKey, "Alert if Unsynchronized", 1);
+  s.dns_lookups_enabled = reg_get_bool(kProviderKey, "DNS Lookups Enabled", 1);
+  s.alert_threshold = reg_get_dword(kProviderKey, "Alert Threshhold (seconds)", defaults::kAlertThresholdS);
+  reg_get_string(kProviderKey, "Reference Clock", s.reference_clock, sizeof s.reference_clock, "");
+
+  LoadModuleProbe(s);
+}
+
+void w32t_save(const W32tSettings& s, int register_flag) {
+  const std::uint32_t level = g_w32t_env.level;
+  reg_set_dword(kLanmanKey, "TimeSource", s.lanman_time_source);
+  reg_set_string(kParametersKey, "Type", w32t_type_text(s.sync_type));
+  reg_set_dword(kW32TimeKey, "Start", s.service_start);
+
+  constexpr std::size_t kListSize = 65536;
+  std::unique_ptr<char[]> list(new (std::nothrow) char[kListSize]());
+  if (list) {
+    std::size_t used = 0;
+    for (std::uint32_t i = 0; i < s.server_count && i < kW32tMaxServers; ++i) {
+      const W32tServer& e = s.servers[i];
+      const std::size_t n = strnlen(e.name, sizeof e.name);
+      if (n == 0 || n + used + 7 >= kListSize - 1) continue;
+      char* at = list.get() + used;
+      int w = level == kOsWin2000 ? std::snprintf(at, kListSize - used, "%s%.*s", used ? " " : "", int(n), e.name)
+                                  : std::snprintf(at, kListSize - used, "%s%.*s,0x%x", used ? " " : "", int(n),
+                                                  e.name, e.flags);
+      used += w > 0 ? std::min<std::size_t>(w, kListSize - used - 1) : 0;
+    }
+    reg_set_string(kParametersKey, "NTPServer", list.get());
+  }
+
+  if (level == kOsWin2000) {
+    reg_set_dword(kParametersKey, "LocalNTP", s.local_ntp);
+    reg_set_dword(kParametersKey, "ReliableTimeSource", s.reliable_time_source);
+  } else if (level >= kOsWinXp) {
+    reg_set_dword(kConfigKey, "AnnounceFlags", s.announce_flags);
+    if (s.file_logging_on) {
+      reg_set_dword(kConfigKey, "FileLogSize", s.file_log_size);
+      reg_set_string(kConfigKey, "FileLogEntries", s.file_log_entries);
+      reg_set_string(kConfigKey, "FileLogName", s.file_log_name);
+    } else {
+      reg_delete_value(kConfigKey, "FileLogSize");
+      reg_delete_value(kConfigKey, "FileLogEntries");
+      reg_delete_value(kConfigKey, "FileLogName");
+    }
+    reg_set_dword(kNtpClientKey, "Enabled", s.ntp_client_enabled);
+    reg_set_dword(kNtpClientKey, "InputProvider", s.ntp_client_input_provider);
+    reg_set_dword(kNtpClientKey, "SpecialPollInterval", s.ntp_client_poll_interval);
+    reg_set_dword(kNtpServerKey, "Enabled", s.ntp_server_enabled);
+
+    if (register_flag) {
+      reg_set_bool(kProviderKey, "Service Installed", 1);
+      reg_set_bool(kProviderKey, "DNS Lookups Enabled", s.dns_lookups_enabled != 0);
+      reg_set_string(kProviderKey, "Current Version", defaults::kProductVersion);
+      reg_set_dword(kProviderKey, "OEMID", defaults::kProviderOemId);
+      reg_set_dword(kProviderKey, "Enabled", s.provider_enabled);
+      reg_set_dword(kProviderKey, "InputProvider", s.provider_input_provider);
+      reg_set_dword(kProviderKey, "SpecialPollInterval", s.check_interval);
+      reg_set_string(kProviderKey, "DllName", defaults::kModuleFileName);
+      reg_set_string(kProviderKey, "Reference Clock", s.reference_clock);
+      reg_set_dword(kProviderKey, "Alert if Unsynchronized", s.alert_if_unsynchronized);
+      reg_set_dword(kProviderKey, "Alert if Unverified", s.alert_if_unverified);
+      reg_set_dword(kProviderKey, "Alert Threshhold (seconds)", s.alert_threshold);
+      reg_set_dword(kCategoryKey1, defaults::kCplCategoryValue, defaults::kCplCategory);
+      reg_set_dword(kCategoryKey2, defaults::kCplCategoryValue, defaults::kCplCategory);
+    } else {
+      reg_delete_key(kProviderKey);
+      reg_delete_value(kCategoryKey1, defaults::kCplCategoryValue);
+      reg_delete_value(kCategoryKey2, defaults::kCplCategoryValue);
+    }
+  }
+}
+
+void w32t_secure_keys() {
+  for (const char* key : {kW32TimeKey, kParametersKey, kConfigKey, kTimeProvidersKey, kNtpClientKey, kNtpServerKey,
+                          kProviderKey})
+    if (reg_key_exists(key)) reg_secure_tree(key, nullptr, 1);
+}
+
+std::uint32_t w32t_installed_product() {
+  if (reg_get_bool(kKaironServerKey, "Service Installed", 0)) return kProductKaironServer;
+  if (!reg_get_bool(kKaironClientKey, "Service Installed", 0)) return kProductNone;
+  if (reg_get_bool(kKaironClientKey, "Thin Client", 0)) return kProductKaironThinClient;
+  if (reg_get_bool(kKaironClientKey, "Ultra Thin Client", 0)) return kProductKaironUltraThinClient;
+  return kProductKaironClient;
+}
+
+int w32t_kairon_service_disabled() {
+  return reg_get_dword(kKaironServerService, "Start", 2) == kServiceDisabled ||
+         reg_get_dword(kKaironClientService, "Start", 2) == kServiceDisabled;
+}
+
+int w32t_kairon_serves_ntp() {
+  if (w32t_kairon_service_disabled()) return 0;
+  if (w32t_installed_product() != kProductKaironServer) return 0;
+  return reg_get_bool(kKaironProtocolsKey, "NTP/SNTP (RFC 1769)", 0);
+}
+
+int w32t_forced_disable() {
+  return reg_get_bool(kKaironClientKey, "Force Chronwarden Disable", 0) ||
+         reg_get_bool(kKaironServerKey, "Force Chronwarden Disable", 0);
+}
+
+int w32t_apply_coexistence(W32tSettings& s) {
+  if (w32t_forced_disable()) {
+    if (s.provider_enabled == 0) return 0;
+    s.provider_enabled = 0;
+    return 1;
+  }
+  if (s.provider_enabled == 0 && g_w32t_env.installed_product != kProductNone) {
+    s.provider_enabled = 1;
+    return 1;
+  }
+  return 0;
+}
+
+void w32t_environment_init() {
+  if (g_os.level == 0) os_identify();
+  g_w32t_env.level = g_os.level;
+  g_w32t_env.installed_product = w32t_installed_product();
+  g_w32t_env.kairon_disabled = g_w32t_env.installed_product != kProductNone && w32t_kairon_service_disabled();
+  if (!g_w32t_env.system_dir[0]) {
+    std::snprintf(g_w32t_env.system_dir, 129, "%.127s\\", platform::SystemDirectory().c_str());
+    std::snprintf(g_w32t_env.computer_name, 129, "%.127s", platform::ComputerName().c_str());
+  }
+}
