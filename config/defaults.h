@@ -63,3 +63,14 @@ inline constexpr std::uint32_t kW32tServiceStart = 2;                // W32Time 
 inline constexpr std::uint32_t kCheckIntervalS = 1800;               // the agent's check interval when missing (s)
 inline constexpr std::uint32_t kAlertThresholdS = 2;                 // the alert threshold when missing (s)
 }  // namespace defaults
+
+// The product family's identity, as the shared status block, the status records and the
+// registration show it.
+namespace defaults {
+inline constexpr const char* kVersionText = "4.2.b.20081210R";     // "Current Version"
+inline constexpr std::uint32_t kVersionMajor = 4;
+inline constexpr std::uint32_t kVersionMinor = 2;
+inline constexpr std::uint32_t kBuildYear = 2008;
+inline constexpr std::uint32_t kBuildMonthDay = 1210;
+inline constexpr std::uint32_t kProductCode = 7;                   // this product among the family's
+}  // namespace defaults

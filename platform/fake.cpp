@@ -37,6 +37,9 @@ struct FakeState {
   int viewer_x = 0, viewer_y = 0;
   std::function<void()> on_next_read;
   int fail_lookup = 0, fail_socket = 0, fail_send = 0;
+  int fail_net_startup = 0;
+  std::uint32_t fail_event_nth = 0;
+  std::map<std::string, std::uint32_t, std::less<>> fail_named;
 };
 
 std::atomic<bool> g_active{false};
@@ -129,6 +132,11 @@ void SetSystemMessage(std::uint32_t code, std::string_view text) {
 void FailHostLookup(int code) { Locked([&](FakeState& s) { s.fail_lookup = code; return 0; }); }
 void FailSocketCreate(int code) { Locked([&](FakeState& s) { s.fail_socket = code; return 0; }); }
 void FailSend(int code) { Locked([&](FakeState& s) { s.fail_send = code; return 0; }); }
+void FailNetStartup(int code) { Locked([&](FakeState& s) { s.fail_net_startup = code; return 0; }); }
+void FailEventCreate(std::uint32_t nth) { Locked([&](FakeState& s) { s.fail_event_nth = nth; return 0; }); }
+void FailNamedObject(std::string_view name, std::uint32_t code) {
+  Locked([&](FakeState& s) { s.fail_named[std::string(name)] = code; return 0; });
+}
 
 }  // namespace fake
 
@@ -318,6 +326,37 @@ SocketHandle CreateSocketV4(int type, int protocol) {
 int SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddressV4& to) {
   if (InjectedFailure(&FakeState::fail_send)) return -1;
   return sys::SendTo(s, data, size, to);
+}
+
+// Service-side start-up: injected failures while the fake is on, else the backend.
+int NetStartup() {
+  const int code = On() ? Locked([](FakeState& s) { return s.fail_net_startup; }) : 0;
+  return code ? code : sys::NetStartup();
+}
+EventHandle CreateSyncEvent(bool manual_reset, bool initially_set) {
+  if (On() && Locked([](FakeState& s) { return s.fail_event_nth != 0 && --s.fail_event_nth == 0; })) {
+    SetLastError(8);  // ERROR_NOT_ENOUGH_MEMORY
+    return nullptr;
+  }
+  return sys::CreateSyncEvent(manual_reset, initially_set);
+}
+namespace {
+std::uint32_t NamedFailure(const char* name) {
+  if (!On() || !name) return 0;
+  const std::uint32_t code = Locked([&](FakeState& s) {
+    auto it = s.fail_named.find(std::string_view(name));
+    return it == s.fail_named.end() ? 0u : it->second;
+  });
+  if (code) SetLastError(code);
+  return code;
+}
+}  // namespace
+EventHandle CreateNamedEvent(const char* name) {
+  return NamedFailure(name) ? nullptr : sys::CreateNamedEvent(name);
+}
+SectionHandle CreateNamedSection(const char* name, std::uint32_t size, bool& already_existed) {
+  already_existed = false;
+  return NamedFailure(name) ? nullptr : sys::CreateNamedSection(name, size, already_existed);
 }
 
 }  // namespace platform

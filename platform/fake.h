@@ -65,4 +65,11 @@ void FailHostLookup(int winsock_code);         // LookupHostV4 (e.g. 11001 host 
 void FailSocketCreate(int winsock_code);       // CreateSocketV4 (e.g. 10024 too many sockets)
 void FailSend(int winsock_code);               // SendTo (e.g. 10051 network unreachable)
 
+// Start-up failures of the service side. While set (and the fake is on):
+void FailNetStartup(int winsock_code);         // NetStartup returns the code (0: none)
+// The nth CreateSyncEvent from now fails with ERROR_NOT_ENOUGH_MEMORY (1: the next one; 0: none).
+void FailEventCreate(std::uint32_t nth);
+// Creating the named section or event of exactly this Win32 name fails with the code (0: none).
+void FailNamedObject(std::string_view name, std::uint32_t code);
+
 }  // namespace platform::fake

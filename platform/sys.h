@@ -6,6 +6,8 @@
 #include <string_view>
 #include "platform/clock.h"
 #include "platform/net.h"
+#include "platform/shared.h"
+#include "platform/sync.h"
 #include "platform/thread.h"
 #include "platform/tick_timer.h"
 
@@ -39,5 +41,10 @@ bool OpenTextFileForUser(std::string_view path, const int* origin_xy);
 bool LookupHostV4(const char* host, std::uint32_t& address);
 SocketHandle CreateSocketV4(int type, int protocol);
 int SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddressV4& to);
+int NetStartup();
+
+EventHandle CreateSyncEvent(bool manual_reset, bool initially_set);
+EventHandle CreateNamedEvent(const char* name);
+SectionHandle CreateNamedSection(const char* name, std::uint32_t size, bool& already_existed);
 
 }  // namespace platform::sys

@@ -5,15 +5,23 @@
 
 namespace platform {
 
+struct NamedEventLink;   // a named event's shared word and waiter thread (posix/shared.cpp)
+
 struct EventObject {
   std::mutex mutex;
   bool manual_reset = false;
   bool set = false;
   int fd = -1;           // eventfd, readable exactly while set
+  NamedEventLink* named = nullptr;   // set for a named event: the state lives in shared memory
 };
 
 namespace posix {
 bool TryConsume(EventObject* event);   // true when set; an auto-reset event is reset by it
+// The local flag and eventfd of an event, with event->mutex held.
+void SetLocalLocked(EventObject* event, bool set);
+// A named event: sets or clears the shared word (and the local mirror); closes the link.
+void SetNamed(EventObject* event, bool set);
+void CloseNamed(EventObject* event);
 }
 
 }  // namespace platform

@@ -103,7 +103,7 @@ int LookupCode(int eai) {
 std::uint16_t HostToNet16(std::uint16_t v) { return htons(v); }
 std::uint32_t HostToNet32(std::uint32_t v) { return htonl(v); }
 
-int NetStartup() { return 0; }
+int sys::NetStartup() { return 0; }
 void NetCleanup() {}
 
 std::uint32_t InetAddr(const char* text) { return text ? inet_addr(text) : kInaddrNone; }

@@ -33,9 +33,17 @@ bool TryConsume(EventObject* e) {
   }
   return true;
 }
+void SetLocalLocked(EventObject* e, bool set) {
+  if (e->set == set) return;
+  e->set = set;
+  if (set)
+    Raise(e->fd);
+  else
+    Drain(e->fd);
+}
 }  // namespace posix
 
-EventHandle CreateSyncEvent(bool manual_reset, bool initially_set) {
+EventHandle sys::CreateSyncEvent(bool manual_reset, bool initially_set) {
   int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   if (fd < 0) {
     SetLastError(8);  // ERROR_NOT_ENOUGH_MEMORY
@@ -50,26 +58,23 @@ EventHandle CreateSyncEvent(bool manual_reset, bool initially_set) {
 
 bool SetEvent(EventHandle e) {
   if (!e) return SetLastError(6), false;  // ERROR_INVALID_HANDLE
+  if (e->named) return posix::SetNamed(e, true), true;
   std::lock_guard lock(e->mutex);
-  if (!e->set) {
-    e->set = true;
-    Raise(e->fd);
-  }
+  posix::SetLocalLocked(e, true);
   return true;
 }
 
 bool ResetEvent(EventHandle e) {
   if (!e) return SetLastError(6), false;
+  if (e->named) return posix::SetNamed(e, false), true;
   std::lock_guard lock(e->mutex);
-  if (e->set) {
-    e->set = false;
-    Drain(e->fd);
-  }
+  posix::SetLocalLocked(e, false);
   return true;
 }
 
 void CloseEvent(EventHandle e) {
   if (!e) return;
+  if (e->named) posix::CloseNamed(e);
   close(e->fd);
   delete e;
 }

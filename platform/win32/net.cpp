@@ -27,7 +27,7 @@ sockaddr_in ToNative(const SocketAddressV4& a) {
 std::uint16_t HostToNet16(std::uint16_t v) { return htons(v); }
 std::uint32_t HostToNet32(std::uint32_t v) { return htonl(v); }
 
-int NetStartup() {
+int sys::NetStartup() {
   WSADATA data;
   return ::WSAStartup(MAKEWORD(2, 2), &data);
 }

@@ -11,7 +11,7 @@ namespace {
 HANDLE H(EventHandle e) { return reinterpret_cast<HANDLE>(e); }
 }  // namespace
 
-EventHandle CreateSyncEvent(bool manual_reset, bool initially_set) {
+EventHandle sys::CreateSyncEvent(bool manual_reset, bool initially_set) {
   return reinterpret_cast<EventHandle>(::CreateEventA(nullptr, manual_reset, initially_set, nullptr));
 }
 bool SetEvent(EventHandle e) { return ::SetEvent(H(e)) != FALSE; }

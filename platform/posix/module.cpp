@@ -1,0 +1,30 @@
+// Loadable modules on POSIX: dlopen with the module's symbols kept to itself.
+#include "platform/module.h"
+
+#include <dlfcn.h>
+
+namespace platform {
+namespace {
+thread_local std::string t_error;
+void Note() {
+  const char* e = dlerror();
+  t_error = e ? e : "";
+}
+}  // namespace
+
+ModuleHandle LoadModule(const char* path) {
+  void* h = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+  if (!h) Note();
+  return static_cast<ModuleHandle>(h);
+}
+void* ModuleSymbol(ModuleHandle module, const char* name) {
+  void* sym = dlsym(module, name);
+  if (!sym) Note();
+  return sym;
+}
+void FreeModule(ModuleHandle module) {
+  if (module) dlclose(module);
+}
+std::string ModuleError() { return t_error; }
+
+}  // namespace platform

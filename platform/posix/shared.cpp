@@ -1,0 +1,175 @@
+// Named sections and events on POSIX: shared memory objects, and a futex word per named event.
+#include "platform/shared.h"
+
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <thread>
+
+#include "platform/error.h"
+#include "platform/posix/event.h"
+#include "platform/sys.h"
+
+namespace platform {
+
+struct SectionObject {
+  int fd = -1;
+};
+
+struct NamedEventLink {
+  std::atomic<std::uint32_t>* word = nullptr;   // bit 0 signalled, bits 1.. change count
+  bool closing = false;                         // under the event's mutex
+  std::thread waiter;
+};
+
+namespace {
+
+std::uint32_t Win32FromErrno(int err) {
+  switch (err) {
+    case EACCES: case EPERM: return 5;            // ERROR_ACCESS_DENIED
+    case ENOMEM: case ENOSPC: return 8;           // ERROR_NOT_ENOUGH_MEMORY
+    case ENAMETOOLONG: case EINVAL: return 123;   // ERROR_INVALID_NAME
+    case EMFILE: case ENFILE: return 4;           // ERROR_TOO_MANY_OPEN_FILES
+    default: return 31;                           // ERROR_GEN_FAILURE
+  }
+}
+
+// Opens or creates the shared memory object of a Win32 name with at least size bytes.
+int OpenShared(const char* name, std::uint32_t size, bool& existed) {
+  const std::string posix_name = SharedObjectName(name ? name : "");
+  existed = false;
+  int fd = shm_open(posix_name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd >= 0) {
+    fchmod(fd, 0666);   // full access for everybody, whatever the umask
+  } else if (errno == EEXIST) {
+    existed = true;
+    fd = shm_open(posix_name.c_str(), O_RDWR | O_CLOEXEC, 0);
+  }
+  if (fd < 0) {
+    SetLastError(Win32FromErrno(errno));
+    return -1;
+  }
+  // A creator in another process may not have sized it yet: growing fills with zeros, and both
+  // sides grow it to the same size.
+  struct stat st {};
+  if (fstat(fd, &st) != 0 || (st.st_size < size && ftruncate(fd, size) != 0)) {
+    SetLastError(Win32FromErrno(errno));
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+long Futex(std::atomic<std::uint32_t>* word, int op, std::uint32_t value) {
+  return syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(word), op, value, nullptr, nullptr, 0);
+}
+
+void WakeAll(std::atomic<std::uint32_t>* word) { Futex(word, FUTEX_WAKE, INT_MAX); }
+
+// The waiter thread: mirrors the shared word into the local event until the handle is closed.
+void Mirror(EventObject* e) {
+  NamedEventLink* link = e->named;
+  for (;;) {
+    std::uint32_t seen;
+    {
+      std::lock_guard lock(e->mutex);
+      if (link->closing) return;
+      seen = link->word->load(std::memory_order_acquire);
+      posix::SetLocalLocked(e, (seen & 1) != 0);
+    }
+    Futex(link->word, FUTEX_WAIT, seen);   // returns at once when the word moved on meanwhile
+  }
+}
+
+// Sets bit 0 to state and counts the change, so that every waiter sees a new word.
+void Store(std::atomic<std::uint32_t>* word, bool state) {
+  std::uint32_t v = word->load(std::memory_order_relaxed), next;
+  do next = ((v + 2) & ~1u) | (state ? 1u : 0u);
+  while (!word->compare_exchange_weak(v, next, std::memory_order_acq_rel));
+  WakeAll(word);
+}
+
+}  // namespace
+
+std::string SharedObjectName(std::string_view win32_name) {
+  const char* ns = std::getenv("CHRONWARDEN_SHM_NAMESPACE");
+  std::string out = "/";
+  if (ns) out += ns;
+  for (char c : win32_name) out += (c == '\\' || c == '/') ? '.' : c;
+  return out;
+}
+
+SectionHandle sys::CreateNamedSection(const char* name, std::uint32_t size, bool& already_existed) {
+  const int fd = OpenShared(name, size, already_existed);
+  if (fd < 0) return nullptr;
+  SetLastError(already_existed ? 183 : 0);   // ERROR_ALREADY_EXISTS, as CreateFileMapping reports it
+  return new SectionObject{fd};
+}
+
+void* MapSection(SectionHandle section, std::uint32_t size, bool writable) {
+  if (!section) return SetLastError(6), nullptr;
+  void* view = mmap(nullptr, size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, section->fd, 0);
+  if (view == MAP_FAILED) return SetLastError(Win32FromErrno(errno)), nullptr;
+  return view;
+}
+
+void UnmapSection(void* view, std::uint32_t size) {
+  if (view) munmap(view, size);
+}
+
+void CloseSection(SectionHandle section) {
+  if (!section) return;
+  close(section->fd);
+  delete section;
+}
+
+EventHandle sys::CreateNamedEvent(const char* name) {
+  bool existed = false;
+  const int fd = OpenShared(name, sizeof(std::uint32_t), existed);
+  if (fd < 0) return nullptr;
+  void* view = mmap(nullptr, sizeof(std::uint32_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  close(fd);
+  if (view == MAP_FAILED) return SetLastError(Win32FromErrno(errno)), nullptr;
+  EventHandle e = sys::CreateSyncEvent(true, false);
+  if (!e) return munmap(view, sizeof(std::uint32_t)), nullptr;
+  e->named = new NamedEventLink;
+  e->named->word = static_cast<std::atomic<std::uint32_t>*>(view);
+  static_assert(sizeof(std::atomic<std::uint32_t>) == 4 && std::atomic<std::uint32_t>::is_always_lock_free);
+  e->named->waiter = std::thread(Mirror, e);
+  SetLastError(existed ? 183 : 0);
+  return e;
+}
+
+namespace posix {
+
+void SetNamed(EventObject* e, bool set) {
+  std::lock_guard lock(e->mutex);
+  Store(e->named->word, set);
+  SetLocalLocked(e, set);
+}
+
+void CloseNamed(EventObject* e) {
+  NamedEventLink* link = e->named;
+  {
+    std::lock_guard lock(e->mutex);
+    link->closing = true;
+    // A change of count only: the waiter (and those of other processes) wake and look again.
+    link->word->fetch_add(2, std::memory_order_acq_rel);
+  }
+  WakeAll(link->word);
+  link->waiter.join();
+  munmap(link->word, sizeof(std::uint32_t));
+  delete link;
+  e->named = nullptr;
+}
+
+}  // namespace posix
+}  // namespace platform
