@@ -77,7 +77,7 @@ std::string FieldText(const char (&field)[N]) {
   return std::string(field, strnlen(field, N));
 }
 
-std::string SystemTimeText(const platform::SystemTime& t) {
+std::string SystemTimeText(const Kr2SystemTime& t) {
   char buf[64];
   std::snprintf(buf, sizeof buf, "%04u-%02u-%02u %02u:%02u:%02u.%03u", t.year, t.month, t.day, t.hour, t.minute,
                 t.second, t.milliseconds);
@@ -332,7 +332,7 @@ int CmdKr2(CommandArgs args) {
     case kKr2StatusClear: PrintStatus(f, *reinterpret_cast<const Kr2Status*>(reply)); break;
     case kKr2Time:
     case kKr2LocalTime: {
-      const auto& t = *reinterpret_cast<const platform::SystemTime*>(reply);
+      const auto& t = *reinterpret_cast<const Kr2SystemTime*>(reply);
       f.Text(op == kKr2Time ? "utc_time" : "local_time", SystemTimeText(t)).Unsigned("day_of_week", t.day_of_week);
       break;
     }

@@ -19,9 +19,6 @@ inline constexpr std::size_t kKr2CommandOffset = 4;             // byte 4 of a r
 inline constexpr std::size_t kKr2ArgumentOffset = 8;            // the 32-bit argument word of some commands
 inline constexpr std::size_t kKr2RequestSize = 12;              // what the client sends: header, code, argument
 
-inline constexpr std::uint32_t kKr2ProductCode = 7;             // this product's code in the family
-inline constexpr const char* kKr2VersionText = "4.2.b.20081210R";
-
 // Command codes.
 enum Kr2Command : std::uint8_t {
   kKr2Ack = 0,
@@ -58,8 +55,13 @@ struct Kr2Word {
   char text[4];
 };
 
-// The Win32 SYSTEMTIME: eight unsigned 16-bit words.
-using Kr2SystemTime = platform::SystemTime;
+// The Win32 SYSTEMTIME: eight unsigned 16-bit words (packed: it also stands at odd offsets).
+struct Kr2SystemTime {
+  std::uint16_t year, month, day_of_week, day, hour, minute, second, milliseconds;
+};
+inline Kr2SystemTime ToKr2SystemTime(const platform::SystemTime& t) {
+  return {t.year, t.month, t.day_of_week, t.day, t.hour, t.minute, t.second, t.milliseconds};
+}
 
 // Identity (command 4), built at start-up.
 struct Kr2Identity {

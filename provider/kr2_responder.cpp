@@ -87,8 +87,8 @@ std::uint32_t Kr2ZoneName(char (&name)[32]) {
 
 void Kr2InitStatus(Kr2Status& status, std::uint32_t now) {
   std::memset(&status, 0, sizeof status);
-  status.product_code = kKr2ProductCode;
-  CopyText(status.version, kKr2VersionText);
+  status.product_code = defaults::kProductCode;
+  CopyText(status.version, defaults::kVersionText);
   CopyText(status.partner, kKr2NoPartnerYet);
   Kr2ZoneName(status.time_zone);
   Kr2ResetCounters(status, now);
@@ -97,14 +97,14 @@ void Kr2InitStatus(Kr2Status& status, std::uint32_t now) {
 void Kr2BuildIdentity(Kr2Identity& identity, std::uint32_t ephemerides, bool nt_family, const char* computer_name) {
   std::memset(&identity, 0, sizeof identity);
   identity.ephemerides = ephemerides;
-  identity.product_code = kKr2ProductCode;
-  identity.major = 4;
-  identity.minor = 2;
-  identity.build_year = 2008;
-  identity.build_month_day = 1210;
+  identity.product_code = defaults::kProductCode;
+  identity.major = defaults::kVersionMajor;
+  identity.minor = defaults::kVersionMinor;
+  identity.build_year = defaults::kBuildYear;
+  identity.build_month_day = defaults::kBuildMonthDay;
   identity.one = 1;
   identity.nt_family = nt_family ? 1 : 0;
-  CopyText(identity.version, kKr2VersionText);
+  CopyText(identity.version, defaults::kVersionText);
   CopyText(identity.computer_name, computer_name);
 }
 
@@ -118,7 +118,7 @@ void Kr2BuildProducts(Kr2Machine& machine) {
 
   char zone[32];
   const std::uint32_t zone_state = Kr2ZoneName(zone);
-  std::uint32_t flags = (kKr2ProductCode & kKr2MachineProductMask) | kKr2MachineAlways;
+  std::uint32_t flags = (defaults::kProductCode & kKr2MachineProductMask) | kKr2MachineAlways;
   if (g_kr2.identity.one) flags |= kKr2MachineIdentityOne;
   if (g_kr2.nt_family) {
     flags |= kKr2MachineNtFamily;
@@ -137,8 +137,11 @@ void Kr2BuildProducts(Kr2Machine& machine) {
   p.size_288 = 288;
   p.partner_state = s.partner_state;
   p.dollar = '$';
-  PreciseClockGetLocalTime(p.local_time);
-  PreciseClockGetSystemTime(p.utc_time);
+  platform::SystemTime t{};
+  PreciseClockGetLocalTime(t);
+  p.local_time = ToKr2SystemTime(t);
+  PreciseClockGetSystemTime(t);
+  p.utc_time = ToKr2SystemTime(t);
   p.last_offset_ms = s.last_offset_ms;
   p.sync_successes = s.sync_successes;
   p.sync_verdicts = s.sync_verdicts;
@@ -173,8 +176,11 @@ const Kr2TimeZoneReply& BuildTimeZoneReply(Kr2Machine& machine) {
   r->info_size = kKr2ZoneInfoSize;
   r->info.bias = zone.bias_minutes;
   const std::size_t n = std::min<std::size_t>(zone.name.size(), 31);
-  char16_t* wide = zone.daylight ? r->info.daylight_name : r->info.standard_name;
-  for (std::size_t i = 0; i < n; ++i) wide[i] = static_cast<unsigned char>(zone.name[i]);
+  for (std::size_t i = 0; i < n; ++i) {
+    const auto c = static_cast<char16_t>(static_cast<unsigned char>(zone.name[i]));
+    if (zone.daylight) r->info.daylight_name[i] = c;
+    else r->info.standard_name[i] = c;
+  }
   if (zone.daylight) r->info.daylight_bias = zone.total_bias_minutes - zone.bias_minutes;
   if (!zone.daylight) std::memcpy(r->standard_name, zone.name.data(), std::min<std::size_t>(zone.name.size(), 63));
   r->daylight_disabled = machine.DaylightDisabled();
@@ -184,7 +190,7 @@ const Kr2TimeZoneReply& BuildTimeZoneReply(Kr2Machine& machine) {
 // Command 128's refresh of the status record.
 void RefreshStatus(Kr2Machine& machine) {
   Kr2ZoneName(g_kr2.status.time_zone);
-  g_kr2.status.product_code = kKr2ProductCode;
+  g_kr2.status.product_code = defaults::kProductCode;
   g_kr2.status.sync_type = static_cast<std::uint8_t>(machine.SyncType());
   g_kr2.status.last_status_request = Now();
 }
@@ -211,6 +217,7 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
   // The reply, as bytes in one of these.
   const void* reply = nullptr;
   std::size_t size = 0;
+  platform::SystemTime now_time{};
   Kr2SystemTime time{};
   Kr2Limits limits{};
   DriftRecord record{};
@@ -222,11 +229,13 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
       answer(kAck);
       break;
     case kKr2Time:
-      PreciseClockGetSystemTime(time);
+      PreciseClockGetSystemTime(now_time);
+      time = ToKr2SystemTime(now_time);
       answer(time);
       break;
     case kKr2LocalTime:
-      PreciseClockGetLocalTime(time);
+      PreciseClockGetLocalTime(now_time);
+      time = ToKr2SystemTime(now_time);
       answer(time);
       break;
     case kKr2Resync:

@@ -76,7 +76,7 @@ struct Kr2State {
   Kr2Identity identity{};
   Kr2Status status{};
   Kr2Products products{};
-  std::array<std::uint8_t, kKr2RequestMax> receive{};   // the receive buffer, kept between requests
+  alignas(8) std::array<std::uint8_t, kKr2RequestMax> receive{};   // the receive buffer, kept between requests
   std::array<std::uint8_t, kKr2RequestMax> last{};      // the last request handled
   bool have_last = false;                               // false after a new listen socket
   // Facts about this system, set by start-up (operating-system identification).
