@@ -10,6 +10,8 @@
 
 namespace platform {
 
+struct EventObject;   // platform/sync.h
+
 using SocketHandle = std::uintptr_t;                        // SOCKET; a file descriptor on POSIX
 inline constexpr SocketHandle kInvalidSocket = ~SocketHandle{0};   // INVALID_SOCKET
 
@@ -68,6 +70,12 @@ int ReceiveFrom(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* fr
 int ReceiveNow(SocketHandle s, void* buf, std::size_t size);
 // recvfrom without waiting: as ReceiveNow, with the sender's address (from may be nullptr).
 int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* from);
+// gethostbyaddr for IPv4 (address in network order): the host name into name (size bytes, always
+// terminated). False when the address has no name.
+bool LookupAddressV4(std::uint32_t address, char* name, std::size_t size);
+// WSAEventSelect for FD_READ: with read true the event is set whenever a datagram waits on the
+// socket (the POSIX event waits notice it through poll); with read false the binding is undone.
+bool SelectSocketEvent(SocketHandle s, EventObject* event, bool read);
 bool ShutdownSocket(SocketHandle s);         // shutdown(SD_BOTH)
 bool CloseSocket(SocketHandle s);            // closesocket; kInvalidSocket is ignored
 

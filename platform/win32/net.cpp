@@ -129,6 +129,19 @@ int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4*
   return ReceiveFrom(s, buf, size, from);
 }
 
+bool LookupAddressV4(std::uint32_t address, char* name, std::size_t size) {
+  if (!name || size == 0) return false;
+  name[0] = 0;
+  const hostent* h = ::gethostbyaddr(reinterpret_cast<const char*>(&address), 4, AF_INET);
+  if (!h || !h->h_name) return false;
+  std::strncat(name, h->h_name, size - 1);
+  return true;
+}
+
+bool SelectSocketEvent(SocketHandle s, EventObject* event, bool read) {
+  return ::WSAEventSelect(S(s), reinterpret_cast<HANDLE>(event), read ? FD_READ : 0) == 0;
+}
+
 bool ShutdownSocket(SocketHandle s) { return ::shutdown(S(s), SD_BOTH) == 0; }
 
 bool CloseSocket(SocketHandle s) {

@@ -1,0 +1,85 @@
+// The agent check cycle: the provider's one worker thread. Once a second it asks the time service
+// (through its callbacks) whether the clock is synchronized and to whom, publishes the answer as
+// "Current Inbound Time Partner" and in the local sync status record, and whenever the service
+// newly synchronizes (and again at the check interval) it checks the clock against a reference
+// NTP server: a drift record, the source history "Last Used Time Source", a time sample for the
+// service, and an event-log alert when the clock is off by more than the threshold. The same
+// thread answers KR2 requests (provider/kr2_responder.h) and demand resyncs.
+//
+// Start-up fills g_agent (callbacks, events, settings, the responder's socket) before it creates
+// the thread; the thread runs AgentThreadMain. The pieces of one pass (AgentStart, AgentWake,
+// AgentStop) are exposed so that tests drive the cycle one poll at a time without a thread.
+//
+// Two warning texts are deliberately swapped: when no source answered, the warning says "no time
+// sources specified ..." if at least one source was tried and "all specified or auto-discovered
+// time sources failed" if none was. Kept so for compatibility with existing event-log watchers.
+#pragma once
+#include <atomic>
+#include <cstdint>
+
+#include "platform/net.h"
+#include "platform/sync.h"
+#include "platform/timeprov.h"
+
+struct W32tSettings;
+struct SyncStatusBlock;
+
+// What start-up hands the agent thread, and what the thread shares with the service's threads.
+struct AgentLinks {
+  platform::TimeProvSysCallbacks callbacks{};   // the service's callbacks (GetTimeSysInfo, SetProviderStatus)
+  // The event-log writer: type 1 error, 2 warning; the text without "\r\n". Null: not logged.
+  void (*log_event)(std::uint16_t type, const char* text) = nullptr;
+  // The events the thread waits on, in this order.
+  platform::EventHandle shutdown = nullptr;
+  platform::EventHandle sync = nullptr;
+  platform::EventHandle time_jump = nullptr;
+  platform::EventHandle client = nullptr;
+  platform::EventHandle status_notify = nullptr;
+  W32tSettings* settings = nullptr;                  // the provider's settings record
+  const SyncStatusBlock* status_block = nullptr;     // the family's shared block (null: none)
+  // The KR2 listen socket and whether this process answers KR2 requests.
+  bool responder_active = false;
+  platform::SocketHandle listen_socket = platform::kInvalidSocket;
+  bool (*create_listen_socket)() = nullptr;          // makes listen_socket; true on success
+  void (*close_listen_socket)() = nullptr;
+  std::uint32_t (*resync)() = nullptr;               // a hard resync of the local service, not waited for; 0 accepted
+  // The current sample, read by TimeProvCommand(TPC_GetSamples) on the service's threads.
+  platform::TimeSample sample{};
+  std::atomic<bool> sample_available{false};
+  std::uint32_t poll_ms = 1000;                      // the wait between polls of the service (ms)
+};
+extern AgentLinks g_agent;
+
+// The cycle's own state (one per agent thread).
+struct AgentCycle {
+  bool previous_synchronized = false;
+  std::uint32_t unsynchronized_polls = 0;
+  std::uint8_t next_reason = 1;                  // Scheduled
+  std::uint32_t last_reference_id = 0xFFFFFFFF;
+  std::uint32_t last_check_time = 0;             // seconds since 1970: the base of scheduled checks
+};
+
+// The thread procedure; returns 0.
+unsigned AgentThreadMain();
+// Thread start: registers with the service, marks the status record, the first partner text, the
+// start-up check (reason 255) and the listen socket's binding.
+void AgentStart(AgentCycle& cycle);
+// One wake-up of the main loop: wait_result is the index of the event (0 shutdown ... 4 status
+// notify, as platform::kWaitObject0 + i) or platform::kWaitTimeout for a poll. False on shutdown.
+bool AgentWake(AgentCycle& cycle, std::uint32_t wait_result);
+// One poll of the time service (what a time-out does).
+void AgentPoll(AgentCycle& cycle);
+// Thread end: "Unknown - Agent stopped", unbinds the socket, clears the running fields.
+void AgentStop();
+
+// Checks the reference sources in order (the reference clock, the last-used sources newest first,
+// the configured servers); true when one answered. when: seconds since 1970 to record (0: now).
+bool CheckAgainstSources(std::uint32_t when, std::uint8_t reason, std::uint32_t triggered);
+// One agent check against server (a host name or dotted address); true when it answered.
+bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason, std::uint32_t triggered);
+// Appends (reference id in network order, seconds since 1970) to "Last Used Time Source".
+void RememberTimeSource(std::uint32_t reference_id, std::uint32_t when);
+// Writes "Current Inbound Time Partner"; the "Unknown - ..." and "Checking ..." texts (not
+// "Unknown - Agent stopped") become "N/A - Windows Time not managing the clock" when the time
+// service does not manage the clock.
+void WritePartnerText(const char* text);
