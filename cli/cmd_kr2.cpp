@@ -125,36 +125,36 @@ class Fields {
   std::vector<Item> items_;
 };
 
-void PrintIdentity(Fields& f, const Kr2Identity& id) {
+void PrintIdentity(Fields& f, const IdentityRecord& id) {
   f.Time("first_start", id.ephemerides)
       .Unsigned("product_code", id.product_code)
       .Text("version", FieldText(id.version))
-      .Unsigned("major", id.major)
-      .Unsigned("minor", id.minor)
+      .Unsigned("major", id.major_version)
+      .Unsigned("minor", id.minor_version)
       .Unsigned("build_year", id.build_year)
       .Unsigned("build_month_day", id.build_month_day)
       .Bool("nt_family", id.nt_family != 0)
       .Text("computer_name", FieldText(id.computer_name));
 }
 
-void PrintStatus(Fields& f, const Kr2Status& s) {
+void PrintStatus(Fields& f, const LocalStatusRecord& s) {
   f.Unsigned("product_code", s.product_code)
       .Text("version", FieldText(s.version))
       .Time("agent_start", s.agent_start)
       .Time("last_check", s.last_check)
-      .Text("partner", FieldText(s.partner))
+      .Text("partner", FieldText(s.partner_name))
       .Unsigned("partner_state", s.partner_state)
       .Time("partner_time", s.partner_time)
-      .Bool("checking_sources", (s.flags & kKr2StatusChecking) != 0)
+      .Bool("checking_sources", (s.status_flags & kKr2StatusChecking) != 0)
       .Num("last_offset_ms", s.last_offset_ms)
       .Num("offset_sum_ms", s.offset_sum_ms)
       .Text("time_zone", FieldText(s.time_zone))
       .Unsigned("sync_type", s.sync_type)
       .Time("last_status_request", s.last_status_request)
-      .Time("last_counter_reset", s.last_reset)
+      .Time("last_counter_reset", s.last_counter_reset)
       .Unsigned("replies_sent", s.counters[0])
       .Time("last_reply", s.times[0])
-      .Unsigned("failed_receives", s.failures[0])
+      .Unsigned("failed_receives", s.failed[0])
       .Unsigned("bytes_received", s.bytes_received)
       .Unsigned("bytes_sent", s.bytes_sent)
       .Unsigned("sync_successes", s.sync_successes)
@@ -327,9 +327,9 @@ int CmdKr2(CommandArgs args) {
   Fields f(o.json);
   f.Text("host", host);
   switch (op) {
-    case kKr2Identity: PrintIdentity(f, *reinterpret_cast<const Kr2Identity*>(reply)); break;
+    case kKr2Identity: PrintIdentity(f, *reinterpret_cast<const IdentityRecord*>(reply)); break;
     case kKr2Status:
-    case kKr2StatusClear: PrintStatus(f, *reinterpret_cast<const Kr2Status*>(reply)); break;
+    case kKr2StatusClear: PrintStatus(f, *reinterpret_cast<const LocalStatusRecord*>(reply)); break;
     case kKr2Time:
     case kKr2LocalTime: {
       const auto& t = *reinterpret_cast<const Kr2SystemTime*>(reply);
@@ -398,7 +398,7 @@ int CmdMonitor(CommandArgs args) {
       const auto& m = machines[i];
       const bool up = m.have_status;
       answered += up;
-      const std::string partner = up ? FieldText(m.status.partner) : "";
+      const std::string partner = up ? FieldText(m.status.partner_name) : "";
       const std::uint32_t start_s = up ? m.status.agent_start : 0;
       const std::string age = !up ? "no reply" : start_s == 0 ? "stopped"
                                   : FormatDurationSeconds(now > start_s ? now - start_s : 0);
@@ -410,7 +410,7 @@ int CmdMonitor(CommandArgs args) {
                       "\"agent_seconds\": %u, \"checking_sources\": %s, \"reply_ms\": %.3f",
                       JsonString(partner).c_str(), static_cast<long long>(m.status.last_offset_ms), m.status.last_check,
                       start_s, start_s && now > start_s ? now - start_s : 0,
-                      (m.status.flags & kKr2StatusChecking) ? "true" : "false", m.reply_ms);
+                      (m.status.status_flags & kKr2StatusChecking) ? "true" : "false", m.reply_ms);
         if (m.have_identity)
           std::printf(", \"computer_name\": %s, \"version\": %s", JsonString(FieldText(m.identity.computer_name)).c_str(),
                       JsonString(FieldText(m.identity.version)).c_str());

@@ -43,8 +43,7 @@ inline constexpr std::uint32_t kNtpMultiSamplePauseMs = 100;   // pause after ea
 // and T4. Slower replies cost this much processor time once per query.
 inline constexpr std::uint32_t kNtpReceiveSpinUs = 200;
 
-// The time provider's registry key (absolute) and the values the agent keeps there.
-inline constexpr const char* kProviderKeyPath = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden";
+// Values the agent keeps under the provider's key.
 inline constexpr const char* kLastUsedTimeSourceValue = "Last Used Time Source";
 inline constexpr const char* kPartnerValue = "Current Inbound Time Partner";
 // KR2 client (chronwarden kr2 / monitor).
@@ -62,6 +61,26 @@ inline constexpr std::uint32_t kCplCategory = 6;                     // its Cont
 inline constexpr std::uint32_t kW32tServiceStart = 2;                // W32Time "Start" when missing (automatic)
 inline constexpr std::uint32_t kCheckIntervalS = 1800;               // the agent's check interval when missing (s)
 inline constexpr std::uint32_t kAlertThresholdS = 2;                 // the alert threshold when missing (s)
+}  // namespace defaults
+
+// Service control of the time service.
+namespace defaults {
+inline constexpr const char* kTimeServiceName = "W32Time";      // the time service's name
+inline constexpr std::uint32_t kStopFirstSleepMs = 250;           // pause after sending stop (ms)
+inline constexpr std::uint32_t kStopPollMinMs = 100;              // stop polling: the wait hint clamped to this... (ms)
+inline constexpr std::uint32_t kStopPollMaxMs = 500;              // ...and this (ms)
+inline constexpr std::uint32_t kStopWaitMs = 30'000;              // give up on a stop after this long (ms)
+inline constexpr std::uint32_t kRestartPolls = 100;               // restart: polls for stopped, then for running
+inline constexpr std::uint32_t kRestartPollMs = 100;              // restart: pause between polls (ms)
+inline constexpr std::uint32_t kServiceMessageStyle = 0x42030;    // OK, warning icon, task-modal, topmost
+inline constexpr std::uint32_t kErrorServiceTimeout = 1053;       // a restart whose wait ran out without a code
+}  // namespace defaults
+
+// The Linux time service's NTP client (chrony).
+namespace defaults {
+inline constexpr const char* kChronyParametersKey = "System\\CurrentControlSet\\Services\\W32Time\\Parameters";   // holds the two paths below when set
+inline constexpr const char* kChronySocket = "/run/chrony/chronyd.sock";                  // "ChronyCommandSocket"
+inline constexpr const char* kChronySourcesFile = "/etc/chrony/sources.d/chronwarden.sources";   // "ChronySourcesFile"
 }  // namespace defaults
 
 // The product family's identity, as the shared status block, the status records and the

@@ -3,6 +3,7 @@
 // and leftovers in the receive buffer all occur); the first byte picks the prohibited-command table
 // and the system (Windows 2000 or later).
 #include <cstddef>
+#include <array>
 #include <cstdint>
 #include <vector>
 
@@ -11,28 +12,40 @@
 
 namespace {
 
-// The responder's state at start-up, built once: [0] with the machine's value refusing nothing,
-// [1] without the value (the default refusals).
-const Kr2State* StartStates() {
-  static Kr2State states[2];
-  static bool built = false;
-  if (!built) {
-    const std::vector<std::uint8_t> all_allowed(256, 0);
+// The responder's state at start-up, built once.
+struct StartState {
+  Kr2State responder;
+  LocalStatusRecord status;
+  IdentityRecord identity;
+  std::array<std::uint8_t, 256> prohibited[2];   // [0] refusing nothing, [1] the default refusals
+};
+const StartState& Start() {
+  static const StartState state = [] {
+    StartState s;
+    ResetKr2ForTest(1'600'000'000, "FUZZ");
+    s.responder = g_kr2;
+    s.status = g_local_status;
+    s.identity = g_identity;
     for (int i = 0; i < 2; ++i) {
-      Kr2BuildProhibitedTable(all_allowed.data(), all_allowed.size(), i == 0, states[i].prohibited);
-      Kr2InitStatus(states[i].status, 1'700'000'000);
-      Kr2BuildIdentity(states[i].identity, 1'600'000'000, true, "FUZZ");
+      SetKr2Prohibited(i == 0);
+      s.prohibited[i] = g_provider.prohibited;
     }
-    built = true;
-  }
-  return states;
+    return s;
+  }();
+  return state;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
-  g_kr2 = StartStates()[data[0] & 1];
+  const StartState& start = Start();
+  g_kr2 = start.responder;
+  g_local_status = start.status;
+  g_identity = start.identity;
+  g_provider.prohibited = start.prohibited[data[0] & 1];
+  g_last_request.fill(0);
+  g_responder_block.fill(0);
   g_kr2.os_level = (data[0] & 2) ? 2048 : 32768;
   ScriptedKr2Socket socket;
   ScriptedKr2Machine machine;

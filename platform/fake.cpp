@@ -35,6 +35,7 @@ struct FakeState {
   std::vector<std::string> viewer_paths;
   bool viewer_placed = false;
   int viewer_x = 0, viewer_y = 0;
+  std::vector<std::uint32_t> sleeps;   // Sleep requests, oldest first
   std::function<void()> on_next_read;
   int fail_lookup = 0, fail_socket = 0, fail_send = 0;
   int fail_net_startup = 0;
@@ -124,6 +125,10 @@ std::uint32_t CallCount(std::string_view name) {
 void SetProcessorCount(std::uint32_t n) { Locked([&](FakeState& s) { s.processors = n; return 0; }); }
 void SetProcessAffinity(std::uint64_t m) { Locked([&](FakeState& s) { s.process_affinity = m; return 0; }); }
 std::uint64_t CurrentThreadAffinity() { return t_affinity; }
+
+std::vector<std::uint32_t> Sleeps() {
+  return Locked([](FakeState& s) { return s.sleeps; });
+}
 
 void SetSystemMessage(std::uint32_t code, std::string_view text) {
   Locked([&](FakeState& s) { s.messages[code] = std::string(text); return 0; });
@@ -256,7 +261,8 @@ void TimeEndPeriod(std::uint32_t ms) {
   sys::TimeEndPeriod(ms);
 }
 void Sleep(std::uint32_t ms) {
-  if (!On()) sys::Sleep(ms);
+  if (!On()) return sys::Sleep(ms);
+  Locked([&](FakeState& s) { s.sleeps.push_back(ms); });
 }
 bool SystemMessage(std::uint32_t code, char* buf, std::size_t size) {
   if (On()) {

@@ -56,6 +56,9 @@ void FailViewer(bool fail);
 std::vector<std::string> ViewerOpened();        // paths handed to the viewer since Enable, oldest first
 bool LastViewerOrigin(int& x, int& y);          // the position of the last viewer start; false without one
 
+// Sleeps: while the fake is on, Sleep returns at once and records the time asked for (ms).
+std::vector<std::uint32_t> Sleeps();           // since Enable, oldest first
+
 // System message texts: an entry here is returned by SystemMessage before the system's own.
 void SetSystemMessage(std::uint32_t code, std::string_view text);
 

@@ -9,7 +9,7 @@ using ModuleHandle = ModuleObject*;   // nullptr is "no module"
 
 ModuleHandle LoadModule(const char* path);                 // LoadLibraryA / dlopen; nullptr on failure
 void* ModuleSymbol(ModuleHandle module, const char* name); // an exported symbol; nullptr when missing
-void FreeModule(ModuleHandle module);                      // nullptr is ignored
+void UnloadModule(ModuleHandle module);                      // nullptr is ignored
 std::string ModuleError();                                 // why the last load or look-up failed
 
 }  // namespace platform

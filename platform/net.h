@@ -51,6 +51,10 @@ bool ServicePort(const char* service, const char* protocol, std::uint16_t& port)
 // with the last socket error 11001..11004.
 bool LookupHostV4(const char* host, std::uint32_t& address);
 
+// True when address (network order) is one of this machine's own: its host name (gethostname)
+// resolved to all its IPv4 addresses (gethostbyname).
+bool IsOwnAddress(std::uint32_t address);
+
 // socket(AF_INET, type, protocol): kInvalidSocket on failure. A datagram socket reports an ICMP
 // port unreachable from its peer as 10054 on its next receive, as Winsock does.
 SocketHandle CreateSocketV4(int type, int protocol);

@@ -38,6 +38,11 @@ void CloseSection(SectionHandle section);            // nullptr is ignored; the 
 // (last error set). SetEvent, ResetEvent, WaitForEvent, WaitForAnyEvent and CloseEvent take it.
 EventHandle CreateNamedEvent(const char* name);
 
+// Removes the name of a section or event, so that the next creation makes a new one (POSIX:
+// shm_unlink; views and handles already open stay valid). Windows: nothing, an object goes with
+// its last handle.
+void DeleteNamedObject(const char* name);
+
 // The POSIX shared-memory name of a Win32 object name (see above). Windows: the name unchanged.
 std::string SharedObjectName(std::string_view win32_name);
 

@@ -26,6 +26,10 @@ std::uint32_t ProcessorCount();                                    // GetSystemI
 bool GetProcessAffinityMask(std::uint64_t& process_mask);          // processors the process may run on
 bool SetCurrentThreadAffinityMask(std::uint64_t mask);             // pins the calling thread
 
+// The whole process back to the normal priority class (SetPriorityClass NORMAL_PRIORITY_CLASS;
+// POSIX: nice 0 where the process may raise itself to it, else unchanged).
+void SetProcessPriorityNormal();
+
 void TimeBeginPeriod(std::uint32_t ms);      // timeBeginPeriod; POSIX: lowers the thread's timer slack
 void TimeEndPeriod(std::uint32_t ms);        // timeEndPeriod; POSIX: restores the default timer slack
 

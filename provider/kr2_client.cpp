@@ -43,9 +43,9 @@ std::size_t Kr2ReplySize(std::uint8_t code) {
     case kKr2Ack: case kKr2Resync: case kKr2Resync204: case kKr2Nak5: case kKr2Nak132: case kKr2Zero150:
       return sizeof(Kr2Word);
     case kKr2Time: case kKr2LocalTime: return sizeof(Kr2SystemTime);
-    case kKr2Identity: return sizeof(Kr2Identity);
+    case kKr2Identity: return sizeof(IdentityRecord);
     case kKr2TimeZone: return sizeof(Kr2TimeZoneReply);
-    case kKr2Status: case kKr2StatusClear: return sizeof(Kr2Status);
+    case kKr2Status: case kKr2StatusClear: return sizeof(LocalStatusRecord);
     case kKr2Limits: return sizeof(Kr2Limits);
     case kKr2DriftAfter: return sizeof(DriftRecord);
     case kKr2Products: case kKr2Products201: return sizeof(Kr2Products);
@@ -111,10 +111,10 @@ bool Kr2Sweep(std::vector<Kr2SweepEntry>& machines, std::uint32_t timeout_ms) {
     const auto it = index.find(AddressKey(from));
     if (it == index.end()) return;
     Kr2SweepEntry& m = machines[it->second];
-    if (n == static_cast<int>(sizeof(Kr2Status)) && !m.have_status) {
+    if (n == static_cast<int>(sizeof(LocalStatusRecord)) && !m.have_status) {
       std::memcpy(&m.status, buf, sizeof m.status);
       m.have_status = true;
-    } else if (n == static_cast<int>(sizeof(Kr2Identity)) && !m.have_identity) {
+    } else if (n == static_cast<int>(sizeof(IdentityRecord)) && !m.have_identity) {
       std::memcpy(&m.identity, buf, sizeof m.identity);
       m.have_identity = true;
     } else {

@@ -39,8 +39,8 @@ struct Kr2SweepEntry {
   platform::SocketAddressV4 address{};
   bool have_status = false;
   bool have_identity = false;
-  Kr2Status status{};
-  Kr2Identity identity{};
+  LocalStatusRecord status{};
+  IdentityRecord identity{};
   double reply_ms = 0;   // from the first send to the last reply, ms
 };
 // Asks every machine for its status (128) and identity (4) over one socket, all requests in flight

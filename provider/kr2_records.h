@@ -15,6 +15,7 @@ static_assert(std::endian::native == std::endian::little, "KR2 records are read 
 inline constexpr std::uint16_t kKr2DefaultPort = 9909;          // when the "kaironsync" service is unknown
 inline constexpr const char* kKr2ServiceName = "kaironsync";    // the Winsock service name of the port
 inline constexpr std::size_t kKr2RequestMax = 512;              // the responder reads at most this much
+inline constexpr std::size_t kKr2ResponderBlockSize = 36;       // the responder block of the products record
 inline constexpr std::size_t kKr2CommandOffset = 4;             // byte 4 of a request: the command code
 inline constexpr std::size_t kKr2ArgumentOffset = 8;            // the 32-bit argument word of some commands
 inline constexpr std::size_t kKr2RequestSize = 12;              // what the client sends: header, code, argument
@@ -39,14 +40,6 @@ enum Kr2Command : std::uint8_t {
   kKr2Resync204 = 204,
 };
 
-// The 35 codes the family knows; every other code is refused.
-inline constexpr std::uint8_t kKr2KnownCommands[] = {0,   1,   2,   3,   4,   5,   6,   7,   10,  11,  12,  13,
-                                                     14,  80,  81,  82,  83,  100, 101, 102, 128, 129, 130, 131,
-                                                     132, 140, 150, 151, 160, 180, 200, 201, 202, 203, 204};
-static_assert(sizeof(kKr2KnownCommands) == 35);
-// Codes refused when the machine's "Prohibited KR2 Commands" value cannot be read.
-inline constexpr std::uint8_t kKr2DefaultProhibited[] = {102, 150, 160, 180};
-inline constexpr std::uint8_t kKr2UnknownCommandMark = 128;   // table entry of a code the family does not know
 
 #pragma pack(push, 1)
 
@@ -64,41 +57,41 @@ inline Kr2SystemTime ToKr2SystemTime(const platform::SystemTime& t) {
 }
 
 // Identity (command 4), built at start-up.
-struct Kr2Identity {
+struct IdentityRecord {
   std::uint32_t ephemerides;       // seconds since 1970 of the provider's first start
   std::uint32_t product_code;      // 7
-  std::uint16_t major;             // 4
-  std::uint16_t minor;             // 2
+  std::uint16_t major_version;     // 4
+  std::uint16_t minor_version;     // 2
   std::uint16_t build_year;        // 2008
   std::uint16_t build_month_day;   // 1210
   std::uint32_t one;               // 1
   std::uint32_t nt_family;         // 1 on an NT-family system
   char version[16];                // "4.2.b.20081210R"
-  std::uint8_t reserved[8];
+  std::uint8_t unused40[8];        // zero
   char computer_name[16];          // at most 15 characters
 };
 
 // The local sync status record (commands 128 and 129).
-struct Kr2Status {
+struct LocalStatusRecord {
   std::uint32_t product_code;          // 7
   std::uint32_t last_status_request;   // seconds since 1970; 0 when the agent stops
-  std::uint32_t last_reset;            // time of the last counter reset
+  std::uint32_t last_counter_reset;    // time of the last counter reset
   std::uint32_t partner_time;          // when the current partner was taken
   std::uint32_t agent_start;           // 0 when the agent stops
-  std::uint32_t last_check;            // cleared at agent start and stop
+  std::uint32_t last_check;            // the last successful check; cleared at agent start and stop
   std::int64_t last_offset_ms;         // last measured offset, ms, reference minus local
   std::int64_t offset_sum_ms;          // running sum of offsets, ms
   char time_zone[32];                  // current zone name, ANSI
   char version[20];                    // "4.2.b.20081210R"
-  std::uint8_t flags;                  // kKr2StatusChecking while the agent looks for a verdict
+  std::uint8_t status_flags;           // kKr2StatusChecking while the agent looks for a verdict
   std::uint8_t sync_type;              // the time service's "Type" code at the last status request
-  std::uint8_t reserved1[10];
-  char partner[63];                    // "(none since startup)", then a host name or dotted address
+  std::uint8_t unused94[10];
+  char partner_name[63];               // "(none since startup)", then a host name or dotted address
   std::uint8_t partner_state;          // 254 at agent start, 1 once a partner is taken
-  std::uint8_t reserved2[7];
+  std::uint8_t zero168[7];
   std::uint32_t times[7];              // [0]: time of the last reply sent
   std::uint64_t counters[7];           // [0]: replies sent
-  std::uint64_t failures[7];           // [0]: failed receives
+  std::uint64_t failed[7];             // [0]: failed receives
   std::uint64_t bytes_received;
   std::uint64_t bytes_sent;
   std::uint64_t sync_successes;        // partners taken
@@ -195,42 +188,42 @@ static_assert(sizeof(Kr2SystemTime) == 16);
 static_assert(sizeof(DriftRecord) == 20);
 static_assert(sizeof(Kr2Limits) == 16);
 
-static_assert(sizeof(Kr2Identity) == 64);
-static_assert(offsetof(Kr2Identity, ephemerides) == 0);
-static_assert(offsetof(Kr2Identity, product_code) == 4);
-static_assert(offsetof(Kr2Identity, major) == 8);
-static_assert(offsetof(Kr2Identity, minor) == 10);
-static_assert(offsetof(Kr2Identity, build_year) == 12);
-static_assert(offsetof(Kr2Identity, build_month_day) == 14);
-static_assert(offsetof(Kr2Identity, one) == 16);
-static_assert(offsetof(Kr2Identity, nt_family) == 20);
-static_assert(offsetof(Kr2Identity, version) == 24);
-static_assert(offsetof(Kr2Identity, computer_name) == 48);
+static_assert(sizeof(IdentityRecord) == 64);
+static_assert(offsetof(IdentityRecord, ephemerides) == 0);
+static_assert(offsetof(IdentityRecord, product_code) == 4);
+static_assert(offsetof(IdentityRecord, major_version) == 8);
+static_assert(offsetof(IdentityRecord, minor_version) == 10);
+static_assert(offsetof(IdentityRecord, build_year) == 12);
+static_assert(offsetof(IdentityRecord, build_month_day) == 14);
+static_assert(offsetof(IdentityRecord, one) == 16);
+static_assert(offsetof(IdentityRecord, nt_family) == 20);
+static_assert(offsetof(IdentityRecord, version) == 24);
+static_assert(offsetof(IdentityRecord, computer_name) == 48);
 
-static_assert(sizeof(Kr2Status) == 355);
-static_assert(offsetof(Kr2Status, product_code) == 0);
-static_assert(offsetof(Kr2Status, last_status_request) == 4);
-static_assert(offsetof(Kr2Status, last_reset) == 8);
-static_assert(offsetof(Kr2Status, partner_time) == 12);
-static_assert(offsetof(Kr2Status, agent_start) == 16);
-static_assert(offsetof(Kr2Status, last_check) == 20);
-static_assert(offsetof(Kr2Status, last_offset_ms) == 24);
-static_assert(offsetof(Kr2Status, offset_sum_ms) == 32);
-static_assert(offsetof(Kr2Status, time_zone) == 40);
-static_assert(offsetof(Kr2Status, version) == 72);
-static_assert(offsetof(Kr2Status, flags) == 92);
-static_assert(offsetof(Kr2Status, sync_type) == 93);
-static_assert(offsetof(Kr2Status, partner) == 104);
-static_assert(offsetof(Kr2Status, partner_state) == 167);
-static_assert(offsetof(Kr2Status, reserved2) == 168);
-static_assert(offsetof(Kr2Status, times) == 175);
-static_assert(offsetof(Kr2Status, counters) == 203);
-static_assert(offsetof(Kr2Status, failures) == 259);
-static_assert(offsetof(Kr2Status, bytes_received) == 315);
-static_assert(offsetof(Kr2Status, bytes_sent) == 323);
-static_assert(offsetof(Kr2Status, sync_successes) == 331);
-static_assert(offsetof(Kr2Status, sync_verdicts) == 339);
-static_assert(offsetof(Kr2Status, sync_failures) == 347);
+static_assert(sizeof(LocalStatusRecord) == 355);
+static_assert(offsetof(LocalStatusRecord, product_code) == 0);
+static_assert(offsetof(LocalStatusRecord, last_status_request) == 4);
+static_assert(offsetof(LocalStatusRecord, last_counter_reset) == 8);
+static_assert(offsetof(LocalStatusRecord, partner_time) == 12);
+static_assert(offsetof(LocalStatusRecord, agent_start) == 16);
+static_assert(offsetof(LocalStatusRecord, last_check) == 20);
+static_assert(offsetof(LocalStatusRecord, last_offset_ms) == 24);
+static_assert(offsetof(LocalStatusRecord, offset_sum_ms) == 32);
+static_assert(offsetof(LocalStatusRecord, time_zone) == 40);
+static_assert(offsetof(LocalStatusRecord, version) == 72);
+static_assert(offsetof(LocalStatusRecord, status_flags) == 92);
+static_assert(offsetof(LocalStatusRecord, sync_type) == 93);
+static_assert(offsetof(LocalStatusRecord, partner_name) == 104);
+static_assert(offsetof(LocalStatusRecord, partner_state) == 167);
+static_assert(offsetof(LocalStatusRecord, zero168) == 168);
+static_assert(offsetof(LocalStatusRecord, times) == 175);
+static_assert(offsetof(LocalStatusRecord, counters) == 203);
+static_assert(offsetof(LocalStatusRecord, failed) == 259);
+static_assert(offsetof(LocalStatusRecord, bytes_received) == 315);
+static_assert(offsetof(LocalStatusRecord, bytes_sent) == 323);
+static_assert(offsetof(LocalStatusRecord, sync_successes) == 331);
+static_assert(offsetof(LocalStatusRecord, sync_verdicts) == 339);
+static_assert(offsetof(LocalStatusRecord, sync_failures) == 347);
 
 static_assert(sizeof(Kr2Products) == 302);
 static_assert(offsetof(Kr2Products, reserved) == 0);

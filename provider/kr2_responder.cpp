@@ -2,18 +2,23 @@
 #include "provider/kr2_responder.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "config/w32time.h"
 #include "drift/drift_file.h"
+#include "platform/error.h"
+#include "platform/os.h"
+#include "platform/sync.h"
 #include "platform/timezone.h"
+#include "provider/provider.h"
+#include "timing/error_text.h"
 #include "timing/activity.h"
 #include "timing/precise_clock.h"
 
-Kr2State g_kr2;
-Kr2SystemMachine g_kr2_machine;
 
 namespace {
 
@@ -49,77 +54,127 @@ std::uint16_t InstalledBit(const char* key, std::uint16_t bit) {
 
 }  // namespace
 
-void Kr2BuildProhibitedTable(const std::uint8_t* value, std::size_t size, bool read,
-                             std::array<std::uint8_t, 256>& table) {
-  table.fill(0);
-  if (read && value) std::memcpy(table.data(), value, std::min<std::size_t>(size, table.size()));
-  if (!read)
-    for (const auto code : kKr2DefaultProhibited) table[code] = 1;
-  std::array<bool, 256> known{};
-  for (const auto code : kKr2KnownCommands) known[code] = true;
-  for (std::size_t code = 0; code < table.size(); ++code)
-    if (!known[code]) table[code] = kKr2UnknownCommandMark;
-}
+Kr2State g_kr2;
+IdentityRecord g_identity{};
+LocalStatusRecord g_local_status{};
+platform::SocketHandle g_listen_socket = platform::kInvalidSocket;
+std::array<std::uint8_t, kKr2ResponderBlockSize> g_responder_block{};
+std::array<std::uint8_t, kKr2RequestMax> g_last_request{};
 
-void Kr2ResetCounters(Kr2Status& status, std::uint32_t now) {
-  std::memset(status.times, 0, sizeof status.times);
-  std::memset(status.counters, 0, sizeof status.counters);
-  std::memset(status.failures, 0, sizeof status.failures);
-  status.bytes_received = 0;
-  status.bytes_sent = 0;
-  status.offset_sum_ms = 0;
-  status.sync_successes = 0;
-  status.sync_verdicts = 0;
-  status.sync_failures = 0;
-  status.last_reset = now;
-}
+namespace {
+std::string g_server_answer_ip;   // kept while the socket exists
+}  // namespace
 
-std::uint32_t Kr2ZoneName(char (&name)[32]) {
-  std::memset(name, 0, sizeof name);
-  platform::TimeZoneNow zone;
-  if (!platform::CurrentTimeZone(zone) || zone.name.empty()) {
-    CopyText(name, "unknown");
-    return 0;
+void BuildIdentityRecord() {
+  std::uint32_t first_start = reg_get_dword(kProviderKey, "Ephemerides", 0);
+  if (first_start == 0) {
+    first_start = PreciseClockUnixSeconds();
+    reg_set_dword(kProviderKey, "Ephemerides", first_start);
   }
-  CopyText(name, zone.name.c_str());
-  return zone.daylight ? 1 : 2;
+  g_identity = {};
+  g_identity.ephemerides = first_start;
+  g_identity.product_code = defaults::kProductCode;
+  g_identity.major_version = defaults::kVersionMajor;
+  g_identity.minor_version = defaults::kVersionMinor;
+  g_identity.build_year = defaults::kBuildYear;
+  g_identity.build_month_day = defaults::kBuildMonthDay;
+  g_identity.one = 1;
+  g_identity.nt_family = platform::IsNtFamily() ? 1 : 0;
+  CopyText(g_identity.version, defaults::kProductVersion);
+  CopyText(g_identity.computer_name, g_w32t_env.computer_name);
 }
 
-void Kr2InitStatus(Kr2Status& status, std::uint32_t now) {
-  std::memset(&status, 0, sizeof status);
-  status.product_code = defaults::kProductCode;
-  CopyText(status.version, defaults::kVersionText);
-  CopyText(status.partner, kKr2NoPartnerYet);
-  Kr2ZoneName(status.time_zone);
-  Kr2ResetCounters(status, now);
+std::uint32_t RefreshTimeZoneName() {
+  platform::TimeZoneNow zone;
+  const bool ok = platform::CurrentTimeZone(zone);
+  CopyText(g_local_status.time_zone, ok && !zone.name.empty() ? zone.name.c_str() : "unknown");
+  return !ok ? 0 : zone.daylight ? 1 : 2;
 }
 
-void Kr2BuildIdentity(Kr2Identity& identity, std::uint32_t ephemerides, bool nt_family, const char* computer_name) {
-  std::memset(&identity, 0, sizeof identity);
-  identity.ephemerides = ephemerides;
-  identity.product_code = defaults::kProductCode;
-  identity.major = defaults::kVersionMajor;
-  identity.minor = defaults::kVersionMinor;
-  identity.build_year = defaults::kBuildYear;
-  identity.build_month_day = defaults::kBuildMonthDay;
-  identity.one = 1;
-  identity.nt_family = nt_family ? 1 : 0;
-  CopyText(identity.version, defaults::kVersionText);
-  CopyText(identity.computer_name, computer_name);
+void ResetStatusCounters() {
+  LocalStatusRecord& r = g_local_status;
+  std::memset(r.times, 0, sizeof r.times);
+  std::memset(r.counters, 0, sizeof r.counters);
+  std::memset(r.failed, 0, sizeof r.failed);
+  r.bytes_received = r.bytes_sent = 0;
+  r.offset_sum_ms = 0;
+  r.sync_successes = r.sync_verdicts = r.sync_failures = 0;
+  r.last_counter_reset = PreciseClockUnixSeconds();
 }
+
+void InitLocalStatusRecord() {
+  g_local_status = {};
+  g_local_status.product_code = defaults::kProductCode;
+  CopyText(g_local_status.version, defaults::kProductVersion);
+  CopyText(g_local_status.partner_name, "(none since startup)");
+  RefreshTimeZoneName();
+  ResetStatusCounters();
+}
+
+namespace {
+
+// The local address to bind: "Server Answer IP" when it names one of this machine's addresses.
+std::uint32_t AnswerAddress() {
+  char text[256] = {};
+  reg_get_string("", kServerAnswerIpValue, text, sizeof text, "");
+  g_server_answer_ip = text;
+  if (!*text) return 0;
+  std::uint32_t a = platform::InetAddr(text);
+  if (a == platform::kInaddrNone && !platform::LookupHostV4(text, a)) return 0;
+  if (a == 0 || a == platform::kInaddrNone || !platform::IsOwnAddress(a)) return 0;
+  return a;
+}
+
+}  // namespace
+
+bool CreateListenSocket() {
+  Kr2ForgetLastRequest();
+  CloseListenSocket();
+  const std::uint32_t address = AnswerAddress();
+  platform::SocketHandle s = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
+  bool bound = false;
+  if (s != platform::kInvalidSocket) {
+    std::uint16_t port = 0;
+    if (!platform::ServicePort(kKr2ServiceName, "udp", port)) port = platform::HostToNet16(kKr2DefaultPort);
+    const platform::SocketAddressV4 local{platform::kFamilyInet, port, address};
+    for (std::uint32_t attempt = 1; attempt <= kKr2BindAttempts; ++attempt) {
+      bound = platform::BindV4(s, local);
+      if (bound || platform::LastSocketError() != 10048 || attempt == kKr2BindAttempts) break;   // WSAEADDRINUSE
+      platform::Sleep(kKr2BindRetryMs);
+    }
+  }
+  if (!bound) {
+    const int code = platform::LastSocketError();
+    char text[128];
+    LogEvent(kProviderName, platform::kEventLogError, "Could not create listen socket; %s",
+             SocketErrorText(static_cast<std::uint32_t>(code), text, sizeof text));
+    platform::CloseSocket(s);
+    g_server_answer_ip.clear();
+    return false;
+  }
+  g_listen_socket = s;
+  return true;
+}
+
+void CloseListenSocket() {
+  if (g_listen_socket != platform::kInvalidSocket) {
+    platform::ShutdownSocket(g_listen_socket);
+    platform::CloseSocket(g_listen_socket);
+    g_listen_socket = platform::kInvalidSocket;
+  }
+  g_server_answer_ip.clear();
+}
+
 
 void Kr2BuildProducts(Kr2Machine& machine) {
   Kr2Products& p = g_kr2.products;
-  const Kr2Status& s = g_kr2.status;
-  std::uint8_t block[36];
-  std::memcpy(block, p.responder_block, sizeof block);   // kept: only a new listen socket zeroes it
+  const LocalStatusRecord& s = g_local_status;
   std::memset(&p, 0, sizeof p);
-  std::memcpy(p.responder_block, block, sizeof block);
+  std::memcpy(p.responder_block, g_responder_block.data(), sizeof p.responder_block);
 
-  char zone[32];
-  const std::uint32_t zone_state = Kr2ZoneName(zone);
+  const std::uint32_t zone_state = RefreshTimeZoneName();
   std::uint32_t flags = (defaults::kProductCode & kKr2MachineProductMask) | kKr2MachineAlways;
-  if (g_kr2.identity.one) flags |= kKr2MachineIdentityOne;
+  if (g_identity.one) flags |= kKr2MachineIdentityOne;
   if (g_kr2.nt_family) {
     flags |= kKr2MachineNtFamily;
     struct LevelBit {
@@ -146,20 +201,20 @@ void Kr2BuildProducts(Kr2Machine& machine) {
   p.sync_successes = s.sync_successes;
   p.sync_verdicts = s.sync_verdicts;
   p.sync_failures = s.sync_failures;
-  p.ephemerides = g_kr2.identity.ephemerides;
+  p.ephemerides = g_identity.ephemerides;
   p.now = Now();
   p.partner_time = s.partner_time;
   p.agent_start = s.agent_start;
   std::memcpy(p.time_zone, s.time_zone, sizeof s.time_zone);
   std::memcpy(p.version, s.version, sizeof s.version);
-  std::memcpy(p.partner, s.partner, sizeof s.partner);
-  std::memcpy(p.computer_name, g_kr2.identity.computer_name, sizeof g_kr2.identity.computer_name);
+  std::memcpy(p.partner, s.partner_name, sizeof s.partner_name);
+  std::memcpy(p.computer_name, g_identity.computer_name, sizeof g_identity.computer_name);
   p.installed = static_cast<std::uint16_t>(kKr2InstalledAlways | machine.InstalledProducts());
 }
 
 void Kr2ForgetLastRequest() {
-  std::memset(g_kr2.products.responder_block, 0, sizeof g_kr2.products.responder_block);
-  g_kr2.last.fill(0);
+  g_responder_block.fill(0);
+  g_last_request.fill(0);
   g_kr2.have_last = false;
 }
 
@@ -189,10 +244,10 @@ const Kr2TimeZoneReply& BuildTimeZoneReply(Kr2Machine& machine) {
 
 // Command 128's refresh of the status record.
 void RefreshStatus(Kr2Machine& machine) {
-  Kr2ZoneName(g_kr2.status.time_zone);
-  g_kr2.status.product_code = defaults::kProductCode;
-  g_kr2.status.sync_type = static_cast<std::uint8_t>(machine.SyncType());
-  g_kr2.status.last_status_request = Now();
+  RefreshTimeZoneName();
+  g_local_status.product_code = defaults::kProductCode;
+  g_local_status.sync_type = static_cast<std::uint8_t>(machine.SyncType());
+  g_local_status.last_status_request = Now();
 }
 
 }  // namespace
@@ -202,17 +257,17 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
   platform::SocketAddressV4 from{};
   const int received = socket.Receive(buf.data(), buf.size(), from);
   if (received < 0) {
-    ++g_kr2.status.failures[0];
+    ++g_local_status.failed[0];
     return Kr2Outcome::ReceiveFailed;
   }
   const std::uint8_t code = buf[kKr2CommandOffset];
-  if (g_kr2.prohibited[code] != 0) return Kr2Outcome::Refused;
+  if (g_provider.prohibited[code] != 0) return Kr2Outcome::Refused;
 
   MarkActivity(kSlotRequest);
-  if (g_kr2.have_last && buf == g_kr2.last) return Kr2Outcome::Repeat;
-  g_kr2.last = buf;
+  if (g_kr2.have_last && std::equal(buf.begin(), buf.end(), g_last_request.begin())) return Kr2Outcome::Repeat;
+  std::copy(buf.begin(), buf.end(), g_last_request.begin());
   g_kr2.have_last = true;
-  g_kr2.status.bytes_received += static_cast<std::uint64_t>(received);
+  g_local_status.bytes_received += static_cast<std::uint64_t>(received);
 
   // The reply, as bytes in one of these.
   const void* reply = nullptr;
@@ -248,7 +303,7 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
       }
       break;
     case kKr2Identity:
-      answer(g_kr2.identity);
+      answer(g_identity);
       break;
     case kKr2Nak5:
     case kKr2Nak132:
@@ -259,11 +314,11 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
       break;
     case kKr2StatusClear:
       machine.ClearHistory();
-      Kr2ResetCounters(g_kr2.status, Now());
+      ResetStatusCounters();
       [[fallthrough]];
     case kKr2Status:
       RefreshStatus(machine);
-      answer(g_kr2.status);
+      answer(g_local_status);
       break;
     case kKr2Zero150:
       answer(kZeroWord);
@@ -291,16 +346,17 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
   }
 
   const int sent = socket.Send(reply, size, from);
-  if (sent >= 0) g_kr2.status.bytes_sent += static_cast<std::uint64_t>(sent);
-  ++g_kr2.status.counters[0];
-  g_kr2.status.times[0] = Now();
+  if (sent >= 0) g_local_status.bytes_sent += static_cast<std::uint64_t>(sent);
+  ++g_local_status.counters[0];
+  g_local_status.times[0] = Now();
   MarkActivity(kSlotReply);
   return Kr2Outcome::Answered;
 }
 
 void HandleRequest(platform::SocketHandle socket) {
   Kr2SocketOn transport(socket);
-  HandleRequestWith(transport, g_kr2_machine);
+  Kr2SystemMachine machine;
+  HandleRequestWith(transport, machine);
 }
 
 int Kr2SocketOn::Receive(std::uint8_t* buf, std::size_t size, platform::SocketAddressV4& from) {
@@ -312,19 +368,19 @@ int Kr2SocketOn::Send(const void* data, std::size_t size, const platform::Socket
 }
 
 void Kr2SystemMachine::RequestResync() {
-  if (sync_event) platform::SetEvent(sync_event);
+  if (g_provider.sync_event) platform::SetEvent(g_provider.sync_event);
 }
 
 void Kr2SystemMachine::ClearHistory() {
   DriftFileClear();
-  reg_delete_value(defaults::kProviderKeyPath, defaults::kLastUsedTimeSourceValue);
+  reg_delete_value(kProviderKey, defaults::kLastUsedTimeSourceValue);
 }
 
 bool Kr2SystemMachine::DriftAfter(DriftRecord& out, std::uint32_t after) { return DriftFileReadAfter(out, after); }
 
-std::uint32_t Kr2SystemMachine::SyncType() { return settings ? settings->sync_type : kW32tNtp; }
+std::uint32_t Kr2SystemMachine::SyncType() { return g_provider.settings.sync_type; }
 
-std::uint32_t Kr2SystemMachine::MaxPhaseOffsetSeconds() { return settings ? settings->max_allowed_phase_offset : 0; }
+std::uint32_t Kr2SystemMachine::MaxPhaseOffsetSeconds() { return g_provider.settings.max_allowed_phase_offset; }
 
 std::uint16_t Kr2SystemMachine::InstalledProducts() {
   std::uint16_t bits = 0;
@@ -334,7 +390,7 @@ std::uint16_t Kr2SystemMachine::InstalledProducts() {
   bits |= InstalledBit("\\\\Software\\Morvane\\Kairon II Monitor\\Parameters", kKr2InstalledMonitor);
   bits |= InstalledBit("\\\\Software\\Morvane\\Kairon II Update Server\\Parameters", kKr2InstalledUpdateServer);
   bits |= InstalledBit("\\\\Software\\Morvane\\Kairon II Audit Server\\Parameters", kKr2InstalledAuditServer);
-  bits |= InstalledBit(defaults::kProviderKeyPath, kKr2InstalledChronwarden);
+  bits |= InstalledBit(kProviderKey, kKr2InstalledChronwarden);
   constexpr const char* kClient = "\\\\Software\\Morvane\\Kairon Client\\Parameters";
   if (reg_get_bool(kClient, "Service Installed", 0)) {
     if (reg_get_bool(kClient, "Thin Client", 0)) bits |= kKr2InstalledThinClient;

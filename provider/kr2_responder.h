@@ -8,6 +8,10 @@
 // event). HandleRequest(socket) is the provider's entry; HandleRequestWith is the same logic on
 // any transport and machine.
 //
+// The listen socket (CreateListenSocket/CloseListenSocket) and the identity and local status
+// records are built by the provider's start-up; the installed-product record is rebuilt for each
+// request that asks for it.
+//
 // Behaviour worth knowing:
 // - the receive buffer is kept between requests: a datagram shorter than 5 bytes is judged by
 //   whatever byte 4 of the buffer still holds, and a request whose 512 buffer bytes equal the last
@@ -25,7 +29,15 @@
 #include "platform/sync.h"
 #include "provider/kr2_records.h"
 
-struct W32tSettings;
+inline constexpr std::uint32_t kKr2BindAttempts = 4;           // bind tries while the port is in use
+inline constexpr std::uint32_t kKr2BindRetryMs = 500;          // pause between them (ms)
+inline constexpr const char* kServerAnswerIpValue = "Server Answer IP";   // product Parameters, text
+
+extern IdentityRecord g_identity;
+extern LocalStatusRecord g_local_status;
+extern platform::SocketHandle g_listen_socket;     // kInvalidSocket when there is none
+extern std::array<std::uint8_t, kKr2ResponderBlockSize> g_responder_block;
+extern std::array<std::uint8_t, kKr2RequestMax> g_last_request;   // the remembered last request
 
 // The datagram transport of the listen socket.
 struct Kr2Socket {
@@ -49,10 +61,8 @@ struct Kr2Machine {
 };
 
 // The provider's machine: drift.kr through drift/drift_file.h, the registry through
-// config/registry.h, the settings record and the sync event of the running provider.
+// config/registry.h, the provider's settings record and sync event.
 struct Kr2SystemMachine final : Kr2Machine {
-  platform::EventHandle sync_event = nullptr;   // the provider's sync event (may be null)
-  const W32tSettings* settings = nullptr;       // the provider's settings record (null: defaults)
   void RequestResync() override;
   void ClearHistory() override;
   bool DriftAfter(DriftRecord& out, std::uint32_t after) override;
@@ -70,14 +80,10 @@ struct Kr2SocketOn final : Kr2Socket {
   int Send(const void* data, std::size_t size, const platform::SocketAddressV4& to) override;
 };
 
-// The responder's process-wide state.
+// The responder's own process-wide state.
 struct Kr2State {
-  std::array<std::uint8_t, 256> prohibited{};      // one entry per command code, 0 allowed
-  Kr2Identity identity{};
-  Kr2Status status{};
   Kr2Products products{};
   alignas(8) std::array<std::uint8_t, kKr2RequestMax> receive{};   // the receive buffer, kept between requests
-  std::array<std::uint8_t, kKr2RequestMax> last{};      // the last request handled
   bool have_last = false;                               // false after a new listen socket
   // Facts about this system, set by start-up (operating-system identification).
   bool nt_family = true;
@@ -85,28 +91,28 @@ struct Kr2State {
   std::uint32_t os_level = 32768;                       // 2048 Windows 2000, ... 32768 Windows Server 2008 and later
 };
 extern Kr2State g_kr2;
-extern Kr2SystemMachine g_kr2_machine;
 
 // How one request ended.
 enum class Kr2Outcome { ReceiveFailed, Refused, Repeat, Unanswered, Answered };
 
-// Builds the prohibited command table from the "Prohibited KR2 Commands" value (value, size bytes;
-// read false when the value could not be read at all: then 102, 150, 160, 180 are refused). Codes
-// the family does not know get 128.
-void Kr2BuildProhibitedTable(const std::uint8_t* value, std::size_t size, bool read,
-                             std::array<std::uint8_t, 256>& table);
-// Fills the status record as at its creation: product code 7, version, "(none since startup)",
-// the zone name, counters reset at now (seconds since 1970).
-void Kr2InitStatus(Kr2Status& status, std::uint32_t now);
-// Resets the status record's times, counters, byte counts, offset sum and sync counters; the
-// time of the last counter reset becomes now (seconds since 1970).
-void Kr2ResetCounters(Kr2Status& status, std::uint32_t now);
-// Builds the identity record: first start (seconds since 1970), NT family, computer name (cut at 15).
-void Kr2BuildIdentity(Kr2Identity& identity, std::uint32_t ephemerides, bool nt_family, const char* computer_name);
-// The current zone name (at most 31 bytes, "unknown" on error or when empty) into name (32 bytes,
-// zero-filled first); returns the zone state: 1 daylight, 2 standard, 0 on error. (The platform
-// always tells whether daylight time is in force, so the "no zone state" case does not arise.)
-std::uint32_t Kr2ZoneName(char (&name)[32]);
+// Fills the identity record, reading "Ephemerides" under the provider key, or setting it to now
+// (and writing it back) when it is missing or 0.
+void BuildIdentityRecord();
+// Zero-fills the local status record, then product code 7, version, "(none since startup)", the
+// time-zone name, and resets its counters.
+void InitLocalStatusRecord();
+// Resets the status record's times, counters, byte counts, offset sum and sync counters; the time
+// of the last counter reset becomes now.
+void ResetStatusCounters();
+// The zone's current name into the status record (at most 31 bytes, "unknown" on error or when
+// empty); returns the zone state: 1 daylight, 2 standard, 0 on error. (The platform always tells
+// whether daylight time is in force, so the "no zone state" case does not arise.)
+std::uint32_t RefreshTimeZoneName();
+// Opens the KR2 listen socket (port of "kaironsync"/udp, else 9909; address "Server Answer IP"
+// when it is one of this machine's own, else all). True on success; on failure the error event
+// "Could not create listen socket; %s" is written and there is no socket.
+bool CreateListenSocket();
+void CloseListenSocket();        // shutdown both ways, close, forget "Server Answer IP"
 // Rebuilds g_kr2.products from the status and identity records, the clocks and the machine.
 void Kr2BuildProducts(Kr2Machine& machine);
 // A new listen socket: zeroes the responder block and forgets the last request.

@@ -15,7 +15,8 @@
 #include "config/w32time.h"
 #include "drift/drift_file.h"
 #include "platform/fake.h"
-#include "provider/agent_cycle.h"
+#include "provider/agent.h"
+#include "provider/provider.h"
 #include "provider/kr2_responder.h"
 #include "provider/sync_status.h"
 #include "tests/fake_ntp_server.h"
@@ -72,7 +73,13 @@ platform::HResult SetProviderStatus(platform::SetProviderStatusInfo* info) {
 }
 
 std::vector<std::pair<std::uint16_t, std::string>> g_events;
-void RecordEvent(std::uint16_t type, const char* text) { g_events.emplace_back(type, text); }
+platform::HResult RecordEvent(std::uint16_t type, char16_t*, char16_t* message) {
+  std::string text;
+  for (; *message; ++message) text += static_cast<char>(*message);
+  if (text.size() >= 2 && text.compare(text.size() - 2, 2, "\r\n") == 0) text.resize(text.size() - 2);
+  g_events.emplace_back(type, text);
+  return 0;
+}
 
 std::vector<std::uint32_t> g_marks;
 void RecordMark(std::uint32_t slot) { g_marks.push_back(slot); }
@@ -87,11 +94,13 @@ class AgentNtpTest : public ::testing::Test {
     platform::fake::Enable();
     platform::fake::SetSystemTime(kT0);
     g_service = TimeService{};
+    g_demand_resync = Resync;
     g_events.clear();
     g_marks.clear();
     g_status_reports = 0;
     g_resyncs = 0;
     g_resync_answer = 0;
+    W32tSettings& settings_ = g_provider.settings;
     settings_ = W32tSettings{};
     settings_.ntp_client_enabled = 1;
     settings_.ntp_client_input_provider = 1;
@@ -102,16 +111,14 @@ class AgentNtpTest : public ::testing::Test {
     settings_.alert_if_unverified = 1;
     settings_.alert_if_unsynchronized = 1;
     std::strcpy(settings_.reference_clock, kReference);
-    g_agent.callbacks = platform::TimeProvSysCallbacks{40, GetTimeSysInfo, nullptr, nullptr, SetProviderStatus};
-    g_agent.log_event = RecordEvent;
-    g_agent.settings = &settings_;
-    g_agent.status_block = nullptr;
-    g_agent.responder_active = true;
-    g_agent.listen_socket = platform::kInvalidSocket;
-    g_agent.resync = Resync;
-    g_agent.sample_available = false;
+    g_provider.callbacks = platform::TimeProvSysCallbacks{40, GetTimeSysInfo, RecordEvent, nullptr, SetProviderStatus};
+    g_provider.status_block = nullptr;
+    g_provider.responder_active = true;
+    g_listen_socket = platform::kInvalidSocket;
+    g_demand_resync = Resync;
+    g_provider.sample_available = false;
     g_kr2 = Kr2State{};
-    Kr2InitStatus(g_kr2.status, kT0Unix);
+    InitLocalStatusRecord();
     drift_ = (sandbox_.root() / "drift.kr").string();
     std::filesystem::create_directories(sandbox_.root());
     ASSERT_TRUE(DriftFileOpenPath(drift_));
@@ -119,14 +126,13 @@ class AgentNtpTest : public ::testing::Test {
   void TearDown() override {
     SetActivityMarker(nullptr);
     DriftFileClose();
-    g_agent.settings = nullptr;
-    g_agent.log_event = nullptr;
-    g_agent.callbacks = {};
+    g_provider.callbacks = {};
+    g_provider.responder_active = false;
     platform::fake::Disable();
   }
   static std::string Partner() {
     char text[256];
-    reg_get_string(defaults::kProviderKeyPath, defaults::kPartnerValue, text, sizeof text, "(missing)");
+    reg_get_string(kProviderKey, defaults::kPartnerValue, text, sizeof text, "(missing)");
     return text;
   }
   static std::vector<DriftRecord> Records() {
@@ -155,7 +161,7 @@ class AgentNtpTest : public ::testing::Test {
   static std::uint32_t Now() { return static_cast<std::uint32_t>(FileTimeToUnixSeconds(g_service.current)); }
 
   RegistrySandbox sandbox_;
-  W32tSettings settings_{};
+  W32tSettings& settings_ = g_provider.settings;
   std::string drift_;
   AgentCycle cycle_;
 };
@@ -172,27 +178,27 @@ TEST_F(AgentNtpTest, WholeCycleTextsAndReasonsInOrder) {
   EXPECT_EQ(g_status_reports, 1);
   EXPECT_EQ(Partner(), "Unknown - Windows Time service initializing");
   EXPECT_EQ(Reasons(), std::vector<std::uint8_t>{255});
-  EXPECT_EQ(g_kr2.status.partner_state, 254);
-  EXPECT_TRUE(g_kr2.status.flags & kKr2StatusChecking);
+  EXPECT_EQ(g_local_status.partner_state, 254);
+  EXPECT_TRUE(g_local_status.status_flags & kKr2StatusChecking);
 
   // Unsynchronized: the nineteenth poll gives the verdict, and only it.
   for (int i = 0; i < 18; ++i) Poll();
   EXPECT_EQ(Partner(), "Unknown - Windows Time service initializing");
   Poll();
   EXPECT_EQ(Partner(), "Unknown - Windows Time synchronization failed");
-  EXPECT_EQ(g_kr2.status.sync_failures, 1u);
-  EXPECT_EQ(g_kr2.status.sync_verdicts, 1u);
-  EXPECT_FALSE(g_kr2.status.flags & kKr2StatusChecking);
+  EXPECT_EQ(g_local_status.sync_failures, 1u);
+  EXPECT_EQ(g_local_status.sync_verdicts, 1u);
+  EXPECT_FALSE(g_local_status.status_flags & kKr2StatusChecking);
   for (int i = 0; i < 5; ++i) Poll();
-  EXPECT_EQ(g_kr2.status.sync_failures, 1u);
+  EXPECT_EQ(g_local_status.sync_failures, 1u);
 
   // Synchronized, flags 3: the partner without a suffix, a check with reason 1.
   Synchronize("10.1.2.3", 3);
   Poll();
   EXPECT_EQ(Partner(), "10.1.2.3 (no name)");
-  EXPECT_STREQ(g_kr2.status.partner, "10.1.2.3");
-  EXPECT_EQ(g_kr2.status.partner_state, 1);
-  EXPECT_EQ(g_kr2.status.sync_successes, 1u);
+  EXPECT_STREQ(g_local_status.partner_name, "10.1.2.3");
+  EXPECT_EQ(g_local_status.partner_state, 1);
+  EXPECT_EQ(g_local_status.sync_successes, 1u);
   EXPECT_EQ(Reasons(), (std::vector<std::uint8_t>{255, 1}));
   EXPECT_EQ(Records().back().check_time, Now());
   EXPECT_TRUE(DriftClockSet(Records().back()));   // a check that follows a new synchronization
@@ -229,7 +235,7 @@ TEST_F(AgentNtpTest, WholeCycleTextsAndReasonsInOrder) {
 
   AgentStop();
   EXPECT_EQ(Partner(), "Unknown - Agent stopped");
-  EXPECT_EQ(g_kr2.status.agent_start, 0u);
+  EXPECT_EQ(g_local_status.agent_start, 0u);
 }
 
 TEST_F(AgentNtpTest, FailedDemandResyncLogsAndKeepsTheReason) {
@@ -287,27 +293,27 @@ TEST_F(AgentNtpTest, ScheduledCheckFollowsTheServicesClockNotTheWallClock) {
 
 TEST_F(AgentNtpTest, AlertAboveTheThresholdOnly) {
   FakeNtpServer reference(kReference, std::vector<FakeNtpReply>{Offset(2000 * kMs + kMs / 2), Offset(-2001 * kMs - kMs / 2)});
-  g_agent.responder_active = false;
+  g_provider.responder_active = false;
   AgentStart(cycle_);
   ASSERT_TRUE(CheckOneSource(kReference, 0, 1, 0));
-  EXPECT_EQ(g_kr2.status.last_offset_ms, 2000);
+  EXPECT_EQ(g_local_status.last_offset_ms, 2000);
   EXPECT_TRUE(g_events.empty());   // exactly the threshold: no alert
   ASSERT_TRUE(CheckOneSource(kReference, 0, 1, 0));
-  EXPECT_EQ(g_kr2.status.last_offset_ms, -2001);
+  EXPECT_EQ(g_local_status.last_offset_ms, -2001);
   ASSERT_EQ(g_events.size(), 1u);
   EXPECT_EQ(g_events[0].first, 1);
   EXPECT_EQ(g_events[0].second.rfind("According to 127.0.0.40, the system clock is wrong by 2 seconds, 1 millisecond", 0), 0u)
       << g_events[0].second;
   EXPECT_NE(g_events[0].second.find("This exceeds the alert threshhold set in the Windows Time Control Panel applet."),
             std::string::npos);
-  EXPECT_EQ(g_kr2.status.offset_sum_ms, -1);
+  EXPECT_EQ(g_local_status.offset_sum_ms, -1);
 }
 
 TEST_F(AgentNtpTest, SampleIsFilledFromTheCheck) {
   FakeNtpServer reference(kReference, Offset(-30 * kMs));
-  g_agent.responder_active = false;
+  g_provider.responder_active = false;
   ASSERT_TRUE(CheckOneSource(kReference, 0, 1, 0));
-  const platform::TimeSample& s = g_agent.sample;
+  const platform::TimeSample& s = g_provider.current_sample;
   EXPECT_EQ(s.dwSize, 568u);
   EXPECT_EQ(s.dwRefid, Addr(kReference));
   EXPECT_EQ(s.toOffset, -30 * kMs);
@@ -316,10 +322,10 @@ TEST_F(AgentNtpTest, SampleIsFilledFromTheCheck) {
   EXPECT_EQ(s.nStratum, 2);
   EXPECT_EQ(s.dwTSFlags, 2u);
   EXPECT_EQ(std::u16string(s.wszUniqueName), u"127.0.0.40");
-  EXPECT_TRUE(g_agent.sample_available);
+  EXPECT_TRUE(g_provider.sample_available);
   settings_.provider_input_provider = 0;
   ASSERT_TRUE(CheckOneSource(kReference, 0, 1, 0));
-  EXPECT_FALSE(g_agent.sample_available);
+  EXPECT_FALSE(g_provider.sample_available);
 }
 
 TEST_F(AgentNtpTest, RepeatedSourceIsCheckedOncePerSearch) {
@@ -336,7 +342,7 @@ TEST_F(AgentNtpTest, RepeatedSourceIsCheckedOncePerSearch) {
 TEST_F(AgentNtpTest, LastUsedSourceRingKeepsTheNewest64) {
   for (std::uint32_t i = 1; i <= 70; ++i) RememberTimeSource(i, 1000 + i);
   std::uint32_t words[128] = {};
-  ASSERT_EQ(reg_get_binary(defaults::kProviderKeyPath, defaults::kLastUsedTimeSourceValue, words, sizeof words), 1);
+  ASSERT_EQ(reg_get_binary(kProviderKey, defaults::kLastUsedTimeSourceValue, words, sizeof words), 1);
   EXPECT_EQ(words[0], 7u);   // entries 1..6 fell out
   EXPECT_EQ(words[1], 1007u);
   EXPECT_EQ(words[126], 70u);
@@ -373,7 +379,7 @@ TEST_F(AgentNtpTest, ConfiguredServersAfterTheLastUsedSources) {
 
 TEST_F(AgentNtpTest, WithoutTheResponderNoCheckButPartnerAndSourcesKept) {
   FakeNtpServer reference(kReference);
-  g_agent.responder_active = false;
+  g_provider.responder_active = false;
   Synchronize("10.3.3.3");
   AgentStart(cycle_);
   Poll();
@@ -383,13 +389,13 @@ TEST_F(AgentNtpTest, WithoutTheResponderNoCheckButPartnerAndSourcesKept) {
   EXPECT_TRUE(reference.Requests().empty());
   EXPECT_EQ(Partner(), "10.3.3.3 (no name)");
   std::uint32_t words[128] = {};
-  reg_get_binary(defaults::kProviderKeyPath, defaults::kLastUsedTimeSourceValue, words, sizeof words);
+  reg_get_binary(kProviderKey, defaults::kLastUsedTimeSourceValue, words, sizeof words);
   EXPECT_EQ(words[126], Addr("10.3.3.3"));
 }
 
 TEST_F(AgentNtpTest, NotManagedTextsSayNA) {
   settings_.ntp_client_enabled = 0;
-  g_agent.responder_active = false;
+  g_provider.responder_active = false;
   AgentStart(cycle_);
   EXPECT_EQ(Partner(), "N/A - Windows Time not managing the clock");
   AgentWake(cycle_, platform::kWaitObject0 + 2);
@@ -402,21 +408,20 @@ TEST_F(AgentNtpTest, NotManagedTextsSayNA) {
 }
 
 TEST_F(AgentNtpTest, ThreadEndsOnShutdown) {
-  g_agent.responder_active = false;
+  g_provider.responder_active = false;
   platform::UniqueEvent events[5];
   for (auto& e : events) e.reset(platform::CreateSyncEvent(false, false));
-  g_agent.shutdown = events[0].get();
-  g_agent.sync = events[1].get();
-  g_agent.time_jump = events[2].get();
-  g_agent.client = events[3].get();
-  g_agent.status_notify = events[4].get();
-  g_agent.poll_ms = 5;
+  g_provider.shutdown_event = events[0].get();
+  g_provider.sync_event = events[1].get();
+  g_provider.time_jump_event = events[2].get();
+  g_provider.client_event = events[3].get();
+  g_provider.status_notify_event = events[4].get();
   std::thread agent([] { AgentThreadMain(); });
-  platform::SetEvent(g_agent.shutdown);
+  platform::SetEvent(g_provider.shutdown_event);
   agent.join();
   EXPECT_EQ(Partner(), "Unknown - Agent stopped");
-  g_agent.poll_ms = 1000;
-  g_agent.shutdown = g_agent.sync = g_agent.time_jump = g_agent.client = g_agent.status_notify = nullptr;
+  g_provider.shutdown_event = g_provider.sync_event = g_provider.time_jump_event = g_provider.client_event =
+      g_provider.status_notify_event = nullptr;
 }
 
 }  // namespace

@@ -14,11 +14,9 @@ namespace {
 class Kr2ClientTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    g_kr2 = Kr2State{};
-    Kr2BuildProhibitedTable(std::vector<std::uint8_t>(256, 0).data(), 256, true, g_kr2.prohibited);
-    Kr2InitStatus(g_kr2.status, PreciseClockUnixSeconds());
-    Kr2BuildIdentity(g_kr2.identity, 1'600'000'000, true, "LOOPBACK");
-    std::strcpy(g_kr2.status.partner, "ntp.loopback");
+    ResetKr2ForTest(1'600'000'000, "LOOPBACK");
+    SetKr2Prohibited(true);
+    std::strcpy(g_local_status.partner_name, "ntp.loopback");
   }
   void TearDown() override { Kr2Close(peer_); }
   bool Open(std::uint16_t port, std::uint32_t timeout_ms = 2000) {
@@ -43,11 +41,11 @@ TEST_F(Kr2ClientTest, PollingTheSameCommandTwiceIsAnsweredTwice) {
   LoopbackKr2Responders r;
   ASSERT_TRUE(r.Start(1));
   ASSERT_TRUE(Open(Port(r.addresses[0])));
-  Kr2Status s{};
+  LocalStatusRecord s{};
   ASSERT_EQ(Kr2Ask(peer_, kKr2Status, 0, &s, sizeof s), 355);
   ASSERT_EQ(Kr2Ask(peer_, kKr2Status, 0, &s, sizeof s), 355);
   EXPECT_EQ(s.counters[0], 1u);   // the second reply counts the first
-  EXPECT_STREQ(s.partner, "ntp.loopback");
+  EXPECT_STREQ(s.partner_name, "ntp.loopback");
 }
 
 TEST_F(Kr2ClientTest, HistoryIsWalkedRecordByRecord) {
@@ -67,7 +65,7 @@ TEST_F(Kr2ClientTest, HistoryIsWalkedRecordByRecord) {
 }
 
 TEST_F(Kr2ClientTest, RefusedCommandIsNotAnswered) {
-  Kr2BuildProhibitedTable(nullptr, 0, false, g_kr2.prohibited);
+  SetKr2Prohibited(false);
   LoopbackKr2Responders r;
   ASSERT_TRUE(r.Start(1));
   ASSERT_TRUE(Open(Port(r.addresses[0]), 300));
@@ -105,7 +103,7 @@ TEST_F(Kr2ClientTest, SweepAsksManyMachinesAtOnce) {
     EXPECT_TRUE(machines[i].have_status) << i;
     EXPECT_TRUE(machines[i].have_identity) << i;
     EXPECT_STREQ(machines[i].identity.computer_name, "LOOPBACK");
-    EXPECT_STREQ(machines[i].status.partner, "ntp.loopback");
+    EXPECT_STREQ(machines[i].status.partner_name, "ntp.loopback");
   }
   EXPECT_FALSE(machines.back().have_status);
   EXPECT_FALSE(machines.back().have_identity);

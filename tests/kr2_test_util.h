@@ -1,11 +1,14 @@
 // A scripted transport and machine for the KR2 responder, and request and record builders.
 #pragma once
+#include <algorithm>
 #include <cstring>
 #include <deque>
 #include <vector>
 
 #include "provider/kr2_client.h"
+#include "config/defaults.h"
 #include "provider/kr2_responder.h"
+#include "provider/provider.h"
 
 // Datagrams queued by the test are received in order; replies are collected.
 struct ScriptedKr2Socket final : Kr2Socket {
@@ -70,4 +73,33 @@ inline DriftRecord MakeKr2TestRecord(std::uint32_t check_time, std::int32_t vari
   r.variance_ms = variance_ms;
   r.address = 0x0100007F;
   return r;
+}
+
+// The prohibited-command table as start-up builds it: without the machine's value (102, 150, 160
+// and 180 refused) or with a value that refuses nothing; unknown codes refused either way.
+inline void SetKr2Prohibited(bool value_present) {
+  auto& table = g_provider.prohibited;
+  table.fill(0);
+  if (!value_present)
+    for (const std::uint8_t code : {102, 150, 160, 180}) table[code] = 1;
+  for (std::uint32_t code = 0; code < table.size(); ++code)
+    if (!IsKnownKr2Command(code)) table[code] = 128;
+}
+
+// The responder's records as start-up leaves them, with a first start and a computer name of the test's.
+inline void ResetKr2ForTest(std::uint32_t ephemerides, const char* computer_name) {
+  g_kr2 = Kr2State{};
+  InitLocalStatusRecord();
+  g_identity = IdentityRecord{};
+  g_identity.ephemerides = ephemerides;
+  g_identity.product_code = defaults::kProductCode;
+  g_identity.major_version = defaults::kVersionMajor;
+  g_identity.minor_version = defaults::kVersionMinor;
+  g_identity.build_year = defaults::kBuildYear;
+  g_identity.build_month_day = defaults::kBuildMonthDay;
+  g_identity.one = 1;
+  g_identity.nt_family = 1;
+  std::memcpy(g_identity.version, defaults::kVersionText, std::strlen(defaults::kVersionText));
+  std::memcpy(g_identity.computer_name, computer_name, std::min<std::size_t>(std::strlen(computer_name), 15));
+  Kr2ForgetLastRequest();
 }

@@ -38,8 +38,9 @@ void TakeBaseline() {
   StoreRelaxed(g_state.baseline_counter, counter);
 }
 
+// Counted from its creation (not from its first instruction), so that a stop that comes before
+// the thread runs still waits for it.
 void CalibrationThread(void*) {
-  g_thread_count.fetch_add(1);
   if (g_timer && platform::ArmTickTimer(g_timer, defaults::kPreciseClockTickMs, PreciseClockTick)) {
     TakeBaseline();
     g_state.running.store(1);
@@ -95,8 +96,12 @@ int PreciseClockStart(platform::EventHandle stop_event) {
     g_stop_event = g_own_stop_event.get();
   }
   TakeBaseline();
+  g_thread_count.fetch_add(1);
   platform::ThreadHandle thread = platform::CreateThreadSuspended(CalibrationThread, nullptr);
-  if (!thread) return 1;
+  if (!thread) {
+    g_thread_count.fetch_sub(1);
+    return 1;
+  }
   platform::SetThreadPriority(thread, platform::kPriorityTimeCritical);
   TakeBaseline();
   platform::ResumeThread(thread);

@@ -22,7 +22,7 @@ void* ModuleSymbol(ModuleHandle module, const char* name) {
   if (!sym) Note();
   return sym;
 }
-void FreeModule(ModuleHandle module) {
+void UnloadModule(ModuleHandle module) {
   if (module) dlclose(module);
 }
 std::string ModuleError() { return t_error; }

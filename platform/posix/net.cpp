@@ -249,3 +249,20 @@ bool CloseSocket(SocketHandle s) {
 }
 
 }  // namespace platform
+
+namespace platform {
+bool IsOwnAddress(std::uint32_t address) {
+  char name[256] = {};
+  if (gethostname(name, sizeof name - 1) != 0) return false;
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo* list = nullptr;
+  if (getaddrinfo(name, nullptr, &hints, &list) != 0) return false;
+  bool found = false;
+  for (addrinfo* a = list; a && !found; a = a->ai_next)
+    found = reinterpret_cast<const sockaddr_in*>(a->ai_addr)->sin_addr.s_addr == address;
+  freeaddrinfo(list);
+  return found;
+}
+}  // namespace platform

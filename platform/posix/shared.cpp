@@ -173,3 +173,7 @@ void CloseNamed(EventObject* e) {
 
 }  // namespace posix
 }  // namespace platform
+
+namespace platform {
+void DeleteNamedObject(const char* name) { shm_unlink(SharedObjectName(name ? name : "").c_str()); }
+}  // namespace platform

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -159,4 +160,8 @@ bool sys::SetCurrentThreadAffinityMask(std::uint64_t mask) {
 void sys::TimeBeginPeriod(std::uint32_t ms) { prctl(PR_SET_TIMERSLACK, ms > 0 ? 1UL : 0UL); }
 void sys::TimeEndPeriod(std::uint32_t) { prctl(PR_SET_TIMERSLACK, 0UL); }
 
+}  // namespace platform
+
+namespace platform {
+void SetProcessPriorityNormal() { (void)setpriority(PRIO_PROCESS, 0, 0); }
 }  // namespace platform

@@ -18,7 +18,7 @@ void* ModuleSymbol(ModuleHandle module, const char* name) {
   if (!p) t_error = ::GetLastError();
   return reinterpret_cast<void*>(p);
 }
-void FreeModule(ModuleHandle module) {
+void UnloadModule(ModuleHandle module) {
   if (module) ::FreeLibrary(reinterpret_cast<HMODULE>(module));
 }
 std::string ModuleError() { return "Win32 error " + std::to_string(t_error); }

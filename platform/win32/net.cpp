@@ -150,3 +150,18 @@ bool CloseSocket(SocketHandle s) {
 }
 
 }  // namespace platform
+
+namespace platform {
+bool IsOwnAddress(std::uint32_t address) {
+  char name[256] = {};
+  if (::gethostname(name, sizeof name - 1) != 0) return false;
+  const hostent* h = ::gethostbyname(name);
+  if (!h || h->h_addrtype != AF_INET) return false;
+  for (char** a = h->h_addr_list; a && *a; ++a) {
+    std::uint32_t v;
+    std::memcpy(&v, *a, sizeof v);
+    if (v == address) return true;
+  }
+  return false;
+}
+}  // namespace platform

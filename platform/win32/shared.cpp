@@ -47,3 +47,7 @@ EventHandle sys::CreateNamedEvent(const char* name) {
 }
 
 }  // namespace platform
+
+namespace platform {
+void DeleteNamedObject(const char*) {}
+}  // namespace platform

@@ -63,3 +63,7 @@ void sys::TimeBeginPeriod(std::uint32_t ms) { ::timeBeginPeriod(ms); }
 void sys::TimeEndPeriod(std::uint32_t ms) { ::timeEndPeriod(ms); }
 
 }  // namespace platform
+
+namespace platform {
+void SetProcessPriorityNormal() { ::SetPriorityClass(::GetCurrentProcess(), NORMAL_PRIORITY_CLASS); }
+}  // namespace platform

@@ -1,13 +1,20 @@
 // The project's provider-interface records against the system's own declarations: every size,
 // offset and code must agree, or the module does not build.
+// The project's header first: the system's defines the flags as macros.
+#include "platform/timeprov.h"
+
+namespace {
+constexpr std::uint32_t kOurHardware = platform::TSF_Hardware;
+constexpr std::uint32_t kOurAuthenticated = platform::TSF_Authenticated;
+}  // namespace
+
 #include <windows.h>
 #include <timeprov.h>
 
 #include <cstddef>
 
-#include "platform/timeprov.h"
-
 namespace p = platform;
+#define SAME_CODE(a) static_assert(static_cast<int>(::a) == static_cast<int>(p::a), #a)
 
 #define SAME_FIELD(type, field) static_assert(offsetof(::type, field) == offsetof(p::type, field), #type "." #field)
 
@@ -39,14 +46,29 @@ SAME_FIELD(SetProviderStatusInfo, hWaitEvent);
 SAME_FIELD(SetProviderStatusInfo, pfnFree);
 SAME_FIELD(SetProviderStatusInfo, pHr);
 SAME_FIELD(SetProviderStatusInfo, pdwSysStratum);
-static_assert(::TPC_TimeJumped == p::TPC_TimeJumped && ::TPC_UpdateConfig == p::TPC_UpdateConfig &&
-              ::TPC_PollIntervalChanged == p::TPC_PollIntervalChanged && ::TPC_GetSamples == p::TPC_GetSamples &&
-              ::TPC_NetTopoChange == p::TPC_NetTopoChange && ::TPC_Query == p::TPC_Query &&
-              ::TPC_Shutdown == p::TPC_Shutdown);
-static_assert(::TSI_LastSyncTime == p::TSI_LastSyncTime && ::TSI_PhaseOffset == p::TSI_PhaseOffset &&
-              ::TSI_TickCount == p::TSI_TickCount && ::TSI_LeapFlags == p::TSI_LeapFlags &&
-              ::TSI_Stratum == p::TSI_Stratum && ::TSI_ReferenceIdentifier == p::TSI_ReferenceIdentifier &&
-              ::TSI_PollInterval == p::TSI_PollInterval && ::TSI_TSFlags == p::TSI_TSFlags);
-static_assert(TSF_Hardware == p::TSF_Hardware && TSF_Authenticated == p::TSF_Authenticated);
-static_assert(::TPS_Running == p::TPS_Running && ::TPS_Error == p::TPS_Error);
+SAME_CODE(TPC_TimeJumped);
+SAME_CODE(TPC_UpdateConfig);
+SAME_CODE(TPC_PollIntervalChanged);
+SAME_CODE(TPC_GetSamples);
+SAME_CODE(TPC_NetTopoChange);
+SAME_CODE(TPC_Query);
+SAME_CODE(TPC_Shutdown);
+SAME_CODE(TSI_LastSyncTime);
+SAME_CODE(TSI_ClockTickSize);
+SAME_CODE(TSI_ClockPrecision);
+SAME_CODE(TSI_CurrentTime);
+SAME_CODE(TSI_PhaseOffset);
+SAME_CODE(TSI_TickCount);
+SAME_CODE(TSI_LeapFlags);
+SAME_CODE(TSI_Stratum);
+SAME_CODE(TSI_ReferenceIdentifier);
+SAME_CODE(TSI_PollInterval);
+SAME_CODE(TSI_RootDelay);
+SAME_CODE(TSI_RootDispersion);
+SAME_CODE(TSI_TSFlags);
+SAME_CODE(TPS_Running);
+SAME_CODE(TPS_Error);
+SAME_CODE(TJF_Default);
+SAME_CODE(TJF_UserRequested);
+static_assert(TSF_Hardware == kOurHardware && TSF_Authenticated == kOurAuthenticated);
 static_assert(EVENTLOG_ERROR_TYPE == p::kEventLogError && EVENTLOG_WARNING_TYPE == p::kEventLogWarning);

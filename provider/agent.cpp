@@ -1,24 +1,28 @@
 // The agent check cycle.
-#include "provider/agent_cycle.h"
+#include "provider/agent.h"
 
 #include <algorithm>
 #include <array>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "config/defaults.h"
 #include "config/registry.h"
+#include "config/service_control.h"
 #include "config/w32time.h"
 #include "drift/drift_file.h"
 #include "provider/kr2_responder.h"
+#include "provider/provider.h"
 #include "provider/sync_status.h"
 #include "timing/format.h"
 #include "timing/ntp_client.h"
 #include "timing/precise_clock.h"
 
-AgentLinks g_agent;
+namespace {
+std::uint32_t LocalHardResync() { return TriggerResync(nullptr, nullptr, 0, kResyncHard); }
+}  // namespace
+std::uint32_t (*g_demand_resync)() = LocalHardResync;
 
 namespace {
 
@@ -35,25 +39,14 @@ constexpr const char* kTextLost = "Unknown - Windows Time lost synchronization";
 constexpr const char* kTextFailed = "Unknown - Windows Time synchronization failed";
 constexpr const char* kTextStopped = "Unknown - Agent stopped";
 constexpr const char* kTextNotManaging = "N/A - Windows Time not managing the clock";
-char16_t kProviderName[] = u"Chronwarden";
+char16_t kProviderWideName[] = u"Chronwarden";
 
-const W32tSettings kNoSettings{};
-const W32tSettings& Settings() { return g_agent.settings ? *g_agent.settings : kNoSettings; }
-
-void Log(std::uint16_t type, const char* format, ...) {
-  if (!g_agent.log_event) return;
-  char text[1024];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  g_agent.log_event(type, text);
-}
+const W32tSettings& Settings() { return g_provider.settings; }
 
 template <typename T>
 T SysInfo(platform::TimeSysInfo what) {
   T value{};
-  if (g_agent.callbacks.pfnGetTimeSysInfo) g_agent.callbacks.pfnGetTimeSysInfo(what, &value);
+  if (g_provider.callbacks.pfnGetTimeSysInfo) g_provider.callbacks.pfnGetTimeSysInfo(what, &value);
   return value;
 }
 
@@ -68,13 +61,13 @@ bool ManagesClock() {
 }
 
 void SetChecking(bool on) {
-  if (on) g_kr2.status.flags |= kKr2StatusChecking;
-  else g_kr2.status.flags &= static_cast<std::uint8_t>(~kKr2StatusChecking);
+  if (on) g_local_status.status_flags |= kKr2StatusChecking;
+  else g_local_status.status_flags &= static_cast<std::uint8_t>(~kKr2StatusChecking);
 }
 
 void BindListenSocket(bool read) {
-  if (g_agent.listen_socket != platform::kInvalidSocket)
-    platform::SelectSocketEvent(g_agent.listen_socket, g_agent.client, read);
+  if (g_listen_socket != platform::kInvalidSocket)
+    platform::SelectSocketEvent(g_listen_socket, g_provider.client_event, read);
 }
 
 void FreeStatusInfo(platform::SetProviderStatusInfo* info) {
@@ -84,29 +77,29 @@ void FreeStatusInfo(platform::SetProviderStatusInfo* info) {
 }
 
 void ReportRunning() {
-  if (!g_agent.callbacks.pfnSetProviderStatus) return;
+  if (!g_provider.callbacks.pfnSetProviderStatus) return;
   auto* info = static_cast<platform::SetProviderStatusInfo*>(std::calloc(1, sizeof(platform::SetProviderStatusInfo)));
   if (!info) return;
   info->tpsCurrentState = platform::TPS_Running;
   info->dwStratum = kProviderStratum;
-  info->wszProvName = kProviderName;
+  info->wszProvName = kProviderWideName;
   info->hWaitEvent = nullptr;
   info->pfnFree = FreeStatusInfo;
   info->pHr = static_cast<platform::HResult*>(std::calloc(1, sizeof(platform::HResult)));
   info->pdwSysStratum = static_cast<std::uint32_t*>(std::calloc(1, sizeof(std::uint32_t)));
-  g_agent.callbacks.pfnSetProviderStatus(info);
+  g_provider.callbacks.pfnSetProviderStatus(info);
 }
 
 // The 64 entries of "Last Used Time Source" (missing bytes read as 0).
 std::array<std::uint32_t, kSourceEntries * 2> ReadSources() {
   std::array<std::uint32_t, kSourceEntries * 2> words{};
-  reg_get_binary(defaults::kProviderKeyPath, defaults::kLastUsedTimeSourceValue, words.data(), kSourceBytes);
+  reg_get_binary(kProviderKey, defaults::kLastUsedTimeSourceValue, words.data(), kSourceBytes);
   return words;
 }
 
 // Taking the partner after W32Time (re)synchronized.
 void TakePartner(AgentCycle& cycle, std::uint32_t now, std::uint32_t reference_id, std::uint32_t flags) {
-  Kr2Status& st = g_kr2.status;
+  LocalStatusRecord& st = g_local_status;
   SetChecking(false);
   ++st.sync_verdicts;
   ++st.sync_successes;
@@ -118,8 +111,8 @@ void TakePartner(AgentCycle& cycle, std::uint32_t now, std::uint32_t reference_i
   if (Settings().dns_lookups_enabled) platform::LookupAddressV4(reference_id, name, sizeof name);
   char dotted[16];
   FormatIPv4(reference_id, dotted);
-  std::memset(st.partner, 0, sizeof st.partner);
-  std::memcpy(st.partner, name[0] ? name : dotted, std::min(std::strlen(name[0] ? name : dotted), sizeof st.partner - 1));
+  std::memset(st.partner_name, 0, sizeof st.partner_name);
+  std::memcpy(st.partner_name, name[0] ? name : dotted, std::min(std::strlen(name[0] ? name : dotted), sizeof st.partner_name - 1));
 
   const char* suffix = flags == platform::TSF_Hardware ? " [hardware]" : flags == platform::TSF_Authenticated ? " [authenticated]" : "";
   char text[400];
@@ -129,20 +122,20 @@ void TakePartner(AgentCycle& cycle, std::uint32_t now, std::uint32_t reference_i
 }
 
 void CheckAfterPartner(AgentCycle& cycle) {
-  if (!g_agent.responder_active) return;
-  const std::uint32_t when = g_kr2.status.partner_time;
+  if (!g_provider.responder_active) return;
+  const std::uint32_t when = g_local_status.partner_time;
   if (CheckAgainstSources(when, cycle.next_reason, 1)) cycle.last_check_time = when;
 }
 
 void StatusNotified() {
-  const bool elsewhere = g_agent.status_block && g_agent.status_block->owner_active != 0;
-  if (elsewhere && g_agent.responder_active) {
+  const bool elsewhere = g_provider.status_block && g_provider.status_block->owner_active != 0;
+  if (elsewhere && g_provider.responder_active) {
     BindListenSocket(false);
-    if (g_agent.close_listen_socket) g_agent.close_listen_socket();
-    g_agent.responder_active = false;
-  } else if (!elsewhere && !g_agent.responder_active) {
-    g_agent.responder_active = g_agent.create_listen_socket && g_agent.create_listen_socket();
-    BindListenSocket(g_agent.responder_active);
+    CloseListenSocket();
+    g_provider.responder_active = false;
+  } else if (!elsewhere && !g_provider.responder_active) {
+    g_provider.responder_active = CreateListenSocket();
+    BindListenSocket(g_provider.responder_active);
   }
 }
 
@@ -151,7 +144,7 @@ void StatusNotified() {
 void WritePartnerText(const char* text) {
   const bool replaceable = std::strcmp(text, kTextStopped) != 0 &&
                            (std::strncmp(text, "Unknown - ", 10) == 0 || std::strncmp(text, "Checking", 8) == 0);
-  reg_set_string(defaults::kProviderKeyPath, defaults::kPartnerValue,
+  reg_set_string(kProviderKey, defaults::kPartnerValue,
                  replaceable && !ManagesClock() ? kTextNotManaging : text);
 }
 
@@ -160,7 +153,7 @@ void RememberTimeSource(std::uint32_t reference_id, std::uint32_t when) {
   std::copy(words.begin() + 2, words.end(), words.begin());
   words[words.size() - 2] = reference_id;
   words[words.size() - 1] = when;
-  reg_set_binary(defaults::kProviderKeyPath, defaults::kLastUsedTimeSourceValue, words.data(), kSourceBytes);
+  reg_set_binary(kProviderKey, defaults::kLastUsedTimeSourceValue, words.data(), kSourceBytes);
 }
 
 bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason, std::uint32_t triggered) {
@@ -174,16 +167,16 @@ bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason,
   if (!ok) return false;
 
   const std::int64_t ms = offset / 10'000;
-  Kr2Status& st = g_kr2.status;
+  LocalStatusRecord& st = g_local_status;
   st.offset_sum_ms += ms;
   st.last_offset_ms = ms;
   const std::uint32_t at = when ? when : PreciseClockUnixSeconds();
   st.last_check = at;
-  if (g_agent.responder_active)
+  if (g_provider.responder_active)
     DriftFileAppend(ms, at, triggered, reason, server, static_cast<std::uint8_t>(st.product_code));
 
   const W32tSettings& s = Settings();
-  platform::TimeSample& sample = g_agent.sample;
+  platform::TimeSample& sample = g_provider.current_sample;
   sample = platform::TimeSample{};
   sample.dwSize = sizeof(platform::TimeSample);
   sample.dwRefid = platform::InetAddr(server);
@@ -195,12 +188,12 @@ bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason,
   sample.dwTSFlags = platform::TSF_Authenticated;
   for (std::size_t i = 0; i < 255 && server[i]; ++i)
     sample.wszUniqueName[i] = static_cast<char16_t>(static_cast<unsigned char>(server[i]));
-  g_agent.sample_available = s.provider_input_provider != 0;
+  g_provider.sample_available = s.provider_input_provider != 0;
 
   if (s.alert_if_unsynchronized && s.alert_threshold && AbsInt64(ms) > std::int64_t{s.alert_threshold} * 1000) {
     char duration[128];
     FormatDurationMs(ms, duration, sizeof duration);
-    Log(platform::kEventLogError,
+    LogEvent(kProviderName, platform::kEventLogError,
         "According to %s, the system clock is wrong by %s. This exceeds the alert threshhold set in the Windows Time "
         "Control Panel applet.",
         server, duration);
@@ -234,7 +227,7 @@ bool CheckAgainstSources(std::uint32_t when, std::uint8_t reason, std::uint32_t 
     tried = true;
   }
   if (s.alert_if_unverified)
-    Log(platform::kEventLogWarning, "Unable to verify the system clock time; %s.",
+    LogEvent(kProviderName, platform::kEventLogWarning, "Unable to verify the system clock time; %s.",
         tried ? "no time sources specified in the Windows Time Control Panel applet, and none discovered by the "
                 "Windows Time Service"
               : "all specified or auto-discovered time sources failed");
@@ -244,13 +237,13 @@ bool CheckAgainstSources(std::uint32_t when, std::uint8_t reason, std::uint32_t 
 void AgentStart(AgentCycle& cycle) {
   cycle = AgentCycle{};
   if (Settings().provider_input_provider) ReportRunning();
-  Kr2Status& st = g_kr2.status;
+  LocalStatusRecord& st = g_local_status;
   SetChecking(true);
   st.agent_start = PreciseClockUnixSeconds();
   st.last_check = 0;
   st.partner_state = kKr2PartnerStarting;
   WritePartnerText(kTextInitializing);
-  if (g_agent.responder_active) {
+  if (g_provider.responder_active) {
     const bool ok = CheckAgainstSources(0, kReasonStartupCode, 0);
     cycle.last_check_time = ok ? PreciseClockUnixSeconds() : 0;
     BindListenSocket(true);
@@ -271,8 +264,8 @@ void AgentPoll(AgentCycle& cycle) {
     if (!synchronized) {
       if (cycle.unsynchronized_polls++ == 18) {
         SetChecking(false);
-        ++g_kr2.status.sync_verdicts;
-        ++g_kr2.status.sync_failures;
+        ++g_local_status.sync_verdicts;
+        ++g_local_status.sync_failures;
         WritePartnerText(kTextFailed);
       }
       return;
@@ -282,7 +275,7 @@ void AgentPoll(AgentCycle& cycle) {
       CheckAfterPartner(cycle);
     }
     const std::uint32_t interval = Settings().check_interval;
-    if (g_agent.responder_active && interval && std::uint64_t{now} >= std::uint64_t{cycle.last_check_time} + interval) {
+    if (g_provider.responder_active && interval && std::uint64_t{now} >= std::uint64_t{cycle.last_check_time} + interval) {
       cycle.last_check_time = now;
       CheckAgainstSources(now, kReasonSyncCheckCode, 0);
     }
@@ -304,8 +297,8 @@ bool AgentWake(AgentCycle& cycle, std::uint32_t wait_result) {
     case platform::kWaitObject0:   // shutdown
       return false;
     case platform::kWaitObject0 + 1:   // sync: a demand resync
-      if (g_agent.resync && g_agent.resync() == 0) cycle.next_reason = kReasonControlPanelCode;
-      else Log(platform::kEventLogError, "Attempt to trigger a demand clock sync failed");
+      if (g_demand_resync && g_demand_resync() == 0) cycle.next_reason = kReasonControlPanelCode;
+      else LogEvent(kProviderName, platform::kEventLogError, "Attempt to trigger a demand clock sync failed");
       break;
     case platform::kWaitObject0 + 2:   // the clock was stepped
       WritePartnerText(kTextChecking);
@@ -315,8 +308,8 @@ bool AgentWake(AgentCycle& cycle, std::uint32_t wait_result) {
       cycle.next_reason = kReasonTriggeredCode;
       break;
     case platform::kWaitObject0 + 3:   // a KR2 request
-      if (g_agent.responder_active) {
-        HandleRequest(g_agent.listen_socket);
+      if (g_provider.responder_active) {
+        HandleRequest(g_listen_socket);
         BindListenSocket(true);
       }
       break;
@@ -334,23 +327,23 @@ bool AgentWake(AgentCycle& cycle, std::uint32_t wait_result) {
 
 void AgentStop() {
   WritePartnerText(kTextStopped);
-  if (g_agent.responder_active) BindListenSocket(false);
-  Kr2Status& st = g_kr2.status;
+  if (g_provider.responder_active) BindListenSocket(false);
+  LocalStatusRecord& st = g_local_status;
   SetChecking(false);
   st.agent_start = 0;
   st.last_check = 0;
   st.last_status_request = 0;
 }
 
-unsigned AgentThreadMain() {
+std::uint32_t AgentThreadMain() {
   AgentCycle cycle;
   AgentStart(cycle);
-  const platform::EventHandle events[] = {g_agent.shutdown, g_agent.sync, g_agent.time_jump, g_agent.client,
-                                          g_agent.status_notify};
+  const platform::EventHandle events[] = {g_provider.shutdown_event, g_provider.sync_event, g_provider.time_jump_event, g_provider.client_event,
+                                          g_provider.status_notify_event};
   for (;;) {
-    std::uint32_t result = platform::WaitForAnyEvent(events, 5, g_agent.poll_ms);
+    std::uint32_t result = platform::WaitForAnyEvent(events, 5, kAgentPollMs);
     if (result == platform::kWaitFailed) {   // a missing event: keep polling at the same pace
-      platform::Sleep(g_agent.poll_ms);
+      platform::Sleep(kAgentPollMs);
       result = platform::kWaitTimeout;
     }
     if (!AgentWake(cycle, result)) break;
@@ -358,3 +351,5 @@ unsigned AgentThreadMain() {
   AgentStop();
   return 0;
 }
+
+void AgentThreadEntry(void*) { AgentThreadMain(); }

@@ -6,49 +6,22 @@
 // service, and an event-log alert when the clock is off by more than the threshold. The same
 // thread answers KR2 requests (provider/kr2_responder.h) and demand resyncs.
 //
-// Start-up fills g_agent (callbacks, events, settings, the responder's socket) before it creates
-// the thread; the thread runs AgentThreadMain. The pieces of one pass (AgentStart, AgentWake,
+// The thread works on the provider's process-wide state (provider/provider.h: callbacks, events,
+// settings, the current sample) and the responder's (provider/kr2_responder.h: the listen socket,
+// the local status record); start-up fills them before it creates the thread. The pieces of one pass (AgentStart, AgentWake,
 // AgentStop) are exposed so that tests drive the cycle one poll at a time without a thread.
 //
 // Two warning texts are deliberately swapped: when no source answered, the warning says "no time
 // sources specified ..." if at least one source was tried and "all specified or auto-discovered
 // time sources failed" if none was. Kept so for compatibility with existing event-log watchers.
 #pragma once
-#include <atomic>
 #include <cstdint>
 
-#include "platform/net.h"
-#include "platform/sync.h"
-#include "platform/timeprov.h"
+inline constexpr std::uint32_t kAgentPollMs = 1000;   // the agent polls the time service this often (ms)
 
-struct W32tSettings;
-struct SyncStatusBlock;
-
-// What start-up hands the agent thread, and what the thread shares with the service's threads.
-struct AgentLinks {
-  platform::TimeProvSysCallbacks callbacks{};   // the service's callbacks (GetTimeSysInfo, SetProviderStatus)
-  // The event-log writer: type 1 error, 2 warning; the text without "\r\n". Null: not logged.
-  void (*log_event)(std::uint16_t type, const char* text) = nullptr;
-  // The events the thread waits on, in this order.
-  platform::EventHandle shutdown = nullptr;
-  platform::EventHandle sync = nullptr;
-  platform::EventHandle time_jump = nullptr;
-  platform::EventHandle client = nullptr;
-  platform::EventHandle status_notify = nullptr;
-  W32tSettings* settings = nullptr;                  // the provider's settings record
-  const SyncStatusBlock* status_block = nullptr;     // the family's shared block (null: none)
-  // The KR2 listen socket and whether this process answers KR2 requests.
-  bool responder_active = false;
-  platform::SocketHandle listen_socket = platform::kInvalidSocket;
-  bool (*create_listen_socket)() = nullptr;          // makes listen_socket; true on success
-  void (*close_listen_socket)() = nullptr;
-  std::uint32_t (*resync)() = nullptr;               // a hard resync of the local service, not waited for; 0 accepted
-  // The current sample, read by TimeProvCommand(TPC_GetSamples) on the service's threads.
-  platform::TimeSample sample{};
-  std::atomic<bool> sample_available{false};
-  std::uint32_t poll_ms = 1000;                      // the wait between polls of the service (ms)
-};
-extern AgentLinks g_agent;
+// The demand resync the agent asks for when the sync event fires: a hard resync of the local time
+// service, not waited for; 0 when the service accepted it. Tests put a script of their own here.
+extern std::uint32_t (*g_demand_resync)();
 
 // The cycle's own state (one per agent thread).
 struct AgentCycle {
@@ -60,7 +33,8 @@ struct AgentCycle {
 };
 
 // The thread procedure; returns 0.
-unsigned AgentThreadMain();
+std::uint32_t AgentThreadMain();
+void AgentThreadEntry(void*);      // the thread function handed to the platform
 // Thread start: registers with the service, marks the status record, the first partner text, the
 // start-up check (reason 255) and the listen socket's binding.
 void AgentStart(AgentCycle& cycle);

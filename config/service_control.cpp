@@ -1,0 +1,144 @@
+// Service control of W32Time (stop with a bounded wait, query, start as automatic, other controls),
+// the restart of any named service, and the resync request.
+#include "config/service_control.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "config/defaults.h"
+#include "platform/error.h"
+#include "platform/service.h"
+#include "platform/sync.h"
+#include "timing/error_text.h"
+
+namespace {
+
+using platform::ServiceHandle;
+using platform::ServiceStatus;
+
+constexpr std::uint32_t kErrorLeftStopPending = 0xFFFFFFFF;   // -1: left stop pending without stopping
+constexpr std::uint32_t kErrorNotStopped = 1237;             // did not stop within the stop wait
+
+// The manager and service handles of one call, closed at scope exit.
+struct Handles {
+  ServiceHandle manager = nullptr, service = nullptr;
+  ~Handles() {
+    platform::CloseServiceHandle(service);
+    platform::CloseServiceHandle(manager);
+  }
+  // Opens both and queries the status; false with the last error on the first failure.
+  bool Open(const char* machine, const char* name, ServiceStatus& status) {
+    manager = platform::OpenServiceManager(machine, platform::kScManagerAllAccess);
+    if (manager) service = platform::OpenNamedService(manager, name, platform::kServiceAllAccess);
+    return service && platform::QueryServiceStatus(service, status);
+  }
+};
+
+// Reads the configuration and makes the service start automatically, everything else unchanged.
+bool MakeAutomatic(ServiceHandle service) {
+  platform::ServiceConfig config;
+  return platform::GetServiceConfig(service, config) &&
+         platform::ChangeServiceStartType(service, platform::kServiceAutoStart);
+}
+
+// Polls up to kRestartPolls times, kRestartPollMs apart, until the state is reached.
+bool PollFor(ServiceHandle service, std::uint32_t state) {
+  ServiceStatus status;
+  for (std::uint32_t i = 0; i < defaults::kRestartPolls; ++i) {
+    if (!platform::QueryServiceStatus(service, status)) return false;
+    if (status.current_state == state) return true;
+    platform::Sleep(defaults::kRestartPollMs);
+  }
+  return false;
+}
+
+// Stops the service and waits: 0 stopped, else the error. status and elapsed keep the last reading.
+std::uint32_t StopAndWait(ServiceHandle service, ServiceStatus& status, std::uint32_t& elapsed) {
+  if (status.current_state == platform::kServiceStopped) return 0;
+  if (!platform::ControlService(service, platform::kServiceControlStop, status)) return platform::LastError();
+  platform::Sleep(defaults::kStopFirstSleepMs);
+  for (;;) {
+    if (!platform::QueryServiceStatus(service, status)) return platform::LastError();
+    if (status.current_state == platform::kServiceStopped) return 0;
+    if (status.current_state != platform::kServiceStopPending) return kErrorLeftStopPending;
+    const std::uint32_t sleep =
+        std::clamp(status.wait_hint, defaults::kStopPollMinMs, defaults::kStopPollMaxMs);
+    platform::Sleep(sleep);
+    elapsed += sleep;
+    if (elapsed >= defaults::kStopWaitMs) return kErrorNotStopped;
+  }
+}
+
+void ShowFailure(const ServiceOwner* owner, std::uint32_t error, const ServiceStatus& status, std::uint32_t elapsed) {
+  if (!owner || !owner->message) return;
+  char text[512];
+  int n = std::snprintf(text, sizeof text, "Service control for W32Time (Windows Time) service failed; ");
+  if (error == kErrorLeftStopPending) {
+    n += std::snprintf(text + n, sizeof text - n,
+                       "the service reported checkpoint %d, current state %d, and would not stop after %d "
+                       "milliseconds.",
+                       int(status.check_point), int(status.current_state), int(elapsed));
+  } else {
+    char reason[128];
+    n += std::snprintf(text + n, sizeof text - n, "%s", SystemErrorText(error, reason, sizeof reason));
+  }
+  std::snprintf(text + n, sizeof text - n, "\r\n");
+  owner->message(owner->window, text, defaults::kProductName, defaults::kServiceMessageStyle);
+}
+
+}  // namespace
+
+int ControlTimeService(const ServiceOwner* owner, const char* machine, std::uint32_t code, std::uint32_t show_error) {
+  ServiceStatus status;
+  std::uint32_t error = 0, elapsed = 0;
+  bool ok = false;
+  {
+    Handles h;
+    if (!h.Open(machine, defaults::kTimeServiceName, status)) {
+      error = platform::LastError();
+    } else if (code == kServiceOpStop) {
+      error = StopAndWait(h.service, status, elapsed);
+    } else if (code == kServiceOpQuery) {
+      ok = status.current_state == platform::kServiceRunning;
+    } else if (code == kServiceOpStart) {
+      if (status.current_state != platform::kServiceRunning &&
+          !(MakeAutomatic(h.service) && platform::StartNamedService(h.service)))
+        error = platform::LastError();
+    } else if (!platform::ControlService(h.service, code, status)) {
+      error = platform::LastError();
+    }
+  }
+  if (code != kServiceOpQuery) ok = error == 0;
+  if (error && show_error) ShowFailure(owner, error, status, elapsed);
+  platform::SetLastError(error);
+  return ok ? 1 : 0;
+}
+
+int RestartService(const ServiceOwner*, const char* machine, const char* service) {
+  ServiceStatus status;
+  bool ok = false;
+  std::uint32_t error = 0;
+  {
+    Handles h;
+    if (h.Open(machine, service, status)) {
+      bool stopped;
+      if (status.current_state != platform::kServiceStopped)
+        stopped = platform::ControlService(h.service, platform::kServiceControlStop, status) &&
+                  PollFor(h.service, platform::kServiceStopped);
+      else
+        stopped = MakeAutomatic(h.service);
+      ok = stopped && platform::StartNamedService(h.service) && PollFor(h.service, platform::kServiceRunning);
+    }
+    // A wait that ran out leaves no code of its own: it reads as the service's request time-out.
+    if (!ok) error = platform::LastError() ? platform::LastError() : defaults::kErrorServiceTimeout;
+  }
+  platform::SetLastError(error);
+  return ok ? 1 : 0;
+}
+
+std::uint32_t TriggerResync(const ServiceOwner*, const char* machine, std::uint32_t wait, std::uint32_t flags) {
+  std::uint32_t result = 1;
+  if (!platform::TimeSyncNow(machine, wait, flags, result)) return 1;
+  return result;
+}

@@ -1,0 +1,228 @@
+// Provider entry points, start-up and shut-down.
+#include "provider/provider.h"
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+#include <cstring>
+#include <string>
+
+#include "config/defaults.h"
+#include "config/registry.h"
+#include "drift/drift_file.h"
+#include "platform/error.h"
+#include "platform/net.h"
+#include "platform/text.h"
+#include "provider/agent.h"
+#include "provider/kr2_responder.h"
+#include "timing/error_text.h"
+#include "timing/precise_clock.h"
+
+ProviderGlobals g_provider{};
+
+namespace {
+
+constexpr std::uint32_t kErrorTextSize = 128;   // the last error's text in start-up events
+
+// The 35 commands of the KR2 protocol.
+constexpr std::uint8_t kKnownKr2[] = {0,   1,   2,   3,   4,   5,   6,   7,   10,  11,  12,  13,
+                                      14,  80,  81,  82,  83,  100, 101, 102, 128, 129, 130, 131,
+                                      132, 140, 150, 151, 160, 180, 200, 201, 202, 203, 204};
+static_assert(sizeof kKnownKr2 == 35);
+// Refused when "Prohibited KR2 Commands" cannot be read.
+constexpr std::uint8_t kProhibitedByDefault[] = {102, 150, 160, 180};
+constexpr std::uint8_t kUnknownCommand = 128;
+
+// lstrcmpiW for the provider's name: case ignored for the ASCII letters.
+bool SameNameIgnoringCase(const char16_t* wide, const char* narrow) {
+  auto fold = [](char32_t c) { return c >= 'A' && c <= 'Z' ? c + 32 : c; };
+  for (; *wide && *narrow; ++wide, ++narrow)
+    if (fold(*wide) != fold(static_cast<unsigned char>(*narrow))) return false;
+  return *wide == 0 && *narrow == 0;
+}
+
+const char* LastErrorText(char (&buf)[kErrorTextSize]) { return SystemErrorText(0, buf, kErrorTextSize); }
+
+// Steps 7 to 10: an event that exists is kept; a failure writes the event named.
+bool MakeEvent(platform::EventHandle& event, bool manual_reset, const char* what) {
+  if (event) return true;
+  event = platform::CreateSyncEvent(manual_reset, false);
+  if (event) return true;
+  char text[kErrorTextSize];
+  LogEvent(kProviderName, platform::kEventLogError, "Could not create %s; %s", what, LastErrorText(text));
+  return false;
+}
+
+void CloseHandleOf(platform::EventHandle& event) {
+  platform::CloseEvent(event);
+  event = nullptr;
+}
+
+}  // namespace
+
+bool IsKnownKr2Command(std::uint32_t code) {
+  for (std::uint8_t known : kKnownKr2)
+    if (known == code) return true;
+  return false;
+}
+
+void BuildProhibitedTable(std::array<std::uint8_t, kKr2CommandCount>& table) {
+  table.fill(0);
+  if (!reg_get_binary(kW32TimeParametersKey, "Prohibited KR2 Commands", table.data(), kKr2CommandCount))
+    for (std::uint8_t code : kProhibitedByDefault) table[code] = 1;
+  for (std::uint32_t code = 0; code < kKr2CommandCount; ++code)
+    if (!IsKnownKr2Command(code)) table[code] = kUnknownCommand;
+}
+
+void LogEvent(const char* source, std::uint16_t type, const char* format, ...) {
+  char text[kEventTextMax + 3] = {};   // the text, "\r\n" and the terminator
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, kEventTextMax + 1, format, args);
+  va_end(args);
+  std::strcat(text, "\r\n");
+  char16_t wide[kEventWideMax];
+  platform::AnsiToWide(text, wide, kEventWideMax);
+  char16_t wide_source[64];
+  platform::AnsiToWide(source, wide_source, 64);
+  if (g_provider.callbacks.pfnLogTimeProvEvent) g_provider.callbacks.pfnLogTimeProvEvent(type, wide_source, wide);
+}
+
+bool ProviderStartup() {
+  ProviderGlobals& p = g_provider;
+  char text[kErrorTextSize];
+  w32t_secure_keys();                                   // 1
+  w32t_environment_init();                              // 2
+  w32t_load(p.settings);                                // 3
+  reg_set_string(kProviderKey, "Current Version", defaults::kProductVersion);   // 4
+  reg_set_bool(kProviderKey, "Service Running", 0);
+  if (w32t_forced_disable()) return false;              // 5: a product of the family takes over, silently
+  if (!p.winsock_started) {                             // 6
+    const int code = platform::NetStartup();
+    if (code != 0) {
+      LogEvent(kProviderName, platform::kEventLogError, "Could not initialize winsock subsystem; %s",
+               SocketErrorText(static_cast<std::uint32_t>(code), text, sizeof text));
+      return false;
+    }
+    p.winsock_started = true;
+  }
+  if (!MakeEvent(p.shutdown_event, true, "shutdown event") ||                  // 7
+      !MakeEvent(p.sync_event, false, "sync event") ||                         // 8
+      !MakeEvent(p.time_jump_event, false, "timejump notification event") ||   // 9
+      !MakeEvent(p.client_event, false, "client event"))                       // 10
+    return false;
+  platform::SetProcessPriorityNormal();                 // 11
+  PreciseClockStart(p.shutdown_event);                  // 12
+  InitLocalStatusRecord();                              // 13
+  BuildIdentityRecord();                                // 14
+  OpenActivityMap();                                    // 15
+  BuildProhibitedTable(p.prohibited);                   // 16
+  // 17: the installed-product record is built by the responder when it answers.
+  platform::EventHandle notify = nullptr;
+  p.status_block = OpenSyncStatus(0, &notify);          // 18
+  p.responder_active = p.status_block && p.status_block->owner_active == 0 && CreateListenSocket();   // 19
+  if (notify) {                                         // 20
+    p.status_notify_event = notify;
+  } else if (!p.status_notify_event) {
+    p.status_notify_event = platform::CreateSyncEvent(false, false);
+    p.status_notify_private = true;
+  }
+  const std::string drift_path = std::string(g_w32t_env.system_dir) + defaults::kDriftFileName;   // 21
+  if (!DriftFileOpenPath(drift_path))
+    LogEvent(kProviderName, platform::kEventLogWarning,
+             "Unable to open %s%s to collect drift records; the service will continue running, but historical "
+             "drift data will not be available. Error: %s",
+             g_w32t_env.system_dir, defaults::kDriftFileName, LastErrorText(text));
+  if (!p.agent_thread) {                                // 22
+    p.agent_thread = platform::CreateThreadSuspended(AgentThreadEntry, nullptr);
+    if (!p.agent_thread) {
+      LogEvent(kProviderName, platform::kEventLogError, "Could not create client thread; %s", LastErrorText(text));
+      return false;
+    }
+    platform::ResumeThread(p.agent_thread);
+  }
+  reg_set_bool(kProviderKey, "Service Running", 1);     // 23
+  return true;
+}
+
+void ProviderShutdown() {
+  ProviderGlobals& p = g_provider;
+  if (p.shutdown_event) {                               // 1
+    platform::SetEvent(p.shutdown_event);
+    if (p.agent_thread) {
+      platform::WaitForThread(p.agent_thread, kAgentStopWaitMs);
+      platform::CloseThread(p.agent_thread);
+      p.agent_thread = nullptr;
+    }
+    // The precise clock's thread waits on this event too: it goes before the event does (real
+    // time, also under the fake clock).
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::milliseconds(kAgentStopWaitMs);
+    while (PreciseClockThreadCount() != 0 && std::chrono::steady_clock::now() < give_up)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    CloseHandleOf(p.shutdown_event);
+  }
+  if (p.status_notify_private) CloseHandleOf(p.status_notify_event);   // 2
+  p.status_notify_event = nullptr;
+  p.status_notify_private = false;
+  CloseListenSocket();                                  // 3
+  p.responder_active = false;
+  DriftFileClose();                                     // 4
+  CloseSyncStatus(false);                               // 5
+  p.status_block = nullptr;
+  CloseActivityMap();                                   // 6
+  CloseHandleOf(p.sync_event);                          // 7
+  CloseHandleOf(p.time_jump_event);
+  CloseHandleOf(p.client_event);
+  if (p.winsock_started) {                              // 8
+    platform::NetCleanup();
+    p.winsock_started = false;
+  }
+  reg_set_bool(kProviderKey, "Service Running", 0);     // 9
+}
+
+platform::HResult TimeProvOpen(char16_t* name, platform::TimeProvSysCallbacks* callbacks,
+                               platform::TimeProvHandle* handle) {
+  if (!name || !SameNameIgnoringCase(name, kProviderName)) {
+    if (handle) *handle = nullptr;
+    return 0;
+  }
+  if (callbacks) std::memcpy(&g_provider.callbacks, callbacks, sizeof g_provider.callbacks);
+  const bool started = ProviderStartup();
+  if (!started) ProviderShutdown();
+  if (handle) *handle = reinterpret_cast<platform::TimeProvHandle>(started ? 1 : 0);
+  return 0;
+}
+
+platform::HResult TimeProvCommand(platform::TimeProvHandle, platform::TimeProvCmd command, void* args) {
+  switch (command) {
+    case platform::TPC_TimeJumped:
+      platform::SetEvent(g_provider.time_jump_event);
+      return 0;
+    case platform::TPC_UpdateConfig:
+      w32t_load(g_provider.settings);
+      return 0;
+    case platform::TPC_GetSamples: {
+      auto* a = static_cast<platform::TpcGetSamplesArgs*>(args);
+      if (!a) return 0;
+      // The service always offers room for one sample.
+      if (g_provider.sample_available.load()) {
+        a->dwSamplesReturned = a->dwSamplesAvailable = 1;
+        std::memcpy(a->pbSampleBuf, &g_provider.current_sample, sizeof(platform::TimeSample));
+      } else {
+        a->dwSamplesReturned = a->dwSamplesAvailable = 0;
+      }
+      return 0;
+    }
+    case platform::TPC_PollIntervalChanged:
+    case platform::TPC_NetTopoChange:
+    case platform::TPC_Query:
+    case platform::TPC_Shutdown:   // all tearing down happens in TimeProvClose
+      return 0;
+  }
+  return 87;   // ERROR_INVALID_PARAMETER
+}
+
+platform::HResult TimeProvClose(platform::TimeProvHandle handle) {
+  if (reinterpret_cast<std::uintptr_t>(handle) == 1) ProviderShutdown();
+  return 0;
+}

@@ -1,0 +1,356 @@
+// The provider's entry points, start-up and shut-down: the name test, the commands, the prohibited
+// KR2 table, the event writer, the registry values, a failure at each step of start-up and the
+// nothing-half-made rule, and the forced disable of a coexisting product.
+#include "provider/provider.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "config/registry.h"
+#include "platform/fake.h"
+#include "platform/net.h"
+#include "provider/kr2_responder.h"
+#include "tests/registry_fixture.h"
+#include "tests/shared_objects.h"
+#include "tests/time_service_fake.h"
+
+namespace {
+
+const char* const kW32TimeKey = "\\\\System\\CurrentControlSet\\Services\\W32Time";
+const char* const kKaironClientParams = "\\\\Software\\Morvane\\Kairon Client\\Parameters";
+
+class ProviderTest : public RegistryTest {
+ protected:
+  void SetUp() override {
+    RegistryTest::SetUp();
+    sandbox_->Clear(kW32TimeKey);
+    sandbox_->Clear("\\\\Software\\Morvane\\Kairon Server");
+    sandbox_->Clear("\\\\Software\\Morvane\\Kairon Client");
+    ns_.emplace();
+    platform::fake::Enable();
+    TimeServiceFake::Clear();
+    saved_env_ = g_w32t_env;
+    // The drift history goes into the test's own folder.
+    std::snprintf(g_w32t_env.system_dir, sizeof g_w32t_env.system_dir, "%s\\", root_.string().c_str());
+    std::snprintf(g_w32t_env.computer_name, sizeof g_w32t_env.computer_name, "%s", "TESTBOX");
+    callbacks_ = TimeServiceFake::Callbacks();
+  }
+  void TearDown() override {
+    TimeProvClose(reinterpret_cast<platform::TimeProvHandle>(1));
+    platform::fake::Disable();
+    g_w32t_env = saved_env_;
+    ns_.reset();
+    RegistryTest::TearDown();
+  }
+  platform::TimeProvHandle Open(const char16_t* name = u"Chronwarden") {
+    std::u16string n(name);
+    platform::TimeProvHandle h = reinterpret_cast<platform::TimeProvHandle>(0x55);
+    EXPECT_EQ(TimeProvOpen(n.data(), &callbacks_, &h), 0);
+    return h;
+  }
+  static std::string Running() {
+    char text[16];
+    reg_get_string(kProviderKey, "Service Running", text, sizeof text, "(missing)");
+    return text;
+  }
+  // Nothing of a start-up is left.
+  static void ExpectNothingLeft() {
+    const ProviderGlobals& p = g_provider;
+    EXPECT_FALSE(p.winsock_started);
+    EXPECT_EQ(p.shutdown_event, nullptr);
+    EXPECT_EQ(p.sync_event, nullptr);
+    EXPECT_EQ(p.time_jump_event, nullptr);
+    EXPECT_EQ(p.client_event, nullptr);
+    EXPECT_EQ(p.status_notify_event, nullptr);
+    EXPECT_EQ(p.status_block, nullptr);
+    EXPECT_EQ(p.agent_thread, nullptr);
+    EXPECT_FALSE(p.responder_active);
+    EXPECT_EQ(g_listen_socket, platform::kInvalidSocket);
+    EXPECT_EQ(ActivityMapView(), nullptr);
+    EXPECT_EQ(Running(), "False");
+  }
+  std::optional<SharedObjectNamespace> ns_;
+  W32tEnvironment saved_env_{};
+  platform::TimeProvSysCallbacks callbacks_{};
+};
+
+TEST_F(ProviderTest, TheNameInCapitalsStartsTheProvider) {
+  EXPECT_EQ(Open(u"CHRONWARDEN"), reinterpret_cast<platform::TimeProvHandle>(1));
+  EXPECT_EQ(Running(), "True");
+  char version[32];
+  reg_get_string(kProviderKey, "Current Version", version, sizeof version, "");
+  EXPECT_STREQ(version, "4.2.b.20081210R");
+  EXPECT_NE(g_provider.agent_thread, nullptr);
+  EXPECT_EQ(TimeProvClose(reinterpret_cast<platform::TimeProvHandle>(1)), 0);
+  EXPECT_EQ(Running(), "False");
+  ExpectNothingLeft();
+  EXPECT_TRUE(TimeServiceFake::Events().empty());
+}
+
+TEST_F(ProviderTest, AnotherNameGivesHandleZeroAndStartsNothing) {
+  EXPECT_EQ(Open(u"NtpClient"), nullptr);
+  EXPECT_EQ(Open(u"Chronwardenx"), nullptr);
+  EXPECT_EQ(Open(u"Chronwarde"), nullptr);
+  EXPECT_EQ(Running(), "(missing)");
+  EXPECT_EQ(g_provider.shutdown_event, nullptr);
+}
+
+TEST_F(ProviderTest, CloseWithAnotherHandleDoesNothing) {
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  EXPECT_EQ(TimeProvClose(nullptr), 0);
+  EXPECT_EQ(TimeProvClose(reinterpret_cast<platform::TimeProvHandle>(2)), 0);
+  EXPECT_EQ(Running(), "True");
+}
+
+TEST_F(ProviderTest, EphemeridesIsWrittenOnceAndKept) {
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  const std::uint32_t first = reg_get_dword(kProviderKey, "Ephemerides", 0);
+  EXPECT_EQ(first, 1767225600u);   // the fake clock's 2026-01-01
+  EXPECT_EQ(g_identity.ephemerides, first);
+  TimeProvClose(reinterpret_cast<platform::TimeProvHandle>(1));
+  platform::fake::AdvanceSystemTime(36'000'000'000);   // an hour later
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  EXPECT_EQ(reg_get_dword(kProviderKey, "Ephemerides", 0), first);
+  EXPECT_EQ(g_identity.product_code, 7u);
+  EXPECT_STREQ(g_identity.version, "4.2.b.20081210R");
+  EXPECT_STREQ(g_identity.computer_name, "TESTBOX");
+  EXPECT_EQ(g_local_status.product_code, 7u);
+  EXPECT_STREQ(g_local_status.partner_name, "(none since startup)");
+}
+
+TEST_F(ProviderTest, NoSampleBeforeTheFirstCheck) {
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  platform::TimeSample buf;
+  std::memset(&buf, 0xAB, sizeof buf);
+  platform::TpcGetSamplesArgs args{reinterpret_cast<std::uint8_t*>(&buf), sizeof buf, 9, 9};
+  EXPECT_EQ(TimeProvCommand(nullptr, platform::TPC_GetSamples, &args), 0);
+  EXPECT_EQ(args.dwSamplesReturned, 0u);
+  EXPECT_EQ(args.dwSamplesAvailable, 0u);
+  EXPECT_EQ(reinterpret_cast<std::uint8_t*>(&buf)[0], 0xAB);   // nothing copied
+}
+
+TEST_F(ProviderTest, ASampleIsCopiedWholeWhenAvailable) {
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  g_provider.current_sample = {};
+  g_provider.current_sample.dwSize = 568;
+  g_provider.current_sample.toOffset = -12'345;
+  g_provider.current_sample.wszUniqueName[0] = u'x';
+  g_provider.sample_available = true;
+  platform::TimeSample buf{};
+  platform::TpcGetSamplesArgs args{reinterpret_cast<std::uint8_t*>(&buf), 0, 0, 0};   // the size is not looked at
+  EXPECT_EQ(TimeProvCommand(nullptr, platform::TPC_GetSamples, &args), 0);
+  EXPECT_EQ(args.dwSamplesReturned, 1u);
+  EXPECT_EQ(args.dwSamplesAvailable, 1u);
+  EXPECT_EQ(std::memcmp(&buf, &g_provider.current_sample, 568), 0);
+  g_provider.sample_available = false;
+}
+
+TEST_F(ProviderTest, CommandsTwoFourFiveSixDoNothingAndSevenIsInvalid) {
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  const W32tSettings before = g_provider.settings;
+  for (int code : {2, 4, 5, 6}) {
+    EXPECT_EQ(TimeProvCommand(nullptr, static_cast<platform::TimeProvCmd>(code), nullptr), 0) << code;
+    EXPECT_EQ(platform::WaitForEvent(g_provider.time_jump_event, 0), platform::kWaitTimeout) << code;
+  }
+  EXPECT_EQ(TimeProvCommand(nullptr, static_cast<platform::TimeProvCmd>(7), nullptr), 87);
+  EXPECT_EQ(TimeProvCommand(nullptr, static_cast<platform::TimeProvCmd>(-1), nullptr), 87);
+  EXPECT_EQ(std::memcmp(&before, &g_provider.settings, sizeof before), 0);
+  EXPECT_EQ(Running(), "True");   // TPC_Shutdown tears nothing down
+}
+
+TEST_F(ProviderTest, TimeJumpedSetsTheEventAndUpdateConfigReloads) {
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  EXPECT_EQ(TimeProvCommand(nullptr, platform::TPC_TimeJumped, nullptr), 0);
+  EXPECT_EQ(platform::WaitForEvent(g_provider.time_jump_event, 0), platform::kWaitObject0);
+  EXPECT_EQ(g_provider.settings.check_interval, 1800u);
+  reg_set_dword(kProviderKey, "SpecialPollInterval", 60);
+  EXPECT_EQ(g_provider.settings.check_interval, 1800u);
+  EXPECT_EQ(TimeProvCommand(nullptr, platform::TPC_UpdateConfig, nullptr), 0);
+  EXPECT_EQ(g_provider.settings.check_interval, 60u);
+}
+
+TEST_F(ProviderTest, WithoutTheProhibitedValueFourCommandsAreRefused) {
+  std::array<std::uint8_t, kKr2CommandCount> table{};
+  BuildProhibitedTable(table);
+  int known = 0;
+  for (std::uint32_t code = 0; code < 256; ++code) {
+    if (!IsKnownKr2Command(code)) {
+      EXPECT_EQ(table[code], 128) << code;
+      continue;
+    }
+    ++known;
+    const bool refused = code == 102 || code == 150 || code == 160 || code == 180;
+    EXPECT_EQ(table[code], refused ? 1 : 0) << code;
+  }
+  EXPECT_EQ(known, 35);
+  EXPECT_NE(table[8], 0);
+}
+
+TEST_F(ProviderTest, AnAllZeroProhibitedValueAllowsAllKnownCommands) {
+  const std::array<std::uint8_t, 16> zeros{};
+  reg_set_binary(kW32TimeParametersKey, "Prohibited KR2 Commands", zeros.data(), zeros.size());
+  std::array<std::uint8_t, kKr2CommandCount> table{};
+  BuildProhibitedTable(table);
+  for (std::uint32_t code = 0; code < 256; ++code) EXPECT_EQ(table[code], IsKnownKr2Command(code) ? 0 : 128) << code;
+  EXPECT_EQ(table[8], 128);
+}
+
+TEST_F(ProviderTest, TheProhibitedValueRefusesWhatItMarks) {
+  std::array<std::uint8_t, 201> value{};   // shorter than the table: the rest stays allowed
+  value[0] = 1;
+  value[200] = 3;
+  reg_set_binary(kW32TimeParametersKey, "Prohibited KR2 Commands", value.data(), value.size());
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  EXPECT_EQ(g_provider.prohibited[0], 1);
+  EXPECT_EQ(g_provider.prohibited[200], 3);
+  EXPECT_EQ(g_provider.prohibited[102], 0);
+  EXPECT_EQ(g_provider.prohibited[204], 0);
+  EXPECT_EQ(g_provider.prohibited[255], 128);
+}
+
+TEST_F(ProviderTest, ALongEventTextIsCutAt509BeforeTheLineEnd) {
+  g_provider.callbacks = callbacks_;
+  const std::string long_text(600, 'x');
+  LogEvent(kProviderName, platform::kEventLogWarning, "%s", long_text.c_str());
+  LogEvent(kProviderName, platform::kEventLogError, "short %d", 5);
+  const auto events = TimeServiceFake::Events();
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[0].type, 2);
+  EXPECT_EQ(events[0].source, "Chronwarden");
+  EXPECT_EQ(events[0].text, std::string(509, 'x') + "\r\n");
+  EXPECT_EQ(events[1].type, 1);
+  EXPECT_EQ(events[1].text, "short 5\r\n");
+}
+
+TEST_F(ProviderTest, ASecondStartupCreatesNothingNew) {
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  const ProviderGlobals& p = g_provider;
+  const auto shutdown = p.shutdown_event, sync = p.sync_event, jump = p.time_jump_event, client = p.client_event;
+  const auto thread = p.agent_thread;
+  platform::fake::FailEventCreate(1);   // any new event would fail start-up
+  platform::fake::FailThreadCreate(true);
+  EXPECT_TRUE(ProviderStartup());
+  EXPECT_EQ(p.shutdown_event, shutdown);
+  EXPECT_EQ(p.sync_event, sync);
+  EXPECT_EQ(p.time_jump_event, jump);
+  EXPECT_EQ(p.client_event, client);
+  EXPECT_EQ(p.agent_thread, thread);
+  platform::fake::FailEventCreate(0);
+  platform::fake::FailThreadCreate(false);
+}
+
+TEST_F(ProviderTest, ForcedDisableFailsSilently) {
+  reg_set_bool(kKaironClientParams, "Force Chronwarden Disable", 1);
+  EXPECT_EQ(Open(), nullptr);
+  EXPECT_TRUE(TimeServiceFake::Events().empty());
+  char version[32];
+  reg_get_string(kProviderKey, "Current Version", version, sizeof version, "");
+  EXPECT_STREQ(version, "4.2.b.20081210R");   // written before the test
+  ExpectNothingLeft();
+}
+
+// A start-up that fails at step `step` writes `text` (then the error's own text) and leaves nothing.
+struct StepFailure {
+  const char* name;
+  void (*inject)();
+  const char* text;
+};
+
+class ProviderStepTest : public ProviderTest, public ::testing::WithParamInterface<StepFailure> {};
+
+TEST_P(ProviderStepTest, FailsWithItsEventAndLeavesNothingHalfMade) {
+  GetParam().inject();
+  EXPECT_EQ(Open(), nullptr);
+  const auto events = TimeServiceFake::Events();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].type, 1);
+  EXPECT_EQ(events[0].text.rfind(GetParam().text, 0), 0u) << events[0].text;
+  EXPECT_EQ(events[0].text.substr(events[0].text.size() - 2), "\r\n");
+  EXPECT_GT(events[0].text.size(), std::strlen(GetParam().text) + 2);   // the error's text follows
+  ExpectNothingLeft();
+  // And the next start-up works.
+  platform::fake::FailNetStartup(0);
+  platform::fake::FailEventCreate(0);
+  platform::fake::FailThreadCreate(false);
+  EXPECT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EachStep, ProviderStepTest,
+    ::testing::Values(
+        StepFailure{"Winsock", [] { platform::fake::FailNetStartup(10091); }, "Could not initialize winsock subsystem; "},
+        StepFailure{"ShutdownEvent", [] { platform::fake::FailEventCreate(1); }, "Could not create shutdown event; "},
+        StepFailure{"SyncEvent", [] { platform::fake::FailEventCreate(2); }, "Could not create sync event; "},
+        StepFailure{"TimeJumpEvent", [] { platform::fake::FailEventCreate(3); },
+                    "Could not create timejump notification event; "},
+        StepFailure{"ClientEvent", [] { platform::fake::FailEventCreate(4); }, "Could not create client event; "},
+        StepFailure{"AgentThread", [] { platform::fake::FailThreadCreate(true); }, "Could not create client thread; "}),
+    [](const ::testing::TestParamInfo<StepFailure>& info) { return std::string(info.param.name); });
+
+TEST_F(ProviderTest, AnUnopenableDriftFileOnlyWarns) {
+  std::snprintf(g_w32t_env.system_dir, sizeof g_w32t_env.system_dir, "%s\\no\\such\\folder\\", root_.string().c_str());
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  const auto events = TimeServiceFake::Events();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].type, 2);
+  const std::string expected = std::string("Unable to open ") + g_w32t_env.system_dir +
+                               "drift.kr to collect drift records; the service will continue running, but historical "
+                               "drift data will not be available. Error: ";
+  EXPECT_EQ(events[0].text.rfind(expected, 0), 0u) << events[0].text;
+  EXPECT_EQ(Running(), "True");
+}
+
+TEST_F(ProviderTest, AnOwnerOfTheStatusBlockKeepsTheResponderAway) {
+  ASSERT_NE(OpenSyncStatus(3, nullptr), nullptr);   // this process plays the family's service
+  // The provider shares this process's view: it is the owner's.
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  EXPECT_FALSE(g_provider.responder_active);
+  EXPECT_EQ(g_listen_socket, platform::kInvalidSocket);
+  EXPECT_NE(g_provider.status_notify_event, nullptr);
+  EXPECT_FALSE(g_provider.status_notify_private);
+}
+
+TEST_F(ProviderTest, WithoutAnOwnerTheResponderListens) {
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  EXPECT_NE(g_provider.status_block, nullptr);
+  EXPECT_TRUE(g_provider.responder_active);
+  EXPECT_NE(g_listen_socket, platform::kInvalidSocket);
+  // The port is taken: a second socket cannot bind it.
+  platform::SocketHandle other = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
+  std::uint16_t port = 0;
+  if (!platform::ServicePort("kaironsync", "udp", port)) port = platform::HostToNet16(9909);
+  EXPECT_FALSE(platform::BindV4(other, {platform::kFamilyInet, port, 0}));
+  platform::CloseSocket(other);
+}
+
+TEST_F(ProviderTest, WithoutABlockThereIsNoResponderAndAPrivateNotifyEvent) {
+  platform::fake::FailNamedObject("Global\\kairtim-sync-status-shared-memory", 5);
+  platform::fake::FailNamedObject("Global\\kairtim-sync-status-notify-event", 5);
+  platform::fake::FailNamedObject("kairtim-sync-status-notify-event", 5);
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  EXPECT_EQ(g_provider.status_block, nullptr);
+  EXPECT_FALSE(g_provider.responder_active);
+  EXPECT_NE(g_provider.status_notify_event, nullptr);
+  EXPECT_TRUE(g_provider.status_notify_private);
+  TimeProvClose(reinterpret_cast<platform::TimeProvHandle>(1));
+  ExpectNothingLeft();
+}
+
+TEST_F(ProviderTest, ABusyPortWritesTheListenSocketEventAndStartupGoesOn) {
+  platform::SocketHandle holder = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
+  std::uint16_t port = 0;
+  if (!platform::ServicePort("kaironsync", "udp", port)) port = platform::HostToNet16(9909);
+  ASSERT_TRUE(platform::BindV4(holder, {platform::kFamilyInet, port, 0}));
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  EXPECT_FALSE(g_provider.responder_active);
+  const auto events = TimeServiceFake::Events();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].type, 1);
+  EXPECT_EQ(events[0].text.rfind("Could not create listen socket; Error 10048", 0), 0u) << events[0].text;
+  platform::CloseSocket(holder);
+}
+
+}  // namespace
