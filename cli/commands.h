@@ -25,6 +25,9 @@ int CmdHistory(CommandArgs args);
 int CmdReg(CommandArgs args);
 int CmdOs(CommandArgs args);
 int CmdNtp(CommandArgs args);
+int CmdConfig(CommandArgs args);
+int CmdService(CommandArgs args);
+int CmdResync(CommandArgs args);
 int CmdKr2(CommandArgs args);
 int CmdMonitor(CommandArgs args);
 

@@ -14,6 +14,9 @@ constexpr Command kCommands[] = {
     {"reg", "query, set, delete and export registry values (product path rules)", CmdReg},
     {"os", "name the local system: text, OS level, architecture", CmdOs},
     {"ntp", "query an NTP server: the local clock's offset from it and the round trip", CmdNtp},
+    {"config", "show or change the time service's settings and tell the service", CmdConfig},
+    {"service", "status, start, stop, restart or start type of the time service (or another)", CmdService},
+    {"resync", "ask the time service to synchronise now", CmdResync},
     {"kr2", "ask a machine's KR2 responder: identity, status, time, zone, products, history", CmdKr2},
     {"monitor", "poll the KR2 status of many machines at once, one line per machine", CmdMonitor},
 };

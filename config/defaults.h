@@ -82,6 +82,12 @@ inline constexpr const char* kChronyParametersKey = "System\\CurrentControlSet\\
 inline constexpr const char* kChronySocket = "/run/chrony/chronyd.sock";                  // "ChronyCommandSocket"
 inline constexpr const char* kChronySourcesFile = "/etc/chrony/sources.d/chronwarden.sources";   // "ChronySourcesFile"
 }  // namespace defaults
+namespace defaults {
+inline constexpr const char* kChronyParametersPath = "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters";   // the same key, as a registry-layer path
+inline constexpr const char* kChronySourcesValue = "ChronySourcesFile";     // where the sources file goes
+inline constexpr const char* kChronySocketValue = "ChronyCommandSocket";    // chronyd's command socket
+inline constexpr const char* kDefaultMachineRoot = "/var/lib/chronwarden";  // the system's own machine root (Linux)
+}  // namespace defaults
 
 // The product family's identity, as the shared status block, the status records and the
 // registration show it.

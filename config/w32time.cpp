@@ -9,6 +9,7 @@
 #include <string>
 
 #include "applet/os_identify.h"
+#include "config/chrony_sources.h"
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "platform/file.h"
@@ -239,6 +240,8 @@ void w32t_save(const W32tSettings& s, int register_flag) {
       reg_delete_value(kCategoryKey2, defaults::kCplCategoryValue);
     }
   }
+  // On the local machine the NTP client follows at once (chrony on Linux; nothing on Windows).
+  if (!g_target_machine[0]) chrony_apply_settings(s);
 }
 
 void w32t_secure_keys() {

@@ -77,7 +77,13 @@ std::string ServiceBackendName();
 // not be asked at all (no library or export; Linux: no chronyc); result is its answer (0 accepted).
 bool TimeSyncNow(const char* machine, std::uint32_t wait, std::uint32_t flags, std::uint32_t& result);
 
-// Runs one chronyc command against the command socket (Linux); output gets what it printed.
+// The chrony sources file the time service's settings go to when none is configured: Linux, the
+// machine's own chrony folder when the machine root is the system's own (a test's root gets "");
+// Windows "".
+std::string DefaultChronySourcesFile();
+
+// Runs one chronyc command against the command socket (Linux; sources listed by their configured
+// names); output gets what it printed.
 // Returns chronyc's exit status, or -1 when it could not be run (Windows: always -1, error 50).
 int ChronyCommand(const std::string& socket_path, const std::string& command, std::string& output);
 

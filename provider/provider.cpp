@@ -41,7 +41,9 @@ bool SameNameIgnoringCase(const char16_t* wide, const char* narrow) {
   return *wide == 0 && *narrow == 0;
 }
 
-const char* LastErrorText(char (&buf)[kErrorTextSize]) { return SystemErrorText(0, buf, kErrorTextSize); }
+const char* LastErrorText(char (&buf)[kErrorTextSize]) {
+  return SystemErrorText(platform::LastError(), buf, kErrorTextSize);
+}
 
 // Steps 7 to 10: an event that exists is kept; a failure writes the event named.
 bool MakeEvent(platform::EventHandle& event, bool manual_reset, const char* what) {

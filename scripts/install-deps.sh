@@ -8,6 +8,7 @@ packages=(
   g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
   wine wine64 xvfb xauth
   chrony ntpsec-ntpdate iproute2 util-linux procps
+  libsystemd-dev dbus
 )
 missing=()
 for p in "${packages[@]}"; do

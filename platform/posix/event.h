@@ -23,6 +23,7 @@ void SetLocalLocked(EventObject* event, bool set);
 // A named event: sets or clears the shared word (and the local mirror); closes the link.
 void SetNamed(EventObject* event, bool set);
 void CloseNamed(EventObject* event);
+bool NamedIsSet(EventObject* event);   // the shared word's state, as every process sees it now
 }
 
 }  // namespace platform

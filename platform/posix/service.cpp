@@ -36,6 +36,7 @@ constexpr std::uint32_t kErrorNoSuchService = 1060;
 constexpr std::uint32_t kErrorCannotAcceptControl = 1061;
 constexpr std::uint32_t kErrorNotActive = 1062;
 constexpr std::uint32_t kErrorServerUnavailable = 1722;
+constexpr std::uint32_t kErrorGenFailure = 31;
 constexpr const char* kServicesKey = "System\\CurrentControlSet\\Services\\";
 
 bool Fail(std::uint32_t code) {
@@ -280,7 +281,7 @@ std::string ChronySocket() {
   if (RegOpenKey(RegLocalMachine(), defaults::kChronyParametersKey, kKeyRead, key) == 0) {
     char buf[1024] = {};
     std::uint32_t type = 0, size = sizeof buf - 1;
-    if (RegQueryValue(key, "ChronyCommandSocket", &type, buf, &size) == 0 && type == kRegSz && buf[0]) socket = buf;
+    if (RegQueryValue(key, defaults::kChronySocketValue, &type, buf, &size) == 0 && type == kRegSz && buf[0]) socket = buf;
     RegCloseKey(key);
   }
   return socket;
@@ -407,7 +408,11 @@ bool DeleteService(ServiceHandle service) {
 std::string ServiceBackendName() { return UseSystemd() ? "systemd" : "supervisor"; }
 
 int ChronyCommand(const std::string& socket_path, const std::string& command, std::string& output) {
-  return Run({"chronyc", "-n", "-h", socket_path, command}, output);
+  return Run({"chronyc", "-n", "-N", "-h", socket_path, command}, output);
+}
+
+std::string DefaultChronySourcesFile() {
+  return MachineRoot() == defaults::kDefaultMachineRoot ? defaults::kChronySourcesFile : "";
 }
 
 bool TimeSyncNow(const char* machine, std::uint32_t wait, std::uint32_t flags, std::uint32_t& result) {
@@ -423,7 +428,7 @@ bool TimeSyncNow(const char* machine, std::uint32_t wait, std::uint32_t flags, s
   std::string output;
   const int rc = Run(args, output);
   if (rc < 0) return Fail(kErrorFileNotFound);
-  result = rc == 0 ? 0 : kErrorServerUnavailable;
+  result = rc == 0 ? 0 : output.find("Cannot talk") != std::string::npos ? kErrorServerUnavailable : kErrorGenFailure;
   return true;
 }
 

@@ -156,6 +156,8 @@ void SetNamed(EventObject* e, bool set) {
   SetLocalLocked(e, set);
 }
 
+bool NamedIsSet(EventObject* e) { return (e->named->word->load(std::memory_order_acquire) & 1) != 0; }
+
 void CloseNamed(EventObject* e) {
   NamedEventLink* link = e->named;
   {

@@ -25,6 +25,8 @@ void Drain(int fd) { std::uint64_t v; (void)!read(fd, &v, sizeof v); }
 
 namespace posix {
 bool TryConsume(EventObject* e) {
+  // A named event's state is its shared word; the local flag only mirrors it for poll().
+  if (e->named) return NamedIsSet(e);
   std::lock_guard lock(e->mutex);
   if (!e->set) return false;
   if (!e->manual_reset) {

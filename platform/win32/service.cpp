@@ -108,6 +108,8 @@ bool TimeSyncNow(const char* machine, std::uint32_t wait, std::uint32_t flags, s
   return fn != nullptr;
 }
 
+std::string DefaultChronySourcesFile() { return ""; }
+
 int ChronyCommand(const std::string&, const std::string&, std::string& output) {
   output.clear();
   ::SetLastError(ERROR_NOT_SUPPORTED);

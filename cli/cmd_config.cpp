@@ -1,0 +1,225 @@
+// chronwarden config: shows and edits the Windows Time settings record of a machine, and tells
+// the time service as the applet's Apply does.
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "cli/commands.h"
+#include "cli/service_cli.h"
+#include "config/registry.h"
+#include "config/w32time.h"
+
+namespace {
+
+constexpr const char* kHelp =
+    "Usage: chronwarden config show [--json] [--machine NAME]\n"
+    "       chronwarden config set FIELD=VALUE... [--machine NAME] [--no-apply]\n\n"
+    "  show     prints every setting of the time service and of the Chronwarden provider\n"
+    "  set      changes fields, saves the settings with the provider's registration, then (unless\n"
+    "           --no-apply) tells a running time service that its parameters changed and asks it to\n"
+    "           synchronise now. An unknown field or a bad value exits 2 and writes nothing.\n\n"
+    "Fields (numbers decimal or 0x-hex; flags 0/1, true/false):\n"
+    "  sync_type              NoSync, NT5DS, AllSync, NTP (or 1-4)\n"
+    "  server1 ... server6    NTP server names (\"\" removes one); server1_flags ... mode flags\n"
+    "                         (0x1 special poll interval, 0x8 client mode)\n"
+    "  service_start          automatic, manual, disabled (or 2-4)\n"
+    "  and every other field 'config show' lists, except the read-only ones marked (read only).\n\n"
+    "Options:\n"
+    "  --machine NAME  the settings of NAME (\\\\NAME or NAME) instead of the local machine\n"
+    "  --json          one JSON object of all fields\n";
+
+enum class Kind { Number, Flag, String, SyncType, Start, ReadOnly };
+
+struct Field {
+  const char* name;
+  Kind kind;
+  std::size_t offset;   // into W32tSettings
+  std::size_t size;     // strings: the array's size
+};
+
+#define CW_FIELD(n, k) Field{#n, k, offsetof(W32tSettings, n), sizeof(W32tSettings::n)}
+constexpr Field kFields[] = {
+    CW_FIELD(sync_type, Kind::SyncType),
+    CW_FIELD(service_start, Kind::Start),
+    CW_FIELD(ntp_client_enabled, Kind::Flag),
+    CW_FIELD(ntp_client_input_provider, Kind::Flag),
+    CW_FIELD(ntp_client_poll_interval, Kind::Number),
+    CW_FIELD(ntp_server_enabled, Kind::Flag),
+    CW_FIELD(announce_flags, Kind::Number),
+    CW_FIELD(max_allowed_phase_offset, Kind::ReadOnly),
+    CW_FIELD(lanman_time_source, Kind::Flag),
+    CW_FIELD(local_ntp, Kind::Number),
+    CW_FIELD(reliable_time_source, Kind::Number),
+    CW_FIELD(file_logging_on, Kind::Flag),
+    CW_FIELD(file_log_size, Kind::Number),
+    CW_FIELD(file_log_entries, Kind::String),
+    CW_FIELD(file_log_name, Kind::String),
+    CW_FIELD(provider_enabled, Kind::Flag),
+    CW_FIELD(provider_input_provider, Kind::Flag),
+    CW_FIELD(check_interval, Kind::Number),
+    CW_FIELD(alert_threshold, Kind::Number),
+    CW_FIELD(alert_if_unverified, Kind::Flag),
+    CW_FIELD(alert_if_unsynchronized, Kind::Flag),
+    CW_FIELD(dns_lookups_enabled, Kind::Flag),
+    CW_FIELD(reference_clock, Kind::String),
+    CW_FIELD(service_installed, Kind::ReadOnly),
+    CW_FIELD(module_present, Kind::ReadOnly),
+    CW_FIELD(server_count, Kind::ReadOnly),
+};
+#undef CW_FIELD
+
+std::uint32_t& U32(W32tSettings& s, const Field& f) {
+  return *reinterpret_cast<std::uint32_t*>(reinterpret_cast<char*>(&s) + f.offset);
+}
+char* Chars(W32tSettings& s, const Field& f) { return reinterpret_cast<char*>(&s) + f.offset; }
+
+const char* StartText(std::uint32_t start) {
+  return start == 2 ? "automatic" : start == 3 ? "manual" : start == 4 ? "disabled" : start < 2 ? "boot" : "unknown";
+}
+
+bool ParseU32(std::string_view v, std::uint32_t& out) {
+  if (v.size() > 2 && v[0] == '0' && (v[1] == 'x' || v[1] == 'X')) {
+    std::uint32_t value = 0;
+    auto [p, ec] = std::from_chars(v.data() + 2, v.data() + v.size(), value, 16);
+    if (ec != std::errc{} || p != v.data() + v.size()) return false;
+    out = value;
+    return true;
+  }
+  return ParseNumber(v, out);
+}
+
+bool ParseFlag(std::string_view v, std::uint32_t& out) {
+  if (v == "1" || v == "true" || v == "yes" || v == "on") return out = 1, true;
+  if (v == "0" || v == "false" || v == "no" || v == "off") return out = 0, true;
+  return false;
+}
+
+// Applies one FIELD=VALUE to s; false with the reason in why.
+bool Apply(W32tSettings& s, std::string_view field, std::string_view value, std::string& why) {
+  // server1..server6 and server1_flags..server6_flags.
+  if (field.size() >= 7 && field.substr(0, 6) == "server" && field[6] >= '1' && field[6] <= '6' &&
+      (field.size() == 7 || field.substr(7) == "_flags")) {
+    const int i = field[6] - '1';
+    if (field.size() == 7) {
+      if (value.size() > 63) return why = "names are at most 63 characters", false;
+      if (value.find_first_of(" ,\t\r\n") != std::string_view::npos)
+        return why = "a name has no blanks or commas", false;
+      std::memset(s.servers[i].name, 0, sizeof s.servers[i].name);
+      std::memcpy(s.servers[i].name, value.data(), value.size());
+    } else {
+      std::uint32_t flags = 0;
+      if (!ParseU32(value, flags) || flags > 0xFF) return why = "flags are a number from 0 to 0xff", false;
+      s.servers[i].flags = flags;
+    }
+    // Empty entries are skipped on saving; the count covers the last named one.
+    s.server_count = 0;
+    for (std::uint32_t k = 0; k < kW32tMaxServers; ++k)
+      if (s.servers[k].name[0]) s.server_count = k + 1;
+    return true;
+  }
+  for (const auto& f : kFields) {
+    if (field != f.name) continue;
+    std::uint32_t n = 0;
+    switch (f.kind) {
+      case Kind::ReadOnly:
+        return why = "the field is read only", false;
+      case Kind::String:
+        if (value.size() >= f.size) return why = "at most " + std::to_string(f.size - 1) + " characters", false;
+        std::memset(Chars(s, f), 0, f.size);
+        std::memcpy(Chars(s, f), value.data(), value.size());
+        return true;
+      case Kind::Flag:
+        if (!ParseFlag(value, n)) return why = "expected 0 or 1", false;
+        break;
+      case Kind::Number:
+        if (!ParseU32(value, n)) return why = "expected a number", false;
+        break;
+      case Kind::SyncType: {
+        const std::string text(value);
+        n = w32t_type_from_text(text.c_str());
+        if (!ParseU32(value, n) && (n == kW32tUnknownType || n == kW32tNotTouched || n == kW32tDisabled))
+          return why = "expected NoSync, NT5DS, AllSync or NTP", false;
+        if (n < kW32tNoSync || n > kW32tNtp) return why = "expected NoSync, NT5DS, AllSync or NTP", false;
+        break;
+      }
+      case Kind::Start:
+        if (value == "automatic" || value == "auto") n = 2;
+        else if (value == "manual") n = 3;
+        else if (value == "disabled") n = 4;
+        else if (!ParseU32(value, n) || n < 2 || n > 4) return why = "expected automatic, manual or disabled", false;
+        break;
+    }
+    U32(s, f) = n;
+    return true;
+  }
+  return why = "unknown field", false;
+}
+
+std::string ValueText(W32tSettings& s, const Field& f, bool json) {
+  if (f.kind == Kind::String) return json ? JsonString(Chars(s, f)) : Chars(s, f);
+  const std::uint32_t n = U32(s, f);
+  if (f.kind == Kind::SyncType) return json ? std::to_string(n) : std::string(w32t_type_text(n)) + " (" + std::to_string(n) + ")";
+  if (f.kind == Kind::Start) return json ? std::to_string(n) : std::string(StartText(n)) + " (" + std::to_string(n) + ")";
+  return std::to_string(n);
+}
+
+void Show(W32tSettings& s, bool json) {
+  if (json) {
+    std::printf("{\"machine\": %s, \"os_level\": %u", JsonString(g_target_machine).c_str(), g_w32t_env.level);
+    for (const auto& f : kFields) std::printf(", \"%s\": %s", f.name, ValueText(s, f, true).c_str());
+    std::printf(", \"servers\": [");
+    for (std::uint32_t i = 0; i < s.server_count; ++i)
+      std::printf("%s{\"name\": %s, \"flags\": %u}", i ? ", " : "", JsonString(s.servers[i].name).c_str(),
+                  s.servers[i].flags);
+    std::printf("]}\n");
+    return;
+  }
+  std::printf("Windows Time settings of %s (OS level %u)\n", g_target_machine[0] ? g_target_machine : "the local machine",
+              g_w32t_env.level);
+  for (const auto& f : kFields)
+    std::printf("  %-26s %s%s\n", f.name, ValueText(s, f, false).c_str(), f.kind == Kind::ReadOnly ? "  (read only)" : "");
+  for (std::uint32_t i = 0; i < s.server_count; ++i)
+    std::printf("  server%-20u %s  flags 0x%x\n", i + 1, s.servers[i].name, s.servers[i].flags);
+}
+
+}  // namespace
+
+int CmdConfig(CommandArgs args) {
+  if (args.empty()) return UsageError("config", "show or set is needed");
+  if (IsHelp(args[0])) return std::fputs(kHelp, stdout), kExitOk;
+  const std::string_view verb = args[0];
+  if (verb != "show" && verb != "set") return UsageError("config", "unknown action '" + std::string(verb) + "'");
+  std::string machine;
+  bool json = false, apply = true;
+  std::vector<std::pair<std::string, std::string>> edits;
+  for (std::size_t i = 1; i < args.size(); ++i) {
+    const std::string_view a = args[i];
+    if (IsHelp(a)) return std::fputs(kHelp, stdout), kExitOk;
+    if (a == "--machine" && i + 1 < args.size()) machine = args[++i];
+    else if (a == "--json" && verb == "show") json = true;
+    else if (a == "--no-apply" && verb == "set") apply = false;
+    else if (verb == "set" && a.find('=') != std::string_view::npos && a[0] != '-')
+      edits.emplace_back(std::string(a.substr(0, a.find('='))), std::string(a.substr(a.find('=') + 1)));
+    else return UsageError("config", "unexpected argument '" + std::string(a) + "'");
+  }
+  if (verb == "set" && edits.empty()) return UsageError("config", "set needs FIELD=VALUE");
+
+  if (!reg_connect_target(machine.c_str())) return CliFailure("config", "cannot reach the registry of " + machine);
+  w32t_environment_init();
+  W32tSettings s{};
+  w32t_load(s);
+  if (verb == "show") return Show(s, json), kExitOk;
+
+  for (const auto& [field, value] : edits) {
+    std::string why;
+    if (!Apply(s, field, value, why))
+      return UsageError("config", why == "unknown field" ? "unknown field '" + field + "'" : "bad value for " + field + ": " + why);
+  }
+  w32t_save(s, 1);
+  std::printf("Settings saved%s.\n", machine.empty() ? "" : (" on " + machine).c_str());
+  if (!apply) return kExitOk;
+  return NotifyTimeService(machine.c_str()) ? kExitOk : kExitFailed;
+}

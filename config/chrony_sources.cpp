@@ -1,0 +1,122 @@
+// The time service's servers as a chrony sources file, reloaded and checked.
+#include "config/chrony_sources.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+#include "config/defaults.h"
+#include "config/registry.h"
+#include "platform/error.h"
+#include "platform/service.h"
+
+namespace {
+
+constexpr std::uint32_t kFlagSpecialInterval = 0x1;
+constexpr std::uint32_t kFlagSymmetricActive = 0x4;
+constexpr std::uint32_t kErrorInvalidData = 13;
+constexpr std::uint32_t kErrorServerUnavailable = 1722;
+
+bool IsPool(const std::string& name) { return name.rfind("pool.", 0) == 0 || name.find(".pool.") != std::string::npos; }
+
+std::string Setting(const char* value, const std::string& fallback) {
+  char buf[1024];
+  reg_get_string(defaults::kChronyParametersPath, value, buf, sizeof buf, "\x01");
+  return buf[0] == '\x01' ? fallback : buf;
+}
+
+// The source names chronyc lists (-N: as configured), one per source line.
+std::vector<std::string> ListedNames(const std::string& output) {
+  std::vector<std::string> names;
+  std::istringstream in(output);
+  std::string line;
+  bool body = false;
+  while (std::getline(in, line)) {
+    if (line.rfind("===", 0) == 0) body = true;
+    else if (body) {
+      std::istringstream words(line);
+      std::string mode, name;
+      if (words >> mode >> name) names.push_back(name);
+    }
+  }
+  return names;
+}
+
+int Fail(std::uint32_t code) {
+  platform::SetLastError(code);
+  return 0;
+}
+
+}  // namespace
+
+std::string chrony_source_line(const W32tServer& e, std::uint32_t poll_interval_s) {
+  const std::string name = e.name;
+  std::string line = (e.flags & kFlagSymmetricActive) ? "peer " : IsPool(name) ? "pool " : "server ";
+  line += name;
+  if (!(e.flags & kFlagSymmetricActive)) line += " iburst";
+  if ((e.flags & kFlagSpecialInterval) && poll_interval_s) {
+    const int p = std::clamp(int(std::lround(std::log2(double(poll_interval_s)))), 3, 17);
+    line += " minpoll " + std::to_string(p) + " maxpoll " + std::to_string(p);
+  }
+  return line;
+}
+
+std::string chrony_sources_text(const W32tSettings& s) {
+  std::string text = "# Written by Chronwarden from the Windows Time settings (sync type ";
+  text += w32t_type_text(s.sync_type);
+  text += "); it is replaced whenever they are saved.\n";
+  if (s.sync_type == kW32tNoSync) return text;
+  for (std::uint32_t i = 0; i < s.server_count && i < kW32tMaxServers; ++i)
+    if (s.servers[i].name[0]) text += chrony_source_line(s.servers[i], s.ntp_client_poll_interval) + "\n";
+  return text;
+}
+
+int chrony_apply_settings(const W32tSettings& s) {
+  const std::string path = Setting(defaults::kChronySourcesValue, platform::DefaultChronySourcesFile());
+  if (path.empty()) return platform::SetLastError(0), 1;
+  const std::filesystem::path file(path);
+  std::error_code ec;
+  if (!std::filesystem::is_directory(file.parent_path(), ec)) return platform::SetLastError(0), 1;   // no chrony here
+  const std::string socket = Setting(defaults::kChronySocketValue, defaults::kChronySocket);
+
+  const std::string text = chrony_sources_text(s);
+  std::ifstream old(file, std::ios::binary);
+  const std::string before((std::istreambuf_iterator<char>(old)), std::istreambuf_iterator<char>());
+  const bool changed = !old.is_open() || before != text;
+  std::string out;
+  if (changed) {
+    const std::filesystem::path tmp = file.string() + ".tmp";
+    {
+      std::ofstream f(tmp, std::ios::binary | std::ios::trunc);
+      f << text;
+      f.flush();
+      if (!f) return Fail(platform::kErrorAccessDenied);
+    }
+    std::filesystem::rename(tmp, file, ec);
+    if (ec) return Fail(platform::kErrorAccessDenied);
+    const int rc = platform::ChronyCommand(socket, "reload sources", out);
+    if (rc < 0) return Fail(platform::kErrorFileNotFound);
+    if (rc != 0) return Fail(kErrorServerUnavailable);
+  }
+  // chrony 4.3 can drop a source that is removed and added again in one reload: add back any that
+  // is missing, then check again.
+  for (int pass = 0; pass < 2; ++pass) {
+    const int rc = platform::ChronyCommand(socket, "sources", out);
+    if (rc < 0) return Fail(platform::kErrorFileNotFound);
+    if (rc != 0) return Fail(kErrorServerUnavailable);
+    const auto listed = ListedNames(out);
+    bool missing = false;
+    for (std::uint32_t i = 0; s.sync_type != kW32tNoSync && i < s.server_count && i < kW32tMaxServers; ++i) {
+      const W32tServer& e = s.servers[i];
+      if (!e.name[0] || std::find(listed.begin(), listed.end(), std::string(e.name)) != listed.end()) continue;
+      missing = true;
+      if (pass == 0) platform::ChronyCommand(socket, "add " + chrony_source_line(e, s.ntp_client_poll_interval), out);
+    }
+    if (!missing) return platform::SetLastError(0), 1;
+  }
+  return Fail(kErrorInvalidData);
+}

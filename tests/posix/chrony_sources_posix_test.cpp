@@ -1,0 +1,189 @@
+// The time service's servers applied to a real chronyd (-x: it never touches the clock) whose
+// command socket and sources folder live in the test's own folder.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "applet/os_identify.h"
+#include "config/chrony_sources.h"
+#include "config/registry.h"
+#include "config/w32time.h"
+#include "platform/error.h"
+#include "platform/service.h"
+#include "tests/registry_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+constexpr const char* kParams = "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters";
+
+std::string Read(const fs::path& p) {
+  std::ifstream in(p);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+// Alive and not a zombie waiting for the init process to reap it.
+bool Alive(long pid) {
+  const std::string stat = Read("/proc/" + std::to_string(pid) + "/stat");
+  const auto close = stat.rfind(')');
+  return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
+}
+
+W32tServer Entry(const char* name, std::uint32_t flags) {
+  W32tServer e{};
+  std::snprintf(e.name, sizeof e.name, "%s", name);
+  e.flags = flags;
+  e.work = -1;
+  return e;
+}
+
+TEST(ChronySourcesText, MapsTheModeFlags) {
+  EXPECT_EQ(chrony_source_line(Entry("a.example", 0x8), 0), "server a.example iburst");
+  EXPECT_EQ(chrony_source_line(Entry("pool.ntp.org", 0x8), 0), "pool pool.ntp.org iburst");
+  EXPECT_EQ(chrony_source_line(Entry("0.debian.pool.ntp.org", 0x1), 0), "pool 0.debian.pool.ntp.org iburst");
+  EXPECT_EQ(chrony_source_line(Entry("a.example", 0x9), 3600), "server a.example iburst minpoll 12 maxpoll 12");
+  EXPECT_EQ(chrony_source_line(Entry("a.example", 0x1), 1), "server a.example iburst minpoll 3 maxpoll 3");
+  EXPECT_EQ(chrony_source_line(Entry("a.example", 0x8), 3600), "server a.example iburst");   // no 0x1: chrony's own
+  EXPECT_EQ(chrony_source_line(Entry("b.example", 0x4), 0), "peer b.example");
+  EXPECT_EQ(chrony_source_line(Entry("c.example", 0x2), 0), "server c.example iburst");
+}
+
+TEST(ChronySourcesText, NoSyncHasNoSources) {
+  W32tSettings s{};
+  s.sync_type = kW32tNoSync;
+  s.server_count = 1;
+  s.servers[0] = Entry("a.example", 1);
+  EXPECT_EQ(chrony_sources_text(s).find("server"), std::string::npos);
+  s.sync_type = kW32tNt5ds;
+  EXPECT_NE(chrony_sources_text(s).find("\nserver a.example iburst\n"), std::string::npos);
+}
+
+TEST(ChronySourcesDefault, ATestMachineRootNeverReachesTheMachinesChrony) {
+  RegistrySandbox sandbox;
+  EXPECT_EQ(platform::DefaultChronySourcesFile(), "");
+  W32tSettings s{};
+  s.sync_type = kW32tNtp;
+  EXPECT_EQ(chrony_apply_settings(s), 1);   // nothing configured: nothing to do
+}
+
+class ChronyTest : public RegistryTest {
+ protected:
+  void SetUp() override {
+    RegistryTest::SetUp();
+    dir_ = root_ / "chrony";
+    fs::create_directories(dir_ / "sources.d");
+    fs::permissions(dir_, fs::perms::owner_all);
+    std::ofstream(dir_ / "chrony.conf") << "port 0\ncmdport 0\nbindcmdaddress " << (dir_ / "chronyd.sock").string()
+                                        << "\npidfile " << (dir_ / "chronyd.pid").string() << "\ndriftfile "
+                                        << (dir_ / "drift").string() << "\nsourcedir "
+                                        << (dir_ / "sources.d").string() << "\n";
+    const std::string cmd = "/usr/sbin/chronyd -x -u root -f " + (dir_ / "chrony.conf").string() + " -l " +
+                            (dir_ / "chronyd.log").string();
+    ASSERT_EQ(std::system(cmd.c_str()), 0);
+    for (int i = 0; i < 100 && !fs::exists(dir_ / "chronyd.sock"); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_TRUE(fs::exists(dir_ / "chronyd.sock")) << Read(dir_ / "chronyd.log");
+    reg_set_string(kParams, "ChronySourcesFile", File().c_str());
+    reg_set_string(kParams, "ChronyCommandSocket", (dir_ / "chronyd.sock").string().c_str());
+    saved_level_ = g_w32t_env.level;
+    g_w32t_env.level = kOsWin2008;
+  }
+  void TearDown() override {
+    long pid = 0;
+    std::ifstream(dir_ / "chronyd.pid") >> pid;
+    if (pid > 0) kill(pid_t(pid), SIGKILL);   // -x: nothing to undo; SIGTERM takes chronyd 1.5 s
+    for (int i = 0; i < 100 && pid > 0 && Alive(pid); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    g_w32t_env.level = saved_level_;
+    RegistryTest::TearDown();
+  }
+  std::string File() { return (dir_ / "sources.d" / "chronwarden.sources").string(); }
+  std::string Sources() {
+    std::string out;
+    EXPECT_EQ(platform::ChronyCommand((dir_ / "chronyd.sock").string(), "sources", out), 0);
+    return out;
+  }
+  W32tSettings Two() {
+    W32tSettings s{};
+    s.sync_type = kW32tNtp;
+    s.ntp_client_poll_interval = 1024;
+    s.server_count = 2;
+    s.servers[0] = Entry("127.0.0.11", 0x9);
+    s.servers[1] = Entry("127.0.0.12", 0x8);
+    return s;
+  }
+  fs::path dir_;
+  std::uint32_t saved_level_ = 0;
+};
+
+TEST_F(ChronyTest, SavingTheSettingsMakesThemChronySources) {
+  w32t_save(Two(), 1);
+  EXPECT_EQ(platform::LastError(), 0u);
+  const std::string text = Read(File());
+  EXPECT_NE(text.find("\nserver 127.0.0.11 iburst minpoll 10 maxpoll 10\nserver 127.0.0.12 iburst\n"), std::string::npos)
+      << text;
+  const std::string sources = Sources();
+  EXPECT_NE(sources.find("127.0.0.11"), std::string::npos) << sources;
+  EXPECT_NE(sources.find("127.0.0.12"), std::string::npos) << sources;
+}
+
+TEST_F(ChronyTest, TheFileIsWrittenOnlyWhenItChanges) {
+  W32tSettings s = Two();
+  ASSERT_EQ(chrony_apply_settings(s), 1);
+  const auto first = fs::last_write_time(File());
+  fs::last_write_time(File(), first - std::chrono::hours(1));
+  ASSERT_EQ(chrony_apply_settings(s), 1);
+  EXPECT_EQ(fs::last_write_time(File()), first - std::chrono::hours(1));
+  s.servers[1] = Entry("127.0.0.13", 0x8);
+  ASSERT_EQ(chrony_apply_settings(s), 1);
+  EXPECT_NE(Read(File()).find("127.0.0.13"), std::string::npos);
+  const std::string sources = Sources();
+  EXPECT_NE(sources.find("127.0.0.13"), std::string::npos) << sources;
+  EXPECT_EQ(sources.find("127.0.0.12"), std::string::npos) << sources;
+  EXPECT_FALSE(fs::exists(File() + ".tmp"));
+}
+
+TEST_F(ChronyTest, NoSyncRemovesTheSources) {
+  W32tSettings s = Two();
+  ASSERT_EQ(chrony_apply_settings(s), 1);
+  s.sync_type = kW32tNoSync;
+  ASSERT_EQ(chrony_apply_settings(s), 1);
+  EXPECT_EQ(Read(File()).find("server"), std::string::npos);
+  EXPECT_EQ(Sources().find("127.0.0.1"), std::string::npos);
+}
+
+TEST_F(ChronyTest, AMissingSourceIsAddedBack) {
+  W32tSettings s = Two();
+  ASSERT_EQ(chrony_apply_settings(s), 1);
+  std::string out;
+  ASSERT_EQ(platform::ChronyCommand((dir_ / "chronyd.sock").string(), "delete 127.0.0.11", out), 0) << out;
+  ASSERT_EQ(Sources().find("127.0.0.11"), std::string::npos);
+  ASSERT_EQ(chrony_apply_settings(s), 1);   // the file is unchanged, the source is not
+  EXPECT_NE(Sources().find("127.0.0.11"), std::string::npos);
+}
+
+TEST_F(ChronyTest, ResyncAsksChronyForABurst) {
+  w32t_save(Two(), 1);
+  std::uint32_t result = 99;
+  ASSERT_TRUE(platform::TimeSyncNow(nullptr, 0, 0, result));
+  EXPECT_EQ(result, 0u);
+  ASSERT_TRUE(platform::TimeSyncNow(nullptr, 0, 1, result));
+  EXPECT_EQ(result, 31u);   // makestep: chronyd -x may not step the clock
+}
+
+TEST_F(ChronyTest, WithoutAnAnsweringChronydTheApplyFails) {
+  reg_set_string(kParams, "ChronyCommandSocket", (dir_ / "nobody.sock").string().c_str());
+  EXPECT_EQ(chrony_apply_settings(Two()), 0);
+  EXPECT_EQ(platform::LastError(), 1722u);
+}
+
+}  // namespace
