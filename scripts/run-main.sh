@@ -67,7 +67,7 @@ bindcmdaddress $root/ntp/client.sock
 pidfile $root/ntp/client.pid
 driftfile $root/ntp/client.drift
 CONF
-chmod 755 "$root" "$root/ntp"
+chmod 700 "$root/ntp"   # chronyd keeps its command socket only in a folder closed to others
 "$(command -v chronyd || echo /usr/sbin/chronyd)" -x -d -u root -f "$root/ntp/client.conf" >"$root/ntp/client.log" 2>&1 &
 client_pid=$!
 
