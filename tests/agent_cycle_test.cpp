@@ -119,6 +119,8 @@ class AgentNtpTest : public ::testing::Test {
     g_provider.sample_available = false;
     g_kr2 = Kr2State{};
     InitLocalStatusRecord();
+    // Windows keeps one registry for every test: start from an empty source list.
+    reg_delete_value(kProviderKey, defaults::kLastUsedTimeSourceValue);
     drift_ = (sandbox_.root() / "drift.kr").string();
     std::filesystem::create_directories(sandbox_.root());
     ASSERT_TRUE(DriftFileOpenPath(drift_));
