@@ -409,6 +409,21 @@ TEST_F(AgentNtpTest, NotManagedTextsSayNA) {
   EXPECT_EQ(Partner(), "Unknown - Agent stopped");
 }
 
+TEST_F(AgentNtpTest, AnotherOwnerOfTheStatusBlockTakesTheResponderAway) {
+  FakeNtpServer reference(kReference);
+  SyncStatusBlock block{32, 1, 5, 4, 2, 2008, 1210, 1};   // the family's time service announces itself
+  g_provider.status_block = &block;
+  AgentStart(cycle_);
+  ASSERT_EQ(Records().size(), 1u);
+  AgentWake(cycle_, platform::kWaitObject0 + 4);   // its notify pulse
+  EXPECT_FALSE(g_provider.responder_active);
+  Synchronize("10.5.5.5");
+  Poll();
+  EXPECT_EQ(Records().size(), 1u);   // no check, no record
+  EXPECT_EQ(Partner(), "10.5.5.5 (no name)");
+  g_provider.status_block = nullptr;
+}
+
 TEST_F(AgentNtpTest, ThreadEndsOnShutdown) {
   g_provider.responder_active = false;
   platform::UniqueEvent events[5];
