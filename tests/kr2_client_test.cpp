@@ -14,11 +14,15 @@ namespace {
 class Kr2ClientTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    ASSERT_EQ(platform::NetStartup(), 0);   // Winsock, for the responders and the client
     ResetKr2ForTest(1'600'000'000, "LOOPBACK");
     SetKr2Prohibited(true);
     std::strcpy(g_local_status.partner_name, "ntp.loopback");
   }
-  void TearDown() override { Kr2Close(peer_); }
+  void TearDown() override {
+    Kr2Close(peer_);
+    platform::NetCleanup();
+  }
   bool Open(std::uint16_t port, std::uint32_t timeout_ms = 2000) {
     return Kr2Open(peer_, "127.0.0.1", port, timeout_ms);
   }
