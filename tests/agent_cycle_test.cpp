@@ -182,7 +182,7 @@ TEST_F(AgentNtpTest, WholeCycleTextsAndReasonsInOrder) {
   EXPECT_EQ(g_status_reports, 1);
   EXPECT_EQ(Partner(), "Unknown - Windows Time service initializing");
   EXPECT_EQ(Reasons(), std::vector<std::uint8_t>{255});
-  EXPECT_EQ(g_local_status.partner_state, 254);
+  EXPECT_EQ(+g_local_status.partner_state, 254);
   EXPECT_TRUE(g_local_status.status_flags & kKr2StatusChecking);
 
   // Unsynchronized: the nineteenth poll gives the verdict, and only it.
@@ -190,19 +190,19 @@ TEST_F(AgentNtpTest, WholeCycleTextsAndReasonsInOrder) {
   EXPECT_EQ(Partner(), "Unknown - Windows Time service initializing");
   Poll();
   EXPECT_EQ(Partner(), "Unknown - Windows Time synchronization failed");
-  EXPECT_EQ(g_local_status.sync_failures, 1u);
-  EXPECT_EQ(g_local_status.sync_verdicts, 1u);
+  EXPECT_EQ(+g_local_status.sync_failures, 1u);
+  EXPECT_EQ(+g_local_status.sync_verdicts, 1u);
   EXPECT_FALSE(g_local_status.status_flags & kKr2StatusChecking);
   for (int i = 0; i < 5; ++i) Poll();
-  EXPECT_EQ(g_local_status.sync_failures, 1u);
+  EXPECT_EQ(+g_local_status.sync_failures, 1u);
 
   // Synchronized, flags 3: the partner without a suffix, a check with reason 1.
   Synchronize("10.1.2.3", 3);
   Poll();
   EXPECT_EQ(Partner(), "10.1.2.3 (no name)");
   EXPECT_STREQ(g_local_status.partner_name, "10.1.2.3");
-  EXPECT_EQ(g_local_status.partner_state, 1);
-  EXPECT_EQ(g_local_status.sync_successes, 1u);
+  EXPECT_EQ(+g_local_status.partner_state, 1);
+  EXPECT_EQ(+g_local_status.sync_successes, 1u);
   EXPECT_EQ(Reasons(), (std::vector<std::uint8_t>{255, 1}));
   ASSERT_EQ(Records().size(), 2u);
   EXPECT_EQ(Records().back().check_time, Now());
@@ -240,7 +240,7 @@ TEST_F(AgentNtpTest, WholeCycleTextsAndReasonsInOrder) {
 
   AgentStop();
   EXPECT_EQ(Partner(), "Unknown - Agent stopped");
-  EXPECT_EQ(g_local_status.agent_start, 0u);
+  EXPECT_EQ(+g_local_status.agent_start, 0u);
 }
 
 TEST_F(AgentNtpTest, FailedDemandResyncLogsAndKeepsTheReason) {
@@ -301,17 +301,17 @@ TEST_F(AgentNtpTest, AlertAboveTheThresholdOnly) {
   g_provider.responder_active = false;
   AgentStart(cycle_);
   ASSERT_TRUE(CheckOneSource(kReference, 0, 1, 0));
-  EXPECT_EQ(g_local_status.last_offset_ms, 2000);
+  EXPECT_EQ(+g_local_status.last_offset_ms, 2000);
   EXPECT_TRUE(g_events.empty());   // exactly the threshold: no alert
   ASSERT_TRUE(CheckOneSource(kReference, 0, 1, 0));
-  EXPECT_EQ(g_local_status.last_offset_ms, -2001);
+  EXPECT_EQ(+g_local_status.last_offset_ms, -2001);
   ASSERT_EQ(g_events.size(), 1u);
   EXPECT_EQ(g_events[0].first, 1);
   EXPECT_EQ(g_events[0].second.rfind("According to 127.0.0.40, the system clock is wrong by 2 seconds, 1 millisecond", 0), 0u)
       << g_events[0].second;
   EXPECT_NE(g_events[0].second.find("This exceeds the alert threshhold set in the Windows Time Control Panel applet."),
             std::string::npos);
-  EXPECT_EQ(g_local_status.offset_sum_ms, -1);
+  EXPECT_EQ(+g_local_status.offset_sum_ms, -1);
 }
 
 TEST_F(AgentNtpTest, SampleIsFilledFromTheCheck) {
@@ -319,13 +319,13 @@ TEST_F(AgentNtpTest, SampleIsFilledFromTheCheck) {
   g_provider.responder_active = false;
   ASSERT_TRUE(CheckOneSource(kReference, 0, 1, 0));
   const platform::TimeSample& s = g_provider.current_sample;
-  EXPECT_EQ(s.dwSize, 568u);
-  EXPECT_EQ(s.dwRefid, Addr(kReference));
-  EXPECT_EQ(s.toOffset, -30 * kMs);
-  EXPECT_EQ(s.nSysTickCount, 4242u);
-  EXPECT_EQ(s.nSysPhaseOffset, -17);
-  EXPECT_EQ(s.nStratum, 2);
-  EXPECT_EQ(s.dwTSFlags, 2u);
+  EXPECT_EQ(+s.dwSize, 568u);
+  EXPECT_EQ(+s.dwRefid, Addr(kReference));
+  EXPECT_EQ(+s.toOffset, -30 * kMs);
+  EXPECT_EQ(+s.nSysTickCount, 4242u);
+  EXPECT_EQ(+s.nSysPhaseOffset, -17);
+  EXPECT_EQ(+s.nStratum, 2);
+  EXPECT_EQ(+s.dwTSFlags, 2u);
   EXPECT_EQ(std::u16string(s.wszUniqueName), u"127.0.0.40");
   EXPECT_TRUE(g_provider.sample_available);
   settings_.provider_input_provider = 0;

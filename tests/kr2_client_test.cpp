@@ -48,7 +48,7 @@ TEST_F(Kr2ClientTest, PollingTheSameCommandTwiceIsAnsweredTwice) {
   LocalStatusRecord s{};
   ASSERT_EQ(Kr2Ask(peer_, kKr2Status, 0, &s, sizeof s), 355);
   ASSERT_EQ(Kr2Ask(peer_, kKr2Status, 0, &s, sizeof s), 355);
-  EXPECT_EQ(s.counters[0], 1u);   // the second reply counts the first
+  EXPECT_EQ(+s.counters[0], 1u);   // the second reply counts the first
   EXPECT_STREQ(s.partner_name, "ntp.loopback");
 }
 

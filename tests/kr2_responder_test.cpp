@@ -77,14 +77,14 @@ TEST_F(Kr2ResponderTest, IdentityRecordFields) {
   IdentityRecord id;
   ASSERT_EQ(socket_.sent.back().size(), sizeof id);
   std::memcpy(&id, socket_.sent.back().data(), sizeof id);
-  EXPECT_EQ(id.ephemerides, 1'600'000'000u);
-  EXPECT_EQ(id.product_code, 7u);
-  EXPECT_EQ(id.major_version, 4);
-  EXPECT_EQ(id.minor_version, 2);
-  EXPECT_EQ(id.build_year, 2008);
-  EXPECT_EQ(id.build_month_day, 1210);
-  EXPECT_EQ(id.one, 1u);
-  EXPECT_EQ(id.nt_family, 1u);
+  EXPECT_EQ(+id.ephemerides, 1'600'000'000u);
+  EXPECT_EQ(+id.product_code, 7u);
+  EXPECT_EQ(+id.major_version, 4);
+  EXPECT_EQ(+id.minor_version, 2);
+  EXPECT_EQ(+id.build_year, 2008);
+  EXPECT_EQ(+id.build_month_day, 1210);
+  EXPECT_EQ(+id.one, 1u);
+  EXPECT_EQ(+id.nt_family, 1u);
   EXPECT_STREQ(id.version, "4.2.b.20081210R");
   EXPECT_STREQ(id.computer_name, "A-VERY-LONG-COM");   // 15 characters and a zero
 }
@@ -93,10 +93,10 @@ TEST_F(Kr2ResponderTest, TimeIsTheFakeClocksUtc) {
   Ask(2);
   platform::SystemTime st;
   std::memcpy(&st, socket_.sent.back().data(), sizeof st);
-  EXPECT_EQ(st.year, 2026);   // the fake clock starts at 2026-01-01 00:00 UTC
-  EXPECT_EQ(st.month, 1);
-  EXPECT_EQ(st.day, 1);
-  EXPECT_EQ(st.hour, 0);
+  EXPECT_EQ(+st.year, 2026);   // the fake clock starts at 2026-01-01 00:00 UTC
+  EXPECT_EQ(+st.month, 1);
+  EXPECT_EQ(+st.day, 1);
+  EXPECT_EQ(+st.hour, 0);
 }
 
 TEST_F(Kr2ResponderTest, SameDatagramTwiceIsAnsweredOnceAndAgainAfterAnother) {
@@ -107,8 +107,8 @@ TEST_F(Kr2ResponderTest, SameDatagramTwiceIsAnsweredOnceAndAgainAfterAnother) {
   EXPECT_EQ(Ask(0), Kr2Outcome::Answered);
   EXPECT_EQ(socket_.sent.size(), 3u);
   // A repeat is still marked as a received request, but not counted.
-  EXPECT_EQ(g_local_status.counters[0], 3u);
-  EXPECT_EQ(g_local_status.bytes_received, 3u * kKr2RequestSize);
+  EXPECT_EQ(+g_local_status.counters[0], 3u);
+  EXPECT_EQ(+g_local_status.bytes_received, 3u * kKr2RequestSize);
 }
 
 TEST_F(Kr2ResponderTest, FirstRequestAfterNewSocketIsAnswered) {
@@ -123,7 +123,7 @@ TEST_F(Kr2ResponderTest, ProhibitedByDefaultWhenTheValueIsMissing) {
     EXPECT_EQ(Ask(code), Kr2Outcome::Refused) << int(code);
   }
   EXPECT_TRUE(socket_.sent.empty());
-  EXPECT_EQ(g_local_status.bytes_received, 0u);
+  EXPECT_EQ(+g_local_status.bytes_received, 0u);
   EXPECT_TRUE(g_marks.empty());   // no activity mark either
   EXPECT_EQ(Ask(0), Kr2Outcome::Answered);   // the other known codes are allowed
   EXPECT_EQ(Ask(8), Kr2Outcome::Refused);
@@ -133,7 +133,7 @@ TEST_F(Kr2ResponderTest, Command102AllowedByTheValueIsReadButNotAnswered) {
   SetKr2Prohibited(true);
   EXPECT_EQ(Ask(102), Kr2Outcome::Unanswered);
   EXPECT_TRUE(socket_.sent.empty());
-  EXPECT_EQ(g_local_status.bytes_received, kKr2RequestSize);
+  EXPECT_EQ(+g_local_status.bytes_received, kKr2RequestSize);
   EXPECT_EQ(g_marks, std::vector<std::uint32_t>{8});
   EXPECT_EQ(Ask(8), Kr2Outcome::Refused);   // code 8 is refused whatever the value says
   EXPECT_EQ(Ask(255), Kr2Outcome::Refused);
@@ -186,14 +186,14 @@ TEST_F(Kr2ResponderTest, OversizedDatagramIsCutAt512) {
   std::vector<std::uint8_t> big(600, 0x11);
   big[4] = 0;
   EXPECT_EQ(AskBytes(big), Kr2Outcome::Answered);
-  EXPECT_EQ(g_local_status.bytes_received, kKr2RequestMax);
+  EXPECT_EQ(+g_local_status.bytes_received, kKr2RequestMax);
   EXPECT_EQ(socket_.sent.back(), (std::vector<std::uint8_t>{'A', 'C', 'K', 0}));
 }
 
 TEST_F(Kr2ResponderTest, FailedReceiveIsOnlyCounted) {
   socket_.fail_receive = true;
   EXPECT_EQ(HandleRequestWith(socket_, machine_), Kr2Outcome::ReceiveFailed);
-  EXPECT_EQ(g_local_status.failed[0], 1u);
+  EXPECT_EQ(+g_local_status.failed[0], 1u);
   EXPECT_TRUE(g_marks.empty());
 }
 
@@ -201,12 +201,12 @@ TEST_F(Kr2ResponderTest, FailedSendStillCountsTheReply) {
   socket_.fail_send = true;
   platform::fake::AdvanceSystemTime(50 * 10'000'000LL);
   EXPECT_EQ(Ask(4), Kr2Outcome::Answered);
-  EXPECT_EQ(g_local_status.counters[0], 1u);
-  EXPECT_EQ(g_local_status.bytes_sent, 0u);
-  EXPECT_EQ(g_local_status.times[0], PreciseClockUnixSeconds());
+  EXPECT_EQ(+g_local_status.counters[0], 1u);
+  EXPECT_EQ(+g_local_status.bytes_sent, 0u);
+  EXPECT_EQ(+g_local_status.times[0], PreciseClockUnixSeconds());
   socket_.fail_send = false;
   Ask(0);
-  EXPECT_EQ(g_local_status.bytes_sent, 4u);
+  EXPECT_EQ(+g_local_status.bytes_sent, 4u);
 }
 
 TEST_F(Kr2ResponderTest, StatusRefreshesAndCountsItself) {
@@ -216,16 +216,16 @@ TEST_F(Kr2ResponderTest, StatusRefreshesAndCountsItself) {
   Ask(128);
   LocalStatusRecord st;
   std::memcpy(&st, socket_.sent.back().data(), sizeof st);
-  EXPECT_EQ(st.product_code, 7u);
-  EXPECT_EQ(st.sync_type, 3);
-  EXPECT_EQ(st.last_status_request, PreciseClockUnixSeconds());
+  EXPECT_EQ(+st.product_code, 7u);
+  EXPECT_EQ(+st.sync_type, 3);
+  EXPECT_EQ(+st.last_status_request, PreciseClockUnixSeconds());
   EXPECT_STREQ(st.version, "4.2.b.20081210R");
   EXPECT_STREQ(st.partner_name, "(none since startup)");
-  EXPECT_EQ(st.offset_sum_ms, 77);
+  EXPECT_EQ(+st.offset_sum_ms, 77);
   // The copy sent is taken before the reply is counted.
-  EXPECT_EQ(st.counters[0], 0u);
-  EXPECT_EQ(st.bytes_received, kKr2RequestSize);
-  EXPECT_EQ(g_local_status.counters[0], 1u);
+  EXPECT_EQ(+st.counters[0], 0u);
+  EXPECT_EQ(+st.bytes_received, kKr2RequestSize);
+  EXPECT_EQ(+g_local_status.counters[0], 1u);
 }
 
 TEST_F(Kr2ResponderTest, ClearEmptiesHistoryAndResetsCounters) {
@@ -241,15 +241,15 @@ TEST_F(Kr2ResponderTest, ClearEmptiesHistoryAndResetsCounters) {
   EXPECT_EQ(machine_.clears, 1);
   LocalStatusRecord st;
   std::memcpy(&st, socket_.sent.back().data(), sizeof st);
-  EXPECT_EQ(st.offset_sum_ms, 0);
-  EXPECT_EQ(st.sync_successes, 0u);
-  EXPECT_EQ(st.sync_verdicts, 0u);
-  EXPECT_EQ(st.sync_failures, 0u);
-  EXPECT_EQ(st.counters[0], 0u);
-  EXPECT_EQ(st.bytes_received, 0u);
-  EXPECT_EQ(st.bytes_sent, 0u);
-  EXPECT_EQ(st.last_counter_reset, PreciseClockUnixSeconds());
-  EXPECT_EQ(st.last_offset_ms, -12);   // the last offset is not a counter
+  EXPECT_EQ(+st.offset_sum_ms, 0);
+  EXPECT_EQ(+st.sync_successes, 0u);
+  EXPECT_EQ(+st.sync_verdicts, 0u);
+  EXPECT_EQ(+st.sync_failures, 0u);
+  EXPECT_EQ(+st.counters[0], 0u);
+  EXPECT_EQ(+st.bytes_received, 0u);
+  EXPECT_EQ(+st.bytes_sent, 0u);
+  EXPECT_EQ(+st.last_counter_reset, PreciseClockUnixSeconds());
+  EXPECT_EQ(+st.last_offset_ms, -12);   // the last offset is not a counter
 }
 
 TEST_F(Kr2ResponderTest, DriftRecordAfterTheArgument) {
@@ -288,8 +288,8 @@ TEST_F(Kr2ResponderTest, ProductsRecordFields) {
   Kr2Products p;
   ASSERT_EQ(socket_.sent.back().size(), sizeof p);
   std::memcpy(&p, socket_.sent.back().data(), sizeof p);
-  EXPECT_EQ(p.reserved, 0u);
-  EXPECT_EQ(p.machine_flags & 0xF, 7u);
+  EXPECT_EQ(+p.reserved, 0u);
+  EXPECT_EQ(+p.machine_flags & 0xF, 7u);
   EXPECT_TRUE(p.machine_flags & (1u << 4));
   EXPECT_TRUE(p.machine_flags & (1u << 5));
   EXPECT_FALSE(p.machine_flags & (1u << 14));
@@ -297,24 +297,24 @@ TEST_F(Kr2ResponderTest, ProductsRecordFields) {
   EXPECT_TRUE(p.machine_flags & (1u << 25));
   EXPECT_TRUE(p.machine_flags & (1u << 27));   // level 32768
   EXPECT_FALSE(p.machine_flags & (1u << 18));
-  EXPECT_NE(p.machine_flags >> 30, 0u);        // a zone state (standard or daylight)
-  EXPECT_EQ(p.size_288, 288u);
-  EXPECT_EQ(p.partner_state, 1);
-  EXPECT_EQ(p.dollar, '$');
-  EXPECT_EQ(p.utc_time.year, 2026);
-  EXPECT_EQ(p.last_offset_ms, -42);
-  EXPECT_EQ(p.sync_successes, 3u);
-  EXPECT_EQ(p.ephemerides, 1'600'000'000u);
-  EXPECT_EQ(p.now, PreciseClockUnixSeconds());
+  EXPECT_NE(+p.machine_flags >> 30, 0u);        // a zone state (standard or daylight)
+  EXPECT_EQ(+p.size_288, 288u);
+  EXPECT_EQ(+p.partner_state, 1);
+  EXPECT_EQ(+p.dollar, '$');
+  EXPECT_EQ(+p.utc_time.year, 2026);
+  EXPECT_EQ(+p.last_offset_ms, -42);
+  EXPECT_EQ(+p.sync_successes, 3u);
+  EXPECT_EQ(+p.ephemerides, 1'600'000'000u);
+  EXPECT_EQ(+p.now, PreciseClockUnixSeconds());
   EXPECT_STREQ(p.version, "4.2.b.20081210R");
   EXPECT_STREQ(p.partner, "ntp.example");
   EXPECT_STREQ(p.computer_name, "A-VERY-LONG-COM");
-  EXPECT_EQ(p.responder_block[0], 0xAB);
-  EXPECT_EQ(p.installed, 0x8000 | 0x200);
+  EXPECT_EQ(+p.responder_block[0], 0xAB);
+  EXPECT_EQ(+p.installed, 0x8000 | 0x200);
   Kr2ForgetLastRequest();
   Ask(201);
   std::memcpy(&p, socket_.sent.back().data(), sizeof p);
-  EXPECT_EQ(p.responder_block[0], 0);
+  EXPECT_EQ(+p.responder_block[0], 0);
 }
 
 TEST_F(Kr2ResponderTest, Windows2000SetsItsFamilyBit) {
@@ -335,9 +335,9 @@ TEST_F(Kr2ResponderTest, TimeZoneReplyIsWrittenOverTheReceiveBuffer) {
   ASSERT_EQ(socket_.sent.back().size(), sizeof tz);
   std::memcpy(&tz, socket_.sent.back().data(), sizeof tz);
   EXPECT_TRUE(tz.zone_id == 1 || tz.zone_id == 2);
-  EXPECT_EQ(tz.info_size, 240u);
-  EXPECT_EQ(tz.daylight_disabled, 1u);
-  EXPECT_EQ(tz.zero[255], 0);   // nothing of the request is left in the reply
+  EXPECT_EQ(+tz.info_size, 240u);
+  EXPECT_EQ(+tz.daylight_disabled, 1u);
+  EXPECT_EQ(+tz.zero[255], 0);   // nothing of the request is left in the reply
   EXPECT_EQ(0, std::memcmp(g_kr2.receive.data() + 8, &tz, sizeof tz));
   // A whole 512-byte request overwrites the buffer: the same one again is a repeat.
   EXPECT_EQ(AskBytes(request), Kr2Outcome::Repeat);

@@ -351,18 +351,18 @@ TEST_F(HostProcessTest, Kr2RepliesOverUdp) {
   EXPECT_EQ(0, std::memcmp(reply, "NAK", 4));
   IdentityRecord id{};
   ASSERT_EQ(Kr2Ask(peer, kKr2Identity, 0, &id, sizeof id), 64);
-  EXPECT_EQ(id.product_code, 7u);
+  EXPECT_EQ(+id.product_code, 7u);
   EXPECT_STREQ(id.version, "4.2.b.20081210R");
-  EXPECT_NE(id.ephemerides, 0u);
+  EXPECT_NE(+id.ephemerides, 0u);
   LocalStatusRecord st{};
   ASSERT_EQ(Kr2Ask(peer, kKr2Status, 0, &st, sizeof st), 355);
-  EXPECT_EQ(st.product_code, 7u);
-  EXPECT_NE(st.agent_start, 0u);
-  EXPECT_GE(st.counters[0], 14u);   // the replies above
+  EXPECT_EQ(+st.product_code, 7u);
+  EXPECT_NE(+st.agent_start, 0u);
+  EXPECT_GE(+st.counters[0], 14u);   // the replies above
   Kr2Products products{};
   ASSERT_EQ(Kr2Ask(peer, kKr2Products, 0, &products, sizeof products), 302);
-  EXPECT_EQ(products.dollar, '$');
-  EXPECT_EQ(products.size_288, 288u);
+  EXPECT_EQ(+products.dollar, '$');
+  EXPECT_EQ(+products.size_288, 288u);
   EXPECT_TRUE(products.installed & 0x8000);
 
   // Refused without "Prohibited KR2 Commands": no reply.
