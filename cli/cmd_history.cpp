@@ -4,6 +4,7 @@
 #include <string>
 
 #include "cli/commands.h"
+#include "cli/drift_list.h"
 #include "drift/drift_file.h"
 #include "drift/drift_log.h"
 #include "platform/clock.h"
@@ -113,44 +114,29 @@ int Append(CommandArgs args) {
 
 }  // namespace
 
-int CmdHistory(CommandArgs args) {
-  if (!args.empty() && args[0] == "append") return Append(args.subspan(1));
-  std::string file;
-  enum { Text, Csv, Json } format = Text;
-  for (const auto a : args) {
-    if (IsHelp(a)) return std::fputs(kHelp, stdout), kExitOk;
-    if (a == "--csv") format = Csv;
-    else if (a == "--json") format = Json;
-    else if (!a.empty() && a[0] == '-') return UsageError("history", "unknown option '" + std::string(a) + "'");
-    else if (file.empty()) file = std::string(a);
-    else return UsageError("history", "only one FILE can be listed");
-  }
-  if (file.empty()) return UsageError("history", "FILE is missing");
-  if (file.size() > kDriftPathMax) return UsageError("history", "FILE is longer than 260 characters");
-  DriftLog log;
-  if (!LoadDriftFileForCli("history", file, false, log)) return kExitFailed;
-
-  if (format == Csv)
+void PrintDriftRecords(const DriftRecord* records, std::uint32_t count, DriftListFormat format,
+                       std::string_view json_key, std::string_view json_value) {
+  if (format == DriftListFormat::Csv)
     std::printf("check_time,check_time_utc,source,address,clock_set,phase_adjustment,reason_code,reason,"
                 "machine_type_code,machine_type,variance_ms,version\n");
-  else if (format == Json)
-    std::printf("{\"file\": %s, \"records\": [", JsonString(file).c_str());
+  else if (format == DriftListFormat::Json)
+    std::printf("{%s: %s, \"records\": [", JsonString(json_key).c_str(), JsonString(json_value).c_str());
   else
     std::printf("%-28s  %-15s  %-3s  %6s  %-13s  %-13s  %12s\n", "Check time", "Source", "Set", "PhAdj", "Reason",
                 "Machine type", "Variance ms");
-  for (std::uint32_t i = 0; i < log.record_count; ++i) {
-    const DriftRecord& r = log.records[i];
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const DriftRecord& r = records[i];
     const bool phase_known = r.version >= kDriftRecordVersion;
     const std::string phase = phase_known ? std::to_string(DriftPhaseAdjustment(r)) : "";
     const char* reason = CheckReasonName(r.reason);
     const char* machine = MachineTypeName(DriftMachineType(r));
     const std::string source = DriftSourceName(r.address);
-    if (format == Csv) {
+    if (format == DriftListFormat::Csv) {
       std::printf("%u,%s,%s,%s,%d,%s,%u,%s,%u,%s,%d,%u\n", r.check_time, FormatUtcDate(r.check_time),
                   CsvField(source).c_str(), Dotted(r.address).c_str(), DriftClockSet(r) ? 1 : 0, phase.c_str(),
                   r.reason, CsvField(reason).c_str(), DriftMachineType(r), CsvField(machine).c_str(), r.variance_ms,
                   r.version);
-    } else if (format == Json) {
+    } else if (format == DriftListFormat::Json) {
       std::printf("%s\n  {\"check_time\": %u, \"check_time_utc\": %s, \"source\": %s, \"address\": %s, "
                   "\"clock_set\": %s, \"phase_adjustment\": %s, \"reason\": %s, \"reason_code\": %u, "
                   "\"machine_type\": %s, \"machine_type_code\": %u, \"variance_ms\": %d, \"version\": %u}",
@@ -164,7 +150,27 @@ int CmdHistory(CommandArgs args) {
                   DriftClockSet(r) ? "Y" : "N", phase.c_str(), reason, machine, r.variance_ms);
     }
   }
-  if (format == Json) std::printf("%s]}\n", log.record_count ? "\n" : "");
-  else if (format == Text) std::printf("%u record%s\n", log.record_count, log.record_count == 1 ? "" : "s");
+  if (format == DriftListFormat::Json) std::printf("%s]}\n", count ? "\n" : "");
+  else if (format == DriftListFormat::Text) std::printf("%u record%s\n", count, count == 1 ? "" : "s");
+}
+
+int CmdHistory(CommandArgs args) {
+  if (!args.empty() && args[0] == "append") return Append(args.subspan(1));
+  std::string file;
+  DriftListFormat format = DriftListFormat::Text;
+  for (const auto a : args) {
+    if (IsHelp(a)) return std::fputs(kHelp, stdout), kExitOk;
+    if (a == "--csv") format = DriftListFormat::Csv;
+    else if (a == "--json") format = DriftListFormat::Json;
+    else if (!a.empty() && a[0] == '-') return UsageError("history", "unknown option '" + std::string(a) + "'");
+    else if (file.empty()) file = std::string(a);
+    else return UsageError("history", "only one FILE can be listed");
+  }
+  if (file.empty()) return UsageError("history", "FILE is missing");
+  if (file.size() > kDriftPathMax) return UsageError("history", "FILE is longer than 260 characters");
+  DriftLog log;
+  if (!LoadDriftFileForCli("history", file, false, log)) return kExitFailed;
+
+  PrintDriftRecords(log.records.get(), log.record_count, format, "file", file);
   return kExitOk;
 }

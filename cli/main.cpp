@@ -20,6 +20,8 @@ constexpr Command kCommands[] = {
     {"install", "install the provider module on this or another machine and register it", CmdInstall},
     {"remove", "remove the provider module's registration and move the module aside", CmdRemove},
     {"graph", "draw the drift graph of a drift history file as PNG or SVG", CmdGraph},
+    {"kr2", "ask a machine's KR2 responder: identity, status, time, zone, products, history", CmdKr2},
+    {"monitor", "poll the KR2 status of many machines at once, one line per machine", CmdMonitor},
 };
 
 void PrintHelp() {

@@ -47,6 +47,11 @@ inline constexpr std::uint32_t kNtpReceiveSpinUs = 200;
 // (424 x 190 dialog units); the command line draws this size unless told otherwise.
 inline constexpr int kGraphPlotWidth = 636;
 inline constexpr int kGraphPlotHeight = 308;
+// Values the agent keeps under the provider's key.
+inline constexpr const char* kLastUsedTimeSourceValue = "Last Used Time Source";
+inline constexpr const char* kPartnerValue = "Current Inbound Time Partner";
+// KR2 client (chronwarden kr2 / monitor).
+inline constexpr std::uint32_t kKr2TimeoutMs = 1000;       // reply wait of one request (ms)
 
 }  // namespace defaults
 
@@ -102,6 +107,7 @@ inline constexpr const char* kDefaultMachineRoot = "/var/lib/chronwarden";  // t
 // The product family's identity, as the shared status block, the status records and the
 // registration show it.
 namespace defaults {
+inline constexpr const char* kVersionText = "4.2.b.20081210R";     // "Current Version"
 inline constexpr std::uint32_t kVersionMajor = 4;
 inline constexpr std::uint32_t kVersionMinor = 2;
 inline constexpr std::uint32_t kBuildYear = 2008;

@@ -10,6 +10,8 @@
 
 namespace platform {
 
+struct EventObject;   // platform/sync.h
+
 using SocketHandle = std::uintptr_t;                        // SOCKET; a file descriptor on POSIX
 inline constexpr SocketHandle kInvalidSocket = ~SocketHandle{0};   // INVALID_SOCKET
 
@@ -60,6 +62,7 @@ bool SetReceiveTimeout(SocketHandle s, std::uint32_t timeout_ms);   // SO_RCVTIM
 bool SetNoDelay(SocketHandle s, bool on);                           // TCP_NODELAY (fails on datagram sockets)
 bool SetReuseAddress(SocketHandle s, bool on);                      // SO_REUSEADDR
 bool BindV4(SocketHandle s, const SocketAddressV4& local);          // bind
+bool SocketName(SocketHandle s, SocketAddressV4& local);            // getsockname: the bound address and port
 // sendto: bytes sent, or -1 on failure.
 int SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddressV4& to);
 // recv / recvfrom (from may be nullptr): bytes received, or -1 on failure (10060 when the receive
@@ -69,6 +72,14 @@ int ReceiveFrom(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* fr
 // recv without waiting: bytes received, or -1 with 10035 (would block) when nothing is queued, or
 // with the receive's own error.
 int ReceiveNow(SocketHandle s, void* buf, std::size_t size);
+// recvfrom without waiting: as ReceiveNow, with the sender's address (from may be nullptr).
+int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* from);
+// gethostbyaddr for IPv4 (address in network order): the host name into name (size bytes, always
+// terminated). False when the address has no name.
+bool LookupAddressV4(std::uint32_t address, char* name, std::size_t size);
+// WSAEventSelect for FD_READ: with read true the event is set whenever a datagram waits on the
+// socket (the POSIX event waits notice it through poll); with read false the binding is undone.
+bool SelectSocketEvent(SocketHandle s, EventObject* event, bool read);
 bool ShutdownSocket(SocketHandle s);         // shutdown(SD_BOTH)
 bool CloseSocket(SocketHandle s);            // closesocket; kInvalidSocket is ignored
 

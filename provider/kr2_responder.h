@@ -1,64 +1,37 @@
-// The KR2 responder's socket and the records it answers from: the identity record and the local
-// sync status record (little-endian, packed, as they go on the wire). All multi-byte fields are in
-// the host's order; times are seconds since 1970.
+// The KR2 responder: answers the status, identity, time and history queries that the family's
+// monitoring and management tools send over UDP, one datagram at a time on the agent thread.
+//
+// The responder's records (identity, local sync status, installed products) and its receive
+// buffer are process-wide (g_kr2). What it reads and does outside itself goes through two small
+// interfaces, so that the request handling can be tested and fuzzed on its own: Kr2Socket (the
+// datagram transport) and Kr2Machine (drift history, registry, time-service settings, the sync
+// event). HandleRequest(socket) is the provider's entry; HandleRequestWith is the same logic on
+// any transport and machine.
+//
+// The listen socket (CreateListenSocket/CloseListenSocket) and the identity and local status
+// records are built by the provider's start-up; the installed-product record is rebuilt for each
+// request that asks for it.
+//
+// Behaviour worth knowing:
+// - the receive buffer is kept between requests: a datagram shorter than 5 bytes is judged by
+//   whatever byte 4 of the buffer still holds, and a request whose 512 buffer bytes equal the last
+//   answered one is a repeat and dropped (the first request after a new listen socket is always
+//   handled);
+// - a refused (prohibited or unknown) code is dropped without a reply, a count or an activity mark;
+// - the time-zone reply is written over the receive buffer from offset 8 on.
 #pragma once
 #include <array>
 #include <cstddef>
 #include <cstdint>
 
+#include "drift/drift_record.h"
 #include "platform/net.h"
+#include "platform/sync.h"
+#include "provider/kr2_records.h"
 
-inline constexpr const char* kKr2ServiceName = "kaironsync";   // the service whose UDP port is used
-inline constexpr std::uint16_t kKr2DefaultPort = 9909;         // when that service is not known
 inline constexpr std::uint32_t kKr2BindAttempts = 4;           // bind tries while the port is in use
 inline constexpr std::uint32_t kKr2BindRetryMs = 500;          // pause between them (ms)
-inline constexpr std::uint32_t kKr2RequestMax = 512;           // bytes read of a request
-inline constexpr std::uint32_t kKr2ResponderBlockSize = 36;
 inline constexpr const char* kServerAnswerIpValue = "Server Answer IP";   // product Parameters, text
-
-#pragma pack(push, 1)
-struct IdentityRecord {
-  std::uint32_t ephemerides;       // the provider's first start
-  std::uint32_t product_code;      // 7
-  std::uint16_t major_version, minor_version, build_year, build_month_day;
-  std::uint32_t one;               // 1
-  std::uint32_t nt_family;         // 1 on an NT-family system
-  char version[16];                // 24: "4.2.b.20081210R"
-  std::uint8_t unused40[8];        // 40: zero
-  char computer_name[16];          // 48:          // at most 15 characters
-};
-static_assert(sizeof(IdentityRecord) == 64);
-
-struct LocalStatusRecord {
-  std::uint32_t product_code;          // 0: 7
-  std::uint32_t last_status_request;   // 4
-  std::uint32_t last_counter_reset;    // 8
-  std::uint32_t partner_time;          // 12: when the current partner was taken
-  std::uint32_t agent_start;           // 16
-  std::uint32_t cleared;               // 20: cleared at agent start and stop
-  std::int64_t last_offset_ms;         // 24
-  std::int64_t offset_sum_ms;          // 32
-  char time_zone[32];                  // 40
-  char version[20];                    // 72
-  std::uint8_t status_flags;           // 92: 2 is the checking bit
-  std::uint8_t sync_type;              // 93: the W32Time "Type" code
-  std::uint8_t unused94[10];
-  char partner_name[63];               // 104
-  std::uint8_t partner_state;          // 167: 254 at agent start, 1 once a partner is taken
-  std::uint8_t zero168[7];
-  std::uint32_t times[7];              // 175: [0] the last reply sent
-  std::uint64_t counters[7];           // 203: [0] replies sent
-  std::uint64_t failed[7];             // 259: [0] failed receives
-  std::uint64_t bytes_received;        // 315
-  std::uint64_t bytes_sent;            // 323
-  std::uint64_t sync_successes;        // 331: partners taken
-  std::uint64_t sync_verdicts;         // 339
-  std::uint64_t sync_failures;         // 347
-};
-static_assert(sizeof(LocalStatusRecord) == 355);
-static_assert(offsetof(LocalStatusRecord, partner_name) == 104 && offsetof(LocalStatusRecord, times) == 175 &&
-              offsetof(LocalStatusRecord, bytes_received) == 315);
-#pragma pack(pop)
 
 extern IdentityRecord g_identity;
 extern LocalStatusRecord g_local_status;
@@ -66,17 +39,86 @@ extern platform::SocketHandle g_listen_socket;     // kInvalidSocket when there 
 extern std::array<std::uint8_t, kKr2ResponderBlockSize> g_responder_block;
 extern std::array<std::uint8_t, kKr2RequestMax> g_last_request;   // the remembered last request
 
+// The datagram transport of the listen socket.
+struct Kr2Socket {
+  virtual ~Kr2Socket() = default;
+  // One datagram into buf (at most size bytes): bytes received, or -1 on failure.
+  virtual int Receive(std::uint8_t* buf, std::size_t size, platform::SocketAddressV4& from) = 0;
+  // One datagram to to: bytes sent, or -1 on failure.
+  virtual int Send(const void* data, std::size_t size, const platform::SocketAddressV4& to) = 0;
+};
+
+// What the responder reads from and does to the machine.
+struct Kr2Machine {
+  virtual ~Kr2Machine() = default;
+  virtual void RequestResync() = 0;                          // sets the provider's sync event
+  virtual void ClearHistory() = 0;                           // empties drift.kr, deletes "Last Used Time Source"
+  virtual bool DriftAfter(DriftRecord& out, std::uint32_t after) = 0;   // first record later than after (s since 1970)
+  virtual std::uint32_t SyncType() = 0;                      // the time service's "Type" code
+  virtual std::uint32_t MaxPhaseOffsetSeconds() = 0;         // "MaxAllowedPhaseOffset", seconds
+  virtual std::uint16_t InstalledProducts() = 0;             // kKr2Installed... bits of the family's products found
+  virtual std::uint32_t DaylightDisabled() = 0;              // the zone's automatic daylight adjustment is off
+};
+
+// The provider's machine: drift.kr through drift/drift_file.h, the registry through
+// config/registry.h, the provider's settings record and sync event.
+struct Kr2SystemMachine final : Kr2Machine {
+  void RequestResync() override;
+  void ClearHistory() override;
+  bool DriftAfter(DriftRecord& out, std::uint32_t after) override;
+  std::uint32_t SyncType() override;
+  std::uint32_t MaxPhaseOffsetSeconds() override;
+  std::uint16_t InstalledProducts() override;
+  std::uint32_t DaylightDisabled() override;
+};
+
+// A real socket as the transport.
+struct Kr2SocketOn final : Kr2Socket {
+  explicit Kr2SocketOn(platform::SocketHandle s) : socket(s) {}
+  platform::SocketHandle socket;
+  int Receive(std::uint8_t* buf, std::size_t size, platform::SocketAddressV4& from) override;
+  int Send(const void* data, std::size_t size, const platform::SocketAddressV4& to) override;
+};
+
+// The responder's own process-wide state.
+struct Kr2State {
+  Kr2Products products{};
+  alignas(8) std::array<std::uint8_t, kKr2RequestMax> receive{};   // the receive buffer, kept between requests
+  bool have_last = false;                               // false after a new listen socket
+  // Facts about this system, set by start-up (operating-system identification).
+  bool nt_family = true;
+  bool win9x_family = false;
+  std::uint32_t os_level = 32768;                       // 2048 Windows 2000, ... 32768 Windows Server 2008 and later
+};
+extern Kr2State g_kr2;
+
+// How one request ended.
+enum class Kr2Outcome { ReceiveFailed, Refused, Repeat, Unanswered, Answered };
+
 // Fills the identity record, reading "Ephemerides" under the provider key, or setting it to now
 // (and writing it back) when it is missing or 0.
 void BuildIdentityRecord();
 // Zero-fills the local status record, then product code 7, version, "(none since startup)", the
 // time-zone name, and resets its counters.
 void InitLocalStatusRecord();
-void ResetStatusCounters();      // the counters and sums to 0, the time of the reset to now
-void RefreshTimeZoneName();      // the zone's current name, at most 31 bytes, "unknown" when none
-
+// Resets the status record's times, counters, byte counts, offset sum and sync counters; the time
+// of the last counter reset becomes now.
+void ResetStatusCounters();
+// The zone's current name into the status record (at most 31 bytes, "unknown" on error or when
+// empty); returns the zone state: 1 daylight, 2 standard, 0 on error. (The platform always tells
+// whether daylight time is in force, so the "no zone state" case does not arise.)
+std::uint32_t RefreshTimeZoneName();
 // Opens the KR2 listen socket (port of "kaironsync"/udp, else 9909; address "Server Answer IP"
 // when it is one of this machine's own, else all). True on success; on failure the error event
 // "Could not create listen socket; %s" is written and there is no socket.
 bool CreateListenSocket();
 void CloseListenSocket();        // shutdown both ways, close, forget "Server Answer IP"
+// Rebuilds g_kr2.products from the status and identity records, the clocks and the machine.
+void Kr2BuildProducts(Kr2Machine& machine);
+// A new listen socket: zeroes the responder block and forgets the last request.
+void Kr2ForgetLastRequest();
+
+// Reads and answers one datagram (the provider's entry, on the agent thread).
+void HandleRequest(platform::SocketHandle socket);
+// The same on any transport and machine.
+Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine);

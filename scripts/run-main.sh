@@ -1,8 +1,114 @@
 #!/usr/bin/env bash
-# Builds the Linux target and runs the main job: the precise clock against the wall clocks.
+# The main job: builds the Linux target and runs the product for real in a machine root of its own.
+# The time provider module and the host are installed there, a local reference is started when none
+# answers (chronyd -x on the loopback: it never touches this machine's clock), a second chronyd -x
+# plays this machine's NTP client (the host reads its tracking state as the time service's), and
+# chronwarden-host runs the provider with a short check interval. As they happen it shows the
+# partner text, each drift record and the KR2 status read back over UDP; the report comes at the end.
+# Ctrl-C stops it cleanly.
+#
+# Usage: scripts/run-main.sh [--duration SECONDS] [--interval SECONDS] [--keep]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+duration=0 interval=20 keep=0
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --duration) duration=${2:?--duration needs seconds}; shift 2 ;;
+    --interval) interval=${2:?--interval needs seconds}; shift 2 ;;
+    --keep) keep=1; shift ;;
+    -h|--help) sed -n '2,10p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    *) echo "run-main.sh: unknown option '$1' (try --help)" >&2; exit 2 ;;
+  esac
+done
+
 scripts/install-deps.sh
 cmake --preset linux >/dev/null
-cmake --build --preset linux -j "$(nproc)" --target chronwarden
-build/linux/cli/chronwarden clock --samples 20 "$@"
+cmake --build --preset linux -j "$(nproc)" --target chronwarden chronwarden-host w32tmkr
+cw=$PWD/build/linux/cli/chronwarden
+host=$PWD/build/linux/host/chronwarden-host
+module=$(find build/linux -name w32tmkr.cpl -type f | head -1)
+
+root=$(mktemp -d /tmp/chronwarden-main.XXXXXX)
+export CHRONWARDEN_ROOT=$root
+export CHRONWARDEN_SHM_NAMESPACE="main$$."
+mkdir -p "$root/system32" "$root/ntp"
+cp "$module" "$root/system32/w32tmkr.cpl"
+echo "== machine root $root"
+
+host_pid="" client_pid="" peers_started=0
+cleanup() {
+  trap - INT TERM EXIT
+  if [ -n "$host_pid" ] && kill -0 "$host_pid" 2>/dev/null; then
+    kill -TERM "$host_pid"; wait "$host_pid" 2>/dev/null || true
+  fi
+  [ -n "$client_pid" ] && kill "$client_pid" 2>/dev/null || true
+  [ "$peers_started" = 1 ] && sh scripts/ntp-peers.sh stop "$root/ntp" || true
+  drift=$(find "$root" -name drift.kr | head -1)
+  if [ -n "$drift" ]; then
+    echo "== synchronization summary report"
+    "$cw" report "$drift" --utc -o - || true
+  fi
+  [ "$keep" = 1 ] || rm -rf "$root"
+}
+trap cleanup INT TERM EXIT
+
+# The reference: chronyd -x on 127.0.0.1 unless an NTP server already answers there.
+if ! "$cw" ntp query 127.0.0.1 --timeout 500 >/dev/null 2>&1; then
+  sh scripts/ntp-peers.sh start "$root/ntp"
+  peers_started=1
+fi
+# This machine's NTP client: chronyd -x following 127.0.0.1, its command socket in the root.
+cat >"$root/ntp/client.conf" <<CONF
+server 127.0.0.1 iburst minpoll -2 maxpoll 0
+port 0
+cmdport 0
+bindcmdaddress $root/ntp/client.sock
+pidfile $root/ntp/client.pid
+driftfile $root/ntp/client.drift
+CONF
+chmod 700 "$root/ntp"   # chronyd keeps its command socket only in a folder closed to others
+"$(command -v chronyd || echo /usr/sbin/chronyd)" -x -d -u root -f "$root/ntp/client.conf" >"$root/ntp/client.log" 2>&1 &
+client_pid=$!
+
+# The time service's settings and the provider's registration.
+prov='\\System\CurrentControlSet\Services\W32Time\TimeProviders\Chronwarden'
+ntpc='\\System\CurrentControlSet\Services\W32Time\TimeProviders\NtpClient'
+params='\\System\CurrentControlSet\Services\W32Time\Parameters'
+"$cw" reg set "$prov" Enabled --type dword --data 1
+"$cw" reg set "$prov" DllName --data w32tmkr.cpl
+"$cw" reg set "$prov" InputProvider --type dword --data 1
+"$cw" reg set "$prov" SpecialPollInterval --type dword --data "$interval"
+"$cw" reg set "$prov" "Reference Clock" --data 127.0.0.1
+"$cw" reg set "$prov" "DNS Lookups Enabled" --data False
+"$cw" reg set "$ntpc" Enabled --type dword --data 1
+"$cw" reg set "$ntpc" InputProvider --type dword --data 1
+"$cw" reg set "$params" Type --data NTP
+# Every KR2 command allowed, so that the drift history can be read back over UDP.
+"$cw" reg set "$params" "Prohibited KR2 Commands" --type binary --data "$(printf '00%.0s' $(seq 256))"
+
+echo "== chronwarden-host (check interval ${interval} s)"
+"$host" --foreground --poll 10 --chrony-socket "$root/ntp/client.sock" &
+host_pid=$!
+
+partner="" seen=0 start=$SECONDS
+while kill -0 "$host_pid" 2>/dev/null; do
+  sleep 2
+  now_partner=$("$cw" reg query "$prov" "Current Inbound Time Partner" 2>/dev/null | sed -n 's/.*REG_SZ *//p')
+  if [ -n "$now_partner" ] && [ "$now_partner" != "$partner" ]; then
+    partner=$now_partner
+    echo "== partner: $partner"
+  fi
+  drift=$(find "$root" -name drift.kr | head -1)
+  if [ -n "$drift" ]; then
+    count=$(( $(stat -c %s "$drift") / 20 ))
+    if [ "$count" -gt "$seen" ]; then
+      echo "== drift records"
+      "$cw" history "$drift" | sed -n "1p;$((seen + 2)),$((count + 1))p"
+      seen=$count
+      echo "== KR2 status (chronwarden kr2 localhost status)"
+      "$cw" kr2 localhost status | grep -E "^(partner|last offset ms|last check|agent start|replies sent|sync successes):" || true
+    fi
+  fi
+  if [ "$duration" -gt 0 ] && [ $((SECONDS - start)) -ge "$duration" ]; then break; fi
+done

@@ -46,6 +46,14 @@ struct TimeServiceFake {
     std::lock_guard lock(mutex);
     return events;
   }
+  // The events other than the agent's "Unable to verify the system clock time" warning, which a
+  // provider started without any time source writes at its start-up check.
+  static std::vector<LoggedEvent> EventsBesidesUnverified() {
+    std::vector<LoggedEvent> out;
+    for (auto& e : Events())
+      if (e.text.rfind("Unable to verify the system clock time", 0) != 0) out.push_back(e);
+    return out;
+  }
   static void Clear() {
     std::lock_guard lock(mutex);
     events.clear();

@@ -13,6 +13,7 @@ struct EventObject {
   bool set = false;
   int fd = -1;           // eventfd, readable exactly while set
   NamedEventLink* named = nullptr;   // set for a named event: the state lives in shared memory
+  int socket_fd = -1;    // a socket bound with SelectSocketEvent: readable data sets the event
 };
 
 namespace posix {

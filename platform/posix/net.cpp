@@ -17,6 +17,7 @@
 #include <cstring>
 
 #include "platform/error.h"
+#include "platform/posix/event.h"
 #include "platform/sys.h"
 
 namespace platform {
@@ -194,6 +195,43 @@ int ReceiveNow(SocketHandle s, void* buf, std::size_t size) {
   const ssize_t n = recv(Fd(s), buf, size, MSG_DONTWAIT);
   if (n < 0) return Fail(errno, IsDatagram(Fd(s)));   // EAGAIN reads as 10035 here
   return static_cast<int>(n);
+}
+
+bool SocketName(SocketHandle s, SocketAddressV4& local) {
+  sockaddr_in sin{};
+  socklen_t len = sizeof sin;
+  if (getsockname(Fd(s), reinterpret_cast<sockaddr*>(&sin), &len) != 0) return Fail(errno, false), false;
+  local = SocketAddressV4{kFamilyInet, sin.sin_port, sin.sin_addr.s_addr};
+  return true;
+}
+
+int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* from) {
+  sockaddr_in sin{};
+  socklen_t len = sizeof sin;
+  const ssize_t n = recvfrom(Fd(s), buf, size, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&sin), &len);
+  if (n < 0) return Fail(errno, IsDatagram(Fd(s)));   // EAGAIN reads as 10035 here
+  if (from) *from = SocketAddressV4{kFamilyInet, sin.sin_port, sin.sin_addr.s_addr};
+  return static_cast<int>(n);
+}
+
+bool LookupAddressV4(std::uint32_t address, char* name, std::size_t size) {
+  if (!name || size == 0) return false;
+  name[0] = 0;
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_addr.s_addr = address;
+  char host[NI_MAXHOST];
+  if (getnameinfo(reinterpret_cast<const sockaddr*>(&sin), sizeof sin, host, sizeof host, nullptr, 0, NI_NAMEREQD) != 0)
+    return false;
+  std::strncat(name, host, size - 1);
+  return true;
+}
+
+bool SelectSocketEvent(SocketHandle s, EventObject* event, bool read) {
+  if (!event) return SetLastSocketError(10022), false;   // WSAEINVAL
+  std::lock_guard<std::mutex> hold(event->mutex);
+  event->socket_fd = read ? Fd(s) : -1;
+  return true;
 }
 
 bool ShutdownSocket(SocketHandle s) {

@@ -83,10 +83,18 @@ void CloseEvent(EventHandle e) {
 
 std::uint32_t WaitForAnyEvent(const EventHandle* events, std::uint32_t count, std::uint32_t timeout_ms) {
   if (count == 0 || !events) return SetLastError(kErrorInvalidParameter), kWaitFailed;
+  // Each event's eventfd, then the sockets bound to events (SelectSocketEvent): readable data on
+  // such a socket sets its event, as Winsock's FD_READ does.
   std::vector<pollfd> fds(count);
+  std::vector<std::uint32_t> bound;
   for (std::uint32_t i = 0; i < count; ++i) {
     if (!events[i]) return SetLastError(kErrorInvalidHandle), kWaitFailed;
     fds[i] = {events[i]->fd, POLLIN, 0};
+    std::lock_guard<std::mutex> hold(events[i]->mutex);
+    if (events[i]->socket_fd >= 0) {
+      fds.push_back({events[i]->socket_fd, POLLIN, 0});
+      bound.push_back(i);
+    }
   }
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -100,6 +108,12 @@ std::uint32_t WaitForAnyEvent(const EventHandle* events, std::uint32_t count, st
       wait = static_cast<int>(left);
     }
     if (poll(fds.data(), fds.size(), wait) < 0 && errno != EINTR) return SetLastError(kErrorInvalidHandle), kWaitFailed;
+    for (std::size_t b = 0; b < bound.size(); ++b) {
+      if (!(fds[count + b].revents & (POLLIN | POLLERR))) continue;
+      EventObject* e = events[bound[b]];
+      std::lock_guard<std::mutex> hold(e->mutex);
+      if (e->socket_fd == fds[count + b].fd) posix::SetLocalLocked(e, true);
+    }
   }
 }
 

@@ -111,6 +111,37 @@ int ReceiveNow(SocketHandle s, void* buf, std::size_t size) {
   return Receive(s, buf, size);
 }
 
+bool SocketName(SocketHandle s, SocketAddressV4& local) {
+  sockaddr_in sin{};
+  int len = sizeof sin;
+  if (::getsockname(S(s), reinterpret_cast<sockaddr*>(&sin), &len) == SOCKET_ERROR) return false;
+  local = SocketAddressV4{kFamilyInet, sin.sin_port, sin.sin_addr.s_addr};
+  return true;
+}
+
+int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* from) {
+  u_long queued = 0;
+  if (::ioctlsocket(S(s), FIONREAD, &queued) == SOCKET_ERROR) return -1;
+  if (queued == 0) {
+    ::WSASetLastError(WSAEWOULDBLOCK);
+    return -1;
+  }
+  return ReceiveFrom(s, buf, size, from);
+}
+
+bool LookupAddressV4(std::uint32_t address, char* name, std::size_t size) {
+  if (!name || size == 0) return false;
+  name[0] = 0;
+  const hostent* h = ::gethostbyaddr(reinterpret_cast<const char*>(&address), 4, AF_INET);
+  if (!h || !h->h_name) return false;
+  std::strncat(name, h->h_name, size - 1);
+  return true;
+}
+
+bool SelectSocketEvent(SocketHandle s, EventObject* event, bool read) {
+  return ::WSAEventSelect(S(s), reinterpret_cast<HANDLE>(event), read ? FD_READ : 0) == 0;
+}
+
 bool ShutdownSocket(SocketHandle s) { return ::shutdown(S(s), SD_BOTH) == 0; }
 
 bool CloseSocket(SocketHandle s) {

@@ -24,6 +24,7 @@
 #include "platform/host.h"
 #include "platform/net.h"
 #include "platform/service.h"
+#include "provider/kr2_client.h"
 #include "tests/registry_fixture.h"
 
 namespace {
@@ -330,6 +331,65 @@ TEST_F(HostProcessTest, RegisteredItRunsAsTheW32TimeServiceUnderTheSupervisor) {
   platform::CloseServiceHandle(manager);
   platform::SetEnvironmentValue("CHRONWARDEN_SERVICE_BACKEND", nullptr);
   platform::SetEnvironmentValue("CHRONWARDEN_SHM_NAMESPACE", nullptr);
+}
+
+// The KR2 responder of the running host, over UDP from outside: every command's reply, refused
+// commands, a repeated datagram, an oversized one and an empty one.
+TEST_F(HostProcessTest, Kr2RepliesOverUdp) {
+  FakeChronyd chronyd((root_ / "chronyd.sock").string());
+  Start((root_ / "chronyd.sock").string());
+  ASSERT_TRUE(Within(20, [] { return Running() == "True"; })) << Log();
+  Kr2Peer peer;
+  ASSERT_TRUE(Kr2Open(peer, "127.0.0.1", 0, 3000));
+  std::uint8_t reply[kKr2RequestMax];
+  for (const std::uint8_t code : {0, 2, 3, 4, 5, 6, 7, 128, 132, 151, 200, 201, 204}) {
+    EXPECT_EQ(Kr2Ask(peer, code, 0, reply, sizeof reply), static_cast<int>(Kr2ReplySize(code))) << int(code) << Log();
+  }
+  Kr2Ask(peer, kKr2Ack, 0, reply, sizeof reply);
+  EXPECT_EQ(0, std::memcmp(reply, "ACK", 4));
+  Kr2Ask(peer, kKr2Nak5, 0, reply, sizeof reply);
+  EXPECT_EQ(0, std::memcmp(reply, "NAK", 4));
+  IdentityRecord id{};
+  ASSERT_EQ(Kr2Ask(peer, kKr2Identity, 0, &id, sizeof id), 64);
+  EXPECT_EQ(+id.product_code, 7u);
+  EXPECT_STREQ(id.version, "4.2.b.20081210R");
+  EXPECT_NE(+id.ephemerides, 0u);
+  LocalStatusRecord st{};
+  ASSERT_EQ(Kr2Ask(peer, kKr2Status, 0, &st, sizeof st), 355);
+  EXPECT_EQ(+st.product_code, 7u);
+  EXPECT_NE(+st.agent_start, 0u);
+  EXPECT_GE(+st.counters[0], 14u);   // the replies above
+  Kr2Products products{};
+  ASSERT_EQ(Kr2Ask(peer, kKr2Products, 0, &products, sizeof products), 302);
+  EXPECT_EQ(+products.dollar, '$');
+  EXPECT_EQ(+products.size_288, 288u);
+  EXPECT_TRUE(products.installed & 0x8000);
+
+  // Refused without "Prohibited KR2 Commands": no reply.
+  Kr2Close(peer);
+  ASSERT_TRUE(Kr2Open(peer, "127.0.0.1", 0, 300));
+  EXPECT_EQ(Kr2Ask(peer, kKr2DriftAfter, 0, reply, sizeof reply), -1);
+  EXPECT_EQ(Kr2Ask(peer, kKr2Zero150, 0, reply, sizeof reply), -1);
+
+  // The same datagram twice: one reply. Then 600 bytes (read as 512) and an empty one (a repeat).
+  const auto request = Kr2BuildRequest(kKr2Ack, 0, 0x5EED);
+  auto received = [&] { return platform::ReceiveFrom(peer.socket, reply, sizeof reply, nullptr); };
+  platform::SetReceiveTimeout(peer.socket, 500);
+  ASSERT_EQ(platform::SendTo(peer.socket, request.data(), request.size(), peer.address), 12);
+  EXPECT_EQ(received(), 4);
+  ASSERT_EQ(platform::SendTo(peer.socket, request.data(), request.size(), peer.address), 12);
+  EXPECT_EQ(received(), -1);
+  std::vector<std::uint8_t> big(600, 0x42);
+  big[4] = kKr2Identity;
+  ASSERT_EQ(platform::SendTo(peer.socket, big.data(), big.size(), peer.address), 600);
+  EXPECT_EQ(received(), 64);
+  ASSERT_EQ(platform::SendTo(peer.socket, big.data(), 0, peer.address), 0);
+  EXPECT_EQ(received(), -1);
+  Kr2Close(peer);
+
+  kill(pid_, SIGTERM);
+  ASSERT_EQ(waitpid(pid_, nullptr, 0), pid_);
+  pid_ = -1;
 }
 
 }  // namespace

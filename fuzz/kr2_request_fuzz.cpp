@@ -1,0 +1,68 @@
+// Arbitrary datagrams into the KR2 responder: the input is cut into datagrams at each 0xFF 0xFE
+// pair, handled one after another on a scripted transport and machine (so repeats, short datagrams
+// and leftovers in the receive buffer all occur); the first byte picks the prohibited-command table
+// and the system (Windows 2000 or later).
+#include <cstddef>
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "provider/kr2_responder.h"
+#include "tests/kr2_test_util.h"
+
+namespace {
+
+// The responder's state at start-up, built once.
+struct StartState {
+  Kr2State responder;
+  LocalStatusRecord status;
+  IdentityRecord identity;
+  std::array<std::uint8_t, 256> prohibited[2];   // [0] refusing nothing, [1] the default refusals
+};
+const StartState& Start() {
+  static const StartState state = [] {
+    StartState s;
+    ResetKr2ForTest(1'600'000'000, "FUZZ");
+    s.responder = g_kr2;
+    s.status = g_local_status;
+    s.identity = g_identity;
+    for (int i = 0; i < 2; ++i) {
+      SetKr2Prohibited(i == 0);
+      s.prohibited[i] = g_provider.prohibited;
+    }
+    return s;
+  }();
+  return state;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size == 0) return 0;
+  const StartState& start = Start();
+  g_kr2 = start.responder;
+  g_local_status = start.status;
+  g_identity = start.identity;
+  g_provider.prohibited = start.prohibited[data[0] & 1];
+  g_last_request.fill(0);
+  g_responder_block.fill(0);
+  g_kr2.os_level = (data[0] & 2) ? 2048 : 32768;
+  ScriptedKr2Socket socket;
+  ScriptedKr2Machine machine;
+  machine.records = {MakeKr2TestRecord(100, 1), MakeKr2TestRecord(200, -1)};
+  std::vector<std::uint8_t> datagram;
+  for (std::size_t i = 1; i < size; ++i) {
+    if (data[i] == 0xFF && i + 1 < size && data[i + 1] == 0xFE) {
+      socket.Push(datagram);
+      datagram.clear();
+      ++i;
+    } else {
+      datagram.push_back(data[i]);
+    }
+  }
+  socket.Push(datagram);
+  while (!socket.queued.empty()) HandleRequestWith(socket, machine);
+  for (const auto& reply : socket.sent)
+    if (reply.empty() || reply.size() > kKr2RequestMax) __builtin_trap();
+  return 0;
+}
