@@ -25,11 +25,10 @@ platform::ThreadFunction g_status_thread_fn = nullptr;
 
 namespace {
 
-constexpr const char* kProviderKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden";
+using defaults::kProviderKey;
 constexpr const char* kAccessTestKey = "\\\\System\\CurrentControlSet\\Services\\LanmanServer";
 constexpr const char* kAccessTestShownKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters";
 constexpr std::uint32_t kDefaultStyle = 0x42040;   // information icon, task-modal, topmost
-constexpr std::uint32_t kErrorUnsupported = 1633;
 
 // Service control messages go through the applet's message box (and so obey the quiet flag).
 void service_message(void* owner, const char* text, const char*, std::uint32_t style) {

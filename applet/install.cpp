@@ -226,7 +226,7 @@ int RetireModuleFile() {
     return platform::MoveFileReplacing(cpl, old);
   };
   bool moved = attempt();
-  if (!moved && platform::LastError() == 5 && g_applet_services.control(nullptr, "", kServiceOpStop, 1)) {
+  if (!moved && platform::LastError() == platform::kErrorAccessDenied && g_applet_services.control(nullptr, "", kServiceOpStop, 1)) {
     moved = attempt();
     std::uint32_t err = moved ? 0 : platform::LastError();
     g_applet_services.control(nullptr, "", kServiceOpStart, 0);
@@ -310,7 +310,7 @@ std::intptr_t applet_rundll(void*, const char* command_line) {
   for (char& c : cmd) c = char(std::tolower(static_cast<unsigned char>(c)));
   g_applet.quiet = cmd.find("-quiet") != std::string::npos || cmd.find("/quiet") != std::string::npos;
   if (cmd.find_first_not_of(" \t") == std::string::npos) {
-    SetLastError(87);
+    SetLastError(platform::kErrorInvalidParameter);
     if (g_applet.quiet) return 0;
     return ShowMessageBox(nullptr, "Was expecting a command like -remove or -install.", defaults::kAppletCaption, exclamation);
   }

@@ -110,7 +110,7 @@ int Other(const std::string& machine, const std::string& name, bool start) {
       platform::Sleep(defaults::kRestartPollMs);
       ok = platform::QueryServiceStatus(o.service, st);
     }
-    if (ok && st.current_state != platform::kServiceStopped) platform::SetLastError(defaults::kErrorServiceTimeout), ok = false;
+    if (ok && st.current_state != platform::kServiceStopped) platform::SetLastError(platform::kErrorServiceTimeout), ok = false;
   }
   if (!ok) return CliFailure("service", name + ": " + ErrorText(platform::LastError()));
   std::printf("%s %s.\n", name.c_str(), start ? "start requested" : "stopped");

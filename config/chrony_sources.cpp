@@ -18,8 +18,6 @@ namespace {
 
 constexpr std::uint32_t kFlagSpecialInterval = 0x1;
 constexpr std::uint32_t kFlagSymmetricActive = 0x4;
-constexpr std::uint32_t kErrorInvalidData = 13;
-constexpr std::uint32_t kErrorServerUnavailable = 1722;
 
 bool IsPool(const std::string& name) { return name.rfind("pool.", 0) == 0 || name.find(".pool.") != std::string::npos; }
 
@@ -100,14 +98,14 @@ int chrony_apply_settings(const W32tSettings& s) {
     if (ec) return Fail(platform::kErrorAccessDenied);
     const int rc = platform::ChronyCommand(socket, "reload sources", out);
     if (rc < 0) return Fail(platform::kErrorFileNotFound);
-    if (rc != 0) return Fail(kErrorServerUnavailable);
+    if (rc != 0) return Fail(platform::kErrorServerUnavailable);
   }
   // chrony 4.3 can drop a source that is removed and added again in one reload: add back any that
   // is missing, then check again.
   for (int pass = 0; pass < 2; ++pass) {
     const int rc = platform::ChronyCommand(socket, "sources", out);
     if (rc < 0) return Fail(platform::kErrorFileNotFound);
-    if (rc != 0) return Fail(kErrorServerUnavailable);
+    if (rc != 0) return Fail(platform::kErrorServerUnavailable);
     const auto listed = ListedNames(out);
     bool missing = false;
     for (std::uint32_t i = 0; s.sync_type != kW32tNoSync && i < s.server_count && i < kW32tMaxServers; ++i) {
@@ -118,5 +116,5 @@ int chrony_apply_settings(const W32tSettings& s) {
     }
     if (!missing) return platform::SetLastError(0), 1;
   }
-  return Fail(kErrorInvalidData);
+  return Fail(platform::kErrorInvalidData);
 }

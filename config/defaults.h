@@ -59,6 +59,8 @@ inline constexpr std::uint32_t kKr2TimeoutMs = 1000;       // reply wait of one 
 namespace defaults {
 inline constexpr const char* kModuleFileName = "w32tmkr.cpl";        // the module in the system directory
 inline constexpr const char* kProductVersion = "4.2.b.20081210R";    // "Current Version" of the provider key
+inline constexpr const char* kProviderKey =                          // the provider's registration
+    "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden";
 inline constexpr std::uint32_t kProviderOemId = 288;                 // "OEMID" of the provider key
 inline constexpr const char* kCplCategoryValue = "%systemroot%\\system32\\w32tmkr.cpl";   // Control Panel category value name
 inline constexpr std::uint32_t kCplCategory = 6;                     // its Control Panel category number
@@ -88,7 +90,6 @@ inline constexpr std::uint32_t kStopWaitMs = 30'000;              // give up on 
 inline constexpr std::uint32_t kRestartPolls = 100;               // restart: polls for stopped, then for running
 inline constexpr std::uint32_t kRestartPollMs = 100;              // restart: pause between polls (ms)
 inline constexpr std::uint32_t kServiceMessageStyle = 0x42030;    // OK, warning icon, task-modal, topmost
-inline constexpr std::uint32_t kErrorServiceTimeout = 1053;       // a restart whose wait ran out without a code
 }  // namespace defaults
 
 // The Linux time service's NTP client (chrony).
@@ -107,7 +108,6 @@ inline constexpr const char* kDefaultMachineRoot = "/var/lib/chronwarden";  // t
 // The product family's identity, as the shared status block, the status records and the
 // registration show it.
 namespace defaults {
-inline constexpr const char* kVersionText = "4.2.b.20081210R";     // "Current Version"
 inline constexpr std::uint32_t kVersionMajor = 4;
 inline constexpr std::uint32_t kVersionMinor = 2;
 inline constexpr std::uint32_t kBuildYear = 2008;

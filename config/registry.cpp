@@ -319,7 +319,7 @@ std::uint32_t reg_target_architecture() {
   if (!type || !*type) {
     const std::uint32_t err = platform::LastError();
     reg_free_string(type, nullptr);
-    return err == 2 || err == 3 ? kArchNoProductType : kArchUnknown;
+    return err == platform::kErrorFileNotFound || err == platform::kErrorPathNotFound ? kArchNoProductType : kArchUnknown;
   }
   reg_free_string(type, nullptr);
   char* arch = reg_get_string_alloc("\\\\System\\CurrentControlSet\\Control\\Session Manager\\Environment",

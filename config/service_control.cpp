@@ -18,7 +18,6 @@ using platform::ServiceHandle;
 using platform::ServiceStatus;
 
 constexpr std::uint32_t kErrorLeftStopPending = 0xFFFFFFFF;   // -1: left stop pending without stopping
-constexpr std::uint32_t kErrorNotStopped = 1237;             // did not stop within the stop wait
 
 // The manager and service handles of one call, closed at scope exit.
 struct Handles {
@@ -75,7 +74,7 @@ std::uint32_t StopAndWait(ServiceHandle service, ServiceStatus& status, std::uin
         std::clamp(status.wait_hint, defaults::kStopPollMinMs, defaults::kStopPollMaxMs);
     platform::Sleep(sleep);
     elapsed += sleep;
-    if (elapsed >= defaults::kStopWaitMs) return kErrorNotStopped;
+    if (elapsed >= defaults::kStopWaitMs) return platform::kErrorNotStopped;
   }
 }
 
@@ -138,7 +137,7 @@ int RestartService(const ServiceOwner*, const char* machine, const char* service
       ok = stopped && platform::StartNamedService(h.service) && PollFor(h.service, platform::kServiceRunning);
     }
     // A wait that ran out leaves no code of its own: it reads as the service's request time-out.
-    if (!ok) error = platform::LastError() ? platform::LastError() : defaults::kErrorServiceTimeout;
+    if (!ok) error = platform::LastError() ? platform::LastError() : platform::kErrorServiceTimeout;
   }
   platform::SetLastError(error);
   return ok ? 1 : 0;

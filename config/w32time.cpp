@@ -26,7 +26,7 @@ constexpr const char* kConfigKey = "\\\\System\\CurrentControlSet\\Services\\W32
 constexpr const char* kTimeProvidersKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders";
 constexpr const char* kNtpClientKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\NtpClient";
 constexpr const char* kNtpServerKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\NtpServer";
-constexpr const char* kProviderKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden";
+using defaults::kProviderKey;
 constexpr const char* kLanmanKey = "\\\\System\\CurrentControlSet\\Services\\LanmanServer\\Parameters";
 constexpr const char* kComputerNameKey = "\\\\System\\CurrentControlSet\\Control\\ComputerName\\ComputerName";
 constexpr const char* kCategoryKey1 =

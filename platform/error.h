@@ -30,6 +30,18 @@ inline constexpr std::uint32_t kErrorRegistryCorrupt = 1015;    // ERROR_BADDB
 inline constexpr std::uint32_t kErrorRegistryIoFailed = 1016;   // ERROR_REGISTRY_IO_FAILED
 inline constexpr std::uint32_t kErrorKeyDeleted = 1018;         // ERROR_KEY_DELETED
 inline constexpr std::uint32_t kErrorCancelled = 1223;          // ERROR_CANCELLED
+inline constexpr std::uint32_t kErrorInvalidData = 13;          // ERROR_INVALID_DATA
+inline constexpr std::uint32_t kErrorNotSupported = 50;         // ERROR_NOT_SUPPORTED
+inline constexpr std::uint32_t kErrorInvalidServiceControl = 1052;  // ERROR_INVALID_SERVICE_CONTROL
+inline constexpr std::uint32_t kErrorServiceTimeout = 1053;     // ERROR_SERVICE_REQUEST_TIMEOUT
+inline constexpr std::uint32_t kErrorAlreadyRunning = 1056;     // ERROR_SERVICE_ALREADY_RUNNING
+inline constexpr std::uint32_t kErrorServiceDisabled = 1058;    // ERROR_SERVICE_DISABLED
+inline constexpr std::uint32_t kErrorNoSuchService = 1060;      // ERROR_SERVICE_DOES_NOT_EXIST
+inline constexpr std::uint32_t kErrorCannotAcceptControl = 1061;  // ERROR_SERVICE_CANNOT_ACCEPT_CTRL
+inline constexpr std::uint32_t kErrorNotActive = 1062;          // ERROR_SERVICE_NOT_ACTIVE
+inline constexpr std::uint32_t kErrorNotStopped = 1237;         // ERROR_RETRY: a service did not stop within the wait
+inline constexpr std::uint32_t kErrorUnsupported = 1633;        // ERROR_INSTALL_PLATFORM_UNSUPPORTED
+inline constexpr std::uint32_t kErrorServerUnavailable = 1722;  // RPC_S_SERVER_UNAVAILABLE
 
 // Winsock error codes (the thread's last socket error).
 inline constexpr int kWsaEintr = 10004;

@@ -345,7 +345,7 @@ int NetStartup() {
 }
 EventHandle CreateSyncEvent(bool manual_reset, bool initially_set) {
   if (On() && Locked([](FakeState& s) { return s.fail_event_nth != 0 && --s.fail_event_nth == 0; })) {
-    SetLastError(8);  // ERROR_NOT_ENOUGH_MEMORY
+    SetLastError(kErrorNotEnoughMemory);
     return nullptr;
   }
   return sys::CreateSyncEvent(manual_reset, initially_set);

@@ -157,14 +157,14 @@ void RememberTimeSource(std::uint32_t reference_id, std::uint32_t when) {
 }
 
 bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason, std::uint32_t triggered) {
-  std::uint32_t delay_ms = 0, error = 0;
-  std::int64_t offset = 0;
   BoostThreadPriority(1);
   SetTimerResolution(1);
-  const int ok = NtpQuery(server, delay_ms, offset, error, 0, 0, nullptr, nullptr);
+  const NtpResult reply = NtpQuery({.server = server});
   SetTimerResolution(0);
   BoostThreadPriority(0);
-  if (!ok) return false;
+  if (!reply.valid) return false;
+  const std::uint32_t delay_ms = reply.delay_ms;
+  const std::int64_t offset = reply.offset;
 
   const std::int64_t ms = offset / 10'000;
   LocalStatusRecord& st = g_local_status;

@@ -221,7 +221,7 @@ platform::HResult TimeProvCommand(platform::TimeProvHandle, platform::TimeProvCm
     case platform::TPC_Shutdown:   // all tearing down happens in TimeProvClose
       return 0;
   }
-  return 87;   // ERROR_INVALID_PARAMETER
+  return platform::kErrorInvalidParameter;
 }
 
 platform::HResult TimeProvClose(platform::TimeProvHandle handle) {

@@ -10,6 +10,7 @@
 #include <cstdarg>
 #include <cstdint>
 
+#include "config/defaults.h"
 #include "config/w32time.h"
 #include "platform/export.h"
 #include "platform/sync.h"
@@ -24,7 +25,7 @@ inline constexpr std::uint32_t kEventTextMax = 509;           // event texts are
 inline constexpr std::uint32_t kEventWideMax = 1024;          // wide buffer of an event text (characters)
 
 // Registry paths (absolute, through config/registry.h).
-inline constexpr const char* kProviderKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden";
+using defaults::kProviderKey;
 inline constexpr const char* kW32TimeParametersKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters";
 
 // The provider's process-wide state: written by start-up and shut-down only, unless stated.

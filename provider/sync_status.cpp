@@ -52,7 +52,7 @@ const SyncStatusBlock* OpenSyncStatus(std::uint32_t product_code, platform::Even
     if (!g_status.notify) g_status.notify = platform::CreateNamedEvent(kSyncStatusEventName);
     bool existed = false;
     g_status.section = CreateSection(Global(kSyncStatusName).c_str(), sizeof(SyncStatusBlock), existed);
-    if (!g_status.section && platform::LastError() != 5)   // ERROR_ACCESS_DENIED: no block at all
+    if (!g_status.section && platform::LastError() != platform::kErrorAccessDenied)  // no block at all
       g_status.section = CreateSection(kSyncStatusName, sizeof(SyncStatusBlock), existed);
     const bool owner = product_code != 0;
     if (g_status.section)

@@ -99,7 +99,7 @@ inline void ResetKr2ForTest(std::uint32_t ephemerides, const char* computer_name
   g_identity.build_month_day = defaults::kBuildMonthDay;
   g_identity.one = 1;
   g_identity.nt_family = 1;
-  std::memcpy(g_identity.version, defaults::kVersionText, std::strlen(defaults::kVersionText));
+  std::memcpy(g_identity.version, defaults::kProductVersion, std::strlen(defaults::kProductVersion));
   std::memcpy(g_identity.computer_name, computer_name, std::min<std::size_t>(std::strlen(computer_name), 15));
   Kr2ForgetLastRequest();
 }

@@ -24,10 +24,10 @@ constexpr const char* kDialogStandIn = "DejaVu Sans";
 std::uint32_t Win32CodeOf(cairo_status_t status) {
   switch (status) {
     case CAIRO_STATUS_SUCCESS: return 0;
-    case CAIRO_STATUS_NO_MEMORY: return 8;            // ERROR_NOT_ENOUGH_MEMORY
-    case CAIRO_STATUS_FILE_NOT_FOUND: return 3;       // ERROR_PATH_NOT_FOUND
+    case CAIRO_STATUS_NO_MEMORY: return kErrorNotEnoughMemory;
+    case CAIRO_STATUS_FILE_NOT_FOUND: return kErrorPathNotFound;
     case CAIRO_STATUS_WRITE_ERROR: return 29;         // ERROR_WRITE_FAULT
-    case CAIRO_STATUS_INVALID_SIZE: return 87;        // ERROR_INVALID_PARAMETER
+    case CAIRO_STATUS_INVALID_SIZE: return kErrorInvalidParameter;
     default: return 1359;                             // ERROR_INTERNAL_ERROR
   }
 }
@@ -180,7 +180,7 @@ std::unique_ptr<ImageCanvas> CreateImageCanvas(ImageFormat format, std::string_v
   }();
   (void)release_at_exit;
   if (width <= 0 || height <= 0 || width > 32767 || height > 32767) {
-    SetLastError(87);   // ERROR_INVALID_PARAMETER
+    SetLastError(kErrorInvalidParameter);
     return nullptr;
   }
   auto canvas = std::make_unique<CairoCanvas>(format, std::string(path), width, height);
@@ -192,7 +192,7 @@ std::unique_ptr<ImageCanvas> CreateImageCanvas(ImageFormat format, std::string_v
 }
 
 std::unique_ptr<Canvas> CreateWindowCanvas(void*, int, int) {
-  SetLastError(50);   // ERROR_NOT_SUPPORTED
+  SetLastError(kErrorNotSupported);
   return nullptr;
 }
 
@@ -201,7 +201,7 @@ std::unique_ptr<Canvas> CreateWindowCanvas(void*, int, int) {
 namespace platform::sys {
 
 std::unique_ptr<Canvas> CreateControlCanvas(void*, int) {
-  SetLastError(50);   // ERROR_NOT_SUPPORTED: no windows on this system
+  SetLastError(kErrorNotSupported);  // no windows on this system
   return nullptr;
 }
 

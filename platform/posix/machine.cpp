@@ -32,10 +32,10 @@ extern "C" __attribute__((used)) const unsigned char cw_file_version_marker[18] 
 namespace {
 std::uint32_t errno_code(std::error_code ec) {
   switch (ec.value()) {
-    case ENOENT: return 2;
-    case EACCES: case EPERM: return 5;
-    case ENOTDIR: return 3;
-    default: return 31;   // ERROR_GEN_FAILURE
+    case ENOENT: return kErrorFileNotFound;
+    case EACCES: case EPERM: return kErrorAccessDenied;
+    case ENOTDIR: return kErrorPathNotFound;
+    default: return kErrorGenFailure;
   }
 }
 bool fail(std::error_code ec) {
@@ -130,7 +130,7 @@ bool DeleteFileAt(std::string_view path) {
 
 bool MoveFileReplacing(std::string_view from, std::string_view to) {
   if (MoveShouldFail(from)) {
-    SetLastError(5);
+    SetLastError(kErrorAccessDenied);
     return false;
   }
   std::error_code ec;

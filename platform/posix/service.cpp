@@ -28,15 +28,6 @@ namespace platform {
 
 namespace {
 
-constexpr std::uint32_t kErrorNotSupported = 50;
-constexpr std::uint32_t kErrorInvalidServiceControl = 1052;
-constexpr std::uint32_t kErrorAlreadyRunning = 1056;
-constexpr std::uint32_t kErrorServiceDisabled = 1058;
-constexpr std::uint32_t kErrorNoSuchService = 1060;
-constexpr std::uint32_t kErrorCannotAcceptControl = 1061;
-constexpr std::uint32_t kErrorNotActive = 1062;
-constexpr std::uint32_t kErrorServerUnavailable = 1722;
-constexpr std::uint32_t kErrorGenFailure = 31;
 constexpr const char* kServicesKey = "System\\CurrentControlSet\\Services\\";
 
 bool Fail(std::uint32_t code) {

@@ -102,7 +102,7 @@ bool Connect(const std::string& host, void*& bus) {
   sd_bus* b = nullptr;
   const int r = host.empty() ? sd_bus_open_system(&b) : sd_bus_open_system_remote(&b, host.c_str());
   if (r < 0) {
-    SetLastError(1722);
+    SetLastError(kErrorServerUnavailable);
     return false;
   }
   bus = b;
@@ -128,7 +128,7 @@ bool OpenUnit(void* bus, const std::string& unit, void*& unit_handle) {
   std::string load;
   if (!Property(bus, u, kUnit, "LoadState", load) || load == "not-found") {
     delete u;
-    SetLastError(1060);
+    SetLastError(kErrorNoSuchService);
     return false;
   }
   unit_handle = u;
@@ -154,11 +154,11 @@ bool Control(void* bus, void* unit, std::uint32_t control, ServiceStatus& status
     case kServiceControlInterrogate:
       return Ok();
     case kServiceControlStop:
-      if (status.current_state == kServiceStopped) return SetLastError(1062), false;
+      if (status.current_state == kServiceStopped) return SetLastError(kErrorNotActive), false;
       if (!UnitJob(bus, "StopUnit", U(unit))) return false;
       return Status(bus, unit, status);
     case kServiceControlParamChange: {
-      if (status.current_state != kServiceRunning) return SetLastError(1062), false;
+      if (status.current_state != kServiceRunning) return SetLastError(kErrorNotActive), false;
       sd_bus_error e = SD_BUS_ERROR_NULL;
       int can_reload = 0;
       sd_bus_get_property_trivial(B(bus), kDest, U(unit)->path.c_str(), kUnit, "CanReload", &e, 'b', &can_reload);
@@ -173,7 +173,7 @@ bool Control(void* bus, void* unit, std::uint32_t control, ServiceStatus& status
       return ok && Ok();
     }
     default:
-      SetLastError(1052);
+      SetLastError(kErrorInvalidServiceControl);
       return false;
   }
 }

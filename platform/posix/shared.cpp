@@ -40,11 +40,11 @@ namespace {
 
 std::uint32_t Win32FromErrno(int err) {
   switch (err) {
-    case EACCES: case EPERM: return 5;            // ERROR_ACCESS_DENIED
-    case ENOMEM: case ENOSPC: return 8;           // ERROR_NOT_ENOUGH_MEMORY
+    case EACCES: case EPERM: return kErrorAccessDenied;
+    case ENOMEM: case ENOSPC: return kErrorNotEnoughMemory;
     case ENAMETOOLONG: case EINVAL: return 123;   // ERROR_INVALID_NAME
     case EMFILE: case ENFILE: return 4;           // ERROR_TOO_MANY_OPEN_FILES
-    default: return 31;                           // ERROR_GEN_FAILURE
+    default: return kErrorGenFailure;
   }
 }
 
@@ -122,7 +122,7 @@ SectionHandle sys::CreateNamedSection(const char* name, std::uint32_t size, bool
 }
 
 void* MapSection(SectionHandle section, std::uint32_t size, bool writable) {
-  if (!section) return SetLastError(6), nullptr;
+  if (!section) return SetLastError(kErrorInvalidHandle), nullptr;
   void* view = mmap(nullptr, size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, section->fd, 0);
   if (view == MAP_FAILED) return SetLastError(Win32FromErrno(errno)), nullptr;
   return view;
