@@ -6,11 +6,28 @@
 #include "applet/applet.h"
 #include "applet/install.h"
 #include "cli/commands.h"
+#include "config/defaults.h"
+#include "config/registry.h"
+#include "config/service_control.h"
+#include "platform/machine.h"
 #include "platform/dialog_memory.h"
 #include "platform/error.h"
 #include "timing/error_text.h"
 
 namespace {
+
+// Where the system has no time service of its own (Linux), the host daemon becomes the machine's
+// "W32Time" service unless one is already registered, so that the service starts and stops the
+// provider as Windows Time does. The same program path is used for another machine: machines of
+// one fleet share their installed layout.
+bool RegisterHostAsTimeService(const std::string& machine) {
+  const std::string program = platform::TimeServiceProgram();
+  if (program.empty()) return true;
+  if (!reg_connect_target(machine.empty() ? nullptr : machine.c_str())) return false;
+  char image[512];
+  reg_get_string(defaults::kW32TimeServiceKey, "ImagePath", image, sizeof image, "");
+  return image[0] || RegisterTimeServiceProgram(program.c_str());
+}
 
 int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
   std::string machine;
@@ -44,9 +61,23 @@ int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
   applet_entry(nullptr, kCplInit, 0, 0);
   applet_entry(nullptr, kCplSetMachine, reinterpret_cast<std::intptr_t>(machine.c_str()), 0);
   applet_entry(nullptr, kCplQuiet, 0, quiet ? 1 : 0);
+  if (message == kCplInstall && !RegisterHostAsTimeService(machine)) {
+    if (!quiet) {
+      char text[256];
+      std::fprintf(stderr, "chronwarden install: cannot register the time service program: %s\n",
+                   SystemErrorText(platform::LastError(), text, sizeof text));
+    }
+    return kExitFailed;
+  }
   std::intptr_t ok = applet_entry(nullptr, message, 0, 0);
   std::uint32_t err = platform::LastError();
   if (ok && message == kCplRemove && machine.empty()) RetireModuleFile();
+  // The host daemon is started (and made automatic) once the provider is in place; Windows Time
+  // already runs on its own.
+  if (ok && !err && message == kCplInstall && !platform::TimeServiceProgram().empty() &&
+      !ControlTimeService(nullptr, machine.c_str(), kServiceOpQuery, 0) &&
+      !ControlTimeService(nullptr, machine.c_str(), kServiceOpStart, 0))
+    err = platform::LastError();
   if (!ok || err) {
     if (!quiet) {
       char text[256];

@@ -61,6 +61,8 @@ inline constexpr const char* kModuleFileName = "w32tmkr.cpl";        // the modu
 inline constexpr const char* kProductVersion = "4.2.b.20081210R";    // "Current Version" of the provider key
 inline constexpr const char* kProviderKey =                          // the provider's registration
     "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden";
+inline constexpr const char* kW32TimeServiceKey = "\\\\System\\CurrentControlSet\\Services\\W32Time";
+inline constexpr const char* kHostSystemdUnit = "chronwarden-host.service";   // the Linux time service's unit
 inline constexpr std::uint32_t kProviderOemId = 288;                 // "OEMID" of the provider key
 inline constexpr const char* kCplCategoryValue = "%systemroot%\\system32\\w32tmkr.cpl";   // Control Panel category value name
 inline constexpr std::uint32_t kCplCategory = 6;                     // its Control Panel category number

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "config/defaults.h"
+#include "config/registry.h"
 #include "platform/error.h"
 #include "platform/service.h"
 #include "platform/sync.h"
@@ -147,4 +148,11 @@ std::uint32_t TriggerResync(const ServiceOwner*, const char* machine, std::uint3
   std::uint32_t result = 1;
   if (!platform::TimeSyncNow(machine, wait, flags, result)) return 1;
   return result;
+}
+
+int RegisterTimeServiceProgram(const char* program) {
+  const char* key = defaults::kW32TimeServiceKey;
+  if (!reg_set_string(key, "ImagePath", program)) return 0;
+  if (reg_get_dword(key, "Start", 0) == 0) reg_set_dword(key, "Start", 2);
+  return reg_set_string(key, "SystemdUnit", defaults::kHostSystemdUnit);
 }

@@ -33,6 +33,11 @@ struct ServiceOwner {
 int ControlTimeService(const ServiceOwner* owner, const char* machine, std::uint32_t code, std::uint32_t show_error);
 // Stops (up to 100 polls of 100 ms) and starts (likewise) the named service. 1 if it ends up running.
 int RestartService(const ServiceOwner* owner, const char* machine, const char* service);
+// Makes program (a command line: the Linux host daemon and its arguments) the time service
+// "W32Time" of the machine the registry is connected to: its ImagePath (the supervisor runs it),
+// its SystemdUnit (systemd starts that unit) and, when it has none, start type automatic. Windows
+// has its own time service and never calls this. 1 success / 0 failure (last error: the code).
+int RegisterTimeServiceProgram(const char* program);
 // Asks the time service of machine to synchronise now (W32TimeSyncNow; Linux: chrony's burst, and
 // with sync flags bit 0x1, a hard resync, also makestep). wait non-zero waits for the outcome.
 // Returns what the service answered (0 accepted), or 1 when it could not be asked at all.

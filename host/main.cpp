@@ -11,6 +11,7 @@
 
 #include "config/defaults.h"
 #include "config/registry.h"
+#include "config/service_control.h"
 #include "host/time_service.h"
 #include "platform/error.h"
 #include "platform/host.h"
@@ -35,8 +36,6 @@ const char kUsage[] =
     "Log lines go to the system log: the host's as chronwarden-host, a provider's as its name\n"
     "(journalctl -t Chronwarden).\n";
 
-constexpr const char* kW32TimeServiceKey = "\\\\System\\CurrentControlSet\\Services\\W32Time";
-constexpr const char* kSystemdUnit = "chronwarden-host.service";
 
 struct Options {
   bool foreground = false;
@@ -79,15 +78,12 @@ int Parse(int argc, char** argv, Options& o) {
 int Register() {
   reg_connect_target(nullptr);
   const std::string image = std::string(platform::host::ProgramPath()) + " --foreground";
-  int ok = reg_set_string(kW32TimeServiceKey, "ImagePath", image.c_str());
-  if (reg_get_dword(kW32TimeServiceKey, "Start", 0) == 0) reg_set_dword(kW32TimeServiceKey, "Start", 2);
-  ok &= reg_set_string(kW32TimeServiceKey, "SystemdUnit", kSystemdUnit);
-  if (!ok) {
+  if (!RegisterTimeServiceProgram(image.c_str())) {
     std::fprintf(stderr, "chronwarden-host: cannot write the W32Time service key (error %u)\n",
                  static_cast<unsigned>(platform::LastError()));
     return 1;
   }
-  std::printf("W32Time service: ImagePath \"%s\", SystemdUnit %s\n", image.c_str(), kSystemdUnit);
+  std::printf("W32Time service: ImagePath \"%s\", SystemdUnit %s\n", image.c_str(), defaults::kHostSystemdUnit);
   return 0;
 }
 

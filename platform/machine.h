@@ -38,6 +38,11 @@ std::uint32_t GetServerInfo(std::string_view machine, ServerInfo& out);
 // provider module the host daemon loads: $CHRONWARDEN_MODULE, else w32tmkr.cpl beside the running
 // program or one folder up, else the running program.
 std::string ThisModuleFile();
+// The program that plays the time service on this system, as the command line its service entry
+// runs. POSIX: the host daemon, $CHRONWARDEN_HOST, else chronwarden-host beside the running
+// program, in ../sbin (an installed layout) or in ../host (the build tree), with "--foreground";
+// empty when none is found. Windows: empty (the system's own Windows Time service).
+std::string TimeServiceProgram();
 // The file version (fixed version information: most significant << 32 | least significant); 0
 // for a file without one. POSIX: the version marker embedded in the file ("CWFILEVER" and 8 bytes).
 std::uint64_t FileVersion(std::string_view path);

@@ -14,7 +14,8 @@ std::string SystemDirectory();
 // POSIX: $CHRONWARDEN_NETWORK_ROOT, default /net, where the mounts of other machines stand
 // (<network root>/HOST is the mount of HOST's machine root). Windows: "".
 std::string NetworkRoot();
-// The machine root of another machine, by name (no leading backslashes). POSIX: <network root>/HOST.
+// The machine root of another machine, by name (no leading backslashes). POSIX: <network root>/HOST,
+// the name matched without regard to case as Windows machine names are.
 std::string RemoteMachineRoot(std::string_view host);
 // A Windows path in native terms. Windows: unchanged. POSIX: "\\HOST\admin$\rest" becomes
 // <network root>/HOST/rest (admin$ is that machine's product root), "\\HOST\SHARE\rest" becomes

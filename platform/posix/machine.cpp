@@ -93,6 +93,21 @@ std::string ThisModuleFile() {
   return exe.string();
 }
 
+std::string TimeServiceProgram() {
+  std::error_code ec;
+  std::filesystem::path host;
+  if (const char* h = std::getenv("CHRONWARDEN_HOST"); h && *h) {
+    host = h;
+  } else {
+    const std::filesystem::path dir = std::filesystem::read_symlink("/proc/self/exe", ec).parent_path();
+    for (const auto& p : {dir / "chronwarden-host", dir.parent_path() / "sbin" / "chronwarden-host",
+                          dir.parent_path() / "host" / "chronwarden-host"})
+      if (std::filesystem::exists(p, ec)) { host = p; break; }
+  }
+  if (host.empty() || !std::filesystem::exists(host, ec)) return {};
+  return std::filesystem::absolute(host, ec).string() + " --foreground";
+}
+
 std::uint64_t FileVersion(std::string_view path) {
   std::ifstream f(NativePath(path), std::ios::binary);
   if (!f) return 0;

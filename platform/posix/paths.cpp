@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <strings.h>
 
 namespace platform {
@@ -26,7 +27,15 @@ std::string Slashes(std::string_view p) {
 std::string MachineRoot() { return FromEnv("CHRONWARDEN_ROOT", "/var/lib/chronwarden"); }
 std::string SystemDirectory() { return MachineRoot() + "/system32"; }
 std::string NetworkRoot() { return FromEnv("CHRONWARDEN_NETWORK_ROOT", "/net"); }
-std::string RemoteMachineRoot(std::string_view host) { return NetworkRoot() + "/" + std::string(host); }
+std::string RemoteMachineRoot(std::string_view host) {
+  const std::string name(host);
+  std::string root = NetworkRoot() + "/" + name;
+  std::error_code ec;
+  if (std::filesystem::is_directory(root, ec)) return root;
+  for (const auto& entry : std::filesystem::directory_iterator(NetworkRoot(), ec))
+    if (strcasecmp(entry.path().filename().c_str(), name.c_str()) == 0 && entry.is_directory(ec)) return entry.path().string();
+  return root;
+}
 
 std::string NativePath(std::string_view path) {
   if (path.size() < 3 || path[0] != '\\' || path[1] != '\\') return Slashes(path);

@@ -449,16 +449,6 @@ std::uint32_t OpenOrCreate(RegKey parent, std::string_view subkey, std::uint32_t
   return 0;
 }
 
-// The mount of a machine's root under the network root; machine names ignore case as on Windows.
-std::string RemoteRoot(const std::string& host) {
-  std::string root = RemoteMachineRoot(host);
-  std::error_code ec;
-  if (std::filesystem::is_directory(root, ec)) return root;
-  for (const auto& entry : std::filesystem::directory_iterator(NetworkRoot(), ec))
-    if (strcasecmp(entry.path().filename().c_str(), host.c_str()) == 0 && entry.is_directory(ec)) return entry.path().string();
-  return root;
-}
-
 bool NameFits(const char* name) { return !name || std::strlen(name) <= kMaxValueNameLength; }
 
 }  // namespace
@@ -596,7 +586,7 @@ std::uint32_t RegConnectRegistry(std::string_view unc_name, bool /*wide*/, RegKe
     if (host == "." || host == ".." || host.find_first_of("/\\") != std::string::npos) return kErrorBadNetPath;
     std::string name = host;  // as a NetBIOS name, like ComputerName
     for (auto& c : name) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    st = GetStore(RemoteRoot(host), false, name, store);
+    st = GetStore(RemoteMachineRoot(host), false, name, store);
   }
   if (st) return st;
   out = new RegKeyObject{store, kRootId, kKeyAllAccess, false};

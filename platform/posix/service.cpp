@@ -166,9 +166,9 @@ bool SupervisorStart(const ServiceObject* s) {
   const std::string log = RunDir(s) + "/" + s->name + ".log";
 
   int pipefd[2];
-  if (::pipe2(pipefd, O_CLOEXEC) != 0) return Fail(8);
+  if (::pipe2(pipefd, O_CLOEXEC) != 0) return Fail(kErrorNotEnoughMemory);
   const pid_t child = ::fork();
-  if (child < 0) return ::close(pipefd[0]), ::close(pipefd[1]), Fail(8);
+  if (child < 0) return ::close(pipefd[0]), ::close(pipefd[1]), Fail(kErrorNotEnoughMemory);
   if (child == 0) {
     ::setsid();
     const pid_t daemon = ::fork();
@@ -180,6 +180,7 @@ bool SupervisorStart(const ServiceObject* s) {
     int null = ::open("/dev/null", O_RDONLY);
     int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     if (null >= 0) ::dup2(null, 0);
+    if (out < 0) out = ::open("/dev/null", O_WRONLY);   // never the caller's own output
     if (out >= 0) ::dup2(out, 1), ::dup2(out, 2);
     sigset_t none;
     sigemptyset(&none);
@@ -196,7 +197,7 @@ bool SupervisorStart(const ServiceObject* s) {
   const bool got_pid = ::read(pipefd[0], &daemon, sizeof daemon) == sizeof daemon;
   const bool failed = ::read(pipefd[0], &err, sizeof err) == sizeof err;
   ::close(pipefd[0]);
-  if (!got_pid) return Fail(8);
+  if (!got_pid) return Fail(kErrorNotEnoughMemory);
   if (failed) return Fail(err == ENOENT || err == ENOTDIR ? kErrorFileNotFound : kErrorAccessDenied);
   const std::string tmp = PidFile(s) + ".tmp";
   std::ofstream(tmp) << daemon << "\n";

@@ -93,6 +93,8 @@ std::string ThisModuleFile() {
   return path;
 }
 
+std::string TimeServiceProgram() { return {}; }
+
 std::uint64_t FileVersion(std::string_view path) {
   std::string p = str(path);
   DWORD handle = 0, size = GetFileVersionInfoSizeA(p.c_str(), &handle);

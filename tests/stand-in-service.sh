@@ -1,0 +1,4 @@
+#!/bin/sh
+# A stand-in for the host daemon as the time service's program in install tests: it runs until it
+# is stopped and reaches no network.
+exec sleep 3600
