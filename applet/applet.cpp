@@ -27,7 +27,7 @@ namespace {
 
 using defaults::kProviderKey;
 constexpr const char* kAccessTestKey = "\\\\System\\CurrentControlSet\\Services\\LanmanServer";
-constexpr const char* kAccessTestShownKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters";
+constexpr const char* kAccessTestShownKey = defaults::kW32TimeParametersKey;
 constexpr std::uint32_t kDefaultStyle = 0x42040;   // information icon, task-modal, topmost
 
 // Service control messages go through the applet's message box (and so obey the quiet flag).

@@ -62,6 +62,8 @@ inline constexpr const char* kProductVersion = "4.2.b.20081210R";    // "Current
 inline constexpr const char* kProviderKey =                          // the provider's registration
     "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden";
 inline constexpr const char* kW32TimeServiceKey = "\\\\System\\CurrentControlSet\\Services\\W32Time";
+inline constexpr const char* kW32TimeParametersKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters";
+inline constexpr const char* kTimeProvidersKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders";
 inline constexpr const char* kHostSystemdUnit = "chronwarden-host.service";   // the Linux time service's unit
 inline constexpr std::uint32_t kProviderOemId = 288;                 // "OEMID" of the provider key
 inline constexpr const char* kCplCategoryValue = "%systemroot%\\system32\\w32tmkr.cpl";   // Control Panel category value name
@@ -101,7 +103,6 @@ inline constexpr const char* kChronySocket = "/run/chrony/chronyd.sock";        
 inline constexpr const char* kChronySourcesFile = "/etc/chrony/sources.d/chronwarden.sources";   // "ChronySourcesFile"
 }  // namespace defaults
 namespace defaults {
-inline constexpr const char* kChronyParametersPath = "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters";   // the same key, as a registry-layer path
 inline constexpr const char* kChronySourcesValue = "ChronySourcesFile";     // where the sources file goes
 inline constexpr const char* kChronySocketValue = "ChronyCommandSocket";    // chronyd's command socket
 inline constexpr const char* kDefaultMachineRoot = "/var/lib/chronwarden";  // the system's own machine root (Linux)

@@ -20,10 +20,10 @@ W32tEnvironment g_w32t_env{};
 
 namespace {
 
-constexpr const char* kW32TimeKey = "\\\\System\\CurrentControlSet\\Services\\W32Time";
-constexpr const char* kParametersKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters";
+constexpr const char* kW32TimeKey = defaults::kW32TimeServiceKey;
+constexpr const char* kParametersKey = defaults::kW32TimeParametersKey;
 constexpr const char* kConfigKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\Config";
-constexpr const char* kTimeProvidersKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders";
+using defaults::kTimeProvidersKey;
 constexpr const char* kNtpClientKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\NtpClient";
 constexpr const char* kNtpServerKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\NtpServer";
 using defaults::kProviderKey;

@@ -102,7 +102,7 @@ int main(int argc, char** argv) {
   reg_connect_target(nullptr);
   if (options.chrony_socket.empty()) {
     char path[512];
-    reg_get_string(defaults::kChronyParametersPath, defaults::kChronySocketValue, path, sizeof path,
+    reg_get_string(defaults::kW32TimeParametersKey, defaults::kChronySocketValue, path, sizeof path,
                    defaults::kChronySocket);
     options.chrony_socket = path;
   }

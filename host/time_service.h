@@ -7,12 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "config/defaults.h"
 #include "platform/module.h"
 #include "platform/timeprov.h"
 
 inline constexpr const char* kHostIdent = "chronwarden-host";   // the host's own system-log identifier
 inline constexpr std::uint32_t kTrackingCacheMs = 500;          // one chronyd exchange serves this long (ms)
-inline constexpr const char* kTimeProvidersKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders";
+using defaults::kTimeProvidersKey;
 
 void HostSetChronySocket(const std::string& path);   // chronyd's command socket
 platform::TimeProvSysCallbacks HostCallbacks();      // the 40-byte block handed to TimeProvOpen

@@ -26,7 +26,7 @@ inline constexpr std::uint32_t kEventWideMax = 1024;          // wide buffer of 
 
 // Registry paths (absolute, through config/registry.h).
 using defaults::kProviderKey;
-inline constexpr const char* kW32TimeParametersKey = "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters";
+using defaults::kW32TimeParametersKey;
 
 // The provider's process-wide state: written by start-up and shut-down only, unless stated.
 struct ProviderGlobals {

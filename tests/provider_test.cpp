@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <thread>
+
 #include <cstring>
 #include <optional>
 #include <string>
@@ -165,9 +168,19 @@ TEST_F(ProviderTest, CommandsTwoFourFiveSixDoNothingAndSevenIsInvalid) {
 }
 
 TEST_F(ProviderTest, TimeJumpedSetsTheEventAndUpdateConfigReloads) {
+  const int asked_before = TimeServiceFake::sys_info_calls;
   ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  // The running agent waits on (and takes) the event it was started with. Once it has polled the
+  // time service it waits on its own copy of the handles, so the test's own event stands in.
+  for (int i = 0; i < 500 && TimeServiceFake::sys_info_calls == asked_before; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_NE(TimeServiceFake::sys_info_calls, asked_before) << "the agent never polled the time service";
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  const platform::EventHandle agent_event = g_provider.time_jump_event;
+  g_provider.time_jump_event = platform::CreateSyncEvent(false, false);
   EXPECT_EQ(TimeProvCommand(nullptr, platform::TPC_TimeJumped, nullptr), 0);
   EXPECT_EQ(platform::WaitForEvent(g_provider.time_jump_event, 0), platform::kWaitObject0);
+  platform::CloseEvent(g_provider.time_jump_event);
+  g_provider.time_jump_event = agent_event;
   EXPECT_EQ(g_provider.settings.check_interval, 1800u);
   reg_set_dword(kProviderKey, "SpecialPollInterval", 60);
   EXPECT_EQ(g_provider.settings.check_interval, 1800u);

@@ -1,6 +1,7 @@
 // Test helper: the time service's side of the provider interface, scripted. Events the provider
 // logs are kept as (type, source, text) in UTF-8; the system information answers from fields.
 #pragma once
+#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -20,8 +21,10 @@ struct TimeServiceFake {
   static inline std::vector<LoggedEvent> events;
   static inline std::uint64_t tick_count = 123'456'789;
   static inline std::int64_t phase_offset = -4'321;
+  static inline std::atomic<int> sys_info_calls{0};   // questions asked so far (the agent's polls among them)
 
   static platform::HResult GetTimeSysInfo(platform::TimeSysInfo what, void* out) {
+    ++sys_info_calls;
     switch (what) {
       case platform::TSI_TickCount: std::memcpy(out, &tick_count, 8); return 0;
       case platform::TSI_PhaseOffset: std::memcpy(out, &phase_offset, 8); return 0;
