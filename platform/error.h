@@ -20,6 +20,7 @@ inline constexpr std::uint32_t kErrorHandleEof = 38;            // ERROR_HANDLE_
 inline constexpr std::uint32_t kErrorNegativeSeek = 131;       // ERROR_NEGATIVE_SEEK
 inline constexpr std::uint32_t kErrorBadNetPath = 53;           // ERROR_BAD_NETPATH: machine unreachable
 inline constexpr std::uint32_t kErrorFileExists = 80;           // ERROR_FILE_EXISTS
+inline constexpr std::uint32_t kErrorAlreadyExists = 183;       // ERROR_ALREADY_EXISTS
 inline constexpr std::uint32_t kErrorInvalidParameter = 87;     // ERROR_INVALID_PARAMETER
 inline constexpr std::uint32_t kErrorDiskFull = 112;            // ERROR_DISK_FULL
 inline constexpr std::uint32_t kErrorPathTooLong = 206;         // ERROR_FILENAME_EXCED_RANGE

@@ -12,8 +12,8 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-constexpr int kRefused = 10054;      // WSAECONNRESET: an ICMP port unreachable of one peer
-constexpr int kTimedOut = 10060;     // WSAETIMEDOUT
+constexpr int kRefused = platform::kWsaEconnreset;   // an ICMP port unreachable of one peer
+constexpr int kTimedOut = platform::kWsaEtimedout;
 
 bool SameAddress(const platform::SocketAddressV4& a, const platform::SocketAddressV4& b) {
   return a.address == b.address && a.port == b.port;

@@ -139,7 +139,7 @@ bool CreateListenSocket() {
     const platform::SocketAddressV4 local{platform::kFamilyInet, port, address};
     for (std::uint32_t attempt = 1; attempt <= kKr2BindAttempts; ++attempt) {
       bound = platform::BindV4(s, local);
-      if (bound || platform::LastSocketError() != 10048 || attempt == kKr2BindAttempts) break;   // WSAEADDRINUSE
+      if (bound || platform::LastSocketError() != platform::kWsaEaddrinuse || attempt == kKr2BindAttempts) break;
       platform::Sleep(kKr2BindRetryMs);
     }
   }

@@ -228,7 +228,7 @@ bool LookupAddressV4(std::uint32_t address, char* name, std::size_t size) {
 }
 
 bool SelectSocketEvent(SocketHandle s, EventObject* event, bool read) {
-  if (!event) return SetLastSocketError(10022), false;   // WSAEINVAL
+  if (!event) return SetLastSocketError(kWsaEinval), false;
   std::lock_guard<std::mutex> hold(event->mutex);
   event->socket_fd = read ? Fd(s) : -1;
   return true;

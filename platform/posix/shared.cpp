@@ -117,7 +117,7 @@ std::string SharedObjectName(std::string_view win32_name) {
 SectionHandle sys::CreateNamedSection(const char* name, std::uint32_t size, bool& already_existed) {
   const int fd = OpenShared(name, size, already_existed);
   if (fd < 0) return nullptr;
-  SetLastError(already_existed ? 183 : 0);   // ERROR_ALREADY_EXISTS, as CreateFileMapping reports it
+  SetLastError(already_existed ? kErrorAlreadyExists : 0);   // as CreateFileMapping reports it
   return new SectionObject{fd};
 }
 
@@ -152,7 +152,7 @@ EventHandle sys::CreateNamedEvent(const char* name) {
   e->named->last_count = e->named->word->load() >> 1;   // settings before this open are not ours
   static_assert(sizeof(std::atomic<std::uint32_t>) == 4 && std::atomic<std::uint32_t>::is_always_lock_free);
   e->named->waiter = std::thread(Mirror, e);
-  SetLastError(existed ? 183 : 0);
+  SetLastError(existed ? kErrorAlreadyExists : 0);
   return e;
 }
 
