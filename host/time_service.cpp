@@ -1,6 +1,7 @@
 // The service callbacks and the providers' lifecycle inside the host.
 #include "host/time_service.h"
 
+#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <cstdarg>
@@ -164,14 +165,25 @@ std::vector<LoadedProvider> HostLoadProviders() {
     if (reg_get_dword(provider_key.c_str(), "Enabled", 0) == 0) continue;
     char dll[260];
     reg_get_string(provider_key.c_str(), "DllName", dll, sizeof dll, "");
+    // The time service's built-in providers (NtpClient, NtpServer: no module, or its own
+    // w32time.dll) are chronyd's part here.
+    const char* file = dll;
+    for (const char* c = dll; *c; ++c)
+      if (*c == '\\' || *c == '/') file = c + 1;
+    std::string lower(file);
+    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (lower.empty() || lower == "w32time.dll") {
+      HostLog(kLogInfo, "time provider %s: built into the time service; chronyd plays it", n.c_str());
+      continue;
+    }
     LoadedProvider p;
     p.name = n;
     const bool bare = !std::strchr(dll, '\\') && !std::strchr(dll, '/');
     p.path = bare ? platform::NativePath(platform::SystemDirectory() + "\\" + dll) : platform::NativePath(dll);
-    p.module = *dll ? platform::LoadModule(p.path.c_str()) : nullptr;
+    p.module = platform::LoadModule(p.path.c_str());
     if (!p.module) {
       HostLog(kLogWarning, "time provider %s: cannot load %s: %s", n.c_str(), p.path.c_str(),
-              *dll ? platform::ModuleError().c_str() : "no DllName");
+              platform::ModuleError().c_str());
       continue;
     }
     auto* open = reinterpret_cast<platform::TimeProvOpenFunc*>(platform::ModuleSymbol(p.module, "TimeProvOpen"));
