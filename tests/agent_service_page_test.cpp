@@ -186,7 +186,9 @@ TEST_F(AgentPageTest, NewestEntryAtIndex63IsTheFirstLineAndNamesComeFromTheWorke
   fake::SetHostAddress("newest.example", a);
   g_applet.settings.dns_lookups_enabled = 1;
   Open({IDD_AGENT});
-  // At once: times and addresses; the names follow from the look-up worker.
+  // At once: times and addresses; the names follow from the look-up worker, whose message the
+  // window has not run yet.
+  EXPECT_EQ(Lines()[0], Line(a, 1'700'000'200, ""));
   Logic().WaitForLookups();
   Agent().DeliverPosted();
   EXPECT_EQ(Lines(), (std::vector<std::string>{Line(a, 1'700'000'200, "newest.example"), Line(b, 1'700'000'100, ""),
@@ -273,6 +275,28 @@ TEST_F(AgentPageTest, ShowGraphTwiceFocusesTheOpenWindow) {
   EXPECT_EQ(memory_ui::Modeless().size(), 2u);
 }
 
+#ifndef _WIN32
+TEST_F(AgentPageTest, ClearingOnAnotherMachineCutsItsDriftFileAndDeletesItsValue) {
+  const auto network = root_ / "network";
+  std::filesystem::create_directories(network / "M" / "system32");
+  SetEnvironmentValue("CHRONWARDEN_NETWORK_ROOT", network.string().c_str());
+  WriteBytes(network / "M" / "system32" / "drift.kr", RecordBytes({MakeRecord(1'700'000'000, 3)}));
+  ASSERT_EQ(reg_connect_target("\\\\M"), 1);
+  WriteHistory({{63, Address(10, 0, 0, 1), 1'700'000'000}});
+  std::snprintf(g_applet.target, sizeof g_applet.target, "\\\\M");
+  EXPECT_EQ(agent_drift_path(g_applet.target), "\\\\M\\admin$\\system32\\drift.kr");
+  Open({IDD_AGENT});
+  EXPECT_EQ(Agent().ItemCount(IDC_HISTORY), 1);
+  memory_ui::AnswerNext(kIdYes);
+  EXPECT_TRUE(Agent().Click(IDC_CLEAR_HISTORY));
+  EXPECT_EQ(std::filesystem::file_size(network / "M" / "system32" / "drift.kr"), 0u);
+  std::uint8_t buf[512];
+  EXPECT_EQ(reg_get_binary(kProviderKey, "Last Used Time Source", buf, sizeof buf), 0);
+  reg_connect_target(nullptr);
+  SetEnvironmentValue("CHRONWARDEN_NETWORK_ROOT", nullptr);
+}
+#endif
+
 // ---- Service page ----
 
 class ServicePageTest : public PageTest {
@@ -316,6 +340,10 @@ TEST_F(ServicePageTest, StatusLineAndButtonFollowTheService) {
   Service().SendNotify(kPsnKillActive);
   EXPECT_FALSE(Service().TimerRunning(1));
   EXPECT_EQ(service_status_text("\\\\M", true), "The Windows Time service on \\\\M is running");
+  Service().Click(IDC_LINK);
+  ASSERT_EQ(memory_ui::OpenedAddresses().size(), 1u);
+  EXPECT_NE(memory_ui::OpenedAddresses()[0].find("subject=servicetab"), std::string::npos);
+  EXPECT_EQ(Service().ClassCursor(IDC_LINK), IDC_CW_LINK);
 }
 
 TEST_F(ServicePageTest, StopGoesThroughServiceControlAtOnceAndRefreshesTheClientPage) {
