@@ -404,3 +404,18 @@ std::intptr_t applet_launch(void* window, std::uint32_t mode) {
   err = LastError();
   return result;
 }
+
+void applet_mark_changed(platform::Dialog& page) {
+  page.SetSheetChanged(true);
+  page.NotifySheet(true);
+}
+
+void (*g_applet_client_refresh)(bool time_source) = nullptr;
+
+std::string applet_trimmed(std::string_view text, std::size_t at_most) {
+  text = text.substr(0, at_most);
+  const char* blanks = " \t\r\n";
+  const auto b = text.find_first_not_of(blanks);
+  if (b == std::string_view::npos) return {};
+  return std::string(text.substr(b, text.find_last_not_of(blanks) - b + 1));
+}

@@ -4,6 +4,8 @@
 #pragma once
 #include <cstdarg>
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 #include "config/w32time.h"
 #include "platform/dialog.h"
@@ -96,3 +98,13 @@ void applet_open_help(const char* subject);
 platform::StaticColours applet_link_colours();
 // Hand cursor and host name on the documentation link of a page.
 void applet_setup_link(platform::Dialog& page);
+// A page's edit: the sheet's changed flag is set and the sheet is told that this page changed
+// (PSM_CHANGED), which enables Apply.
+void applet_mark_changed(platform::Dialog& page);
+// The first at_most characters of text without the blanks, tabs, carriage returns and line feeds
+// at either end (the pages' reading of an edit box).
+std::string applet_trimmed(std::string_view text, std::size_t at_most = std::string_view::npos);
+// Refreshes the Client page after the Service page started or stopped the time service: its
+// "&Sync Now" button and, with time_source, its current time source. Set by the Client page while
+// it exists; nullptr: nothing to refresh.
+extern void (*g_applet_client_refresh)(bool time_source);

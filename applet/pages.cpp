@@ -2,7 +2,9 @@
 // yet: until they are, each shows its template with the documentation link and applies through
 // the shared apply step.
 #include "applet/about_page.h"
+#include "applet/agent_page.h"
 #include "applet/applet.h"
+#include "applet/service_page.h"
 #include "resources/resources.h"
 
 namespace {
@@ -32,12 +34,14 @@ struct PlainPage : platform::DialogLogic {
 platform::DialogLogic& applet_page_logic(int template_id) {
   static PlainPage client("clienttab"), server("servertab"), agent("agenttab"), service("servicetab");
   static AboutPage about;
+  static AgentPage agent_page;
+  static ServicePage service_page;
   switch (template_id) {
     case IDD_CLIENT:
     case IDD_CLIENT_W2K: return client;
     case IDD_SERVER: return server;
-    case IDD_AGENT: return agent;
-    case IDD_SERVICE: return service;
+    case IDD_AGENT: return agent_page;
+    case IDD_SERVICE: return service_page;
     default: return about;
   }
 }

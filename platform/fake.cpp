@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <functional>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -328,6 +329,22 @@ bool LookupHostV4(const char* host, std::uint32_t& address) {
   if (name == "localhost") return sys::LookupHostV4(host, address);
   SetLastSocketError(kWsaHostNotFound);
   return false;
+}
+// Reverse look-ups under the fake answer from the same table (the first name of the address);
+// an address without one has no name.
+bool LookupAddressV4(std::uint32_t address, char* name, std::size_t size) {
+  if (!On()) return sys::LookupAddressV4(address, name, size);
+  if (!name || size == 0) return false;
+  name[0] = 0;
+  if (InjectedFailure(&FakeState::fail_lookup)) return false;
+  return Locked([&](FakeState& s) {
+    for (const auto& [host, a] : s.hosts)
+      if (a == address) {
+        std::snprintf(name, size, "%s", host.c_str());
+        return true;
+      }
+    return false;
+  });
 }
 SocketHandle CreateSocketV4(int type, int protocol) {
   if (InjectedFailure(&FakeState::fail_socket)) return kInvalidSocket;

@@ -49,7 +49,7 @@ void SetProcessAffinity(std::uint64_t mask);   // Enable: 0xF
 std::uint64_t CurrentThreadAffinity();         // what the calling thread was last pinned to (0: never)
 
 // Host names: while the fake is on, LookupHostV4 answers from this table (and "localhost") only;
-// unknown names fail with 11001.
+// unknown names fail with 11001. LookupAddressV4 answers from it too (an address without a name fails).
 void SetHostAddress(std::string_view name, std::uint32_t address_network_order);
 
 // The text viewer: while the fake is on, OpenTextFileForUser starts nothing; it records the path

@@ -39,6 +39,7 @@ bool SystemMessage(std::uint32_t code, char* buf, std::size_t size);
 bool OpenTextFileForUser(std::string_view path, const int* origin_xy);
 
 bool LookupHostV4(const char* host, std::uint32_t& address);
+bool LookupAddressV4(std::uint32_t address, char* name, std::size_t size);
 SocketHandle CreateSocketV4(int type, int protocol);
 int SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddressV4& to);
 int NetStartup();

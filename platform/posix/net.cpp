@@ -214,7 +214,7 @@ int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4*
   return static_cast<int>(n);
 }
 
-bool LookupAddressV4(std::uint32_t address, char* name, std::size_t size) {
+bool sys::LookupAddressV4(std::uint32_t address, char* name, std::size_t size) {
   if (!name || size == 0) return false;
   name[0] = 0;
   sockaddr_in sin{};

@@ -129,7 +129,7 @@ int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4*
   return ReceiveFrom(s, buf, size, from);
 }
 
-bool LookupAddressV4(std::uint32_t address, char* name, std::size_t size) {
+bool sys::LookupAddressV4(std::uint32_t address, char* name, std::size_t size) {
   if (!name || size == 0) return false;
   name[0] = 0;
   const hostent* h = ::gethostbyaddr(reinterpret_cast<const char*>(&address), 4, AF_INET);

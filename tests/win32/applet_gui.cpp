@@ -7,6 +7,7 @@
 #include <prsht.h>
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -72,6 +73,69 @@ void screenshot(HWND w, const std::string& path) {
   ReleaseDC(nullptr, screen);
 }
 
+// Reads a REG_DWORD of HKEY_LOCAL_MACHINE (-1 when it is missing).
+long long reg_dword(const char* key, const char* value) {
+  DWORD data = 0, size = sizeof data;
+  if (RegGetValueA(HKEY_LOCAL_MACHINE, key, value, RRF_RT_REG_DWORD, nullptr, &data, &size) != ERROR_SUCCESS) return -1;
+  return data;
+}
+
+// Shows the page titled title; its window, or nullptr when the sheet has no such page.
+HWND show_page(HWND sheet, const std::string& title) {
+  HWND tab = PropSheet_GetTabControl(sheet);
+  for (int i = 0; i < TabCtrl_GetItemCount(tab); ++i) {
+    char buf[64] = {};
+    TCITEMA item{};
+    item.mask = TCIF_TEXT;
+    item.pszText = buf;
+    item.cchTextMax = sizeof buf;
+    SendMessageA(tab, TCM_GETITEMA, WPARAM(i), LPARAM(&item));
+    if (title == buf) {
+      PropSheet_SetCurSel(sheet, nullptr, i);
+      Sleep(300);
+      return PropSheet_GetCurrentPageHwnd(sheet);
+    }
+  }
+  return nullptr;
+}
+
+void apply(HWND sheet) {
+  PropSheet_PressButton(sheet, PSBTN_APPLYNOW);
+  Sleep(700);
+}
+
+// The Service page's start-up type and the Agent page's check interval changed through messages,
+// Apply pressed, the registry read back; then the first values are put back the same way.
+void edit_and_apply(HWND sheet) {
+  const char* w32time = "System\\CurrentControlSet\\Services\\W32Time";
+  const char* provider = "System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden";
+  if (HWND page = show_page(sheet, "Service")) {
+    HWND list = GetDlgItem(page, 2233);
+    const LRESULT first = SendMessageA(list, CB_GETCURSEL, 0, 0);
+    const auto choose = [&](LRESULT index) {
+      SendMessageA(list, CB_SETCURSEL, WPARAM(index), 0);
+      SendMessageA(page, WM_COMMAND, MAKEWPARAM(2233, CBN_SELCHANGE), LPARAM(list));
+      apply(sheet);
+    };
+    choose(first == 2 ? 1 : 2);
+    const long long expected = first == 2 ? 2 : 3;
+    expect(reg_dword(w32time, "Start") == expected, "Service page: start-up type applied (Start " +
+                                                         std::to_string(reg_dword(w32time, "Start")) + ")");
+    choose(first);
+    expect(text_of(GetDlgItem(page, 2239)).rfind("The Windows Time service on ", 0) == 0,
+           "Service page status line: " + text_of(GetDlgItem(page, 2239)));
+  }
+  if (HWND page = show_page(sheet, "Agent")) {
+    const std::string first = text_of(GetDlgItem(page, 2266));
+    SetDlgItemTextA(page, 2266, "31");
+    apply(sheet);
+    expect(reg_dword(provider, "SpecialPollInterval") == 31 * 60,
+           "Agent page: check interval applied (" + std::to_string(reg_dword(provider, "SpecialPollInterval")) + " s)");
+    SetDlgItemTextA(page, 2266, first.c_str());
+    apply(sheet);
+  }
+}
+
 // Runs on a thread of its own while CPlApplet shows the modal sheet.
 void inspect(const std::string& folder) {
   HWND sheet = nullptr;
@@ -91,7 +155,7 @@ void inspect(const std::string& folder) {
     SendMessageA(tab, TCM_GETITEMA, WPARAM(i), LPARAM(&item));
     titles += std::string(i ? "," : "") + buf;
   }
-  expect(titles == "Client,Server,Service,About" || titles == "Client,Server,Agent,Service,About", "page titles " + titles);
+  expect(titles == "Client,Server,Agent,Service,About", "page titles " + titles);
   expect(text_of(sheet) == "Chronwarden", "sheet caption before the About page: " + text_of(sheet));
   expect(text_of(GetDlgItem(sheet, IDOK)) == "&OK" && text_of(GetDlgItem(sheet, IDCANCEL)) == "&Cancel", "buttons &OK and &Cancel");
   const char* names[] = {"client", "server", "agent", "service", "about"};
@@ -110,6 +174,7 @@ void inspect(const std::string& folder) {
          "version line");
   expect(text_of(GetDlgItem(about, 2280)) == "www.selvox.example", "documentation link text");
   expect(text_of(GetDlgItem(about, 2293)).rfind("Chronwarden 4.2.b.20081210R\r\nSelvox, Inc.\r\n", 0) == 0, "about text");
+  edit_and_apply(sheet);
   PropSheet_PressButton(sheet, PSBTN_CANCEL);
 }
 
@@ -132,9 +197,18 @@ int main(int argc, char** argv) {
   char name[64] = {};
   LoadStringA(m, UINT(info.name), name, sizeof name);
   expect(info.icon == 1 && std::string(name) == "Chronwarden", "CPL_INQUIRE names the applet");
+  // The provider marked installed, so that the sheet has its Agent page (put back afterwards).
+  const char* provider = "System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden";
+  char installed[16] = {};
+  DWORD installed_size = sizeof installed;
+  const bool had_value = RegGetValueA(HKEY_LOCAL_MACHINE, provider, "Service Installed", RRF_RT_REG_SZ, nullptr,
+                                      installed, &installed_size) == ERROR_SUCCESS;
+  RegSetKeyValueA(HKEY_LOCAL_MACHINE, provider, "Service Installed", REG_SZ, "True", 5);
   std::thread watcher(inspect, folder);
   LONG shown = cpl(nullptr, 0x11223348, 0, 0);
   watcher.join();
+  if (had_value) RegSetKeyValueA(HKEY_LOCAL_MACHINE, provider, "Service Installed", REG_SZ, installed, DWORD(std::strlen(installed) + 1));
+  else RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, provider, "Service Installed");
   expect(shown == 1, "the sheet launch succeeded (error " + std::to_string(GetLastError()) + ")");
   cpl(nullptr, 8, 0, 0);
   return g_failures ? 1 : 0;
