@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "provider/kr2_client.h"
+#include "applet/kr2_client.h"
 #include "tests/kr2_loopback.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include "cli/drift_list.h"
 #include "config/defaults.h"
 #include "platform/error.h"
-#include "provider/kr2_client.h"
+#include "applet/kr2_client.h"
 #include "timing/error_text.h"
 #include "timing/format.h"
 #include "timing/ntp_client.h"

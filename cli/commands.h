@@ -34,6 +34,7 @@ int CmdGraph(CommandArgs args);
 int CmdKr2(CommandArgs args);
 int CmdMonitor(CommandArgs args);
 int CmdAgent(CommandArgs args);
+int CmdStatus(CommandArgs args);
 
 // Prints "chronwarden: <message>" and the hint to --help on standard error; returns kExitUsage.
 int UsageError(std::string_view command, std::string_view message);

@@ -23,6 +23,7 @@ constexpr Command kCommands[] = {
     {"kr2", "ask a machine's KR2 responder: identity, status, time, zone, products, history", CmdKr2},
     {"monitor", "poll the KR2 status of many machines at once, one line per machine", CmdMonitor},
     {"agent", "show or set the agent's options, list or clear its source history", CmdAgent},
+    {"status", "is the clock synchronized? each NTP server's stratum and variance, the verdict", CmdStatus},
 };
 
 void PrintHelp() {

@@ -82,6 +82,9 @@ inline constexpr const char* kPublicNtpServer1 = "pool.ntp.org";             // 
 inline constexpr const char* kPublicNtpServer2 = "time.nist.gov";
 inline constexpr const char* kUninstallKey = "\\\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Chronwarden Control Panel Applet";
 inline constexpr std::uint32_t kStatusThreadWaitMs = 10'000;                 // the launch waits this long for the status worker
+inline constexpr std::uint32_t kStatusCheckPeriodMs = 8'000;                 // the status worker checks this often (ms)
+inline constexpr std::uint32_t kStatusQueryTimeoutMs = 500;                  // each NTP question of a status check (ms)
+inline constexpr std::uint32_t kStatusRowPauseMs = 150;                      // pause after each server row (ms)
 }  // namespace defaults
 
 // Service control of the time service.

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/clock.h"
+
 namespace platform {
 
 // ---- Administrator rights (the steps of the applet's check, each on its own) ----
@@ -32,6 +34,11 @@ struct ServerInfo {
 // CurrentMinorVersionNumber under SOFTWARE\Microsoft\Windows NT\CurrentVersion, as Windows keeps
 // them), else NT 6.3; a server when its ProductType is not "WinNT".
 std::uint32_t GetServerInfo(std::string_view machine, ServerInfo& out);
+
+// The time of day of machine ("NAME") by the network time-of-day service (NetRemoteTOD), UTC
+// broken down. 0 on success, else the error. POSIX: there is no such service (50, not supported):
+// callers ask the machine's KR2 responder instead.
+std::uint32_t RemoteTimeOfDay(std::string_view machine, SystemTime& utc);
 
 // ---- The module ----
 // The file of the module that holds this code (the .cpl; a test program's own file). POSIX: the

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "platform/error.h"
-#include "provider/kr2_client.h"
+#include "applet/kr2_client.h"
 #include "tests/kr2_loopback.h"
 #include "timing/precise_clock.h"
 

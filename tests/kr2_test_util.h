@@ -5,7 +5,7 @@
 #include <deque>
 #include <vector>
 
-#include "provider/kr2_client.h"
+#include "applet/kr2_client.h"
 #include "config/defaults.h"
 #include "provider/kr2_responder.h"
 #include "provider/provider.h"

@@ -83,6 +83,8 @@ std::uint32_t GetServerInfo(std::string_view machine, ServerInfo& out) {
   return 0;
 }
 
+std::uint32_t RemoteTimeOfDay(std::string_view, SystemTime&) { return kErrorNotSupported; }
+
 std::string ThisModuleFile() {
   if (const char* m = std::getenv("CHRONWARDEN_MODULE"); m && *m) return m;
   // Else the module beside the running program, or one folder up (the build tree's layout).

@@ -84,6 +84,21 @@ std::uint32_t GetServerInfo(std::string_view machine, ServerInfo& out) {
   return 0;
 }
 
+std::uint32_t RemoteTimeOfDay(std::string_view machine, SystemTime& utc) {
+  std::string a = "\\\\" + str(machine);
+  wchar_t name[512] = {};
+  MultiByteToWideChar(CP_ACP, 0, a.c_str(), -1, name, 511);
+  TIME_OF_DAY_INFO* tod = nullptr;
+  const NET_API_STATUS st = NetRemoteTOD(name, reinterpret_cast<LPBYTE*>(&tod));
+  if (st != NERR_Success) return st;
+  utc = {static_cast<std::uint16_t>(tod->tod_year), static_cast<std::uint16_t>(tod->tod_month),
+         static_cast<std::uint16_t>(tod->tod_weekday), static_cast<std::uint16_t>(tod->tod_day),
+         static_cast<std::uint16_t>(tod->tod_hours), static_cast<std::uint16_t>(tod->tod_mins),
+         static_cast<std::uint16_t>(tod->tod_secs), static_cast<std::uint16_t>(tod->tod_hunds * 10)};
+  NetApiBufferFree(tod);
+  return 0;
+}
+
 std::string ThisModuleFile() {
   HMODULE m = nullptr;
   GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,

@@ -24,7 +24,7 @@
 #include "platform/host.h"
 #include "platform/net.h"
 #include "platform/service.h"
-#include "provider/kr2_client.h"
+#include "applet/kr2_client.h"
 #include "tests/registry_fixture.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // The KR2 client.
-#include "provider/kr2_client.h"
+#include "applet/kr2_client.h"
 
 #include <algorithm>
 #include <chrono>

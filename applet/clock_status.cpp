@@ -1,0 +1,195 @@
+// The clock status check. It runs on the status worker and writes the page's controls directly;
+// the stop event is polled between every blocking step, so a closing page ends a check within one
+// query time-out plus the row pause.
+#include "applet/clock_status.h"
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <string>
+
+#include "applet/applet.h"
+#include "config/defaults.h"
+#include "config/registry.h"
+#include "config/service_control.h"
+#include "platform/error.h"
+#include "platform/machine.h"
+#include "platform/net.h"
+#include "platform/sync.h"
+#include "applet/kr2_client.h"
+#include "resources/resource_ids.h"
+#include "timing/error_text.h"
+#include "timing/format.h"
+#include "timing/ntp_client.h"
+#include "timing/precise_clock.h"
+
+std::atomic<platform::Dialog*> g_status_page{nullptr};
+
+namespace {
+
+struct Row {
+  int server, stratum, variance;
+};
+constexpr Row kRows[] = {{IDC_SERVER1, IDC_STRATUM1, IDC_VARIANCE1}, {IDC_SERVER2, IDC_STRATUM2, IDC_VARIANCE2},
+                         {IDC_SERVER3, IDC_STRATUM3, IDC_VARIANCE3}, {IDC_SERVER4, IDC_STRATUM4, IDC_VARIANCE4},
+                         {IDC_SERVER5, IDC_STRATUM5, IDC_VARIANCE5}, {IDC_SERVER6, IDC_STRATUM6, IDC_VARIANCE6}};
+
+// The marking font of a row being checked.
+constexpr platform::FontSpec kFontMarking = platform::kFontBold;
+
+bool Stopped() {
+  return g_applet.status_stop && platform::WaitForEvent(g_applet.status_stop, 0) == platform::kWaitObject0;
+}
+
+// Waits ms on the stop event; true when it was set.
+bool PauseStopped(std::uint32_t ms) {
+  if (!g_applet.status_stop) return platform::Sleep(ms), false;
+  return platform::WaitForEvent(g_applet.status_stop, ms) == platform::kWaitObject0;
+}
+
+// A broken-down UTC time as a file time (100-ns units since 1601).
+std::uint64_t FileTimeOf(const platform::SystemTime& t) {
+  using namespace std::chrono;
+  const sys_days day = year_month_day{year{t.year}, month{t.month}, std::chrono::day{t.day}};
+  const auto since_1970 = day.time_since_epoch() + hours{t.hour} + minutes{t.minute} + seconds{t.second} +
+                          milliseconds{t.milliseconds};
+  return kFileTimeOf1970 + static_cast<std::uint64_t>(duration_cast<microseconds>(since_1970).count()) * 10;
+}
+
+// The target's UTC time from its KR2 responder (command 2), for systems without NetRemoteTOD.
+bool Kr2TimeOfDay(const char* machine, platform::SystemTime& utc) {
+  Kr2Peer peer;
+  if (!Kr2Open(peer, machine, 0, defaults::kStatusQueryTimeoutMs)) return false;
+  Kr2SystemTime t{};
+  const bool ok = Kr2Ask(peer, kKr2Time, 0, &t, sizeof t) == static_cast<int>(sizeof t);
+  Kr2Close(peer);
+  utc = {t.year, t.month, t.day_of_week, t.day, t.hour, t.minute, t.second, t.milliseconds};
+  return ok && t.year >= 1601 && t.month >= 1 && t.month <= 12 && t.day >= 1 && t.day <= 31;
+}
+
+std::uint64_t MsNow() {
+  std::int64_t ticks = 0, hz = 1;
+  platform::PerformanceCounter(ticks);
+  platform::PerformanceFrequency(hz);
+  return static_cast<std::uint64_t>(ticks / (hz / 1000 ? hz / 1000 : 1));
+}
+
+}  // namespace
+
+int WindowHasText(const platform::Dialog& page, int id) { return applet_trimmed(page.Text(id), 128).empty() ? 0 : 1; }
+
+int RemoteTimeOffset(const char* machine, std::int64_t& offset) {
+  const std::uint64_t first = MsNow();
+  const std::uint64_t local = platform::SystemTimeAsFileTime();
+  platform::SystemTime remote{};
+  const std::uint32_t err = platform::RemoteTimeOfDay(machine, remote);
+  if (err == platform::kErrorNotSupported ? !Kr2TimeOfDay(machine, remote) : err != 0) return 0;
+  const std::uint64_t second = MsNow();
+  offset = static_cast<std::int64_t>(FileTimeOf(remote)) - static_cast<std::int64_t>((second - first) / 2) * 10'000 -
+           static_cast<std::int64_t>(local);
+  return 1;
+}
+
+int CheckClockStatus(platform::Dialog& page) {
+  page.SetText(IDC_STATUS_TEXT, "Checking synchronization status....");
+  std::int64_t target_offset = 0;
+  bool target_known = true;
+  if (g_applet.target[0]) {
+    const NtpResult target = NtpQuery({.server = g_applet.target, .timeout_ms = defaults::kStatusQueryTimeoutMs});
+    if (target.valid) {
+      target_offset = target.offset;
+    } else if (!RemoteTimeOffset(g_applet.target, target_offset)) {
+      target_offset = 0;
+      target_known = false;
+    }
+  }
+  std::int64_t count = 0, sum = 0;
+  for (const Row& row : kRows) {
+    if (Stopped()) return 1;
+    if (!page.Enabled(row.variance)) continue;
+    const std::string name = applet_trimmed(page.Text(row.server), 255);
+    page.SetText(row.variance, name.empty() ? "" : "Checking");
+    page.SetText(row.stratum, name.empty() ? "" : "?");
+    page.SetFont(row.variance, kFontMarking);
+    page.SetFont(row.stratum, kFontMarking);
+    std::string text, stratum = "-";
+    if (!name.empty()) {
+      if (Stopped()) return 1;
+      const NtpResult r = NtpQuery({.server = name.c_str(), .timeout_ms = defaults::kStatusQueryTimeoutMs});
+      if (Stopped()) return 1;
+      if (r.valid) {
+        const std::int64_t variance = r.offset - target_offset;
+        text = FormatShortDuration(variance / 10'000);
+        ++count;
+        sum += variance < 0 ? -variance : variance;
+        if (!target_known) text += " ???";
+        stratum = std::to_string(r.stratum);
+      } else if (r.error == static_cast<std::uint32_t>(platform::kNtpErrorClockNotSet)) {
+        text = "Clock Not Set";
+      } else if (r.error == platform::kErrorInvalidData) {
+        text = "Bad Type";
+      } else {
+        char buf[64];
+        text = SocketErrorShortName(static_cast<std::uint32_t>(platform::LastSocketError()), buf, sizeof buf);
+      }
+      if (PauseStopped(defaults::kStatusRowPauseMs)) return 1;
+      page.SetText(row.variance, text);
+      page.SetText(row.stratum, stratum);
+    }
+    page.SetFont(row.variance, platform::kFontDialog);
+    page.SetFont(row.stratum, platform::kFontDialog);
+  }
+  int icon = IDI_STATUS_UNKNOWN;
+  const char* line = "Clock synchronization status unknown";
+  if (count) {
+    const std::int64_t average_ms = (sum / count) / 10'000;
+    if (average_ms >= 2001) icon = IDI_STATUS_BAD, line = "Clock is NOT synchronized";
+    else if (average_ms < 1001) icon = IDI_STATUS_SYNCED, line = target_known ? "Clock synchronized to within 1 second" : "Not able to determine time at machine";
+    else icon = IDI_STATUS_OFF, line = "Clock is NOT synchronized to within 1 second";
+  }
+  page.SetIcon(IDC_STATUS_ICON, icon, 16);
+  page.SetText(IDC_STATUS_TEXT, line);
+  return 1;
+}
+
+void UpdateSyncNowButton(platform::Dialog& page) {
+  std::string source = page.Text(IDC_TIME_SOURCE).substr(0, 128);
+  std::transform(source.begin(), source.end(), source.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+  const bool enable = g_applet_services.control(nullptr, g_applet.target, kServiceOpQuery, 0) &&
+                      !page.Checked(IDC_SYNC_DISABLED) && !page.Checked(IDC_SYNC_NOSYNC) &&
+                      source.find("checking") == std::string::npos && source.find("...") == std::string::npos;
+  page.Enable(IDC_SYNC_NOW, enable);
+}
+
+void ShowCurrentTimeSource(platform::Dialog& page) {
+  // The agent applet is part of this module, so it is always present; "not installed" and
+  // "disabled" come from the provider's registration.
+  std::string text = "Unknown - Agent applet not present";
+  const W32tSettings& s = g_applet.settings;
+  if (!s.service_installed) {
+    text = "Unknown - Agent applet not installed";
+  } else if (s.provider_enabled) {
+    char partner[256];
+    reg_get_string(defaults::kProviderKey, defaults::kPartnerValue, partner, sizeof partner, "Unknown: no record");
+    text = partner;
+  } else {
+    text = "Unknown - Agent disabled";
+  }
+  if (page.Text(IDC_TIME_SOURCE) != text) page.SetText(IDC_TIME_SOURCE, text);
+}
+
+std::uint32_t StatusThread() {
+  const platform::EventHandle events[] = {g_applet.status_stop, g_applet.status_check};
+  for (;;) {
+    const std::uint32_t r = platform::WaitForAnyEvent(events, 2, defaults::kStatusCheckPeriodMs);
+    if (r == platform::kWaitObject0) break;
+    platform::Dialog* page = g_status_page.load();
+    if (!page) continue;
+    CheckClockStatus(*page);
+    UpdateSyncNowButton(*page);
+    if (g_w32t_env.level > 2048) ShowCurrentTimeSource(*page);
+  }
+  return 0;
+}
+
+void StatusThreadEntry(void*) { StatusThread(); }
