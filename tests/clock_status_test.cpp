@@ -1,9 +1,12 @@
-// The clock status check on an in-memory Client page: scripted NTP servers on loopback addresses of
-// this file's own (127.0.0.70 and up), time moved only by the fake clock, the verdict's boundaries.
+// The clock status check on an in-memory Client page ("Ntp" in the suites' names: one test at a
+// time binds port 123): one scripted NTP server per test on a
+// loopback address of this file's own (127.0.0.70 and up; its script answers the rows in turn), time
+// moved only by the fake clock, the verdict's boundaries.
 #include "applet/clock_status.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 
 #include "platform/net.h"
@@ -22,7 +25,7 @@ constexpr std::int64_t kGrain = 5;
 
 struct PlainLogic : platform::DialogLogic {};
 
-class ClockStatusTest : public PageTest {
+class ClockStatusNtpTest : public PageTest {
  protected:
   void SetUp() override {
     PageTest::SetUp();
@@ -52,7 +55,7 @@ class ClockStatusTest : public PageTest {
   std::unique_ptr<platform::MemoryDialog> page_;
 };
 
-TEST_F(ClockStatusTest, AllRowsEmptyOrDisabledLeaveTheVerdictUnknown) {
+TEST_F(ClockStatusNtpTest, AllRowsEmptyOrDisabledLeaveTheVerdictUnknown) {
   SetRow(2, "127.0.0.70");
   page_->Enable(kVariances[1], false);   // a disabled row is not asked
   Check();
@@ -64,7 +67,7 @@ TEST_F(ClockStatusTest, AllRowsEmptyOrDisabledLeaveTheVerdictUnknown) {
   EXPECT_EQ(page_->Font(kVariances[0]), platform::kFontDialog);   // the marking font is taken off again
 }
 
-TEST_F(ClockStatusTest, AServerOneAndAHalfSecondsAheadIsOffByMoreThanASecond) {
+TEST_F(ClockStatusNtpTest, AServerOneAndAHalfSecondsAheadIsOffByMoreThanASecond) {
   FakeNtpServer server("127.0.0.70", {{.offset = 1500 * kMs + kGrain, .stratum = 3}});
   SetRow(1, "  127.0.0.70 ");
   Check();
@@ -82,14 +85,15 @@ struct Boundary {
   const char* verdict;
 };
 
-class ClockStatusBoundaryTest : public ClockStatusTest, public ::testing::WithParamInterface<Boundary> {};
+class ClockStatusNtpBoundaryTest : public ClockStatusNtpTest, public ::testing::WithParamInterface<Boundary> {};
 
-TEST_P(ClockStatusBoundaryTest, TheAverageVarianceDecides) {
+TEST_P(ClockStatusNtpBoundaryTest, TheAverageVarianceDecides) {
   const Boundary b = GetParam();
-  FakeNtpServer ahead("127.0.0.71", {{.offset = b.first_ms * kMs + kGrain}});
-  FakeNtpServer behind("127.0.0.72", {{.offset = -b.second_ms * kMs - kGrain}});   // absolute values are averaged
+  // One server answers both rows in turn (one scripted server per test: under Wine every loopback
+  // address reaches the server bound last); absolute values are averaged.
+  FakeNtpServer server("127.0.0.71", {{.offset = b.first_ms * kMs + kGrain}, {.offset = -b.second_ms * kMs - kGrain}});
   SetRow(1, "127.0.0.71");
-  SetRow(4, "127.0.0.72");
+  SetRow(4, "127.0.0.71");
   Check();
   EXPECT_EQ(Icon(), b.icon);
   EXPECT_EQ(Verdict(), b.verdict);
@@ -98,18 +102,17 @@ TEST_P(ClockStatusBoundaryTest, TheAverageVarianceDecides) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Verdicts, ClockStatusBoundaryTest,
+    Verdicts, ClockStatusNtpBoundaryTest,
     ::testing::Values(Boundary{1000, 1000, IDI_STATUS_SYNCED, "Clock synchronized to within 1 second"},
                       Boundary{999, 1001, IDI_STATUS_SYNCED, "Clock synchronized to within 1 second"},
                       Boundary{1001, 1001, IDI_STATUS_OFF, "Clock is NOT synchronized to within 1 second"},
                       Boundary{2000, 2000, IDI_STATUS_OFF, "Clock is NOT synchronized to within 1 second"},
                       Boundary{2001, 2001, IDI_STATUS_BAD, "Clock is NOT synchronized"}));
 
-TEST_F(ClockStatusTest, StratumZeroIsClockNotSetAndCountsForNothing) {
-  FakeNtpServer unset("127.0.0.73", {{.stratum = 0}});
-  FakeNtpServer good("127.0.0.74", {{.offset = 20 * kMs + kGrain}});
+TEST_F(ClockStatusNtpTest, StratumZeroIsClockNotSetAndCountsForNothing) {
+  FakeNtpServer server("127.0.0.73", {{.stratum = 0}, {.offset = 20 * kMs + kGrain}});
   SetRow(1, "127.0.0.73");
-  SetRow(2, "127.0.0.74");
+  SetRow(2, "127.0.0.73");
   Check();
   EXPECT_EQ(Variance(1), "Clock Not Set");
   EXPECT_EQ(Stratum(1), "-");
@@ -117,7 +120,7 @@ TEST_F(ClockStatusTest, StratumZeroIsClockNotSetAndCountsForNothing) {
   EXPECT_EQ(Verdict(), "Clock synchronized to within 1 second");
 }
 
-TEST_F(ClockStatusTest, AServerThatDoesNotAnswerShowsItsErrorAndADash) {
+TEST_F(ClockStatusNtpTest, AServerThatDoesNotAnswerShowsItsErrorAndADash) {
   FakeNtpServer silent("127.0.0.75", {{.silent = true}});
   SetRow(3, "127.0.0.75");
   Check();
@@ -126,12 +129,13 @@ TEST_F(ClockStatusTest, AServerThatDoesNotAnswerShowsItsErrorAndADash) {
   EXPECT_EQ(Icon(), IDI_STATUS_UNKNOWN);
 }
 
-TEST_F(ClockStatusTest, AnUnreachableTargetMarksEveryRowAndCannotTellTheTime) {
-  FakeNtpServer a("127.0.0.76", {{.offset = 10 * kMs + kGrain}});
-  FakeNtpServer b("127.0.0.77", {{.offset = -30 * kMs - kGrain}});
+TEST_F(ClockStatusNtpTest, AnUnreachableTargetMarksEveryRowAndCannotTellTheTime) {
+  // Wine's netapi32 has no NetRemoteTOD (a call aborts the process); Windows and Linux run this.
+  if (std::getenv("WINEPREFIX") || std::getenv("WINELOADER")) GTEST_SKIP() << "no NetRemoteTOD under Wine";
+  FakeNtpServer server("127.0.0.76", {{.offset = 10 * kMs + kGrain}, {.offset = -30 * kMs - kGrain}});
   std::snprintf(g_applet.target, sizeof g_applet.target, "%s", "NOSUCHHOST");
   SetRow(1, "127.0.0.76");
-  SetRow(6, "127.0.0.77");
+  SetRow(6, "127.0.0.76");
   Check();
   g_applet.target[0] = '\0';
   EXPECT_EQ(Variance(1), "+0.010 secs ???");
@@ -140,19 +144,18 @@ TEST_F(ClockStatusTest, AnUnreachableTargetMarksEveryRowAndCannotTellTheTime) {
   EXPECT_EQ(Verdict(), "Not able to determine time at machine");
 }
 
-TEST_F(ClockStatusTest, ATargetThatAnswersNtpIsTheReference) {
+TEST_F(ClockStatusNtpTest, ATargetThatAnswersNtpIsTheReference) {
   // The target runs 400 ms ahead; a server 500 ms ahead of this machine is 100 ms off the target.
-  FakeNtpServer target("127.0.0.78", {{.offset = 400 * kMs}});
-  FakeNtpServer server("127.0.0.79", {{.offset = 500 * kMs + 2 * kGrain}});
+  FakeNtpServer server("127.0.0.78", {{.offset = 400 * kMs}, {.offset = 500 * kMs + 2 * kGrain}});
   std::snprintf(g_applet.target, sizeof g_applet.target, "%s", "127.0.0.78");
-  SetRow(2, "127.0.0.79");
+  SetRow(2, "127.0.0.78");
   Check();
   g_applet.target[0] = '\0';
   EXPECT_EQ(Variance(2), "+0.100 secs");
   EXPECT_EQ(Verdict(), "Clock synchronized to within 1 second");
 }
 
-TEST_F(ClockStatusTest, AStopBeforeTheRowsLeavesThemUntouched) {
+TEST_F(ClockStatusNtpTest, AStopBeforeTheRowsLeavesThemUntouched) {
   FakeNtpServer server("127.0.0.70", std::vector<FakeNtpReply>{FakeNtpReply{}});
   SetRow(1, "127.0.0.70");
   page_->SetText(kVariances[0], "before");
@@ -165,7 +168,7 @@ TEST_F(ClockStatusTest, AStopBeforeTheRowsLeavesThemUntouched) {
   EXPECT_TRUE(server.Requests().empty());
 }
 
-TEST_F(ClockStatusTest, SyncNowNeedsARunningServiceAManagedModeAndASettledSource) {
+TEST_F(ClockStatusNtpTest, SyncNowNeedsARunningServiceAManagedModeAndASettledSource) {
   RecordedServices::running = true;
   page_->SetText(IDC_TIME_SOURCE, "ntp.example");
   UpdateSyncNowButton(*page_);
@@ -185,7 +188,7 @@ TEST_F(ClockStatusTest, SyncNowNeedsARunningServiceAManagedModeAndASettledSource
   EXPECT_FALSE(page_->Enabled(IDC_SYNC_NOW));
 }
 
-TEST_F(ClockStatusTest, TheTimeSourceComesFromTheAgentWhenItIsInstalledAndEnabled) {
+TEST_F(ClockStatusNtpTest, TheTimeSourceComesFromTheAgentWhenItIsInstalledAndEnabled) {
   g_applet.settings.service_installed = 0;
   ShowCurrentTimeSource(*page_);
   EXPECT_EQ(page_->Text(IDC_TIME_SOURCE), "Unknown - Agent applet not installed");
@@ -201,7 +204,7 @@ TEST_F(ClockStatusTest, TheTimeSourceComesFromTheAgentWhenItIsInstalledAndEnable
   EXPECT_EQ(page_->Text(IDC_TIME_SOURCE), "ntp.example");
 }
 
-TEST_F(ClockStatusTest, WindowHasTextTrimsBlanks) {
+TEST_F(ClockStatusNtpTest, WindowHasTextTrimsBlanks) {
   page_->SetText(IDC_SERVER1, " \t ");
   EXPECT_EQ(WindowHasText(*page_, IDC_SERVER1), 0);
   page_->SetText(IDC_SERVER1, " a ");
