@@ -21,7 +21,10 @@ check() {  # check WHAT COMMAND...: the command must succeed
   if "$@" >/dev/null 2>&1; then echo "ok: $what"; else echo "FAILED: $what"; fail=1; fi
 }
 query() { wine reg query "$@" 2>/dev/null | tr -d '\r'; }
-run() { xvfb-run -a -s "-screen 0 1024x768x24" wine rundll32.exe "Z:$cpl,RunDll" "$@" </dev/null; }
+# Each test looks for a free display from a number of its own: two xvfb-run -a started at the same
+# moment from the same number can both take it, and one program is then left without a display.
+display_from=100; [ "$mode" = quiet ] || display_from=110
+run() { xvfb-run -a -n "$display_from" -s "-screen 0 1024x768x24" wine rundll32.exe "Z:$cpl,RunDll" "$@" </dev/null; }
 
 run -install $flag
 check "uninstall DisplayName" sh -c "wine reg query '$uninstall' /v DisplayName | grep -q 'Chronwarden Control Panel Applet'"
