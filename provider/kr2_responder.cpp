@@ -360,7 +360,9 @@ void HandleRequest(platform::SocketHandle socket) {
 }
 
 int Kr2SocketOn::Receive(std::uint8_t* buf, std::size_t size, platform::SocketAddressV4& from) {
-  return platform::ReceiveFrom(socket, buf, size, &from);
+  // Only what is waiting now: a wake-up with nothing to read (a socket shut down under the agent's
+  // wait) must not hold the agent in a receive.
+  return platform::ReceiveFromNow(socket, buf, size, &from);
 }
 
 int Kr2SocketOn::Send(const void* data, std::size_t size, const platform::SocketAddressV4& to) {

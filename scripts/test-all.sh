@@ -37,11 +37,12 @@ for preset in "${presets[@]}"; do
     fi
     # Wine creates sockets in its server: the server must live in this network namespace.
     [ -n "${CW_IN_NETNS:-}" ] && { wineserver -k 2>/dev/null || true; }
-    wineserver -p || true   # keep one server up for the whole run
-    # Start the prefix's background processes now, away from ctest's pipes: a process that inherits
-    # a test's output pipe keeps ctest waiting for it.
-    wine cmd /c exit </dev/null >/dev/null 2>&1 || true
-    ctest --preset windows || status=1
+    # One server for the whole run; the prefix's background processes start now, away from ctest's
+    # pipes (a process that inherits a test's output pipe keeps ctest waiting for it), and on a
+    # virtual display: the desktop process keeps the display it started with, and without one no
+    # later program of the prefix could open a window.
+    xvfb-run -a -n 90 -s "-screen 0 1024x768x24" bash -c \
+      'wineserver -p || true; wine cmd /c exit </dev/null >/dev/null 2>&1 || true; ctest --preset windows' || status=1
     wineserver -k || true
     unset WINEPREFIX WINEDEBUG WINEDLLOVERRIDES
   else

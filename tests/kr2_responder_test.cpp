@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/fake.h"
+#include "platform/net.h"
 #include "provider/kr2_responder.h"
 #include "tests/kr2_test_util.h"
 #include "timing/activity.h"
@@ -195,6 +196,20 @@ TEST_F(Kr2ResponderTest, FailedReceiveIsOnlyCounted) {
   EXPECT_EQ(HandleRequestWith(socket_, machine_), Kr2Outcome::ReceiveFailed);
   EXPECT_EQ(+g_local_status.failed[0], 1u);
   EXPECT_TRUE(g_marks.empty());
+}
+
+// A wake-up with nothing to read (on Linux a socket shut down under the agent's wait wakes it) is a
+// failed receive, never a wait for the next datagram that would keep the agent from its shutdown.
+TEST_F(Kr2ResponderTest, NothingWaitingOnARealSocketIsAFailedReceiveAtOnce) {
+  ASSERT_EQ(platform::NetStartup(), 0);
+  const platform::SocketHandle s = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
+  ASSERT_NE(s, platform::kInvalidSocket);
+  ASSERT_TRUE(platform::BindV4(s, {platform::kFamilyInet, 0, platform::InetAddr("127.0.0.1")}));
+  Kr2SocketOn transport(s);
+  EXPECT_EQ(HandleRequestWith(transport, machine_), Kr2Outcome::ReceiveFailed);
+  EXPECT_EQ(+g_local_status.failed[0], 1u);
+  platform::CloseSocket(s);
+  platform::NetCleanup();
 }
 
 TEST_F(Kr2ResponderTest, FailedSendStillCountsTheReply) {

@@ -31,6 +31,9 @@ void Report(DWORD state, DWORD hint) {
 bool Exists(const std::string& path) { return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 DWORD WINAPI Handler(DWORD control, DWORD, void*, void*) {
+  // A service that takes its time says so before the handler returns, as real services do: the
+  // controller's first look after the stop must already see stop-pending.
+  if (control == SERVICE_CONTROL_STOP && g_mode != "run") Report(SERVICE_STOP_PENDING, g_arg);
   if (control == SERVICE_CONTROL_STOP) SetEvent(g_stop);
   if (control == SERVICE_CONTROL_PARAMCHANGE) std::ofstream(g_marker + ".hup", std::ios::app) << "hup\n";
   return NO_ERROR;
