@@ -1,10 +1,8 @@
 // The About page.
 #include "applet/about_page.h"
 
-#include <cstdio>
 
 #include "applet/applet.h"
-#include "config/defaults.h"
 #include "resources/resources.h"
 
 const char* const kAboutText =
@@ -47,9 +45,7 @@ bool AboutPage::init(platform::Dialog& d) {
   g_applet.sheet_page = &d;
   applet_setup_link(d);
   applet_set_sheet_title(d);
-  char line[256];
-  std::snprintf(line, sizeof line, "Chronwarden Version %s\r\n%s", defaults::kProductVersion, defaults::kCopyright);
-  d.SetText(IDC_TITLE, line);
+  d.SetText(IDC_TITLE, applet_version_line());
   d.SetFont(IDC_ABOUT_TEXT, platform::kFontFixed);
   d.SetTabStops(IDC_ABOUT_TEXT, {12, 24});
   d.SetText(IDC_ABOUT_TEXT, kAboutText);

@@ -227,8 +227,8 @@ std::intptr_t applet_apply(platform::Dialog& page) {
   const char* target = g_applet.target;
   std::intptr_t result = 0;
   if (g_w32t_env.installed_product == kProductKaironServer && s.ntp_server_enabled && w32t_kairon_serves_ntp()) {
-    reg_set_bool("\\\\Software\\Morvane\\Kairon Server\\Enabled Protocols", ProtocolName(1), 0);
-    reg_set_bool("\\\\Software\\Morvane\\Kairon Server\\Parameters", "Skip Splash Once", 1);
+    reg_set_bool(defaults::kKaironProtocolsKey, ProtocolName(1), 0);
+    reg_set_bool(defaults::kKaironServerParamsKey, "Skip Splash Once", 1);
     g_applet_services.control(&page, target, kServiceOpStop, 0);
     g_applet_services.restart(&page, target, "Kairon Server");
     g_applet_services.control(&page, target, kServiceOpStart, 1);
@@ -411,6 +411,10 @@ void applet_mark_changed(platform::Dialog& page) {
 }
 
 void (*g_applet_client_refresh)(bool time_source) = nullptr;
+
+std::string applet_version_line() {
+  return std::string("Chronwarden Version ") + defaults::kProductVersion + "\r\n" + defaults::kCopyright;
+}
 
 std::string applet_trimmed(std::string_view text, std::size_t at_most) {
   text = text.substr(0, at_most);

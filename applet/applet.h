@@ -92,6 +92,8 @@ int applet_needs_upgrade(const char* registered, const char* mine, int service_i
 int applet_sheet_pages(std::uint32_t level, int service_installed, int ids[5]);
 // The sheet's title: "Windows Time Service - " and the target, or the local computer name.
 void applet_set_sheet_title(platform::Dialog& page);
+// "Chronwarden Version <version>\r\n<copyright>": the product line at the top of the pages.
+std::string applet_version_line();
 // The documentation page for subject ("abouttab", "clienttab", ...).
 void applet_open_help(const char* subject);
 // Link colours of the documentation link (WM_CTLCOLORSTATIC of 2280).

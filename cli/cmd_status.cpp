@@ -8,6 +8,7 @@
 #include "applet/applet.h"
 #include "applet/clock_status.h"
 #include "cli/commands.h"
+#include "cli/status_page.h"
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "config/w32time.h"
@@ -35,11 +36,9 @@ const char kUsage[] =
     "Exit code: 0 when the last check found the clock synchronized to within 1 second, 1 otherwise\n"
     "(not synchronized, off by more than a second, unknown), 2 for a wrong command line.\n";
 
-struct PlainLogic : platform::DialogLogic {};
-
 void Print(const platform::MemoryDialog& page, bool json) {
   if (json) {
-    std::string out = "{\"machine\": " + JsonString(g_applet.target[0] ? g_applet.target : g_w32t_env.computer_name) +
+    std::string out = "{\"machine\": " + JsonString(StatusPageMachine()) +
                       ", \"servers\": [";
     bool first = true;
     for (int i = 0; i < 6; ++i) {
@@ -69,6 +68,26 @@ void Print(const platform::MemoryDialog& page, bool json) {
 
 }  // namespace
 
+std::unique_ptr<platform::MemoryDialog> OpenStatusPage(std::string_view command, const std::string& machine) {
+  static platform::DialogLogic plain;
+  applet_entry(nullptr, kCplInit, 0, 0);
+  if (!reg_connect_target(machine.c_str())) {
+    std::fprintf(stderr, "chronwarden %s: cannot reach the registry of %s\n", std::string(command).c_str(),
+                 machine.c_str());
+    return nullptr;
+  }
+  w32t_environment_init();
+  applet_entry(nullptr, kCplSetMachine, reinterpret_cast<std::intptr_t>(machine.c_str()), 0);
+  w32t_load(g_applet.settings);
+  resources::RegisterDialogs();
+  platform::UseMemoryDialogs(true);
+  auto page = std::make_unique<platform::MemoryDialog>(*platform::FindDialogDescription(IDD_CLIENT), plain);
+  for (int i = 0; i < 6; ++i) page->SetText(kServerIds[i], g_applet.settings.servers[i].name);
+  return page;
+}
+
+const char* StatusPageMachine() { return g_applet.target[0] ? g_applet.target : g_w32t_env.computer_name; }
+
 int CmdStatus(CommandArgs args) {
   std::string machine;
   bool json = false, watch = false;
@@ -85,27 +104,16 @@ int CmdStatus(CommandArgs args) {
     }
   }
   if (count && !watch) return UsageError("status", "--count goes with --watch");
-  applet_entry(nullptr, kCplInit, 0, 0);
-  if (!reg_connect_target(machine.c_str())) {
-    std::fprintf(stderr, "chronwarden status: cannot reach the registry of %s\n", machine.c_str());
-    return kExitFailed;
-  }
-  w32t_environment_init();
-  applet_entry(nullptr, kCplSetMachine, reinterpret_cast<std::intptr_t>(machine.c_str()), 0);
-  w32t_load(g_applet.settings);
-  resources::RegisterDialogs();
-  platform::UseMemoryDialogs(true);
-  PlainLogic logic;
-  platform::MemoryDialog page(*platform::FindDialogDescription(IDD_CLIENT), logic);
-  for (int i = 0; i < 6; ++i) page.SetText(kServerIds[i], g_applet.settings.servers[i].name);
+  const auto page = OpenStatusPage("status", machine);
+  if (!page) return kExitFailed;
   int icon = 0;
   for (std::uint32_t n = 0; !watch || !count || n < count; ++n) {
     if (n) platform::Sleep(defaults::kStatusCheckPeriodMs);
-    CheckClockStatus(page);
-    UpdateSyncNowButton(page);
-    ShowCurrentTimeSource(page);
-    Print(page, json);
-    icon = page.Icon(IDC_STATUS_ICON);
+    CheckClockStatus(*page);
+    UpdateSyncNowButton(*page);
+    ShowCurrentTimeSource(*page);
+    Print(*page, json);
+    icon = page->Icon(IDC_STATUS_ICON);
     if (!watch) break;
   }
   return icon == IDI_STATUS_SYNCED ? kExitOk : kExitFailed;

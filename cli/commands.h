@@ -35,6 +35,7 @@ int CmdKr2(CommandArgs args);
 int CmdMonitor(CommandArgs args);
 int CmdAgent(CommandArgs args);
 int CmdStatus(CommandArgs args);
+int CmdServer(CommandArgs args);
 
 // Prints "chronwarden: <message>" and the hint to --help on standard error; returns kExitUsage.
 int UsageError(std::string_view command, std::string_view message);

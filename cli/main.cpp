@@ -24,6 +24,7 @@ constexpr Command kCommands[] = {
     {"monitor", "poll the KR2 status of many machines at once, one line per machine", CmdMonitor},
     {"agent", "show or set the agent's options, list or clear its source history", CmdAgent},
     {"status", "is the clock synchronized? each NTP server's stratum and variance, the verdict", CmdStatus},
+    {"server", "test the machine's NTP server: is the time it serves right?", CmdServer},
 };
 
 void PrintHelp() {

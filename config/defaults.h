@@ -71,6 +71,11 @@ inline constexpr std::uint32_t kCplCategory = 6;                     // its Cont
 inline constexpr std::uint32_t kW32tServiceStart = 2;                // W32Time "Start" when missing (automatic)
 inline constexpr std::uint32_t kCheckIntervalS = 1800;               // the agent's check interval when missing (s)
 inline constexpr std::uint32_t kAlertThresholdS = 2;                 // the alert threshold when missing (s)
+// The Kairon products that may manage the clock beside the time service.
+inline constexpr const char* kKaironServerParamsKey = "\\\\Software\\Morvane\\Kairon Server\\Parameters";
+inline constexpr const char* kKaironClientParamsKey = "\\\\Software\\Morvane\\Kairon Client\\Parameters";
+inline constexpr const char* kKaironProtocolsKey = "\\\\Software\\Morvane\\Kairon Server\\Enabled Protocols";
+inline constexpr std::uint32_t kKaironServerSettingsSize = 335;      // its binary "Server Settings" (bytes)
 }  // namespace defaults
 
 // The Control Panel applet and its installation.
@@ -85,6 +90,7 @@ inline constexpr std::uint32_t kStatusThreadWaitMs = 10'000;                 // 
 inline constexpr std::uint32_t kStatusCheckPeriodMs = 8'000;                 // the status worker checks this often (ms)
 inline constexpr std::uint32_t kStatusQueryTimeoutMs = 500;                  // each NTP question of a status check (ms)
 inline constexpr std::uint32_t kStatusRowPauseMs = 150;                      // pause after each server row (ms)
+inline constexpr std::uint32_t kServerTestPauseMs = 500;                     // Test Server: pause after an answer (ms)
 }  // namespace defaults
 
 // Service control of the time service.

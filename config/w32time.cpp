@@ -34,9 +34,9 @@ constexpr const char* kCategoryKey1 =
     "{305CA226-D286-468e-B848-2B2E8E697B74} 2";
 constexpr const char* kCategoryKey2 =
     "\\\\Software\\Microsoft\\Windows\\CurrentVersion\\Control Panel\\Extended Properties\\System.ControlPanel.Category";
-constexpr const char* kKaironServerKey = "\\\\Software\\Morvane\\Kairon Server\\Parameters";
-constexpr const char* kKaironClientKey = "\\\\Software\\Morvane\\Kairon Client\\Parameters";
-constexpr const char* kKaironProtocolsKey = "\\\\Software\\Morvane\\Kairon Server\\Enabled Protocols";
+constexpr const char* kKaironServerKey = defaults::kKaironServerParamsKey;
+constexpr const char* kKaironClientKey = defaults::kKaironClientParamsKey;
+using defaults::kKaironProtocolsKey;
 constexpr const char* kKaironServerService = "\\\\System\\CurrentControlSet\\Services\\Kairon Server";
 constexpr const char* kKaironClientService = "\\\\System\\CurrentControlSet\\Services\\Kairon Client";
 
