@@ -264,9 +264,10 @@ void ClientPage::destroyed(platform::Dialog& d) {
   platform::Dialog* self = &d;
   if (!g_status_page.compare_exchange_strong(self, nullptr)) return;
   g_applet_client_refresh = nullptr;
-  // The worker may be in the middle of a check that writes to this window: it ends first.
+  // The worker may be in the middle of a check that writes to this window: it ends first (its
+  // writes are answered meanwhile, so that it can get to its next look at the stop event).
   if (g_applet.status_thread && g_applet.status_stop) {
     platform::SetEvent(g_applet.status_stop);
-    platform::WaitForThread(g_applet.status_thread, defaults::kStatusThreadWaitMs);
+    platform::WaitForThreadAnsweringSends(g_applet.status_thread, defaults::kStatusThreadWaitMs);
   }
 }

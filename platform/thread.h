@@ -16,6 +16,9 @@ ThreadHandle CreateThreadSuspended(ThreadFunction fn, void* arg);  // runs fn(ar
 bool ResumeThread(ThreadHandle thread);
 bool SetThreadPriority(ThreadHandle thread, int priority);         // Win32 priority numbers
 bool WaitForThread(ThreadHandle thread, std::uint32_t timeout_ms); // true when it ended within the time-out
+// WaitForThread on a window's thread: what other threads send to this thread's windows is answered
+// while it waits (a worker writing to the windows cannot hang on them); posted messages wait.
+bool WaitForThreadAnsweringSends(ThreadHandle thread, std::uint32_t timeout_ms);
 void CloseThread(ThreadHandle thread);       // releases the handle; a running thread goes on (detached)
 
 int GetCurrentThreadPriority();              // Win32 priority number of the calling thread

@@ -112,6 +112,9 @@ bool WaitForThread(ThreadHandle t, std::uint32_t timeout_ms) {
   return t->state->cv.wait_for(lock, std::chrono::milliseconds(timeout_ms), done);
 }
 
+// No window system here: nothing is sent to this thread's windows.
+bool WaitForThreadAnsweringSends(ThreadHandle t, std::uint32_t timeout_ms) { return WaitForThread(t, timeout_ms); }
+
 void CloseThread(ThreadHandle t) {
   if (!t) return;
   pthread_detach(t->thread);

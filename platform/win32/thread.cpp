@@ -34,6 +34,20 @@ ThreadHandle sys::CreateThreadSuspended(ThreadFunction fn, void* arg) {
 bool ResumeThread(ThreadHandle t) { return ::ResumeThread(H(t)) != static_cast<DWORD>(-1); }
 bool sys::SetThreadPriority(ThreadHandle t, int priority) { return ::SetThreadPriority(H(t), priority) != FALSE; }
 bool WaitForThread(ThreadHandle t, std::uint32_t timeout_ms) { return ::WaitForSingleObject(H(t), timeout_ms) == WAIT_OBJECT_0; }
+bool WaitForThreadAnsweringSends(ThreadHandle t, std::uint32_t timeout_ms) {
+  HANDLE h = H(t);
+  const ULONGLONG give_up = ::GetTickCount64() + timeout_ms;
+  for (;;) {
+    const ULONGLONG now = ::GetTickCount64();
+    if (timeout_ms != INFINITE && now >= give_up) return false;
+    const DWORD left = timeout_ms == INFINITE ? INFINITE : static_cast<DWORD>(give_up - now);
+    const DWORD r = ::MsgWaitForMultipleObjects(1, &h, FALSE, left, QS_SENDMESSAGE);
+    if (r == WAIT_OBJECT_0) return true;
+    if (r != WAIT_OBJECT_0 + 1) return false;
+    MSG msg;
+    ::PeekMessageA(&msg, nullptr, 0, 0, PM_NOREMOVE | PM_QS_SENDMESSAGE);   // runs the sent messages
+  }
+}
 void CloseThread(ThreadHandle t) {
   if (t) ::CloseHandle(H(t));
 }

@@ -6,6 +6,7 @@
 #include <commctrl.h>
 #include <prsht.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -80,6 +81,37 @@ long long reg_dword(const char* key, const char* value) {
   return data;
 }
 
+// Reads a REG_SZ of HKEY_LOCAL_MACHINE ("(missing)" when it is not there).
+std::string reg_sz(const char* key, const char* value) {
+  char data[512] = {};
+  DWORD size = sizeof data;
+  if (RegGetValueA(HKEY_LOCAL_MACHINE, key, value, RRF_RT_REG_SZ, nullptr, data, &size) != ERROR_SUCCESS) return "(missing)";
+  return data;
+}
+
+// Values the test changes, put back at the end as they were (deleted when they were missing).
+struct SavedValue {
+  SavedValue(const char* k, const char* v) : key(k), value(v) {}
+  const char* key;
+  const char* value;
+  DWORD type = REG_NONE;
+  std::vector<char> data;
+  void save() {
+    DWORD size = 0;
+    if (RegGetValueA(HKEY_LOCAL_MACHINE, key, value, RRF_RT_ANY, &type, nullptr, &size) != ERROR_SUCCESS) return;
+    data.resize(size);
+    RegGetValueA(HKEY_LOCAL_MACHINE, key, value, RRF_RT_ANY, &type, data.data(), &size);
+  }
+  void restore() const {
+    if (type == REG_NONE) RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, key, value);
+    else RegSetKeyValueA(HKEY_LOCAL_MACHINE, key, value, type, data.data(), DWORD(data.size()));
+  }
+};
+
+constexpr const char* kParameters = "System\\CurrentControlSet\\Services\\W32Time\\Parameters";
+constexpr const char* kConfig = "System\\CurrentControlSet\\Services\\W32Time\\Config";
+constexpr const char* kNtpServer = "System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\NtpServer";
+
 // Shows the page titled title; its window, or nullptr when the sheet has no such page.
 HWND show_page(HWND sheet, const std::string& title) {
   HWND tab = PropSheet_GetTabControl(sheet);
@@ -107,6 +139,33 @@ void apply(HWND sheet) {
 // The Service page's start-up type and the Agent page's check interval changed through messages,
 // Apply pressed, the registry read back; then the first values are put back the same way.
 void edit_and_apply(HWND sheet) {
+  // The Client page: the status worker's verdict on the configured loopback server, a second server
+  // typed into row 2 and applied.
+  if (HWND page = show_page(sheet, "Client")) {
+    const std::string verdicts[] = {"Clock synchronized to within 1 second", "Clock is NOT synchronized",
+                                    "Clock is NOT synchronized to within 1 second", "Not able to determine time at machine",
+                                    "Clock synchronization status unknown"};
+    std::string status;
+    for (int i = 0; i < 100; ++i, Sleep(100)) {
+      status = text_of(GetDlgItem(page, 2258));
+      if (std::find(std::begin(verdicts), std::end(verdicts), status) != std::end(verdicts)) break;
+    }
+    expect(std::find(std::begin(verdicts), std::end(verdicts), status) != std::end(verdicts),
+           "Client page status line from the status worker: " + status);
+    SetDlgItemTextA(page, 1010, "127.0.0.2");
+    apply(sheet);
+    expect(reg_sz(kParameters, "NTPServer") == "127.0.0.1,0x8 127.0.0.2,0x1",
+           "Client page: the second server applied (" + reg_sz(kParameters, "NTPServer") + ")");
+  }
+  // The Server page: serving always and reliable always, applied.
+  if (HWND page = show_page(sheet, "Server")) {
+    SendDlgItemMessageA(page, 2250, BM_CLICK, 0, 0);
+    SendDlgItemMessageA(page, 2253, BM_CLICK, 0, 0);
+    apply(sheet);
+    expect(reg_dword(kConfig, "AnnounceFlags") == 5 && reg_dword(kNtpServer, "Enabled") == 1,
+           "Server page: serving and reliable applied (AnnounceFlags " + std::to_string(reg_dword(kConfig, "AnnounceFlags")) +
+               ", NtpServer Enabled " + std::to_string(reg_dword(kNtpServer, "Enabled")) + ")");
+  }
   const char* w32time = "System\\CurrentControlSet\\Services\\W32Time";
   const char* provider = "System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden";
   if (HWND page = show_page(sheet, "Service")) {
@@ -156,7 +215,10 @@ void inspect(const std::string& folder) {
     titles += std::string(i ? "," : "") + buf;
   }
   expect(titles == "Client,Server,Agent,Service,About", "page titles " + titles);
-  expect(text_of(sheet) == "Chronwarden", "sheet caption before the About page: " + text_of(sheet));
+  char computer[64] = {};
+  DWORD size = sizeof computer;
+  GetComputerNameA(computer, &size);
+  expect(text_of(sheet) == std::string("Windows Time Service - ") + computer, "sheet title set by the Client page: " + text_of(sheet));
   expect(text_of(GetDlgItem(sheet, IDOK)) == "&OK" && text_of(GetDlgItem(sheet, IDCANCEL)) == "&Cancel", "buttons &OK and &Cancel");
   const char* names[] = {"client", "server", "agent", "service", "about"};
   for (int i = 0; i < pages; ++i) {
@@ -166,9 +228,6 @@ void inspect(const std::string& folder) {
     screenshot(sheet, folder + "\\page-" + std::to_string(i + 1) + "-" + name + ".bmp");
   }
   HWND about = PropSheet_GetCurrentPageHwnd(sheet);
-  char computer[64] = {};
-  DWORD size = sizeof computer;
-  GetComputerNameA(computer, &size);
   expect(text_of(sheet) == std::string("Windows Time Service - ") + computer, "sheet title " + text_of(sheet));
   expect(text_of(GetDlgItem(about, 1001)) == "Chronwarden Version 4.2.b.20081210R\r\nCopyright (C) 2008 Selvox, Inc. All rights reserved.",
          "version line");
@@ -204,9 +263,15 @@ int main(int argc, char** argv) {
   const bool had_value = RegGetValueA(HKEY_LOCAL_MACHINE, provider, "Service Installed", RRF_RT_REG_SZ, nullptr,
                                       installed, &installed_size) == ERROR_SUCCESS;
   RegSetKeyValueA(HKEY_LOCAL_MACHINE, provider, "Service Installed", REG_SZ, "True", 5);
+  // One NTP server on the loopback (the status worker asks it; no name ever leaves the machine).
+  SavedValue saved[] = {{kParameters, "NTPServer"}, {kParameters, "Type"}, {kConfig, "AnnounceFlags"}, {kNtpServer, "Enabled"}};
+  for (auto& v : saved) v.save();
+  RegSetKeyValueA(HKEY_LOCAL_MACHINE, kParameters, "NTPServer", REG_SZ, "127.0.0.1,0x8", 14);
+  RegSetKeyValueA(HKEY_LOCAL_MACHINE, kParameters, "Type", REG_SZ, "NTP", 4);
   std::thread watcher(inspect, folder);
   LONG shown = cpl(nullptr, 0x11223348, 0, 0);
   watcher.join();
+  for (const auto& v : saved) v.restore();
   if (had_value) RegSetKeyValueA(HKEY_LOCAL_MACHINE, provider, "Service Installed", REG_SZ, installed, DWORD(std::strlen(installed) + 1));
   else RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, provider, "Service Installed");
   expect(shown == 1, "the sheet launch succeeded (error " + std::to_string(GetLastError()) + ")");
