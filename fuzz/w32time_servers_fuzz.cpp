@@ -12,6 +12,7 @@
 #include "config/registry.h"
 #include "config/w32time.h"
 #include "platform/paths.h"
+#include "platform/registry.h"
 
 namespace {
 
@@ -25,8 +26,11 @@ void Check(bool ok) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const bool ready = [] {
+    // A machine root of its own keeps the saves away from this machine's chrony; the store lives in
+    // memory (no file, no flush): the parsing and the round trip are what is tested.
     const auto root = std::filesystem::temp_directory_path() / ("cw-fuzz-w32time-" + std::to_string(std::rand()));
     platform::SetEnvironmentValue("CHRONWARDEN_ROOT", root.string().c_str());
+    platform::UseMemoryRegistryStore();
     g_w32t_env.level = kOsWin2008;
     return reg_connect_target(nullptr) == 1;
   }();
