@@ -67,24 +67,17 @@ bool Kr2TimeOfDay(const char* machine, platform::SystemTime& utc) {
   return ok && t.year >= 1601 && t.month >= 1 && t.month <= 12 && t.day >= 1 && t.day <= 31;
 }
 
-std::uint64_t MsNow() {
-  std::int64_t ticks = 0, hz = 1;
-  platform::PerformanceCounter(ticks);
-  platform::PerformanceFrequency(hz);
-  return static_cast<std::uint64_t>(ticks / (hz / 1000 ? hz / 1000 : 1));
-}
-
 }  // namespace
 
 int WindowHasText(const platform::Dialog& page, int id) { return applet_trimmed(page.Text(id), 128).empty() ? 0 : 1; }
 
 int RemoteTimeOffset(const char* machine, std::int64_t& offset) {
-  const std::uint64_t first = MsNow();
+  const std::uint64_t first = platform::CounterMilliseconds();
   const std::uint64_t local = platform::SystemTimeAsFileTime();
   platform::SystemTime remote{};
   const std::uint32_t err = platform::RemoteTimeOfDay(machine, remote);
   if (err == platform::kErrorNotSupported ? !Kr2TimeOfDay(machine, remote) : err != 0) return 0;
-  const std::uint64_t second = MsNow();
+  const std::uint64_t second = platform::CounterMilliseconds();
   offset = static_cast<std::int64_t>(FileTimeOf(remote)) - static_cast<std::int64_t>((second - first) / 2) * 10'000 -
            static_cast<std::int64_t>(local);
   return 1;

@@ -21,6 +21,12 @@ std::uint64_t SystemTimeAsFileTime();        // the system time as GetSystemTime
 std::uint64_t FineWallTimeAsFileTime();      // the finest wall clock (GetSystemTimePreciseAsFileTime / CLOCK_REALTIME), 100-ns since 1601
 bool PerformanceCounter(std::int64_t& ticks);     // monotonic counter (QueryPerformanceCounter / CLOCK_MONOTONIC_RAW ns); false on failure
 bool PerformanceFrequency(std::int64_t& hz);      // counter ticks per second (10^9 on POSIX); false on failure
+// The performance counter in milliseconds (monotonic, for intervals; 0 when it cannot be read).
+inline std::uint64_t CounterMilliseconds() {
+  std::int64_t ticks = 0, hz = 0;
+  if (!PerformanceCounter(ticks) || !PerformanceFrequency(hz) || hz < 1000) return 0;
+  return static_cast<std::uint64_t>(ticks / (hz / 1000));
+}
 
 // GetSystemTimeAdjustment: adjustment added per clock interrupt and the interrupt interval, both in
 // 100-ns units; disabled is true when the system applies no adjustment of its own. False on failure.

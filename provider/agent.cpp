@@ -11,6 +11,7 @@
 #include "config/registry.h"
 #include "config/service_control.h"
 #include "config/w32time.h"
+#include "platform/clock.h"
 #include "drift/drift_file.h"
 #include "provider/kr2_responder.h"
 #include "provider/provider.h"
@@ -340,12 +341,18 @@ std::uint32_t AgentThreadMain() {
   AgentStart(cycle);
   const platform::EventHandle events[] = {g_provider.shutdown_event, g_provider.sync_event, g_provider.time_jump_event, g_provider.client_event,
                                           g_provider.status_notify_event};
+  // The poll keeps its one-second pace however often requests wake the agent: the wait runs to the
+  // next poll's time, not a full second from each wake-up, and a poll that is due comes first.
+  std::uint64_t next_poll = platform::CounterMilliseconds() + kAgentPollMs;
   for (;;) {
-    std::uint32_t result = platform::WaitForAnyEvent(events, 5, kAgentPollMs);
+    const std::uint64_t now = platform::CounterMilliseconds();
+    const auto left = static_cast<std::uint32_t>(next_poll > now ? std::min<std::uint64_t>(next_poll - now, kAgentPollMs) : 0);
+    std::uint32_t result = left ? platform::WaitForAnyEvent(events, 5, left) : platform::kWaitTimeout;
     if (result == platform::kWaitFailed) {   // a missing event: keep polling at the same pace
-      platform::Sleep(kAgentPollMs);
+      platform::Sleep(left);
       result = platform::kWaitTimeout;
     }
+    if (result == platform::kWaitTimeout) next_poll = platform::CounterMilliseconds() + kAgentPollMs;
     if (!AgentWake(cycle, result)) break;
   }
   AgentStop();

@@ -4,6 +4,10 @@
 // runs with the other tests that bind loopback port 123.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <thread>
+
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -48,9 +52,11 @@ struct TimeService {
   std::int64_t phase_offset = -17;
 } g_service;
 
+std::atomic<int> g_polls{0};   // questions for the current time: one opens every poll
+
 platform::HResult GetTimeSysInfo(platform::TimeSysInfo what, void* out) {
   switch (what) {
-    case platform::TSI_CurrentTime: std::memcpy(out, &g_service.current, 8); break;
+    case platform::TSI_CurrentTime: ++g_polls; std::memcpy(out, &g_service.current, 8); break;
     case platform::TSI_LastSyncTime: std::memcpy(out, &g_service.last_sync, 8); break;
     case platform::TSI_TSFlags: std::memcpy(out, &g_service.flags, 4); break;
     case platform::TSI_ReferenceIdentifier: std::memcpy(out, &g_service.reference_id, 4); break;
@@ -427,6 +433,40 @@ TEST_F(AgentNtpTest, AnotherOwnerOfTheStatusBlockTakesTheResponderAway) {
   EXPECT_EQ(Records().size(), 1u);   // no check, no record
   EXPECT_EQ(Partner(), "10.5.5.5 (no name)");
   g_provider.status_block = nullptr;
+}
+
+// Requests that wake the agent more often than once a second do not hold off its poll: once the
+// counter shows the second gone, the next wake-up polls.
+TEST_F(AgentNtpTest, AFloodOfRequestsDoesNotHoldOffThePoll) {
+  g_provider.responder_active = false;
+  platform::UniqueEvent events[5];
+  for (auto& e : events) e.reset(platform::CreateSyncEvent(false, false));
+  g_provider.shutdown_event = events[0].get();
+  g_provider.sync_event = events[1].get();
+  g_provider.time_jump_event = events[2].get();
+  g_provider.client_event = events[3].get();
+  g_provider.status_notify_event = events[4].get();
+  std::atomic<bool> started{false};
+  std::thread agent([&] {
+    started = true;
+    AgentThreadMain();
+  });
+  while (!started) std::this_thread::yield();
+  platform::Sleep(0);
+  const int before = g_polls.load();
+  std::int64_t hz = 0;
+  platform::PerformanceFrequency(hz);
+  platform::fake::AdvanceCounter(hz * 11 / 10);   // 1.1 s on the counter
+  // The flood: a request every millisecond (real time), for at most 5 s.
+  for (int i = 0; i < 5000 && g_polls.load() == before; ++i) {
+    platform::SetEvent(g_provider.client_event);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_GT(g_polls.load(), before);
+  platform::SetEvent(g_provider.shutdown_event);
+  agent.join();
+  g_provider.shutdown_event = g_provider.sync_event = g_provider.time_jump_event = g_provider.client_event =
+      g_provider.status_notify_event = nullptr;
 }
 
 TEST_F(AgentNtpTest, ThreadEndsOnShutdown) {

@@ -9,6 +9,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -74,6 +75,26 @@ int WinsockCode(int err, bool datagram) {
 int Fail(int err, bool datagram) {
   SetLastSocketError(WinsockCode(err, datagram));
   return -1;
+}
+
+// A receive that failed with err, as its Winsock code. An ICMP error that IP_RECVERR queued on a
+// datagram socket also leaves the socket's error queue: once reported it must not keep the socket
+// ready (a poll would wake its waiter forever, with nothing ever to read).
+int ReceiveFail(int fd, int err) {
+  const bool datagram = IsDatagram(fd);
+  if (datagram) {
+    char data[64], control[512];
+    for (int i = 0; i < 64; ++i) {
+      iovec iov{data, sizeof data};
+      msghdr msg{};
+      msg.msg_iov = &iov;
+      msg.msg_iovlen = 1;
+      msg.msg_control = control;
+      msg.msg_controllen = sizeof control;
+      if (recvmsg(fd, &msg, MSG_ERRQUEUE | MSG_DONTWAIT) < 0) break;
+    }
+  }
+  return Fail(err, datagram);
 }
 
 sockaddr_in ToNative(const SocketAddressV4& a) {
@@ -183,7 +204,7 @@ int ReceiveFrom(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* fr
   if (n < 0) {
     // SO_RCVTIMEO elapsing reads as EAGAIN here; Winsock calls it a time-out.
     const int err = errno == EAGAIN || errno == EWOULDBLOCK ? ETIMEDOUT : errno;
-    return Fail(err, IsDatagram(Fd(s)));
+    return ReceiveFail(Fd(s), err);
   }
   if (from) *from = SocketAddressV4{kFamilyInet, sin.sin_port, sin.sin_addr.s_addr};
   return static_cast<int>(n);
@@ -193,7 +214,7 @@ int Receive(SocketHandle s, void* buf, std::size_t size) { return ReceiveFrom(s,
 
 int ReceiveNow(SocketHandle s, void* buf, std::size_t size) {
   const ssize_t n = recv(Fd(s), buf, size, MSG_DONTWAIT);
-  if (n < 0) return Fail(errno, IsDatagram(Fd(s)));   // EAGAIN reads as 10035 here
+  if (n < 0) return ReceiveFail(Fd(s), errno);   // EAGAIN reads as 10035 here
   return static_cast<int>(n);
 }
 
@@ -209,7 +230,7 @@ int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4*
   sockaddr_in sin{};
   socklen_t len = sizeof sin;
   const ssize_t n = recvfrom(Fd(s), buf, size, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&sin), &len);
-  if (n < 0) return Fail(errno, IsDatagram(Fd(s)));   // EAGAIN reads as 10035 here
+  if (n < 0) return ReceiveFail(Fd(s), errno);   // EAGAIN reads as 10035 here
   if (from) *from = SocketAddressV4{kFamilyInet, sin.sin_port, sin.sin_addr.s_addr};
   return static_cast<int>(n);
 }

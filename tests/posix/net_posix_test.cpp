@@ -5,6 +5,7 @@
 
 #include "platform/error.h"
 #include "platform/net.h"
+#include "platform/sync.h"
 #include "timing/ntp_client.h"
 
 namespace {
@@ -16,6 +17,30 @@ TEST(NetPosix, UnreachablePortIsReportedAsWinsockDoesForUdp) {
   const NtpResult r = NtpQuery({.server = "127.0.0.60", .timeout_ms = 2000});
   EXPECT_EQ(r.valid, 0);
   EXPECT_EQ(r.error, 10054u);   // nothing listens on 127.0.0.60:123
+}
+
+// The ICMP error is reported once: afterwards the socket is not ready any more, so that a waiter
+// on its event sleeps again instead of waking forever with nothing to read.
+TEST(NetPosix, AnIcmpErrorWakesTheSocketsWaiterOnce) {
+  const platform::SocketHandle s = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
+  ASSERT_NE(s, platform::kInvalidSocket);
+  ASSERT_TRUE(platform::BindV4(s, {platform::kFamilyInet, 0, platform::InetAddr("127.0.0.63")}));
+  platform::EventHandle e = platform::CreateSyncEvent(false, false);
+  ASSERT_TRUE(platform::SelectSocketEvent(s, e, true));
+  const char byte = 1;
+  // Nothing listens on 127.0.0.64:9: the reply is an ICMP port unreachable.
+  ASSERT_EQ(platform::SendTo(s, &byte, 1, {platform::kFamilyInet, platform::HostToNet16(9), platform::InetAddr("127.0.0.64")}), 1);
+  ASSERT_EQ(platform::WaitForEvent(e, 5000), platform::kWaitObject0);
+  char buf[8];
+  platform::SocketAddressV4 from{};
+  EXPECT_EQ(platform::ReceiveFromNow(s, buf, sizeof buf, &from), -1);
+  EXPECT_EQ(platform::LastSocketError(), 10054);
+  EXPECT_EQ(platform::WaitForEvent(e, 50), platform::kWaitTimeout);
+  EXPECT_EQ(platform::ReceiveFromNow(s, buf, sizeof buf, &from), -1);
+  EXPECT_EQ(platform::LastSocketError(), 10035);   // nothing more: would block
+  platform::SelectSocketEvent(s, e, false);
+  platform::CloseEvent(e);
+  platform::CloseSocket(s);
 }
 
 TEST(NetPosix, ReceiveTimeoutIs10060) {

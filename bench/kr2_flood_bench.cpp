@@ -1,0 +1,246 @@
+// The KR2 responder under a flood of status requests, beside chronyd's NTP replies under the same
+// load generator, and how late the agent's one-second polls of the time service come meanwhile.
+//
+// The provider runs in this process on the real clock, with a machine root (registry store,
+// system32) and shared-object names of the run's own. One load generator (one UDP socket, up to
+// WINDOW requests in flight) first asks the provider's responder for its status (128) for SECONDS,
+// then a chronyd on 127.0.0.1:123 for the time (48-byte client requests) for as long; before both
+// the provider is left idle as long. Each phase reports replies per second, the median and p99
+// round trip of the replies, and the agent's worst poll lateness (interval between two polls less
+// one second). bench/kr2_flood.sh starts chronyd and runs this program.
+//
+// Usage: kr2_flood_bench [SECONDS] [WINDOW]
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "applet/kr2_client.h"
+#include "platform/error.h"
+#include "platform/net.h"
+#include "platform/paths.h"
+#include "provider/agent.h"
+#include "provider/kr2_responder.h"
+#include "provider/provider.h"
+#include "tests/shared_objects.h"
+#include "tests/time_service_fake.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Ms = std::chrono::duration<double, std::milli>;
+constexpr auto kLostAfter = std::chrono::seconds(1);         // a request unanswered this long is lost
+constexpr auto kNextPollWait = std::chrono::seconds(5);      // the longest wait for the poll after a phase
+constexpr std::uint32_t kReceiveWaitMs = 100;                // the generator's receive time-out
+constexpr std::size_t kNtpSize = 48;
+constexpr std::size_t kNtpOriginFraction = 28, kNtpTransmit = 40, kNtpTransmitFraction = 44;
+
+// The agent's polls: the current time is the first thing each poll asks the service.
+std::mutex g_polls_mutex;
+std::vector<Clock::time_point> g_polls;
+
+platform::HResult RecordingGetTimeSysInfo(platform::TimeSysInfo what, void* out) {
+  if (what == platform::TSI_CurrentTime) {
+    std::lock_guard lock(g_polls_mutex);
+    g_polls.push_back(Clock::now());
+  }
+  return TimeServiceFake::GetTimeSysInfo(what, out);
+}
+
+std::vector<Clock::time_point> Polls() {
+  std::lock_guard lock(g_polls_mutex);
+  return g_polls;
+}
+
+// One request/reply protocol for the generator: the request carrying a sequence number, and the
+// sequence number of the request a reply answers.
+struct Exchange {
+  const char* name;
+  platform::SocketAddressV4 to;
+  std::size_t (*build)(std::uint32_t seq, std::uint8_t* out);
+  bool (*answered)(const std::uint8_t* reply, int size, std::uint32_t& seq);
+};
+
+// KR2 status: the sequence number is the request's tag, so that no request repeats the last. The
+// status record does not echo the tag, but it counts the replies sent before it; the responder
+// answers in order, so with nothing lost on the loopback that count is the request's number.
+std::size_t Kr2StatusRequest(std::uint32_t seq, std::uint8_t* out) {
+  const auto r = Kr2BuildRequest(kKr2Status, 0, seq);
+  std::memcpy(out, r.data(), r.size());
+  return r.size();
+}
+bool Kr2StatusAnswered(const std::uint8_t* reply, int size, std::uint32_t& seq) {
+  if (size != static_cast<int>(sizeof(LocalStatusRecord))) return false;
+  std::uint64_t replies_before;
+  std::memcpy(&replies_before, reply + offsetof(LocalStatusRecord, counters), sizeof replies_before);
+  seq = static_cast<std::uint32_t>(replies_before);
+  return true;
+}
+
+// NTP client request (version 4, mode 3): the sequence number is the transmit timestamp's
+// fraction, which the server's reply (mode 4) returns as its origin timestamp.
+std::size_t NtpRequest(std::uint32_t seq, std::uint8_t* out) {
+  std::memset(out, 0, kNtpSize);
+  out[0] = 0x23;
+  out[kNtpTransmit] = 1;   // a transmit time that is not zero
+  std::memcpy(out + kNtpTransmitFraction, &seq, sizeof seq);
+  return kNtpSize;
+}
+bool NtpAnswered(const std::uint8_t* reply, int size, std::uint32_t& seq) {
+  if (size < static_cast<int>(kNtpSize) || (reply[0] & 7) != 4) return false;
+  std::memcpy(&seq, reply + kNtpOriginFraction, sizeof seq);
+  return true;
+}
+
+struct FloodResult {
+  bool ok = true;                       // false: nothing listens at the address
+  std::uint64_t sent = 0, lost = 0;
+  std::vector<double> round_trip_us;    // one per reply
+  double seconds = 0;                   // from the first request to the last reply
+};
+
+// Keeps up to window requests in flight for length; a reply frees its slot at once, a request
+// unanswered for kLostAfter frees it as lost. Then waits for the replies still due before it
+// closes the socket, so that none is sent to a closed port.
+FloodResult Flood(const Exchange& e, Clock::duration length, std::size_t window) {
+  FloodResult r;
+  const platform::SocketHandle s = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
+  if (s == platform::kInvalidSocket || !platform::SetReceiveTimeout(s, kReceiveWaitMs)) return r.ok = false, r;
+  struct InFlight {
+    std::uint32_t seq;
+    Clock::time_point sent;
+  };
+  std::deque<InFlight> in_flight;
+  std::uint8_t buf[kKr2RequestMax];
+  std::uint32_t next = 0;
+  const auto start = Clock::now(), end = start + length;
+  auto last_reply = start;
+  while (r.ok && (Clock::now() < end || !in_flight.empty())) {
+    while (in_flight.size() < window && Clock::now() < end) {
+      const std::size_t n = e.build(next, buf);
+      const auto at = Clock::now();
+      if (platform::SendTo(s, buf, n, e.to) < 0) break;
+      in_flight.push_back({next++, at});
+      ++r.sent;
+    }
+    const int n = platform::ReceiveFrom(s, buf, sizeof buf, nullptr);
+    const auto now = Clock::now();
+    std::uint32_t seq = 0;
+    if (n >= 0 && e.answered(buf, n, seq)) {
+      for (; !in_flight.empty() && in_flight.front().seq < seq; in_flight.pop_front()) ++r.lost;
+      if (!in_flight.empty() && in_flight.front().seq == seq) {
+        r.round_trip_us.push_back(std::chrono::duration<double, std::micro>(now - in_flight.front().sent).count());
+        in_flight.pop_front();
+        last_reply = now;
+      }
+    } else if (n < 0 && platform::LastSocketError() != platform::kWsaEtimedout) {
+      r.ok = false;   // 10054: the address refused the datagram
+    }
+    for (; !in_flight.empty() && now - in_flight.front().sent > kLostAfter; in_flight.pop_front()) ++r.lost;
+  }
+  platform::CloseSocket(s);
+  r.seconds = std::chrono::duration<double>(last_reply - start).count();
+  return r;
+}
+
+// The worst lateness of the agent's polls over a phase: runs it, waits for the next poll (so that
+// a poll the phase held back still counts), then takes every interval between polls that ended
+// after the phase began, and the interval still open since the last poll.
+template <typename Phase>
+double WorstPollLatenessMs(Phase phase) {
+  const auto begin = Clock::now();
+  phase();
+  const auto end = Clock::now();
+  while (Clock::now() < end + kNextPollWait && Polls().back() <= end)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  const auto polls = Polls();
+  Ms worst = Clock::now() - polls.back();
+  for (std::size_t i = 1; i < polls.size(); ++i)
+    if (polls[i] > begin) worst = std::max<Ms>(worst, polls[i] - polls[i - 1]);
+  return (worst - std::chrono::milliseconds(kAgentPollMs)).count();
+}
+
+double Percentile(std::vector<double> v, double p) {
+  if (v.empty()) return 0;
+  std::sort(v.begin(), v.end());
+  return v[std::min(v.size() - 1, static_cast<std::size_t>(p * static_cast<double>(v.size())))];
+}
+
+void PrintRow(const char* load, const FloodResult* f, double lateness_ms) {
+  if (!f) {
+    std::printf("| %s | - | - | - | - | %.1f |\n", load, lateness_ms);
+    return;
+  }
+  std::printf("| %s | %.0f | %.1f | %.1f | %llu of %llu | %.1f |\n", load,
+              f->seconds > 0 ? static_cast<double>(f->round_trip_us.size()) / f->seconds : 0.0, Percentile(f->round_trip_us, 0.5),
+              Percentile(f->round_trip_us, 0.99), static_cast<unsigned long long>(f->lost),
+              static_cast<unsigned long long>(f->sent), lateness_ms);
+}
+
+platform::SocketAddressV4 Loopback(std::uint16_t port) {
+  return {platform::kFamilyInet, platform::HostToNet16(port), platform::HostToNet32(0x7F000001)};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int seconds = argc > 1 ? std::atoi(argv[1]) : 10;
+  const std::size_t window = argc > 2 ? static_cast<std::size_t>(std::atoi(argv[2])) : 64;
+  if (seconds < 1 || seconds > 600 || window < 1 || window > 4096) {
+    std::fprintf(stderr, "usage: %s [SECONDS 1-600] [WINDOW 1-4096]\n", argv[0]);
+    return 2;
+  }
+  const auto length = std::chrono::seconds(seconds);
+
+  // A machine root and shared-object names of the run's own, set before the first registry use.
+  const auto root = std::filesystem::temp_directory_path() / ("cw-flood-" + std::to_string(std::random_device{}()));
+  platform::SetEnvironmentValue("CHRONWARDEN_ROOT", root.string().c_str());
+  std::filesystem::create_directories(platform::NativePath(platform::SystemDirectory()));
+  SharedObjectNamespace names;
+  platform::NetStartup();
+
+  platform::TimeProvSysCallbacks callbacks = TimeServiceFake::Callbacks();
+  callbacks.pfnGetTimeSysInfo = RecordingGetTimeSysInfo;
+  std::u16string name = u"Chronwarden";
+  platform::TimeProvHandle handle = nullptr;
+  TimeProvOpen(name.data(), &callbacks, &handle);
+  platform::SocketAddressV4 listen{};
+  int status = 1;
+  const auto first_poll_by = Clock::now() + kNextPollWait;
+  while (handle && Polls().empty() && Clock::now() < first_poll_by) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  if (!handle || !g_provider.responder_active || !platform::SocketName(g_listen_socket, listen)) {
+    std::fprintf(stderr, "the provider did not start its responder (is UDP port %u taken?)\n", kKr2DefaultPort);
+  } else if (Polls().empty()) {
+    std::fprintf(stderr, "the agent did not poll the time service\n");
+  } else {
+    const Exchange kr2{"KR2 status (128) to the provider", Loopback(platform::NetToHost16(listen.port)),
+                       Kr2StatusRequest, Kr2StatusAnswered};
+    const Exchange ntp{"NTP client requests to chronyd -x", Loopback(123), NtpRequest, NtpAnswered};
+    FloodResult kr2_result, ntp_result;
+    const double idle_ms = WorstPollLatenessMs([&] { std::this_thread::sleep_for(length); });
+    const double kr2_ms = WorstPollLatenessMs([&] { kr2_result = Flood(kr2, length, window); });
+    const double ntp_ms = WorstPollLatenessMs([&] { ntp_result = Flood(ntp, length, window); });
+
+    std::printf("%d s per phase, up to %zu requests in flight, 127.0.0.1\n\n", seconds, window);
+    std::printf("| load | replies/s | p50 (us) | p99 (us) | lost | worst poll lateness (ms) |\n");
+    std::printf("|---|---:|---:|---:|---:|---:|\n");
+    PrintRow("none (idle)", nullptr, idle_ms);
+    PrintRow(kr2.name, &kr2_result, kr2_ms);
+    PrintRow(ntp.name, &ntp_result, ntp_ms);
+    status = kr2_result.ok && ntp_result.ok ? 0 : 1;
+    if (!ntp_result.ok) std::fprintf(stderr, "nothing answered on 127.0.0.1:123 (start chronyd -x there)\n");
+  }
+  TimeProvClose(handle);
+  platform::NetCleanup();
+  std::error_code ec;
+  std::filesystem::remove_all(root, ec);
+  return status;
+}
