@@ -436,7 +436,8 @@ TEST_F(AgentNtpTest, AnotherOwnerOfTheStatusBlockTakesTheResponderAway) {
 }
 
 // Requests that wake the agent more often than once a second do not hold off its poll: once the
-// counter shows the second gone, the next wake-up polls.
+// counter shows the second gone, the next wake-up polls (without the deadline, each request would
+// start the second again and no poll would come while they last).
 TEST_F(AgentNtpTest, AFloodOfRequestsDoesNotHoldOffThePoll) {
   g_provider.responder_active = false;
   platform::UniqueEvent events[5];
@@ -456,9 +457,10 @@ TEST_F(AgentNtpTest, AFloodOfRequestsDoesNotHoldOffThePoll) {
   const int before = g_polls.load();
   std::int64_t hz = 0;
   platform::PerformanceFrequency(hz);
-  platform::fake::AdvanceCounter(hz * 11 / 10);   // 1.1 s on the counter
-  // The flood: a request every millisecond (real time), for at most 5 s.
+  // The flood: a request every millisecond (real time), for at most 5 s; every 50 requests the
+  // counter moves on by 1.1 s (the thread may take its first reading of it at any point).
   for (int i = 0; i < 5000 && g_polls.load() == before; ++i) {
+    if (i % 50 == 0) platform::fake::AdvanceCounter(hz * 11 / 10);
     platform::SetEvent(g_provider.client_event);
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
