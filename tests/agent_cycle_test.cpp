@@ -435,26 +435,31 @@ TEST_F(AgentNtpTest, AnotherOwnerOfTheStatusBlockTakesTheResponderAway) {
   g_provider.status_block = nullptr;
 }
 
+// The provider's five events for a test that runs the agent thread; gone again with the test.
+struct AgentEvents {
+  platform::UniqueEvent events[5];
+  AgentEvents() {
+    for (auto& e : events) e.reset(platform::CreateSyncEvent(false, false));
+    g_provider.shutdown_event = events[0].get();
+    g_provider.sync_event = events[1].get();
+    g_provider.time_jump_event = events[2].get();
+    g_provider.client_event = events[3].get();
+    g_provider.status_notify_event = events[4].get();
+  }
+  ~AgentEvents() {
+    g_provider.shutdown_event = g_provider.sync_event = g_provider.time_jump_event = g_provider.client_event =
+        g_provider.status_notify_event = nullptr;
+  }
+};
+
 // Requests that wake the agent more often than once a second do not hold off its poll: once the
 // counter shows the second gone, the next wake-up polls (without the deadline, each request would
 // start the second again and no poll would come while they last).
 TEST_F(AgentNtpTest, AFloodOfRequestsDoesNotHoldOffThePoll) {
   g_provider.responder_active = false;
-  platform::UniqueEvent events[5];
-  for (auto& e : events) e.reset(platform::CreateSyncEvent(false, false));
-  g_provider.shutdown_event = events[0].get();
-  g_provider.sync_event = events[1].get();
-  g_provider.time_jump_event = events[2].get();
-  g_provider.client_event = events[3].get();
-  g_provider.status_notify_event = events[4].get();
-  std::atomic<bool> started{false};
-  std::thread agent([&] {
-    started = true;
-    AgentThreadMain();
-  });
-  while (!started) std::this_thread::yield();
-  platform::Sleep(0);
+  const AgentEvents events;
   const int before = g_polls.load();
+  std::thread agent([] { AgentThreadMain(); });
   std::int64_t hz = 0;
   platform::PerformanceFrequency(hz);
   // The flood: a request every millisecond (real time), for at most 5 s; every 50 requests the
@@ -467,25 +472,15 @@ TEST_F(AgentNtpTest, AFloodOfRequestsDoesNotHoldOffThePoll) {
   EXPECT_GT(g_polls.load(), before);
   platform::SetEvent(g_provider.shutdown_event);
   agent.join();
-  g_provider.shutdown_event = g_provider.sync_event = g_provider.time_jump_event = g_provider.client_event =
-      g_provider.status_notify_event = nullptr;
 }
 
 TEST_F(AgentNtpTest, ThreadEndsOnShutdown) {
   g_provider.responder_active = false;
-  platform::UniqueEvent events[5];
-  for (auto& e : events) e.reset(platform::CreateSyncEvent(false, false));
-  g_provider.shutdown_event = events[0].get();
-  g_provider.sync_event = events[1].get();
-  g_provider.time_jump_event = events[2].get();
-  g_provider.client_event = events[3].get();
-  g_provider.status_notify_event = events[4].get();
+  const AgentEvents events;
   std::thread agent([] { AgentThreadMain(); });
   platform::SetEvent(g_provider.shutdown_event);
   agent.join();
   EXPECT_EQ(Partner(), "Unknown - Agent stopped");
-  g_provider.shutdown_event = g_provider.sync_event = g_provider.time_jump_event = g_provider.client_event =
-      g_provider.status_notify_event = nullptr;
 }
 
 }  // namespace
