@@ -1,4 +1,6 @@
-// Loadable modules on POSIX: dlopen with the module's symbols kept to itself.
+// Loadable modules on POSIX: dlopen with the module's symbols kept to itself. An unloaded module
+// stays mapped (RTLD_NODELETE): threads it started may still be running their last instructions
+// when its host lets it go, and their thread-local blocks must stay valid too.
 #include "platform/module.h"
 
 #include <dlfcn.h>
@@ -13,7 +15,7 @@ void Note() {
 }  // namespace
 
 ModuleHandle LoadModule(const char* path) {
-  void* h = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+  void* h = dlopen(path, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
   if (!h) Note();
   return static_cast<ModuleHandle>(h);
 }
