@@ -2,11 +2,12 @@
 // security and the Kairon coexistence rules.
 #include "config/w32time.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string>
+#include <string_view>
 
 #include "applet/os_identify.h"
 #include "config/chrony_sources.h"
@@ -53,6 +54,12 @@ constexpr TypeName kTypeNames[] = {{kW32tNotTouched, "Not Touched"}, {kW32tDisab
 
 bool IsTrim(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
+std::string_view Trimmed(std::string_view t) {
+  while (!t.empty() && IsTrim(t.back())) t.remove_suffix(1);
+  while (!t.empty() && IsTrim(t.front())) t.remove_prefix(1);
+  return t;
+}
+
 bool SameText(const char* a, const char* b, std::size_t n) {
   for (std::size_t i = 0; i < n; ++i, ++a, ++b) {
     if (std::tolower(static_cast<unsigned char>(*a)) != std::tolower(static_cast<unsigned char>(*b))) return false;
@@ -68,29 +75,6 @@ bool ModeToken(const char* t, std::size_t len, std::uint32_t& value) {
     if (!std::isxdigit(static_cast<unsigned char>(t[i]))) return false;
   value = len == 3 ? w32t_hex_digit(t[2]) : 16 * w32t_hex_digit(t[2]) + w32t_hex_digit(t[3]);
   return true;
-}
-
-void ParseServers(const char* list, W32tSettings& s) {
-  std::string text(list);
-  for (char* next = text.data();;) {
-    next += std::strspn(next, ", ");
-    if (!*next) break;
-    char* tok = next;
-    next += std::strcspn(next, ", ");
-    if (*next) *next++ = 0;
-    std::size_t len = std::strlen(tok);
-    while (len && IsTrim(tok[len - 1])) tok[--len] = 0;
-    while (len && IsTrim(*tok)) ++tok, --len;
-    if (len == 0 || s.server_count >= kW32tMaxServers) break;
-    std::uint32_t flags = 0;
-    if (s.server_count > 0 && ModeToken(tok, len, flags)) {
-      s.servers[s.server_count - 1].flags = flags;
-      continue;
-    }
-    W32tServer& e = s.servers[s.server_count++];
-    std::snprintf(e.name, sizeof e.name, "%s", tok);
-    e.flags = 1;
-  }
 }
 
 void LoadModuleProbe(W32tSettings& s) {
@@ -125,6 +109,46 @@ int w32t_hex_digit(int c) {
   return c;
 }
 
+void w32t_parse_servers(const char* list, W32tSettings& s) {
+  for (auto& e : s.servers) e = W32tServer{{}, -1, 1};
+  s.server_count = 0;
+  for (std::string_view rest(list);;) {
+    rest.remove_prefix(std::min(rest.find_first_not_of(", "), rest.size()));
+    if (rest.empty()) break;
+    std::string_view tok = rest.substr(0, rest.find_first_of(", "));
+    rest.remove_prefix(tok.size());
+    tok = Trimmed(tok);
+    if (tok.empty() || s.server_count >= kW32tMaxServers) break;
+    // A name cut to fit also loses the blanks it then ends in; what is left is what reads back.
+    const std::string_view name = Trimmed(tok.substr(0, sizeof(W32tServer::name) - 1));
+    std::uint32_t flags = 0;
+    if (s.server_count > 0 && ModeToken(name.data(), name.size(), flags)) {
+      s.servers[s.server_count - 1].flags = flags;
+      continue;
+    }
+    W32tServer& e = s.servers[s.server_count++];
+    std::memcpy(e.name, name.data(), name.size());
+    e.name[name.size()] = '\0';
+    e.flags = 1;
+  }
+}
+
+std::string w32t_server_list_text(const W32tSettings& s, std::uint32_t level) {
+  std::string list;
+  char flags[16];
+  for (std::uint32_t i = 0; i < s.server_count && i < kW32tMaxServers; ++i) {
+    const W32tServer& e = s.servers[i];
+    const std::string_view name(e.name, strnlen(e.name, sizeof e.name));
+    if (name.empty()) continue;
+    if (!list.empty()) list += ' ';
+    list += name;
+    if (level == kOsWin2000) continue;
+    std::snprintf(flags, sizeof flags, ",0x%x", e.flags);
+    list += flags;
+  }
+  return list;
+}
+
 void w32t_load(W32tSettings& s) {
   s.module_present = kModuleNotProbed;
   s.lanman_time_source = reg_get_dword(kLanmanKey, "TimeSource", 0);
@@ -136,11 +160,9 @@ void w32t_load(W32tSettings& s) {
   if (s.sync_type == kW32tNotTouched || s.sync_type == kW32tDisabled || s.sync_type == kW32tUnknownType)
     s.sync_type = kW32tNtp;
 
-  for (auto& e : s.servers) e = W32tServer{{}, -1, 1};
-  s.server_count = 0;
   char empty[1] = {};
   char* list = reg_get_string_alloc(kParametersKey, "NTPServer", empty);
-  ParseServers(list, s);
+  w32t_parse_servers(list, s);
   reg_free_string(list, empty);
 
   const std::uint32_t level = g_w32t_env.level;
@@ -183,22 +205,7 @@ void w32t_save(const W32tSettings& s, int register_flag) {
   reg_set_string(kParametersKey, "Type", w32t_type_text(s.sync_type));
   reg_set_dword(kW32TimeKey, "Start", s.service_start);
 
-  constexpr std::size_t kListSize = 65536;
-  std::unique_ptr<char[]> list(new (std::nothrow) char[kListSize]());
-  if (list) {
-    std::size_t used = 0;
-    for (std::uint32_t i = 0; i < s.server_count && i < kW32tMaxServers; ++i) {
-      const W32tServer& e = s.servers[i];
-      const std::size_t n = strnlen(e.name, sizeof e.name);
-      if (n == 0 || n + used + 7 >= kListSize - 1) continue;
-      char* at = list.get() + used;
-      int w = level == kOsWin2000 ? std::snprintf(at, kListSize - used, "%s%.*s", used ? " " : "", int(n), e.name)
-                                  : std::snprintf(at, kListSize - used, "%s%.*s,0x%x", used ? " " : "", int(n),
-                                                  e.name, e.flags);
-      used += w > 0 ? std::min<std::size_t>(w, kListSize - used - 1) : 0;
-    }
-    reg_set_string(kParametersKey, "NTPServer", list.get());
-  }
+  reg_set_string(kParametersKey, "NTPServer", w32t_server_list_text(s, level).c_str());
 
   if (level == kOsWin2000) {
     reg_set_dword(kParametersKey, "LocalNTP", s.local_ntp);

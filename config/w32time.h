@@ -8,6 +8,7 @@
 // common part (start type, sync type, servers, LAN Manager time source).
 #pragma once
 #include <cstdint>
+#include <string>
 
 // Sync type codes (the service's "Type" value).
 inline constexpr std::uint32_t kW32tNotTouched = 0;
@@ -82,6 +83,11 @@ extern W32tEnvironment g_w32t_env;
 
 void w32t_load(W32tSettings& s);                        // fills every field from the registry; never fails
 void w32t_save(const W32tSettings& s, int register_flag);  // writes back; 1 (re)registers the provider, 0 removes it
+// The "NTPServer" text: servers separated by spaces or commas, each optionally followed by its mode
+// flags token ("0xH" or "0xHH"); at most six servers, names cut to 63 characters, flags 1 when absent.
+void w32t_parse_servers(const char* list, W32tSettings& s);
+// The "NTPServer" text of the record's servers: "name,0xF" separated by spaces; names alone for level 2048.
+std::string w32t_server_list_text(const W32tSettings& s, std::uint32_t level);
 std::uint32_t w32t_type_from_text(const char* text);    // sync type code of a "Type" text; 255 when unknown
 const char* w32t_type_text(std::uint32_t type);         // "Type" text of a code; unknown codes give "NTP"
 int w32t_hex_digit(int c);                              // value 0-15 of a hexadecimal digit; other characters unchanged

@@ -167,6 +167,40 @@ TEST_F(W32tTest, LongNamesAreCutTo63Characters) {
   EXPECT_EQ(s.servers[0].flags, 8u);
 }
 
+TEST(W32tText, ACutNameLosesTheBlanksItThenEndsIn) {
+  W32tSettings s{};
+  w32t_parse_servers((std::string(60, 'n') + "\t\t\t\t\tz,0x8").c_str(), s);
+  ASSERT_EQ(s.server_count, 1u);
+  EXPECT_EQ(std::string(s.servers[0].name), std::string(60, 'n'));
+  EXPECT_EQ(s.servers[0].flags, 8u);
+  EXPECT_EQ(w32t_server_list_text(s, kOsWin2008), std::string(60, 'n') + ",0x8");
+}
+
+TEST(W32tText, ALongTokenCutDownToAModeTokenGivesTheFlags) {
+  W32tSettings s{};
+  w32t_parse_servers(("a 0x2" + std::string(70, '\t') + "z").c_str(), s);
+  ASSERT_EQ(s.server_count, 1u);
+  EXPECT_STREQ(s.servers[0].name, "a");
+  EXPECT_EQ(s.servers[0].flags, 2u);
+}
+
+TEST(W32tText, TheListTextParsesBackAsTheSameServers) {
+  W32tSettings s{};
+  w32t_parse_servers("0x9,0x8 b.example\t,0xAB c", s);
+  ASSERT_EQ(s.server_count, 3u);
+  const std::string text = w32t_server_list_text(s, kOsWin2008);
+  EXPECT_EQ(text, "0x9,0x8 b.example,0xab c,0x1");
+  W32tSettings again{};
+  w32t_parse_servers(text.c_str(), again);
+  ASSERT_EQ(again.server_count, 3u);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_STREQ(again.servers[i].name, s.servers[i].name);
+    EXPECT_EQ(again.servers[i].flags, s.servers[i].flags);
+    EXPECT_EQ(again.servers[i].work, -1);
+  }
+  EXPECT_EQ(w32t_server_list_text(s, kOsWin2000), "0x9 b.example c");
+}
+
 TEST_F(W32tTest, MissingServerListLoadsEmptyAndSavesAnEmptyString) {
   W32tSettings s = Load();
   EXPECT_EQ(s.server_count, 0u);
