@@ -1,35 +1,63 @@
-// Fuzz target: arbitrary bytes as a drift history file's contents, loaded by the applet's snapshot
-// (from memory: the file reading around it is the same for every input) and written out as the
-// summary report; or (the first byte chooses) the same bytes as records that skipped validation (what a snapshot holds after
-// a failed load), rendered and described point by point, and drawn as the graph on a recording
-// canvas of a size the bytes choose, then paged and pointed at.
+// Fuzz target: arbitrary bytes as a drift history snapshot (fuzz/drift_fuzz_input.h), its shown
+// page described point by point, and drawn as the graph on a canvas of a size the bytes choose,
+// then paged and pointed at. The report of the same snapshots is drift_report_fuzz's.
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "drift/drift_graph.h"
-#include "drift/drift_log.h"
 #include "drift/report.h"
-#include "platform/recording_canvas.h"
+#include "fuzz/drift_fuzz_input.h"
+#include "platform/canvas.h"
 
 namespace {
 
-void Discard(void* context, const char* text, std::size_t length) {
-  // Touch every byte so that a bad pointer or length shows up under the sanitizers.
-  auto& sum = *static_cast<std::size_t*>(context);
-  for (std::size_t i = 0; i < length; ++i) sum += static_cast<unsigned char>(text[i]);
+// Copies every text it is given (so that a bad pointer or length shows up under the sanitizers)
+// and keeps nothing.
+void Touch(const char* text, std::size_t length) {
+  static std::array<char, 4096> sink;
+  for (std::size_t done = 0; done < length; done += sink.size())
+    std::memcpy(sink.data(), text + done, std::min(sink.size(), length - done));
 }
 
+// A canvas that draws nothing and keeps nothing: fixed text metrics (6 x 11 pixels a character),
+// every text touched.
+class NullCanvas : public platform::Canvas {
+ public:
+  NullCanvas(int width, int height) : width_(width), height_(height) {}
+  int Width() const override { return width_; }
+  int Height() const override { return height_; }
+  void SetPen(platform::Colour) override {}
+  void SetBrush(platform::Colour) override {}
+  void SetHollowBrush() override {}
+  void SetTextColor(platform::Colour) override {}
+  void SetFont(std::string_view face, int) override { Touch(face.data(), face.size()); }
+  void Fill(const platform::Rect&, platform::Colour) override {}
+  void MoveTo(int, int) override {}
+  void LineTo(int, int) override {}
+  void Ellipse(const platform::Rect&) override {}
+  void RoundRect(const platform::Rect&, int, int) override {}
+  void Text(int, int, std::string_view text, platform::TextAlign) override { Touch(text.data(), text.size()); }
+  platform::TextSize Measure(std::string_view text) override {
+    Touch(text.data(), text.size());
+    return {static_cast<int>(text.size()) * 6, 11};
+  }
+  void Clip(const platform::Rect&) override {}
+
+ private:
+  int width_, height_;
+};
+
 void Exercise(DriftLog& log, std::uint8_t options) {
-  log.local_time = options & 1;
-  log.width_limit = (options >> 1) & 7;
-  log.zero_fill = (options >> 4) & 1;
-  std::size_t sum = 0;
-  RenderDriftReport(log, "Universal Coordinated Time (GMT+0)", 0x65000000u + options, Discard, &sum);
+  // Described: the shown page's first and last points, one the bytes choose, the ones just outside
+  // the page, and a negative index (each test walks every point; the fuzzer varies the records).
   char text[512];
-  for (std::int32_t i = -1; i <= static_cast<std::int32_t>(log.end_shown) && i < 200; ++i)
-    DriftPointText(log, i, text, sizeof text);
-  platform::RecordingCanvas canvas(1 + options * 3, 1 + options * 2);
+  const auto first = static_cast<std::int32_t>(log.first_shown), end = static_cast<std::int32_t>(log.end_shown);
+  const std::int32_t chosen = first + (log.per_screen ? static_cast<std::int32_t>(options % log.per_screen) : 0);
+  for (const std::int32_t i : {-1, first - 1, first, chosen, end - 1, end}) DriftPointText(log, i, text, sizeof text);
+  NullCanvas canvas(1 + options * 3, 1 + options * 2);
   const std::uint32_t scale = options & 0x80 ? kDriftGraphScales[options % kDriftGraphScales.size()] : kDriftGraphAuto;
   for (const auto action : {ScrollAction::Other, ScrollAction::PageLeft, ScrollAction::LineRight, ScrollAction::Right}) {
     DriftGraphScroll(log, action, options);
@@ -44,25 +72,8 @@ void Exercise(DriftLog& log, std::uint8_t options) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::uint8_t options = size ? data[0] : 0;
-  // One of the two per input, chosen by the first byte: half the work per input, the same reach.
-  if (options & 0x40) {
-    DriftLog log;
-    DriftLogSetPath(log, "drift.kr");
-    DriftLogLoadBytes(log, data, size);
-    DriftLogLoadBytes(log, data, size);   // unchanged size: the second load keeps what the first took
-    if (log.records) Exercise(log, options);
-  } else {
-    DriftLog log;
-    const std::uint32_t count = static_cast<std::uint32_t>(size / sizeof(DriftRecord));
-    log.records.reset(new DriftRecord[count + 1]());
-    if (count) std::memcpy(log.records.get(), data, count * sizeof(DriftRecord));
-    log.record_count = count;
-    log.per_screen = count < 64 ? count : 64;
-    log.first_shown = count - log.per_screen;
-    log.end_shown = count;
-    DriftLogSetPath(log, size > 40 ? "C:\\NTP Server\\drift.kr" : "drift.kr");
-    Exercise(log, options);
-  }
+  DriftLog log;
+  const std::uint8_t options = DriftLogFromFuzzInput(log, data, size);
+  if (log.records) Exercise(log, options);
   return 0;
 }
