@@ -5,6 +5,8 @@
 // snapshot holds after a failed load), the newest page shown. Bit 0 local time, bits 1-3 the width
 // limit, bit 4 zero fill; the targets use the byte for more choices of their own.
 #pragma once
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -31,4 +33,12 @@ inline std::uint8_t DriftLogFromFuzzInput(DriftLog& log, const std::uint8_t* dat
   log.width_limit = (options >> 1) & 7;
   log.zero_fill = (options >> 4) & 1;
   return options;
+}
+
+// Copies a text the code under test hands out, so that a bad pointer or length shows up under the
+// sanitizers; keeps nothing.
+inline void TouchFuzzText(const char* text, std::size_t length) {
+  static std::array<char, 4096> sink;
+  for (std::size_t done = 0; done < length; done += sink.size())
+    std::memcpy(sink.data(), text + done, std::min(sink.size(), length - done));
 }

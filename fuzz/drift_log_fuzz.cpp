@@ -1,11 +1,8 @@
 // Fuzz target: arbitrary bytes as a drift history snapshot (fuzz/drift_fuzz_input.h), its shown
 // page described point by point, and drawn as the graph on a canvas of a size the bytes choose,
 // then paged and pointed at. The report of the same snapshots is drift_report_fuzz's.
-#include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 #include "drift/drift_graph.h"
 #include "drift/report.h"
@@ -13,14 +10,6 @@
 #include "platform/canvas.h"
 
 namespace {
-
-// Copies every text it is given (so that a bad pointer or length shows up under the sanitizers)
-// and keeps nothing.
-void Touch(const char* text, std::size_t length) {
-  static std::array<char, 4096> sink;
-  for (std::size_t done = 0; done < length; done += sink.size())
-    std::memcpy(sink.data(), text + done, std::min(sink.size(), length - done));
-}
 
 // A canvas that draws nothing and keeps nothing: fixed text metrics (6 x 11 pixels a character),
 // every text touched.
@@ -33,15 +22,15 @@ class NullCanvas : public platform::Canvas {
   void SetBrush(platform::Colour) override {}
   void SetHollowBrush() override {}
   void SetTextColor(platform::Colour) override {}
-  void SetFont(std::string_view face, int) override { Touch(face.data(), face.size()); }
+  void SetFont(std::string_view face, int) override { TouchFuzzText(face.data(), face.size()); }
   void Fill(const platform::Rect&, platform::Colour) override {}
   void MoveTo(int, int) override {}
   void LineTo(int, int) override {}
   void Ellipse(const platform::Rect&) override {}
   void RoundRect(const platform::Rect&, int, int) override {}
-  void Text(int, int, std::string_view text, platform::TextAlign) override { Touch(text.data(), text.size()); }
+  void Text(int, int, std::string_view text, platform::TextAlign) override { TouchFuzzText(text.data(), text.size()); }
   platform::TextSize Measure(std::string_view text) override {
-    Touch(text.data(), text.size());
+    TouchFuzzText(text.data(), text.size());
     return {static_cast<int>(text.size()) * 6, 11};
   }
   void Clip(const platform::Rect&) override {}

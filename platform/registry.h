@@ -2,7 +2,8 @@
 // (0 success, 2 not found, 5 access denied, 53 machine unreachable, 234 more data, 259 no more items).
 // Windows: the system registry. POSIX: one SQLite store per machine, <machine root>/registry.db,
 // with case-insensitive (ASCII) key and value names, typed values kept byte for byte, a stored
-// access list per key, and every change one transaction shared safely between processes.
+// access list per key, and every change one transaction shared safely between processes; or, for
+// the local machine when UseMemoryRegistryStore asks for it, a tree in this process's memory.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -103,9 +104,11 @@ std::uint32_t RegGetKeySecurity(RegKey key, std::vector<RegAce>& dacl);
 // POSIX: NAME's store under the network root (RemoteMachineRoot); 53 when NAME's root is not there.
 std::uint32_t RegConnectRegistry(std::string_view unc_name, bool wide, RegKey& out);
 
-// POSIX: from now on this process keeps the local machine's store in memory (SQLite's in-memory
-// database: no file, no flush), filled in as a new store is. For fuzzing and benchmarks that must
-// not wait on a disk. Windows: nothing changes.
-void UseMemoryRegistryStore();
+// Switches this process's local-machine store (RegLocalMachine, RegConnectRegistry of this machine)
+// for fuzzing, benchmarks and tests that must not wait on a disk. Handles already open keep theirs.
+// on: a fresh tree in memory holding only the machine identity values a new store starts with.
+// off: the machine root's file store again, as it was left.
+// Returns whether this platform has a memory store (POSIX true; Windows false, and nothing changes).
+bool UseMemoryRegistryStore(bool on = true);
 
 }  // namespace platform

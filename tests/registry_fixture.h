@@ -114,3 +114,21 @@ class RegistryTest : public ::testing::Test {
   std::string tag_;
   std::filesystem::path root_;
 };
+
+// RegistryTest against each store of the local machine: the parameter is false for the machine's
+// own (the machine root's file, Windows' registry) and true for the memory store, which is skipped
+// where the platform has none.
+class RegistryStoreTest : public RegistryTest, public ::testing::WithParamInterface<bool> {
+ protected:
+  void SetUp() override {
+    RegistryTest::SetUp();
+    if (GetParam() && !platform::UseMemoryRegistryStore(true)) GTEST_SKIP() << "no memory store on this platform";
+  }
+  void TearDown() override {
+    RegistryTest::TearDown();
+    if (GetParam()) platform::UseMemoryRegistryStore(false);
+  }
+};
+
+// The test name suffix of a RegistryStoreTest parameter.
+inline std::string StoreName(const ::testing::TestParamInfo<bool>& info) { return info.param ? "Memory" : "Machine"; }

@@ -1,18 +1,22 @@
 // The registry access layer, against the machine's registry (Linux: the SQLite store of a fresh
-// machine root; Windows/Wine: the system registry).
+// machine root; Windows/Wine: the system registry) and, where the platform has one, the memory store.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/error.h"
 #include "platform/os.h"
 #include "tests/registry_fixture.h"
 
 namespace {
+
+INSTANTIATE_TEST_SUITE_P(Stores, RegistryStoreTest, ::testing::Bool(), StoreName);
 
 std::string KeyPath(const char* path) {
   char buf[512];
@@ -36,7 +40,7 @@ TEST(RegKeyPath, CutsToTheBuffer) {
   EXPECT_STREQ(small, "Software\\");
 }
 
-TEST_F(RegistryTest, EmptyPathIsParametersBackslashIsProductKeyDoubleBackslashIsRoot) {
+TEST_P(RegistryStoreTest, EmptyPathIsParametersBackslashIsProductKeyDoubleBackslashIsRoot) {
   const std::string v = tag_;
   ASSERT_EQ(reg_set_string("", v.c_str(), "params"), 1);
   ASSERT_EQ(reg_set_string("\\", v.c_str(), "product"), 1);
@@ -59,7 +63,7 @@ TEST_F(RegistryTest, EmptyPathIsParametersBackslashIsProductKeyDoubleBackslashIs
   platform::RegCloseKey(key);
 }
 
-TEST_F(RegistryTest, ConnectingToTheLocalMachineByNameStaysLocalAndKeepsTheName) {
+TEST_P(RegistryStoreTest, ConnectingToTheLocalMachineByNameStaysLocalAndKeepsTheName) {
   std::string name = platform::ComputerName();
   ASSERT_FALSE(name.empty());
   std::string lower = name, upper = name;
@@ -75,7 +79,7 @@ TEST_F(RegistryTest, ConnectingToTheLocalMachineByNameStaysLocalAndKeepsTheName)
   EXPECT_STREQ(g_target_machine, "");
 }
 
-TEST_F(RegistryTest, FailedRemoteConnectionLeavesTheLayerLocal) {
+TEST_P(RegistryStoreTest, FailedRemoteConnectionLeavesTheLayerLocal) {
   const std::string sub = Sub();
   platform::SetLastError(0);
   EXPECT_EQ(reg_connect_target("\\\\CW-NO-SUCH-HOST"), 0);
@@ -86,7 +90,7 @@ TEST_F(RegistryTest, FailedRemoteConnectionLeavesTheLayerLocal) {
   EXPECT_EQ(reg_get_bool(sub.c_str(), "Works", 0), 1);
 }
 
-TEST_F(RegistryTest, AbsentStringDeletesEmptyStringIsStored) {
+TEST_P(RegistryStoreTest, AbsentStringDeletesEmptyStringIsStored) {
   const std::string sub = Sub();
   ASSERT_EQ(reg_set_string(sub.c_str(), "S", "text"), 1);
   ASSERT_EQ(reg_set_string(sub.c_str(), "S", ""), 1);
@@ -101,7 +105,7 @@ TEST_F(RegistryTest, AbsentStringDeletesEmptyStringIsStored) {
   EXPECT_STREQ(buf, "default");
 }
 
-TEST_F(RegistryTest, GetBoolReadsEveryForm) {
+TEST_P(RegistryStoreTest, GetBoolReadsEveryForm) {
   const std::string sub = Sub();
   struct Case {
     const char* text;
@@ -137,7 +141,7 @@ TEST_F(RegistryTest, GetBoolReadsEveryForm) {
   EXPECT_EQ(reg_get_bool((sub + "\\NoKey").c_str(), "B", 1), 1);
 }
 
-TEST_F(RegistryTest, GetBoolOfAnEmptyOrLongBinaryValue) {
+TEST_P(RegistryStoreTest, GetBoolOfAnEmptyOrLongBinaryValue) {
   const std::string sub = Sub();
   const std::uint8_t long_true[] = {'t', 'r', 'u', 'e', 'x', 'y'};
   reg_set_binary(sub.c_str(), "B", long_true, sizeof long_true);
@@ -147,7 +151,7 @@ TEST_F(RegistryTest, GetBoolOfAnEmptyOrLongBinaryValue) {
   EXPECT_EQ(reg_get_bool(sub.c_str(), "B", 1), 0);
 }
 
-TEST_F(RegistryTest, GetStringOnAMissingValueKeepsTheDefault) {
+TEST_P(RegistryStoreTest, GetStringOnAMissingValueKeepsTheDefault) {
   const std::string sub = Sub();
   char buf[8];
   std::memset(buf, 'x', sizeof buf);
@@ -168,7 +172,7 @@ TEST_F(RegistryTest, GetStringOnAMissingValueKeepsTheDefault) {
   EXPECT_STREQ(buf, "012345");
 }
 
-TEST_F(RegistryTest, GetStringEndsMultiStringsWithADoubleZero) {
+TEST_P(RegistryStoreTest, GetStringEndsMultiStringsWithADoubleZero) {
   const std::string sub = Sub();
   const char multi[] = "one\0two\0";  // without the list's final zero
   ASSERT_EQ(reg_write_value(sub.c_str(), "M", multi, platform::kRegMultiSz, 8), 1);
@@ -182,7 +186,7 @@ TEST_F(RegistryTest, GetStringEndsMultiStringsWithADoubleZero) {
   reg_free_string(alloc, nullptr);
 }
 
-TEST_F(RegistryTest, GetStringAllocGivesANewStringOrTheDefault) {
+TEST_P(RegistryStoreTest, GetStringAllocGivesANewStringOrTheDefault) {
   const std::string sub = Sub();
   char def[] = "default";
   EXPECT_EQ(reg_get_string_alloc(sub.c_str(), "Missing", def), def);
@@ -207,7 +211,7 @@ TEST_F(RegistryTest, GetStringAllocGivesANewStringOrTheDefault) {
   reg_free_string(s, nullptr);
 }
 
-TEST_F(RegistryTest, GetDwordReadsAnyValueOfAtMostFourBytes) {
+TEST_P(RegistryStoreTest, GetDwordReadsAnyValueOfAtMostFourBytes) {
   const std::string sub = Sub();
   reg_set_dword(sub.c_str(), "D", 0x12345678);
   EXPECT_EQ(reg_get_dword(sub.c_str(), "D", 9), 0x12345678u);
@@ -225,7 +229,7 @@ TEST_F(RegistryTest, GetDwordReadsAnyValueOfAtMostFourBytes) {
   EXPECT_EQ(platform::LastError(), 2u);
 }
 
-TEST_F(RegistryTest, GetBinaryClearsTheBufferAndReadsAtMostItsSize) {
+TEST_P(RegistryStoreTest, GetBinaryClearsTheBufferAndReadsAtMostItsSize) {
   const std::string sub = Sub();
   const std::uint8_t data[] = {9, 8, 7};
   reg_set_binary(sub.c_str(), "Bin", data, sizeof data);
@@ -242,7 +246,7 @@ TEST_F(RegistryTest, GetBinaryClearsTheBufferAndReadsAtMostItsSize) {
   EXPECT_EQ(buf, (std::array<std::uint8_t, 6>{}));
 }
 
-TEST_F(RegistryTest, WriteValueWithoutDataDeletesAndDeleteValueCreatesTheKey) {
+TEST_P(RegistryStoreTest, WriteValueWithoutDataDeletesAndDeleteValueCreatesTheKey) {
   const std::string sub = Sub();
   const std::string key = sub + "\\Made";
   EXPECT_EQ(reg_key_exists(key.c_str()), 0);
@@ -255,7 +259,7 @@ TEST_F(RegistryTest, WriteValueWithoutDataDeletesAndDeleteValueCreatesTheKey) {
   EXPECT_EQ(reg_get_dword(key.c_str(), "V", 5), 5u);
 }
 
-TEST_F(RegistryTest, EnumValueListsNamesTypesAndTerminatedStrings) {
+TEST_P(RegistryStoreTest, EnumValueListsNamesTypesAndTerminatedStrings) {
   const std::string sub = Sub();
   ASSERT_EQ(reg_set_string(sub.c_str(), "First", "abc"), 1);
   reg_set_dword(sub.c_str(), "Second", 77);
@@ -281,7 +285,7 @@ TEST_F(RegistryTest, EnumValueListsNamesTypesAndTerminatedStrings) {
   EXPECT_EQ(platform::LastError(), 259u);
 }
 
-TEST_F(RegistryTest, DeletingAKeyThatStillHasSubkeysFails) {
+TEST_P(RegistryStoreTest, DeletingAKeyThatStillHasSubkeysFails) {
   const std::string sub = Sub();
   const std::string child = sub + "\\Child";
   reg_set_dword((child + "\\Grandchild").c_str(), "V", 1);
@@ -296,7 +300,7 @@ TEST_F(RegistryTest, DeletingAKeyThatStillHasSubkeysFails) {
   EXPECT_EQ(platform::LastError(), 2u);
 }
 
-TEST_F(RegistryTest, NamesIgnoreCaseAndTypesAreKept) {
+TEST_P(RegistryStoreTest, NamesIgnoreCaseAndTypesAreKept) {
   const std::string sub = Sub();
   ASSERT_EQ(reg_write_value(sub.c_str(), "MixedCase", "%SystemRoot%", platform::kRegExpandSz, 13), 1);
   std::string upper = sub;
@@ -316,7 +320,7 @@ TEST_F(RegistryTest, NamesIgnoreCaseAndTypesAreKept) {
   EXPECT_EQ(type, platform::kRegSz);
 }
 
-TEST_F(RegistryTest, AKeyOpenedForReadingRefusesChanges) {
+TEST_P(RegistryStoreTest, AKeyOpenedForReadingRefusesChanges) {
   const std::string sub = Sub();
   reg_set_dword(sub.c_str(), "V", 1);
   platform::RegKey key = nullptr;
@@ -330,7 +334,7 @@ TEST_F(RegistryTest, AKeyOpenedForReadingRefusesChanges) {
   EXPECT_EQ(reg_get_dword(sub.c_str(), "V", 0), 2u);
 }
 
-TEST_F(RegistryTest, QueryReportsMoreDataWithTheNeededSize) {
+TEST_P(RegistryStoreTest, QueryReportsMoreDataWithTheNeededSize) {
   const std::string sub = Sub();
   ASSERT_EQ(reg_set_string(sub.c_str(), "S", "hello"), 1);
   platform::RegKey key = nullptr;
@@ -347,7 +351,7 @@ TEST_F(RegistryTest, QueryReportsMoreDataWithTheNeededSize) {
   platform::RegCloseKey(key);
 }
 
-TEST_F(RegistryTest, AnOverLongPathIsRefusedNotCut) {
+TEST_P(RegistryStoreTest, AnOverLongPathIsRefusedNotCut) {
   const std::string sub = Sub();
   const std::string longpath = sub + "\\" + std::string(300, 'a') + "\\" + std::string(300, 'b');
   EXPECT_EQ(reg_set_string(longpath.c_str(), "V", "x"), 0);
@@ -372,7 +376,7 @@ std::vector<platform::RegAce> SecurityOf(const std::string& root_relative) {
   return dacl;
 }
 
-TEST_F(RegistryTest, SecureTreeReplacesTheAccessListOfTheKeyAndItsSubkeys) {
+TEST_P(RegistryStoreTest, SecureTreeReplacesTheAccessListOfTheKeyAndItsSubkeys) {
   const std::string abs = Abs();
   reg_set_dword((abs + "\\A\\B").c_str(), "V", 1);
   reg_set_dword((abs + "\\C").c_str(), "V", 1);
@@ -406,7 +410,7 @@ TEST(RegSidText, FormatsValidSidsAndRefusesOthers) {
   EXPECT_FALSE(reg_sid_text(everyone, 0, text, 4));
 }
 
-TEST_F(RegistryTest, TargetArchitectureOfTheLocalMachine) {
+TEST_P(RegistryStoreTest, TargetArchitectureOfTheLocalMachine) {
   platform::SystemInfo info{};
   platform::GetSystemInfo(info);
   const std::uint32_t arch = reg_target_architecture();
@@ -425,7 +429,7 @@ std::string ThreadValueName(int t, int i) {
   return name;
 }
 
-TEST_F(RegistryTest, ThreadsWritingAtOnceLoseNothing) {
+TEST_P(RegistryStoreTest, ThreadsWritingAtOnceLoseNothing) {
   const std::string sub = Sub();
   constexpr int kThreads = 4, kEach = 50;
   std::vector<std::thread> threads;
@@ -437,6 +441,84 @@ TEST_F(RegistryTest, ThreadsWritingAtOnceLoseNothing) {
   for (int t = 0; t < kThreads; ++t)
     for (int i = 0; i < kEach; ++i)
       EXPECT_EQ(reg_get_dword(sub.c_str(), ThreadValueName(t, i).c_str(), 999), static_cast<std::uint32_t>(i));
+}
+
+// The memory store itself (skipped where the platform has none).
+class MemoryRegistryTest : public RegistryStoreTest {};
+INSTANTIATE_TEST_SUITE_P(Stores, MemoryRegistryTest, ::testing::Values(true), StoreName);
+
+std::string ReadString(const char* path, const char* name) {
+  char buf[512];
+  return reg_get_string(path, name, buf, sizeof buf, "<missing>") ? buf : "<missing>";
+}
+
+TEST_P(MemoryRegistryTest, AHandleToADeletedKeyGivesKeyDeleted) {
+  const platform::RegKey hklm = platform::RegLocalMachine();
+  platform::RegKey key = nullptr, other = nullptr;
+  ASSERT_EQ(platform::RegCreateKey(hklm, "Gone\\Key", platform::kKeyAllAccess, key), 0u);
+  const std::uint32_t one = 1;
+  ASSERT_EQ(platform::RegSetValue(key, "V", platform::kRegDword, &one, 4), 0u);
+  ASSERT_EQ(platform::RegDeleteKey(hklm, "gone\\KEY"), 0u);
+  char name[8];
+  std::uint32_t n = sizeof name, value = 0, size = 4;
+  std::vector<platform::RegAce> dacl;
+  EXPECT_EQ(platform::RegQueryValue(key, "V", nullptr, &value, &size), platform::kErrorKeyDeleted);
+  EXPECT_EQ(platform::RegSetValue(key, "V", platform::kRegDword, &one, 4), platform::kErrorKeyDeleted);
+  EXPECT_EQ(platform::RegDeleteValue(key, "V"), platform::kErrorKeyDeleted);
+  EXPECT_EQ(platform::RegEnumValue(key, 0, name, &n, nullptr, nullptr, nullptr), platform::kErrorKeyDeleted);
+  EXPECT_EQ(platform::RegEnumKey(key, 0, name, sizeof name), platform::kErrorKeyDeleted);
+  EXPECT_EQ(platform::RegSetKeySecurity(key, {}), platform::kErrorKeyDeleted);
+  EXPECT_EQ(platform::RegGetKeySecurity(key, dacl), platform::kErrorKeyDeleted);
+  EXPECT_EQ(platform::RegCreateKey(key, "Sub", platform::kKeyAllAccess, other), platform::kErrorKeyDeleted);
+  EXPECT_EQ(platform::RegDeleteKey(key, ""), platform::kErrorKeyDeleted);
+  // A key made again under the same name is another key: the old handle stays on the deleted one.
+  ASSERT_EQ(platform::RegCreateKey(hklm, "Gone\\Key", platform::kKeyAllAccess, other), 0u);
+  EXPECT_EQ(platform::RegQueryValue(other, "V", nullptr, nullptr, nullptr), platform::kErrorFileNotFound);
+  EXPECT_EQ(platform::RegSetValue(key, "V", platform::kRegDword, &one, 4), platform::kErrorKeyDeleted);
+  platform::RegCloseKey(other);
+  platform::RegCloseKey(key);
+}
+
+TEST_P(MemoryRegistryTest, SwitchingOnGivesAFreshTreeWithTheMachineIdentity) {
+  ASSERT_EQ(reg_set_string("", "Old", "x"), 1);
+  ASSERT_TRUE(platform::UseMemoryRegistryStore(true));
+  EXPECT_EQ(ReadString("", "Old"), "<missing>");
+  EXPECT_EQ(ReadString("\\\\SYSTEM\\CurrentControlSet\\Control\\ProductOptions", "ProductType"), "ServerNT");
+  EXPECT_NE(ReadString("\\\\SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment", "PROCESSOR_ARCHITECTURE"),
+            "<missing>");
+  EXPECT_EQ(ReadString("\\\\SYSTEM\\CurrentControlSet\\Control\\ComputerName\\ComputerName", "ComputerName"),
+            platform::ComputerName());
+  EXPECT_EQ(ReadString("\\\\SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "SystemRoot"), root_.string());
+  EXPECT_EQ(ReadString("\\\\SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "ProductName"), platform::OsProductName());
+  // Nothing else: the root holds the two keys of the identity values, and no file was made.
+  char name[16];
+  const platform::RegKey hklm = platform::RegLocalMachine();
+  ASSERT_EQ(platform::RegEnumKey(hklm, 0, name, sizeof name), 0u);
+  EXPECT_STREQ(name, "SOFTWARE");
+  ASSERT_EQ(platform::RegEnumKey(hklm, 1, name, sizeof name), 0u);
+  EXPECT_STREQ(name, "SYSTEM");
+  EXPECT_EQ(platform::RegEnumKey(hklm, 2, name, sizeof name), platform::kErrorNoMoreItems);
+  EXPECT_FALSE(std::filesystem::exists(root_ / "registry.db"));
+}
+
+TEST_P(MemoryRegistryTest, SwitchingOffReturnsToTheFileStoreAsItWasLeft) {
+  ASSERT_TRUE(platform::UseMemoryRegistryStore(false));
+  ASSERT_EQ(reg_set_string("", "Kept", "file"), 1);
+  ASSERT_TRUE(platform::UseMemoryRegistryStore(true));
+  EXPECT_EQ(ReadString("", "Kept"), "<missing>");
+  ASSERT_EQ(reg_set_string("", "Kept", "memory"), 1);
+  // This machine by name is the memory store too, and a handle keeps its store after the switch.
+  platform::RegKey held = nullptr, key = nullptr;
+  ASSERT_EQ(platform::RegConnectRegistry("\\\\" + platform::ComputerName(), false, held), 0u);
+  ASSERT_TRUE(platform::UseMemoryRegistryStore(false));
+  EXPECT_EQ(ReadString("", "Kept"), "file");
+  ASSERT_EQ(platform::RegOpenKey(held, "Software\\Morvane\\Chronwarden\\Parameters", platform::kKeyRead, key), 0u);
+  char buf[16];
+  std::uint32_t size = sizeof buf;
+  EXPECT_EQ(platform::RegQueryValue(key, "Kept", nullptr, buf, &size), 0u);
+  EXPECT_STREQ(buf, "memory");
+  platform::RegCloseKey(key);
+  platform::RegCloseKey(held);
 }
 
 }  // namespace

@@ -12,12 +12,16 @@
 //
 // The first process that creates a store fills in the machine identity values the system reads:
 // ProductType ("ServerNT": a machine that serves time), PROCESSOR_ARCHITECTURE (from uname -m:
-// x86_64 "AMD64", aarch64 "ARM64", i?86 "x86"), ComputerName and SystemRoot (the machine root).
+// x86_64 "AMD64", aarch64 "ARM64", i?86 "x86"), ComputerName, SystemRoot (the machine root) and ProductName.
 // A store first made through the network root (another machine's mounted root, opened by
 // RegConnectRegistry) takes its ComputerName from the machine's name; the rest comes from this
 // machine, as the machines of one network run the same build.
 // Access lists are stored, read back and inherited by new subkeys; they are not enforced against
 // POSIX users: the file's own permissions decide (a read-only store gives 5 on every change).
+//
+// UseMemoryRegistryStore puts the local machine's store in a tree in memory instead
+// (registry_memory.h), filled in with the same identity values. Each call checks the handle's
+// access here, then runs on the memory tree or on SQLite.
 #include "platform/registry.h"
 
 #include <sqlite3.h>
@@ -28,9 +32,8 @@
 #include <cctype>
 #include <chrono>
 #include <thread>
-#include <atomic>
+#include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -40,13 +43,13 @@
 
 #include "platform/os.h"
 #include "platform/paths.h"
+#include "platform/posix/registry_memory.h"
 
 namespace platform {
 
 namespace {
 
 constexpr std::int64_t kRootId = 1;
-constexpr std::size_t kMaxKeyNameLength = 255;
 constexpr std::size_t kMaxValueNameLength = 16383;
 constexpr int kBusyTimeoutMs = 30000;
 
@@ -75,19 +78,20 @@ struct Store {
 }  // namespace
 
 struct RegKeyObject {
-  std::shared_ptr<Store> store;  // null for the predefined local-machine key (resolved per call)
+  std::shared_ptr<Store> store;  // null for the predefined local-machine key (resolved per call) and memory keys
   std::int64_t id = kRootId;
   std::uint32_t access = kKeyAllAccess;
   bool predefined = false;
+  memreg::KeyPtr node;           // the key of a memory store, else null
 };
 
 namespace {
 
-RegKeyObject g_local_machine{nullptr, kRootId, kKeyAllAccess, true};
+RegKeyObject g_local_machine{nullptr, kRootId, kKeyAllAccess, true, nullptr};
 
 std::mutex g_stores_lock;
 std::map<std::string, std::shared_ptr<Store>> g_stores;
-std::atomic<bool> g_memory_store{false};   // the local machine's store lives in memory
+memreg::KeyPtr g_memory_root;   // the local machine's store while it lives in memory (under g_stores_lock)
 
 std::uint32_t StatusOf(int rc) {
   switch (rc & 0xFF) {
@@ -191,18 +195,6 @@ class Txn {
   bool done_ = false;
 };
 
-std::vector<std::string_view> SplitPath(std::string_view path) {
-  std::vector<std::string_view> parts;
-  while (!path.empty()) {
-    const auto cut = path.find('\\');
-    const auto part = path.substr(0, cut);
-    if (!part.empty()) parts.push_back(part);
-    if (cut == std::string_view::npos) break;
-    path.remove_prefix(cut + 1);
-  }
-  return parts;
-}
-
 bool KeyAlive(Store& s, std::int64_t id) {
   Stmt q(s, "SELECT 1 FROM keys WHERE id = ?");
   return q.Int(1, id).Step() == SQLITE_ROW;
@@ -215,47 +207,19 @@ std::uint32_t FindChild(Store& s, std::int64_t parent, std::string_view name, st
   return rc == SQLITE_DONE ? kErrorFileNotFound : StatusOf(rc);
 }
 
-std::string SecurityText(std::span<const RegAce> dacl) {
-  std::string text;
-  char head[48];
-  for (const auto& ace : dacl) {
-    std::snprintf(head, sizeof head, "%u,%u,%08x,", ace.type, ace.flags, ace.mask);
-    text += head + ace.sid + ";";
-  }
-  return text;
-}
-
-std::vector<RegAce> ParseSecurity(std::string_view text) {
-  std::vector<RegAce> dacl;
-  while (!text.empty()) {
-    const auto end = text.find(';');
-    const std::string entry(text.substr(0, end));
-    unsigned type = 0, flags = 0, mask = 0;
-    int used = 0;
-    if (std::sscanf(entry.c_str(), "%u,%u,%x,%n", &type, &flags, &mask, &used) == 3 && used > 0)
-      dacl.push_back(RegAce{static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(flags), mask, entry.substr(used)});
-    if (end == std::string_view::npos) break;
-    text.remove_prefix(end + 1);
-  }
-  return dacl;
-}
-
 // The entries a new subkey takes over from its parent: those that containers inherit.
 std::string InheritedSecurity(Store& s, std::int64_t parent) {
   Stmt q(s, "SELECT security FROM keys WHERE id = ?");
   if (q.Int(1, parent).Step() != SQLITE_ROW) return {};
-  std::vector<RegAce> inherited;
-  for (auto& ace : ParseSecurity(q.ColText(0)))
-    if (ace.flags & 2) inherited.push_back(RegAce{ace.type, static_cast<std::uint8_t>(ace.flags | kAceInherited), ace.mask, ace.sid});
-  return SecurityText(inherited);
+  return memreg::InheritedSecurity(q.ColText(0));
 }
 
 // Walks from the key id down the path; creates missing keys when create is set (inside a write
 // transaction).
 std::uint32_t Walk(Store& s, std::int64_t from, std::string_view path, bool create, std::int64_t& id) {
   id = from;
-  for (const auto part : SplitPath(path)) {
-    if (part.size() > kMaxKeyNameLength) return kErrorInvalidParameter;
+  for (auto part = memreg::NextPart(path); !part.empty(); part = memreg::NextPart(path)) {
+    if (part.size() > memreg::kMaxKeyNameLength) return kErrorInvalidParameter;
     std::int64_t child = 0;
     std::uint32_t st = FindChild(s, id, part, child);
     if (st == kErrorFileNotFound && create) {
@@ -295,11 +259,21 @@ std::string ArchitectureName() {
   return upper;
 }
 
-std::uint32_t PutString(Store& s, std::string_view path, const char* name, const std::string& value) {
-  std::int64_t id = 0;
-  std::uint32_t st = Walk(s, kRootId, path, true, id);
-  return st ? st : PutValue(s, id, name, kRegSz, value.c_str(), static_cast<std::uint32_t>(value.size() + 1));
+// The machine identity values a new store starts with, each a string value (key path, name, text).
+struct IdentityValue {
+  const char* path;
+  const char* name;
+  std::string text;
+};
+std::array<IdentityValue, 5> MachineIdentity(const std::string& computer_name, const std::string& system_root) {
+  return {{{"SYSTEM\\CurrentControlSet\\Control\\ProductOptions", "ProductType", "ServerNT"},
+           {"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment", "PROCESSOR_ARCHITECTURE", ArchitectureName()},
+           {"SYSTEM\\CurrentControlSet\\Control\\ComputerName\\ComputerName", "ComputerName", computer_name},
+           {"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "SystemRoot", system_root},
+           {"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "ProductName", OsProductName()}}};
 }
+
+std::uint32_t TextSize(const std::string& text) { return static_cast<std::uint32_t>(text.size() + 1); }
 
 // Schema, and the machine identity the first time the store is made (one write transaction).
 std::uint32_t Initialise(Store& s, const std::string& computer_name, const std::string& system_root) {
@@ -317,13 +291,11 @@ std::uint32_t Initialise(Store& s, const std::string& computer_name, const std::
   if (rc == SQLITE_ROW) return t.Commit();
   if (rc != SQLITE_DONE) return StatusOf(probe.error());
   st = Exec(s.db, "INSERT INTO keys(id, parent, name) VALUES(1, 0, 'HKEY_LOCAL_MACHINE')");
-  if (!st) st = PutString(s, "SYSTEM\\CurrentControlSet\\Control\\ProductOptions", "ProductType", "ServerNT");
-  if (!st)
-    st = PutString(s, "SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment", "PROCESSOR_ARCHITECTURE",
-                   ArchitectureName());
-  if (!st) st = PutString(s, "SYSTEM\\CurrentControlSet\\Control\\ComputerName\\ComputerName", "ComputerName", computer_name);
-  if (!st) st = PutString(s, "SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "SystemRoot", system_root);
-  if (!st) st = PutString(s, "SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "ProductName", OsProductName());
+  for (const auto& v : MachineIdentity(computer_name, system_root)) {
+    std::int64_t id = 0;
+    if (!st) st = Walk(s, kRootId, v.path, true, id);
+    if (!st) st = PutValue(s, id, v.name, kRegSz, v.text.c_str(), TextSize(v.text));
+  }
   return st ? st : t.Commit();
 }
 
@@ -353,24 +325,8 @@ std::uint32_t OpenStoreFile(Store& s, const std::string& computer_name, const st
 // The store of a machine root, opened once per process (again after fork, or when the file was
 // replaced). create_root: make a missing root folder (the local machine); else a missing root is
 // an unreachable machine (53).
-// The local machine's store in memory, made on first use (a forked child works on its copy).
-std::uint32_t GetMemoryStore(std::shared_ptr<Store>& out) {
-  std::lock_guard guard(g_stores_lock);
-  static std::shared_ptr<Store> memory;
-  if (!memory) {
-    auto store = std::make_shared<Store>();
-    store->path = ":memory:";
-    store->pid = getpid();
-    if (const std::uint32_t status = OpenStoreFile(*store, ComputerName(), MachineRoot())) return status;
-    memory = std::move(store);
-  }
-  out = memory;
-  return 0;
-}
-
 std::uint32_t GetStore(const std::string& root, bool create_root, const std::string& computer_name,
                        std::shared_ptr<Store>& out) {
-  if (g_memory_store.load() && create_root) return GetMemoryStore(out);
   std::lock_guard guard(g_stores_lock);
   const std::string path = root + "/registry.db";
   struct stat st {};
@@ -398,13 +354,20 @@ std::uint32_t GetStore(const std::string& root, bool create_root, const std::str
   return 0;
 }
 
-// The store and key id behind a handle.
-std::uint32_t Resolve(RegKey key, std::shared_ptr<Store>& store, std::int64_t& id) {
+// The root of the local machine's memory store, or null while the machine root's file is used.
+memreg::KeyPtr MemoryRoot() {
+  std::lock_guard guard(g_stores_lock);
+  return g_memory_root;
+}
+
+// The handle with the predefined key resolved to the local machine's current store.
+std::uint32_t Resolve(RegKey key, RegKeyObject& out) {
   if (!key) return kErrorInvalidHandle;
-  id = key->id;
-  if (key->store) return store = key->store, 0;
-  if (g_memory_store.load()) return GetMemoryStore(store);
-  return GetStore(MachineRoot(), true, ComputerName(), store);
+  out = *key;
+  if (!key->predefined) return 0;
+  out.predefined = false;
+  if ((out.node = MemoryRoot())) return 0;
+  return GetStore(MachineRoot(), true, ComputerName(), out.store);
 }
 
 std::uint32_t Granted(std::uint32_t access, bool read_only) {
@@ -416,40 +379,70 @@ std::uint32_t Granted(std::uint32_t access, bool read_only) {
   return g;
 }
 
-// Runs fn(store, key id) under the store's lock inside a transaction; fn returns a status.
-template <typename Fn>
-std::uint32_t WithKey(RegKey key, bool write, Fn fn) {
-  std::shared_ptr<Store> store;
-  std::int64_t id = 0;
-  if (std::uint32_t st = Resolve(key, store, id)) return st;
-  if (write && store->read_only) return kErrorAccessDenied;
-  std::lock_guard guard(store->lock);
-  Txn t(*store, write);
+// Runs the call on the key behind the handle, each way returning a status: on a memory store
+// mem(key) under the tree's lock; on SQLite sql(store, key id) under the store's lock inside a
+// transaction. A deleted key gives 1018.
+template <typename Sql, typename Mem>
+std::uint32_t WithKey(RegKey handle, bool write, Sql sql, Mem mem) {
+  RegKeyObject key;
+  if (std::uint32_t st = Resolve(handle, key)) return st;
+  if (key.node) {
+    std::lock_guard guard(memreg::Lock());
+    return key.node->deleted ? kErrorKeyDeleted : mem(key.node);
+  }
+  Store& store = *key.store;
+  if (write && store.read_only) return kErrorAccessDenied;
+  std::lock_guard guard(store.lock);
+  Txn t(store, write);
   if (t.status()) return t.status();
-  if (!KeyAlive(*store, id)) return kErrorKeyDeleted;
-  if (const std::uint32_t st = fn(*store, id)) return st;
+  if (!KeyAlive(store, key.id)) return kErrorKeyDeleted;
+  if (const std::uint32_t st = sql(store, key.id)) return st;
   return t.Commit();
 }
 
 std::uint32_t OpenOrCreate(RegKey parent, std::string_view subkey, std::uint32_t access, bool create, RegKey& out) {
   out = nullptr;
-  std::shared_ptr<Store> store;
-  std::int64_t from = 0;
-  if (std::uint32_t st = Resolve(parent, store, from)) return st;
-  const std::uint32_t granted = Granted(access, store->read_only);
+  RegKeyObject from;
+  if (std::uint32_t st = Resolve(parent, from)) return st;
+  const bool read_only = from.store && from.store->read_only;
+  const std::uint32_t granted = Granted(access, read_only);
   if ((access & ~(kMaximumAllowed | kGenericRead | kKeyWow64_32Key | kKeyWow64_64Key)) & ~granted) return kErrorAccessDenied;
-  std::int64_t id = 0;
-  const std::uint32_t st = WithKey(parent, create && !store->read_only, [&](Store& s, std::int64_t start) {
-    const std::uint32_t found = Walk(s, start, subkey, false, id);
-    if (found == kErrorFileNotFound && create) return s.read_only ? kErrorAccessDenied : Walk(s, start, subkey, true, id);
-    return found;
-  });
+  RegKeyObject opened{from.store, 0, granted, false, nullptr};
+  const std::uint32_t st = WithKey(
+      &from, create && !read_only,
+      [&](Store& s, std::int64_t start) {
+        const std::uint32_t found = Walk(s, start, subkey, false, opened.id);
+        if (found == kErrorFileNotFound && create) return s.read_only ? kErrorAccessDenied : Walk(s, start, subkey, true, opened.id);
+        return found;
+      },
+      [&](const memreg::KeyPtr& start) { return memreg::Walk(start, subkey, create, opened.node); });
   if (st) return st;
-  out = new RegKeyObject{store, id, granted, false};
+  out = new RegKeyObject(std::move(opened));
   return 0;
 }
 
 bool NameFits(const char* name) { return !name || std::strlen(name) <= kMaxValueNameLength; }
+
+// Hands a value to the caller: its type, and when size is given its bytes (when data is given and
+// they fit; 234 when not) and their count.
+std::uint32_t GiveValue(std::uint32_t value_type, std::span<const std::uint8_t> bytes, std::uint32_t* type, void* data,
+                        std::uint32_t* size) {
+  const auto needed = static_cast<std::uint32_t>(bytes.size());
+  if (type) *type = value_type;
+  if (!size) return 0;
+  if (data && *size < needed) return *size = needed, kErrorMoreData;
+  if (data && needed) std::memcpy(data, bytes.data(), needed);
+  *size = needed;
+  return 0;
+}
+
+// Copies a name, terminated, into the caller's buffer of size characters; 234 when it does not fit.
+std::uint32_t GiveName(std::string_view text, char* name, std::uint32_t size) {
+  if (size <= text.size()) return kErrorMoreData;
+  std::memcpy(name, text.data(), text.size());
+  name[text.size()] = '\0';
+  return 0;
+}
 
 }  // namespace
 
@@ -470,129 +463,173 @@ void RegCloseKey(RegKey key) {
 std::uint32_t RegQueryValue(RegKey key, const char* name, std::uint32_t* type, void* data, std::uint32_t* size) {
   if (key && !(key->access & kKeyQueryValue)) return kErrorAccessDenied;
   if (data && !size) return kErrorInvalidParameter;
-  return WithKey(key, false, [&](Store& s, std::int64_t id) -> std::uint32_t {
-    Stmt q(s, "SELECT type, data FROM vals WHERE key = ? AND name = ?");
-    const int rc = q.Int(1, id).Text(2, name ? name : "").Step();
-    if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? kErrorFileNotFound : StatusOf(q.error());
-    const auto bytes = q.ColBlob(1);
-    const auto needed = static_cast<std::uint32_t>(bytes.size());
-    if (type) *type = static_cast<std::uint32_t>(q.ColInt(0));
-    if (!size) return 0;
-    if (data && *size < needed) return *size = needed, kErrorMoreData;
-    if (data && needed) std::memcpy(data, bytes.data(), needed);
-    *size = needed;
-    return 0;
-  });
+  const std::string_view value_name = name ? name : "";
+  return WithKey(
+      key, false,
+      [&](Store& s, std::int64_t id) -> std::uint32_t {
+        Stmt q(s, "SELECT type, data FROM vals WHERE key = ? AND name = ?");
+        const int rc = q.Int(1, id).Text(2, value_name).Step();
+        if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? kErrorFileNotFound : StatusOf(q.error());
+        return GiveValue(static_cast<std::uint32_t>(q.ColInt(0)), q.ColBlob(1), type, data, size);
+      },
+      [&](const memreg::KeyPtr& k) {
+        const memreg::Value* v = memreg::FindValue(*k, value_name);
+        return v ? GiveValue(v->type, v->data, type, data, size) : kErrorFileNotFound;
+      });
 }
 
 std::uint32_t RegSetValue(RegKey key, const char* name, std::uint32_t type, const void* data, std::uint32_t size) {
   if (key && !(key->access & kKeySetValue)) return kErrorAccessDenied;
   if (!NameFits(name) || (size && !data)) return kErrorInvalidParameter;
-  return WithKey(key, true, [&](Store& s, std::int64_t id) { return PutValue(s, id, name ? name : "", type, data, size); });
+  const std::string_view value_name = name ? name : "";
+  return WithKey(
+      key, true, [&](Store& s, std::int64_t id) { return PutValue(s, id, value_name, type, data, size); },
+      [&](const memreg::KeyPtr& k) {
+        memreg::SetValue(*k, value_name, type, data, size);
+        return 0u;
+      });
 }
 
 std::uint32_t RegDeleteValue(RegKey key, const char* name) {
   if (key && !(key->access & kKeySetValue)) return kErrorAccessDenied;
-  return WithKey(key, true, [&](Store& s, std::int64_t id) -> std::uint32_t {
-    Stmt del(s, "DELETE FROM vals WHERE key = ? AND name = ?");
-    if (del.Int(1, id).Text(2, name ? name : "").Step() != SQLITE_DONE) return StatusOf(del.error());
-    return sqlite3_changes(s.db) ? 0 : kErrorFileNotFound;
-  });
+  const std::string_view value_name = name ? name : "";
+  return WithKey(
+      key, true,
+      [&](Store& s, std::int64_t id) -> std::uint32_t {
+        Stmt del(s, "DELETE FROM vals WHERE key = ? AND name = ?");
+        if (del.Int(1, id).Text(2, value_name).Step() != SQLITE_DONE) return StatusOf(del.error());
+        return sqlite3_changes(s.db) ? 0 : kErrorFileNotFound;
+      },
+      [&](const memreg::KeyPtr& k) { return memreg::DeleteValue(*k, value_name) ? 0 : kErrorFileNotFound; });
 }
 
 std::uint32_t RegEnumValue(RegKey key, std::uint32_t index, char* name, std::uint32_t* name_size, std::uint32_t* type,
                            void* data, std::uint32_t* data_size) {
   if (key && !(key->access & kKeyQueryValue)) return kErrorAccessDenied;
   if (!name || !name_size || (data && !data_size)) return kErrorInvalidParameter;
-  return WithKey(key, false, [&](Store& s, std::int64_t id) -> std::uint32_t {
-    Stmt q(s, "SELECT name, type, data FROM vals WHERE key = ? ORDER BY rowid LIMIT 1 OFFSET ?");
-    const int rc = q.Int(1, id).Int(2, index).Step();
-    if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? kErrorNoMoreItems : StatusOf(q.error());
-    const auto value_name = q.ColText(0);
-    const auto bytes = q.ColBlob(2);
-    const auto needed = static_cast<std::uint32_t>(bytes.size());
-    if (*name_size <= value_name.size()) return kErrorMoreData;
-    std::memcpy(name, value_name.data(), value_name.size());
-    name[value_name.size()] = '\0';
+  const auto give = [&](std::string_view value_name, std::uint32_t value_type, std::span<const std::uint8_t> bytes) {
+    if (const std::uint32_t st = GiveName(value_name, name, *name_size)) return st;
     *name_size = static_cast<std::uint32_t>(value_name.size());
-    if (type) *type = static_cast<std::uint32_t>(q.ColInt(1));
-    if (data_size) {
-      if (data && *data_size < needed) return *data_size = needed, kErrorMoreData;
-      if (data && needed) std::memcpy(data, bytes.data(), needed);
-      *data_size = needed;
-    }
-    return 0;
-  });
+    return GiveValue(value_type, bytes, type, data, data_size);
+  };
+  return WithKey(
+      key, false,
+      [&](Store& s, std::int64_t id) -> std::uint32_t {
+        Stmt q(s, "SELECT name, type, data FROM vals WHERE key = ? ORDER BY rowid LIMIT 1 OFFSET ?");
+        const int rc = q.Int(1, id).Int(2, index).Step();
+        if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? kErrorNoMoreItems : StatusOf(q.error());
+        return give(q.ColText(0), static_cast<std::uint32_t>(q.ColInt(1)), q.ColBlob(2));
+      },
+      [&](const memreg::KeyPtr& k) {
+        if (index >= k->values.size()) return kErrorNoMoreItems;
+        const memreg::Value& v = k->values[index];
+        return give(v.name, v.type, v.data);
+      });
 }
 
 std::uint32_t RegEnumKey(RegKey key, std::uint32_t index, char* name, std::uint32_t size) {
   if (key && !(key->access & kKeyEnumerateSubKeys)) return kErrorAccessDenied;
   if (!name) return kErrorInvalidParameter;
-  return WithKey(key, false, [&](Store& s, std::int64_t id) -> std::uint32_t {
-    Stmt q(s, "SELECT name FROM keys WHERE parent = ? ORDER BY name COLLATE NOCASE LIMIT 1 OFFSET ?");
-    const int rc = q.Int(1, id).Int(2, index).Step();
-    if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? kErrorNoMoreItems : StatusOf(q.error());
-    const auto sub = q.ColText(0);
-    if (size <= sub.size()) return kErrorMoreData;
-    std::memcpy(name, sub.data(), sub.size());
-    name[sub.size()] = '\0';
-    return 0;
-  });
+  return WithKey(
+      key, false,
+      [&](Store& s, std::int64_t id) -> std::uint32_t {
+        Stmt q(s, "SELECT name FROM keys WHERE parent = ? ORDER BY name COLLATE NOCASE LIMIT 1 OFFSET ?");
+        const int rc = q.Int(1, id).Int(2, index).Step();
+        if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? kErrorNoMoreItems : StatusOf(q.error());
+        return GiveName(q.ColText(0), name, size);
+      },
+      [&](const memreg::KeyPtr& k) {
+        return index < k->subkeys.size() ? GiveName(k->subkeys[index]->name, name, size) : kErrorNoMoreItems;
+      });
 }
 
 std::uint32_t RegDeleteKey(RegKey parent, std::string_view subkey) {
-  return WithKey(parent, true, [&](Store& s, std::int64_t start) -> std::uint32_t {
-    std::int64_t id = 0;
-    if (const std::uint32_t st = Walk(s, start, subkey, false, id)) return st;
-    if (id == kRootId) return kErrorAccessDenied;
-    Stmt kids(s, "SELECT 1 FROM keys WHERE parent = ? LIMIT 1");
-    const int rc = kids.Int(1, id).Step();
-    if (rc == SQLITE_ROW) return kErrorAccessDenied;
-    if (rc != SQLITE_DONE) return StatusOf(kids.error());
-    Stmt del_vals(s, "DELETE FROM vals WHERE key = ?");
-    if (del_vals.Int(1, id).Step() != SQLITE_DONE) return StatusOf(del_vals.error());
-    Stmt del_key(s, "DELETE FROM keys WHERE id = ?");
-    return del_key.Int(1, id).Step() == SQLITE_DONE ? 0 : StatusOf(del_key.error());
-  });
+  return WithKey(
+      parent, true,
+      [&](Store& s, std::int64_t start) -> std::uint32_t {
+        std::int64_t id = 0;
+        if (const std::uint32_t st = Walk(s, start, subkey, false, id)) return st;
+        if (id == kRootId) return kErrorAccessDenied;
+        Stmt kids(s, "SELECT 1 FROM keys WHERE parent = ? LIMIT 1");
+        const int rc = kids.Int(1, id).Step();
+        if (rc == SQLITE_ROW) return kErrorAccessDenied;
+        if (rc != SQLITE_DONE) return StatusOf(kids.error());
+        Stmt del_vals(s, "DELETE FROM vals WHERE key = ?");
+        if (del_vals.Int(1, id).Step() != SQLITE_DONE) return StatusOf(del_vals.error());
+        Stmt del_key(s, "DELETE FROM keys WHERE id = ?");
+        return del_key.Int(1, id).Step() == SQLITE_DONE ? 0 : StatusOf(del_key.error());
+      },
+      [&](const memreg::KeyPtr& start) {
+        memreg::KeyPtr k;
+        const std::uint32_t st = memreg::Walk(start, subkey, false, k);
+        return st ? st : memreg::DeleteKey(*k);
+      });
 }
 
 std::uint32_t RegSetKeySecurity(RegKey key, std::span<const RegAce> dacl) {
-  return WithKey(key, true, [&](Store& s, std::int64_t id) -> std::uint32_t {
-    Stmt up(s, "UPDATE keys SET security = ? WHERE id = ?");
-    return up.Text(1, SecurityText(dacl)).Int(2, id).Step() == SQLITE_DONE ? 0 : StatusOf(up.error());
-  });
+  const std::string text = memreg::SecurityText(dacl);
+  return WithKey(
+      key, true,
+      [&](Store& s, std::int64_t id) -> std::uint32_t {
+        Stmt up(s, "UPDATE keys SET security = ? WHERE id = ?");
+        return up.Text(1, text).Int(2, id).Step() == SQLITE_DONE ? 0 : StatusOf(up.error());
+      },
+      [&](const memreg::KeyPtr& k) {
+        k->security = text;
+        return 0u;
+      });
 }
 
 std::uint32_t RegGetKeySecurity(RegKey key, std::vector<RegAce>& dacl) {
   dacl.clear();
-  return WithKey(key, false, [&](Store& s, std::int64_t id) -> std::uint32_t {
-    Stmt q(s, "SELECT security FROM keys WHERE id = ?");
-    if (q.Int(1, id).Step() != SQLITE_ROW) return StatusOf(q.error());
-    dacl = ParseSecurity(q.ColText(0));
-    return 0;
-  });
+  return WithKey(
+      key, false,
+      [&](Store& s, std::int64_t id) -> std::uint32_t {
+        Stmt q(s, "SELECT security FROM keys WHERE id = ?");
+        if (q.Int(1, id).Step() != SQLITE_ROW) return StatusOf(q.error());
+        dacl = memreg::ParseSecurity(q.ColText(0));
+        return 0;
+      },
+      [&](const memreg::KeyPtr& k) {
+        dacl = memreg::ParseSecurity(k->security);
+        return 0u;
+      });
 }
 
 std::uint32_t RegConnectRegistry(std::string_view unc_name, bool /*wide*/, RegKey& out) {
   out = nullptr;
   while (!unc_name.empty() && unc_name.front() == '\\') unc_name.remove_prefix(1);
   const std::string host(unc_name);
-  std::shared_ptr<Store> store;
+  RegKeyObject root{nullptr, kRootId, kKeyAllAccess, false, nullptr};
   std::uint32_t st = 0;
   const std::string local = ComputerName();
   if (host.empty() || strcasecmp(host.c_str(), local.c_str()) == 0) {
-    st = GetStore(MachineRoot(), true, local, store);
+    if (!(root.node = MemoryRoot())) st = GetStore(MachineRoot(), true, local, root.store);
   } else {
     if (host == "." || host == ".." || host.find_first_of("/\\") != std::string::npos) return kErrorBadNetPath;
     std::string name = host;  // as a NetBIOS name, like ComputerName
     for (auto& c : name) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    st = GetStore(RemoteMachineRoot(host), false, name, store);
+    st = GetStore(RemoteMachineRoot(host), false, name, root.store);
   }
   if (st) return st;
-  out = new RegKeyObject{store, kRootId, kKeyAllAccess, false};
+  out = new RegKeyObject(std::move(root));
   return 0;
 }
 
-void UseMemoryRegistryStore() { g_memory_store.store(true); }
+bool UseMemoryRegistryStore(bool on) {
+  memreg::KeyPtr root;
+  if (on) {
+    // A tree of its own, filled in as a new store is; no other thread can reach it yet.
+    root = memreg::NewTree();
+    for (const auto& v : MachineIdentity(ComputerName(), MachineRoot())) {
+      memreg::KeyPtr key;
+      memreg::Walk(root, v.path, true, key);
+      memreg::SetValue(*key, v.name, kRegSz, v.text.c_str(), TextSize(v.text));
+    }
+  }
+  std::lock_guard guard(g_stores_lock);
+  g_memory_root = std::move(root);
+  return true;
+}
 
 }  // namespace platform

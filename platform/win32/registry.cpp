@@ -137,6 +137,6 @@ std::uint32_t RegConnectRegistry(std::string_view unc_name, bool wide, RegKey& o
   return static_cast<std::uint32_t>(st);
 }
 
-void UseMemoryRegistryStore() {}   // the system registry stays the system registry
+bool UseMemoryRegistryStore(bool /*on*/) { return false; }   // the system registry stays the system registry
 
 }  // namespace platform

@@ -1,5 +1,6 @@
 // The Linux registry store: its file, the machine identity it starts with, remote machines under
-// the network root, processes sharing it, and damaged files.
+// the network root, processes sharing it, and damaged files. The RegistryStoreTest cases also run
+// against the memory store (instantiated in tests/registry_test.cpp).
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
@@ -43,7 +44,7 @@ TEST_F(RegistryTest, StoreLivesInTheMachineRootAndStartsWithTheMachineIdentity) 
   EXPECT_EQ(ReadString("\\\\System\\CurrentControlSet\\Control\\ProductOptions", "ProductType"), "WinNT");
 }
 
-TEST_F(RegistryTest, MissingProductTypeGivesArchitectureCodeOne) {
+TEST_P(RegistryStoreTest, MissingProductTypeGivesArchitectureCodeOne) {
   ASSERT_EQ(reg_delete_value("\\\\SYSTEM\\CurrentControlSet\\Control\\ProductOptions", "ProductType"), 1);
   EXPECT_EQ(reg_target_architecture(), kArchNoProductType);
   ASSERT_EQ(reg_set_string("\\\\SYSTEM\\CurrentControlSet\\Control\\ProductOptions", "ProductType", "WinNT"), 1);
@@ -142,7 +143,7 @@ TEST_F(RegistryTest, TwoProcessesWritingAtOnceLoseNothing) {
   EXPECT_EQ(count, 2u * kEach);
 }
 
-TEST_F(RegistryTest, NewSubkeysInheritTheSecuredTreesEntries) {
+TEST_P(RegistryStoreTest, NewSubkeysInheritTheSecuredTreesEntries) {
   reg_set_dword("\\\\Secured", "V", 1);
   reg_secure_tree("\\\\Secured", nullptr, 0);
   reg_set_dword("\\\\Secured\\Later", "V", 1);
@@ -157,7 +158,7 @@ TEST_F(RegistryTest, NewSubkeysInheritTheSecuredTreesEntries) {
   EXPECT_EQ(dacl[0].flags, platform::kAceInherit | platform::kAceInherited);
 }
 
-TEST_F(RegistryTest, AKeyDeletedUnderAnOpenHandleReportsIt) {
+TEST_P(RegistryStoreTest, AKeyDeletedUnderAnOpenHandleReportsIt) {
   reg_set_dword("Gone", "V", 1);
   platform::RegKey key = nullptr;
   ASSERT_EQ(reg_open_write("Gone", key), 0u);
@@ -176,7 +177,7 @@ TEST_F(RegistryTest, ADamagedStoreFileGivesAnErrorNotACrash) {
   EXPECT_NE(platform::LastError(), 0u);
 }
 
-TEST_F(RegistryTest, PlatformCallsReturnWin32Statuses) {
+TEST_P(RegistryStoreTest, PlatformCallsReturnWin32Statuses) {
   platform::RegKey key = nullptr;
   EXPECT_EQ(platform::RegOpenKey(platform::RegLocalMachine(), "No\\Such\\Key", platform::kKeyRead, key), 2u);
   EXPECT_EQ(key, nullptr);
