@@ -223,7 +223,11 @@ std::uint32_t Walk(Store& s, std::int64_t from, std::string_view path, bool crea
     std::int64_t child = 0;
     std::uint32_t st = FindChild(s, id, part, child);
     if (st == kErrorFileNotFound && create) {
-      Stmt ins(s, "INSERT INTO keys(parent, name, security) VALUES(?, ?, ?)");
+      // Ids are never given out again (a handle to a deleted key must not reach a newer one): the
+      // next id lies above both the keys there are and the highest one ever deleted.
+      Stmt ins(s,
+               "INSERT INTO keys(id, parent, name, security) SELECT max(max(id), coalesce((SELECT CAST(value AS "
+               "INTEGER) FROM meta WHERE name = 'deleted_key_id'), 0)) + 1, ?, ?, ? FROM keys");
       if (ins.Int(1, id).Text(2, part).Text(3, InheritedSecurity(s, id)).Step() != SQLITE_DONE) return StatusOf(ins.error());
       child = sqlite3_last_insert_rowid(s.db);
       st = 0;
@@ -557,7 +561,11 @@ std::uint32_t RegDeleteKey(RegKey parent, std::string_view subkey) {
         Stmt del_vals(s, "DELETE FROM vals WHERE key = ?");
         if (del_vals.Int(1, id).Step() != SQLITE_DONE) return StatusOf(del_vals.error());
         Stmt del_key(s, "DELETE FROM keys WHERE id = ?");
-        return del_key.Int(1, id).Step() == SQLITE_DONE ? 0 : StatusOf(del_key.error());
+        if (del_key.Int(1, id).Step() != SQLITE_DONE) return StatusOf(del_key.error());
+        Stmt seen(s,
+                  "INSERT INTO meta(name, value) VALUES('deleted_key_id', ?) ON CONFLICT(name) "
+                  "DO UPDATE SET value = max(CAST(value AS INTEGER), CAST(excluded.value AS INTEGER))");
+        return seen.Int(1, id).Step() == SQLITE_DONE ? 0 : StatusOf(seen.error());
       },
       [&](const memreg::KeyPtr& start) {
         memreg::KeyPtr k;

@@ -168,6 +168,23 @@ TEST_P(RegistryStoreTest, AKeyDeletedUnderAnOpenHandleReportsIt) {
   platform::RegCloseKey(key);
 }
 
+TEST_P(RegistryStoreTest, AKeyMadeAfterTheNewestWasDeletedIsAnotherKey) {
+  const platform::RegKey hklm = platform::RegLocalMachine();
+  platform::RegKey gone = nullptr, made = nullptr;
+  ASSERT_EQ(platform::RegCreateKey(hklm, "Software\\Newest", platform::kKeyAllAccess, gone), 0u);
+  ASSERT_EQ(platform::RegDeleteKey(hklm, "Software\\Newest"), 0u);
+  ASSERT_EQ(platform::RegCreateKey(hklm, "Software\\Newer", platform::kKeyAllAccess, made), 0u);
+  const std::uint32_t one = 1;
+  EXPECT_EQ(platform::RegSetValue(gone, "V", platform::kRegDword, &one, 4), platform::kErrorKeyDeleted);
+  EXPECT_EQ(platform::RegQueryValue(made, "V", nullptr, nullptr, nullptr), platform::kErrorFileNotFound);
+  // Again: an id deleted earlier is not given out either.
+  ASSERT_EQ(platform::RegDeleteKey(hklm, "Software\\Newer"), 0u);
+  platform::RegKey later = nullptr;
+  ASSERT_EQ(platform::RegCreateKey(hklm, "Software\\Later", platform::kKeyAllAccess, later), 0u);
+  EXPECT_EQ(platform::RegSetValue(made, "V", platform::kRegDword, &one, 4), platform::kErrorKeyDeleted);
+  for (auto* k : {gone, made, later}) platform::RegCloseKey(k);
+}
+
 TEST_F(RegistryTest, ADamagedStoreFileGivesAnErrorNotACrash) {
   fs::create_directories(root_);
   std::ofstream(root_ / "registry.db") << std::string(8192, 'Z');
