@@ -151,6 +151,11 @@ class Stmt {
     if (rc != SQLITE_ROW && rc != SQLITE_DONE) rc_ = rc;
     return rc;
   }
+  // Steps to the query's first row: 0 with one, none without, else the error's status.
+  std::uint32_t Row(std::uint32_t none) {
+    const int rc = Step();
+    return rc == SQLITE_ROW ? 0 : rc == SQLITE_DONE ? none : StatusOf(rc);
+  }
   std::int64_t ColInt(int i) const { return sqlite3_column_int64(s_, i); }
   std::string_view ColText(int i) const {
     const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(s_, i));
@@ -202,9 +207,9 @@ bool KeyAlive(Store& s, std::int64_t id) {
 
 std::uint32_t FindChild(Store& s, std::int64_t parent, std::string_view name, std::int64_t& id) {
   Stmt q(s, "SELECT id FROM keys WHERE parent = ? AND name = ?");
-  const int rc = q.Int(1, parent).Text(2, name).Step();
-  if (rc == SQLITE_ROW) return id = q.ColInt(0), 0;
-  return rc == SQLITE_DONE ? kErrorFileNotFound : StatusOf(rc);
+  if (const std::uint32_t st = q.Int(1, parent).Text(2, name).Row(kErrorFileNotFound)) return st;
+  id = q.ColInt(0);
+  return 0;
 }
 
 // The entries a new subkey takes over from its parent: those that containers inherit.
@@ -472,8 +477,7 @@ std::uint32_t RegQueryValue(RegKey key, const char* name, std::uint32_t* type, v
       key, false,
       [&](Store& s, std::int64_t id) -> std::uint32_t {
         Stmt q(s, "SELECT type, data FROM vals WHERE key = ? AND name = ?");
-        const int rc = q.Int(1, id).Text(2, value_name).Step();
-        if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? kErrorFileNotFound : StatusOf(q.error());
+        if (const std::uint32_t st = q.Int(1, id).Text(2, value_name).Row(kErrorFileNotFound)) return st;
         return GiveValue(static_cast<std::uint32_t>(q.ColInt(0)), q.ColBlob(1), type, data, size);
       },
       [&](const memreg::KeyPtr& k) {
@@ -520,8 +524,7 @@ std::uint32_t RegEnumValue(RegKey key, std::uint32_t index, char* name, std::uin
       key, false,
       [&](Store& s, std::int64_t id) -> std::uint32_t {
         Stmt q(s, "SELECT name, type, data FROM vals WHERE key = ? ORDER BY rowid LIMIT 1 OFFSET ?");
-        const int rc = q.Int(1, id).Int(2, index).Step();
-        if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? kErrorNoMoreItems : StatusOf(q.error());
+        if (const std::uint32_t st = q.Int(1, id).Int(2, index).Row(kErrorNoMoreItems)) return st;
         return give(q.ColText(0), static_cast<std::uint32_t>(q.ColInt(1)), q.ColBlob(2));
       },
       [&](const memreg::KeyPtr& k) {
@@ -538,8 +541,7 @@ std::uint32_t RegEnumKey(RegKey key, std::uint32_t index, char* name, std::uint3
       key, false,
       [&](Store& s, std::int64_t id) -> std::uint32_t {
         Stmt q(s, "SELECT name FROM keys WHERE parent = ? ORDER BY name COLLATE NOCASE LIMIT 1 OFFSET ?");
-        const int rc = q.Int(1, id).Int(2, index).Step();
-        if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? kErrorNoMoreItems : StatusOf(q.error());
+        if (const std::uint32_t st = q.Int(1, id).Int(2, index).Row(kErrorNoMoreItems)) return st;
         return GiveName(q.ColText(0), name, size);
       },
       [&](const memreg::KeyPtr& k) {
