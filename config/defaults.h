@@ -32,7 +32,6 @@ inline constexpr std::uint32_t kRegPathSize = 512;
 inline constexpr std::uint32_t kRegFormatSize = 32767;
 // NTP query client.
 inline constexpr std::uint32_t kNtpTimeoutMs = 2000;       // receive time-out when a caller passes 0 (ms)
-inline constexpr std::uint32_t kNtpStatusTimeoutMs = 500;  // the clock status check's receive time-out (ms)
 inline constexpr std::uint16_t kNtpPort = 123;             // used when the "ntp" service is unknown
 inline constexpr std::uint16_t kNtpLocalPort = 0;          // local UDP port bound before sending (0: the system's choice)
 inline constexpr bool kNtpMultiSample = false;             // false: one exchange per query; true: median of three
@@ -88,7 +87,7 @@ inline constexpr const char* kPublicNtpServer2 = "time.nist.gov";
 inline constexpr const char* kUninstallKey = "\\\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Chronwarden Control Panel Applet";
 inline constexpr std::uint32_t kStatusThreadWaitMs = 10'000;                 // the launch waits this long for the status worker
 inline constexpr std::uint32_t kStatusCheckPeriodMs = 8'000;                 // the status worker checks this often (ms)
-inline constexpr std::uint32_t kStatusQueryTimeoutMs = 500;                  // each NTP question of a status check (ms)
+inline constexpr std::uint32_t kStatusQueryTimeoutMs = 500;                  // each question of a status check, NTP or KR2 (ms)
 inline constexpr std::uint32_t kStatusRowPauseMs = 150;                      // pause after each server row (ms)
 inline constexpr std::uint32_t kServerTestPauseMs = 500;                     // Test Server: pause after an answer (ms)
 }  // namespace defaults
