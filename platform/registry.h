@@ -44,6 +44,8 @@ inline constexpr std::uint32_t kKeyQueryValue = 0x0001;
 inline constexpr std::uint32_t kKeySetValue = 0x0002;
 inline constexpr std::uint32_t kKeyCreateSubKey = 0x0004;
 inline constexpr std::uint32_t kKeyEnumerateSubKeys = 0x0008;
+inline constexpr std::uint32_t kReadControl = 0x20000;   // read the key's access list (RegGetKeySecurity)
+inline constexpr std::uint32_t kWriteDac = 0x40000;      // replace the key's access list (RegSetKeySecurity)
 inline constexpr std::uint32_t kKeyRead = 0x20019;
 inline constexpr std::uint32_t kKeyWrite = 0x20006;
 inline constexpr std::uint32_t kKeyAllAccess = 0xF003F;
@@ -92,7 +94,8 @@ std::uint32_t RegEnumKey(RegKey key, std::uint32_t index, char* name, std::uint3
 // RegDeleteKeyA: removes parent\subkey; a key that still has subkeys is not removed (5).
 std::uint32_t RegDeleteKey(RegKey parent, std::string_view subkey);
 
-// RegSetKeySecurity with the access list only (DACL_SECURITY_INFORMATION). Windows builds an
+// RegSetKeySecurity with the access list only (DACL_SECURITY_INFORMATION); the handle needs
+// kWriteDac, RegGetKeySecurity's kReadControl (5 without). Windows builds an
 // absolute descriptor with a 16,000-byte list (revision 2); POSIX stores the list with the key and
 // hands its inheritable entries down to keys created below it.
 std::uint32_t RegSetKeySecurity(RegKey key, std::span<const RegAce> dacl);

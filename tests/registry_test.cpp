@@ -334,6 +334,30 @@ TEST_P(RegistryStoreTest, AKeyOpenedForReadingRefusesChanges) {
   EXPECT_EQ(reg_get_dword(sub.c_str(), "V", 0), 2u);
 }
 
+TEST_P(RegistryStoreTest, AccessListsNeedTheirOwnRights) {
+  const platform::RegKey hklm = platform::RegLocalMachine();
+  const std::string path = Abs().substr(2);
+  const platform::RegAce everyone{platform::kAceAccessAllowed, platform::kAceInherit, platform::kGenericAll, "S-1-1-0"};
+  platform::RegKey key = nullptr;
+  ASSERT_EQ(platform::RegCreateKey(hklm, path, platform::kKeyAllAccess, key), 0u);
+  platform::RegCloseKey(key);
+  std::vector<platform::RegAce> read;
+  // Reading needs READ_CONTROL, which KEY_READ and KEY_WRITE hold; changing needs WRITE_DAC, which
+  // neither holds.
+  for (const std::uint32_t access : {platform::kKeyRead, platform::kKeyWrite}) {
+    ASSERT_EQ(platform::RegOpenKey(hklm, path, access, key), 0u);
+    EXPECT_EQ(platform::RegSetKeySecurity(key, {&everyone, 1}), platform::kErrorAccessDenied) << access;
+    EXPECT_EQ(platform::RegGetKeySecurity(key, read), 0u) << access;
+    platform::RegCloseKey(key);
+  }
+  ASSERT_EQ(platform::RegOpenKey(hklm, path, platform::kKeySetValue, key), 0u);
+  EXPECT_EQ(platform::RegGetKeySecurity(key, read), platform::kErrorAccessDenied);
+  platform::RegCloseKey(key);
+  ASSERT_EQ(platform::RegOpenKey(hklm, path, platform::kWriteDac, key), 0u);
+  EXPECT_EQ(platform::RegSetKeySecurity(key, {&everyone, 1}), 0u);
+  platform::RegCloseKey(key);
+}
+
 TEST_P(RegistryStoreTest, QueryReportsMoreDataWithTheNeededSize) {
   const std::string sub = Sub();
   ASSERT_EQ(reg_set_string(sub.c_str(), "S", "hello"), 1);

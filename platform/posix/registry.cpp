@@ -577,6 +577,7 @@ std::uint32_t RegDeleteKey(RegKey parent, std::string_view subkey) {
 }
 
 std::uint32_t RegSetKeySecurity(RegKey key, std::span<const RegAce> dacl) {
+  if (key && !(key->access & kWriteDac)) return kErrorAccessDenied;
   const std::string text = memreg::SecurityText(dacl);
   return WithKey(
       key, true,
@@ -592,6 +593,7 @@ std::uint32_t RegSetKeySecurity(RegKey key, std::span<const RegAce> dacl) {
 
 std::uint32_t RegGetKeySecurity(RegKey key, std::vector<RegAce>& dacl) {
   dacl.clear();
+  if (key && !(key->access & kReadControl)) return kErrorAccessDenied;
   return WithKey(
       key, false,
       [&](Store& s, std::int64_t id) -> std::uint32_t {
