@@ -17,7 +17,8 @@
 // RegConnectRegistry) takes its ComputerName from the machine's name; the rest comes from this
 // machine, as the machines of one network run the same build.
 // Access lists are stored, read back and inherited by new subkeys; they are not enforced against
-// POSIX users: the file's own permissions decide (a read-only store gives 5 on every change).
+// POSIX users: the file's own permissions decide (a read-only store gives 5 on every change). A
+// handle's own rights are checked as on Windows: READ_CONTROL to read the list, WRITE_DAC to replace it.
 //
 // UseMemoryRegistryStore puts the local machine's store in a tree in memory instead
 // (registry_memory.h), filled in with the same identity values. Each call checks the handle's
