@@ -358,6 +358,23 @@ TEST_P(RegistryStoreTest, AccessListsNeedTheirOwnRights) {
   platform::RegCloseKey(key);
 }
 
+TEST_P(RegistryStoreTest, AKeyPathEndsAtItsFirstNul) {
+  const platform::RegKey hklm = platform::RegLocalMachine();
+  const std::string path = Abs().substr(2);
+  const std::uint32_t one = 1;
+  platform::RegKey key = nullptr;
+  ASSERT_EQ(platform::RegCreateKey(hklm, path + std::string("\0B", 2), platform::kKeyAllAccess, key), 0u);
+  ASSERT_EQ(platform::RegSetValue(key, "V", platform::kRegDword, &one, 4), 0u);
+  platform::RegCloseKey(key);
+  for (const std::string& same : {path, path + std::string("\0C", 2)}) {
+    ASSERT_EQ(platform::RegOpenKey(hklm, same, platform::kKeyRead, key), 0u);
+    EXPECT_EQ(platform::RegQueryValue(key, "V", nullptr, nullptr, nullptr), 0u);
+    platform::RegCloseKey(key);
+  }
+  EXPECT_EQ(platform::RegDeleteKey(hklm, path + std::string("\0X", 2)), 0u);
+  EXPECT_EQ(platform::RegOpenKey(hklm, path, platform::kKeyRead, key), platform::kErrorFileNotFound);
+}
+
 TEST_P(RegistryStoreTest, QueryReportsMoreDataWithTheNeededSize) {
   const std::string sub = Sub();
   ASSERT_EQ(reg_set_string(sub.c_str(), "S", "hello"), 1);

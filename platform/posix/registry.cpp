@@ -410,8 +410,12 @@ std::uint32_t WithKey(RegKey handle, bool write, Sql sql, Mem mem) {
   return t.Commit();
 }
 
+// A key path as the system's 8-bit calls see it: up to its first NUL.
+std::string_view CPath(std::string_view path) { return path.substr(0, path.find('\0')); }
+
 std::uint32_t OpenOrCreate(RegKey parent, std::string_view subkey, std::uint32_t access, bool create, RegKey& out) {
   out = nullptr;
+  subkey = CPath(subkey);
   RegKeyObject from;
   if (std::uint32_t st = Resolve(parent, from)) return st;
   const bool read_only = from.store && from.store->read_only;
@@ -551,6 +555,7 @@ std::uint32_t RegEnumKey(RegKey key, std::uint32_t index, char* name, std::uint3
 }
 
 std::uint32_t RegDeleteKey(RegKey parent, std::string_view subkey) {
+  subkey = CPath(subkey);
   return WithKey(
       parent, true,
       [&](Store& s, std::int64_t start) -> std::uint32_t {
