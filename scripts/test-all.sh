@@ -44,6 +44,8 @@ for preset in "${presets[@]}"; do
     xvfb-run -a -n 90 -s "-screen 0 1024x768x24" bash -c \
       'wineserver -p || true; wine cmd /c exit </dev/null >/dev/null 2>&1 || true; ctest --preset windows' || status=1
     wineserver -k || true
+    retries="$(dirname "$WINEPREFIX")/wine-run-retries.log"
+    [ -f "$retries" ] && { echo "Wine starts made again (no output, error status):"; cat "$retries"; rm -f "$retries"; }
     unset WINEPREFIX WINEDEBUG WINEDLLOVERRIDES
   else
     ctest --preset "$preset" || status=1
