@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "cli/json_line.h"   // JsonString
+
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
@@ -36,6 +38,7 @@ int CmdMonitor(CommandArgs args);
 int CmdAgent(CommandArgs args);
 int CmdStatus(CommandArgs args);
 int CmdServer(CommandArgs args);
+int CmdApplet(CommandArgs args);
 
 // Prints "chronwarden: <message>" and the hint to --help on standard error; returns kExitUsage.
 int UsageError(std::string_view command, std::string_view message);
@@ -51,5 +54,4 @@ bool ParseNumber(std::string_view text, T& out, T min = std::numeric_limits<T>::
   return true;
 }
 
-// Text as a JSON string, quotes included; bytes outside printable ASCII become \u00XX.
-std::string JsonString(std::string_view text);
+

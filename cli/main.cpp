@@ -25,6 +25,7 @@ constexpr Command kCommands[] = {
     {"agent", "show or set the agent's options, list or clear its source history", CmdAgent},
     {"status", "is the clock synchronized? each NTP server's stratum and variance, the verdict", CmdStatus},
     {"server", "test the machine's NTP server: is the time it serves right?", CmdServer},
+    {"applet", "the Control Panel applet's pages, driven over standard input and output (Cockpit)", CmdApplet},
 };
 
 void PrintHelp() {
@@ -38,24 +39,6 @@ void PrintHelp() {
 
 }  // namespace
 
-std::string JsonString(std::string_view text) {
-  std::string out = "\"";
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    if (c == '"' || c == '\\') out += '\\', out += ch;
-    else if (c == '\n') out += "\\n";
-    else if (c == '\r') out += "\\r";
-    else if (c == '\t') out += "\\t";
-    else if (c < 0x20 || c >= 0x7F) {
-      char esc[8];
-      std::snprintf(esc, sizeof esc, "\\u%04x", c);
-      out += esc;
-    } else {
-      out += ch;
-    }
-  }
-  return out + "\"";
-}
 
 bool IsHelp(std::string_view arg) { return arg == "--help" || arg == "-h"; }
 

@@ -8,6 +8,7 @@
 #include <compare>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "platform/dialog.h"   // Colour: 0x00BBGGRR, made with Rgb(r, g, b)
@@ -60,6 +61,9 @@ class ImageCanvas : public Canvas {
 // Linux: a Cairo surface (PNG: 24-bit image; SVG: vector). Windows: not available (nullptr, error 50).
 // nullptr with the code in LastError() when the surface cannot be made.
 std::unique_ptr<ImageCanvas> CreateImageCanvas(ImageFormat format, std::string_view path, int width, int height);
+// An SVG picture written into out (replacing what it held) when Finish is called. Linux: Cairo.
+// Windows: not available (nullptr, error 50).
+std::unique_ptr<ImageCanvas> CreateSvgTextCanvas(std::string& out, int width, int height);
 // "graph.svg" (any case) is SVG; anything else PNG.
 ImageFormat ImageFormatOf(std::string_view path);
 

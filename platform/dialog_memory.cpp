@@ -5,7 +5,9 @@
 #include <chrono>
 #include <climits>
 #include <condition_variable>
+#include <atomic>
 #include <deque>
+#include <thread>
 
 namespace platform {
 
@@ -15,6 +17,56 @@ namespace {
 constexpr int kBaseX = 6, kBaseY = 13;
 
 std::mutex g_ui_lock;
+std::atomic<std::uint64_t> g_timer_serial{0};
+
+// The windows' lock: recursive, and able to be let go entirely by its holder for a while.
+class WindowsLockState {
+ public:
+  void Lock() {
+    const auto me = std::this_thread::get_id();
+    std::unique_lock lock(m_);
+    if (owner_ == me) {
+      ++depth_;
+      return;
+    }
+    free_.wait(lock, [&] { return depth_ == 0; });
+    owner_ = me;
+    depth_ = 1;
+  }
+  bool Unlock() {   // true when the lock is free now
+    std::lock_guard lock(m_);
+    if (--depth_ != 0) return false;
+    owner_ = {};
+    free_.notify_all();
+    return true;
+  }
+  int Release() {   // returns the depth to take back; 0 when this thread does not hold it
+    std::lock_guard lock(m_);
+    if (owner_ != std::this_thread::get_id()) return 0;
+    const int depth = depth_;
+    depth_ = 0;
+    owner_ = {};
+    free_.notify_all();
+    return depth;
+  }
+  void Retake(int depth) {
+    if (!depth) return;
+    std::unique_lock lock(m_);
+    free_.wait(lock, [&] { return depth_ == 0; });
+    owner_ = std::this_thread::get_id();
+    depth_ = depth;
+  }
+
+ private:
+  std::mutex m_;
+  std::condition_variable free_;
+  std::thread::id owner_;
+  int depth_ = 0;
+};
+WindowsLockState& windows_lock() {
+  static WindowsLockState state;
+  return state;
+}
 std::condition_variable g_posted;   // any in-memory window got a posted message
 
 struct UiState {
@@ -27,6 +79,7 @@ struct UiState {
   std::function<void(MemoryDialog&)> on_modal;
   std::function<void(MemorySheet&)> on_sheet;
   std::vector<std::unique_ptr<MemoryDialog>> modeless;
+  std::function<void()> on_post;
 };
 UiState& ui() {
   static UiState state;
@@ -55,28 +108,28 @@ MemoryDialog::MemoryDialog(const DialogDesc& desc, DialogLogic& logic, Dialog* p
   }
 }
 
-MemoryDialog::~MemoryDialog() {
+MemoryDialog::~MemoryDialog() { memory_ui::WindowsLock hold;
   if (started_ && !destroyed_) {
     destroyed_ = true;
     logic_.destroyed(*this);
   }
 }
 
-MemoryControl* MemoryDialog::find(int id) {
+MemoryControl* MemoryDialog::find(int id) { memory_ui::WindowsLock hold;
   if (id == -1) return nullptr;
   for (MemoryControl& c : controls_)
     if (c.desc.id == id) return &c;
   return nullptr;
 }
-const MemoryControl* MemoryDialog::find(int id) const { return const_cast<MemoryDialog*>(this)->find(id); }
-const MemoryControl* MemoryDialog::Control(int id) const { return find(id); }
+const MemoryControl* MemoryDialog::find(int id) const { memory_ui::WindowsLock hold; return const_cast<MemoryDialog*>(this)->find(id); }
+const MemoryControl* MemoryDialog::Control(int id) const { memory_ui::WindowsLock hold; return find(id); }
 
-bool MemoryDialog::Start() {
+bool MemoryDialog::Start() { memory_ui::WindowsLock hold;
   started_ = true;
   return logic_.init(*this);
 }
 
-bool MemoryDialog::Click(int id) {
+bool MemoryDialog::Click(int id) { memory_ui::WindowsLock hold;
   MemoryControl* c = find(id);
   if (!c || !c->enabled || !c->visible || ended_) return false;
   if (c->desc.kind == ControlKind::Check) {
@@ -97,43 +150,53 @@ bool MemoryDialog::Click(int id) {
   return true;
 }
 
-void MemoryDialog::Type(int id, std::string_view text) { SetText(id, text); }
+void MemoryDialog::Type(int id, std::string_view text) { memory_ui::WindowsLock hold; SetText(id, text); }
 
-void MemoryDialog::FocusIn(int id) { logic_.command(*this, id, kEnSetFocus); }
-void MemoryDialog::FocusOut(int id) { logic_.command(*this, id, kEnKillFocus); }
+void MemoryDialog::FocusIn(int id) { memory_ui::WindowsLock hold; logic_.command(*this, id, kEnSetFocus); }
+void MemoryDialog::FocusOut(int id) { memory_ui::WindowsLock hold; logic_.command(*this, id, kEnKillFocus); }
 
-void MemoryDialog::Choose(int id, int index) {
+void MemoryDialog::Choose(int id, int index) { memory_ui::WindowsLock hold;
   Select(id, index);
   logic_.command(*this, id, kCbnSelChange);
 }
 
-std::intptr_t MemoryDialog::SendNotify(int code) { return logic_.notify(*this, code); }
+std::intptr_t MemoryDialog::SendNotify(int code) { memory_ui::WindowsLock hold; return logic_.notify(*this, code); }
 
-bool MemoryDialog::FireTimer(int timer_id) {
+bool MemoryDialog::FireTimer(int timer_id) { memory_ui::WindowsLock hold;
   if (!TimerRunning(timer_id)) return false;
   logic_.timer(*this, timer_id);
   return true;
 }
-bool MemoryDialog::TimerRunning(int timer_id) const { return timers_.count(timer_id) != 0; }
-std::uint32_t MemoryDialog::TimerPeriod(int timer_id) const {
+bool MemoryDialog::TimerRunning(int timer_id) const { memory_ui::WindowsLock hold; return timers_.count(timer_id) != 0; }
+std::uint32_t MemoryDialog::TimerPeriod(int timer_id) const { memory_ui::WindowsLock hold;
   auto it = timers_.find(timer_id);
-  return it == timers_.end() ? 0 : it->second;
+  return it == timers_.end() ? 0 : it->second.period_ms;
+}
+std::vector<TimerInfo> MemoryDialog::Timers() const { memory_ui::WindowsLock hold;
+  std::vector<TimerInfo> out;
+  for (const auto& [id, t] : timers_) out.push_back(t);
+  return out;
 }
 
-void MemoryDialog::ScrollBar(int id, int code, int pos) { logic_.scroll(*this, id, code, pos); }
-void MemoryDialog::MouseMove(DlgPoint p) {
+void MemoryDialog::ScrollBar(int id, int code, int pos) { memory_ui::WindowsLock hold; logic_.scroll(*this, id, code, pos); }
+void MemoryDialog::MouseMove(DlgPoint p) { memory_ui::WindowsLock hold;
   mouse_ = p;
   logic_.mouse_move(*this, p);
 }
-void MemoryDialog::LeftUp(DlgPoint p) {
+void MemoryDialog::LeftUp(DlgPoint p) { memory_ui::WindowsLock hold;
   mouse_ = p;
   logic_.left_up(*this, p);
 }
-void MemoryDialog::CloseBox(int id) {
+void MemoryDialog::CloseBox(int id) { memory_ui::WindowsLock hold;
   if (!logic_.command(*this, id, kBnClicked)) logic_.close(*this, id);
 }
 
-bool MemoryDialog::deliver_one() {
+void MemoryDialog::Paint() { memory_ui::WindowsLock hold;
+  if (started_ && !ended_) logic_.paint(*this);
+}
+StaticColours MemoryDialog::ColoursOf(int id) { memory_ui::WindowsLock hold; return logic_.static_colours(*this, id); }
+
+bool MemoryDialog::deliver_one() { memory_ui::WindowsLock hold;
   PostedMessage m;
   {
     std::lock_guard lock(queue_lock_);
@@ -145,7 +208,7 @@ bool MemoryDialog::deliver_one() {
   return true;
 }
 
-int MemoryDialog::DeliverPosted() {
+int MemoryDialog::DeliverPosted() { memory_ui::WindowsLock hold;
   int n = 0;
   while (deliver_one()) ++n;
   return n;
@@ -155,9 +218,12 @@ bool MemoryDialog::RunUntilEnded(std::uint32_t timeout_ms) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   while (!ended_) {
     if (deliver_one()) continue;
-    std::unique_lock lock(g_ui_lock);
-    if (g_posted.wait_until(lock, deadline) == std::cv_status::timeout) {
-      lock.unlock();
+    bool timed_out = false;
+    memory_ui::UnlockedWhile([&] {
+      std::unique_lock lock(g_ui_lock);
+      timed_out = g_posted.wait_until(lock, deadline) == std::cv_status::timeout;
+    });
+    if (timed_out) {
       DeliverPosted();
       return ended_;
     }
@@ -165,29 +231,29 @@ bool MemoryDialog::RunUntilEnded(std::uint32_t timeout_ms) {
   return true;
 }
 
-std::vector<int> MemoryDialog::TabStops(int id) const {
+std::vector<int> MemoryDialog::TabStops(int id) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   return c ? c->tab_stops : std::vector<int>{};
 }
-int MemoryDialog::ClassCursor(int id) const {
+int MemoryDialog::ClassCursor(int id) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   return c ? c->class_cursor : 0;
 }
-bool MemoryDialog::HasEnded() const { return ended_; }
-std::intptr_t MemoryDialog::Result() const { return result_; }
+bool MemoryDialog::HasEnded() const { memory_ui::WindowsLock hold; return ended_; }
+std::intptr_t MemoryDialog::Result() const { memory_ui::WindowsLock hold; return result_; }
 std::vector<PostedMessage> MemoryDialog::PostsToParent() const {
   std::lock_guard lock(queue_lock_);
   return parent_posts_;
 }
 
-bool MemoryDialog::HasControl(int id) const { return find(id) != nullptr; }
+bool MemoryDialog::HasControl(int id) const { memory_ui::WindowsLock hold; return find(id) != nullptr; }
 
-std::string MemoryDialog::Text(int id) const {
+std::string MemoryDialog::Text(int id) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   return c ? c->text : std::string();
 }
 
-void MemoryDialog::SetText(int id, std::string_view text) {
+void MemoryDialog::SetText(int id, std::string_view text) { memory_ui::WindowsLock hold;
   MemoryControl* c = find(id);
   if (!c) return;
   c->text = text;
@@ -197,7 +263,7 @@ void MemoryDialog::SetText(int id, std::string_view text) {
   }
 }
 
-std::uint32_t MemoryDialog::Number(int id, bool* ok) const {
+std::uint32_t MemoryDialog::Number(int id, bool* ok) const { memory_ui::WindowsLock hold;
   std::string t = Text(id);
   std::size_t i = t.find_first_not_of(" \t");
   std::uint64_t v = 0;
@@ -209,106 +275,106 @@ std::uint32_t MemoryDialog::Number(int id, bool* ok) const {
   if (ok) *ok = good;
   return good ? std::uint32_t(v) : 0;
 }
-void MemoryDialog::SetNumber(int id, std::uint32_t value) { SetText(id, std::to_string(value)); }
+void MemoryDialog::SetNumber(int id, std::uint32_t value) { memory_ui::WindowsLock hold; SetText(id, std::to_string(value)); }
 
-bool MemoryDialog::Checked(int id) const {
+bool MemoryDialog::Checked(int id) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   return c && c->checked;
 }
-void MemoryDialog::SetChecked(int id, bool checked) {
+void MemoryDialog::SetChecked(int id, bool checked) { memory_ui::WindowsLock hold;
   if (MemoryControl* c = find(id)) c->checked = checked;
 }
-bool MemoryDialog::Enabled(int id) const {
+bool MemoryDialog::Enabled(int id) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   return c && c->enabled;
 }
-void MemoryDialog::Enable(int id, bool enabled) {
+void MemoryDialog::Enable(int id, bool enabled) { memory_ui::WindowsLock hold;
   if (MemoryControl* c = find(id)) c->enabled = enabled;
 }
-bool MemoryDialog::Visible(int id) const {
+bool MemoryDialog::Visible(int id) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   return c && c->visible;
 }
-void MemoryDialog::Show(int id, bool visible) {
+void MemoryDialog::Show(int id, bool visible) { memory_ui::WindowsLock hold;
   if (MemoryControl* c = find(id)) c->visible = visible;
 }
-void MemoryDialog::Focus(int) {}
+void MemoryDialog::Focus(int) { memory_ui::WindowsLock hold;}
 
-int MemoryDialog::AddItem(int id, std::string_view text, std::intptr_t data) {
+int MemoryDialog::AddItem(int id, std::string_view text, std::intptr_t data) { memory_ui::WindowsLock hold;
   MemoryControl* c = find(id);
   if (!c) return -1;
   c->items.emplace_back(std::string(text), data);
   return int(c->items.size()) - 1;
 }
-void MemoryDialog::ClearItems(int id) {
+void MemoryDialog::ClearItems(int id) { memory_ui::WindowsLock hold;
   if (MemoryControl* c = find(id)) {
     c->items.clear();
     c->selection = -1;
   }
 }
-int MemoryDialog::ItemCount(int id) const {
+int MemoryDialog::ItemCount(int id) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   return c ? int(c->items.size()) : 0;
 }
-std::string MemoryDialog::ItemText(int id, int index) const {
+std::string MemoryDialog::ItemText(int id, int index) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   return c && index >= 0 && index < int(c->items.size()) ? c->items[index].first : std::string();
 }
-std::intptr_t MemoryDialog::ItemData(int id, int index) const {
+std::intptr_t MemoryDialog::ItemData(int id, int index) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   return c && index >= 0 && index < int(c->items.size()) ? c->items[index].second : 0;
 }
-int MemoryDialog::Selection(int id) const {
+int MemoryDialog::Selection(int id) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   return c ? c->selection : -1;
 }
-void MemoryDialog::Select(int id, int index) {
+void MemoryDialog::Select(int id, int index) { memory_ui::WindowsLock hold;
   if (MemoryControl* c = find(id)) c->selection = index >= 0 && index < int(c->items.size()) ? index : -1;
 }
-void MemoryDialog::SetTabStops(int id, std::initializer_list<int> stops) {
+void MemoryDialog::SetTabStops(int id, std::initializer_list<int> stops) { memory_ui::WindowsLock hold;
   if (MemoryControl* c = find(id)) c->tab_stops.assign(stops);
 }
 
-void MemoryDialog::SetScrollRange(int id, int min, int max) {
+void MemoryDialog::SetScrollRange(int id, int min, int max) { memory_ui::WindowsLock hold;
   if (MemoryControl* c = find(id)) {
     c->scroll.min = min;
     c->scroll.max = max;
     c->scroll.pos = std::clamp(c->scroll.pos, min, std::max(min, max));
   }
 }
-void MemoryDialog::SetScrollPos(int id, int pos) {
+void MemoryDialog::SetScrollPos(int id, int pos) { memory_ui::WindowsLock hold;
   if (MemoryControl* c = find(id)) c->scroll.pos = std::clamp(pos, c->scroll.min, std::max(c->scroll.min, c->scroll.max));
 }
-ScrollInfo MemoryDialog::Scroll(int id) const {
+ScrollInfo MemoryDialog::Scroll(int id) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   return c ? c->scroll : ScrollInfo{0, 0, 0};
 }
 
-void MemoryDialog::SetFont(int id, const FontSpec& font) {
+void MemoryDialog::SetFont(int id, const FontSpec& font) { memory_ui::WindowsLock hold;
   if (MemoryControl* c = find(id)) c->font = font;
 }
-FontSpec MemoryDialog::Font(int id) const {
+FontSpec MemoryDialog::Font(int id) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   return c ? c->font : kFontDialog;
 }
-void MemoryDialog::SetIcon(int id, int icon_resource, int size_px) {
+void MemoryDialog::SetIcon(int id, int icon_resource, int size_px) { memory_ui::WindowsLock hold;
   if (MemoryControl* c = find(id)) {
     c->icon = icon_resource;
     c->icon_size = size_px;
   }
 }
-int MemoryDialog::Icon(int id) const {
+int MemoryDialog::Icon(int id) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   return c ? c->icon : 0;
 }
-void MemoryDialog::SetClassCursor(int id, int cursor_resource) {
+void MemoryDialog::SetClassCursor(int id, int cursor_resource) { memory_ui::WindowsLock hold;
   // The cursor belongs to the control's window class: every control of that class shows it.
   MemoryControl* c = find(id);
   if (!c) return;
   for (MemoryControl& other : controls_)
     if (other.desc.kind == c->desc.kind) other.class_cursor = cursor_resource;
 }
-void MemoryDialog::SetProgressRange(int id, int min, int max, int step) {
+void MemoryDialog::SetProgressRange(int id, int min, int max, int step) { memory_ui::WindowsLock hold;
   if (MemoryControl* c = find(id)) {
     c->progress_min = min;
     c->progress_max = max;
@@ -316,46 +382,51 @@ void MemoryDialog::SetProgressRange(int id, int min, int max, int step) {
     c->progress = min;
   }
 }
-void MemoryDialog::StepProgress(int id) {
+void MemoryDialog::StepProgress(int id) { memory_ui::WindowsLock hold;
   // PBM_STEPIT wraps to the start when it passes the end.
   if (MemoryControl* c = find(id)) {
     c->progress += c->progress_step;
     if (c->progress > c->progress_max) c->progress = c->progress_min + (c->progress - c->progress_max);
   }
 }
-int MemoryDialog::Progress(int id) const {
+int MemoryDialog::Progress(int id) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   return c ? c->progress : 0;
 }
 
-std::string MemoryDialog::Title() const { return title_; }
-void MemoryDialog::SetTitle(std::string_view title) { title_ = title; }
+std::string MemoryDialog::Title() const { memory_ui::WindowsLock hold; return title_; }
+void MemoryDialog::SetTitle(std::string_view title) { memory_ui::WindowsLock hold; title_ = title; }
 
-DlgRect MemoryDialog::ControlRect(int id) const {
+DlgRect MemoryDialog::ControlRect(int id) const { memory_ui::WindowsLock hold;
   const MemoryControl* c = find(id);
   if (!c) return {0, 0, 0, 0};
   const ControlDesc& d = c->desc;
   return {d.x * kBaseX / 4, d.y * kBaseY / 8, (d.x + d.w) * kBaseX / 4, (d.y + d.h) * kBaseY / 8};
 }
 
-void MemoryDialog::SetCursor(CursorShape shape) {
+void MemoryDialog::SetCursor(CursorShape shape) { memory_ui::WindowsLock hold;
   cursor_ = shape;
   cursor_resource_ = 0;
 }
-void MemoryDialog::SetCursorResource(int cursor_resource) { cursor_resource_ = cursor_resource; }
-void MemoryDialog::SetTimer(int timer_id, std::uint32_t ms) { timers_[timer_id] = ms; }
-void MemoryDialog::KillTimer(int timer_id) { timers_.erase(timer_id); }
-void MemoryDialog::Invalidate(int) { ++invalidated_; }
+void MemoryDialog::SetCursorResource(int cursor_resource) { memory_ui::WindowsLock hold; cursor_resource_ = cursor_resource; }
+void MemoryDialog::SetTimer(int timer_id, std::uint32_t ms) { memory_ui::WindowsLock hold; timers_[timer_id] = {timer_id, ms, ++g_timer_serial}; }
+void MemoryDialog::KillTimer(int timer_id) { memory_ui::WindowsLock hold; timers_.erase(timer_id); }
+void MemoryDialog::Invalidate(int) { memory_ui::WindowsLock hold; ++invalidated_; }
 
 void MemoryDialog::Post(std::uint32_t msg, std::uintptr_t wparam, std::intptr_t lparam) {
   {
     std::lock_guard lock(queue_lock_);
     queue_.push_back({msg, wparam, lparam});
   }
-  std::lock_guard lock(g_ui_lock);
-  g_posted.notify_all();
+  std::function<void()> hook;
+  {
+    std::lock_guard lock(g_ui_lock);
+    g_posted.notify_all();
+    hook = ui().on_post;
+  }
+  if (hook) hook();
 }
-std::intptr_t MemoryDialog::Send(std::uint32_t msg, std::uintptr_t wparam, std::intptr_t lparam) {
+std::intptr_t MemoryDialog::Send(std::uint32_t msg, std::uintptr_t wparam, std::intptr_t lparam) { memory_ui::WindowsLock hold;
   return logic_.message(*this, msg, wparam, lparam);
 }
 void MemoryDialog::PostToParent(std::uint32_t msg, std::uintptr_t wparam, std::intptr_t lparam) {
@@ -367,7 +438,7 @@ void MemoryDialog::PostToParent(std::uint32_t msg, std::uintptr_t wparam, std::i
   parent_posts_.push_back({msg, wparam, lparam});
 }
 
-void MemoryDialog::End(std::intptr_t result) {
+void MemoryDialog::End(std::intptr_t result) { memory_ui::WindowsLock hold;
   if (ended_) return;
   ended_ = true;
   result_ = result;
@@ -379,17 +450,17 @@ void MemoryDialog::End(std::intptr_t result) {
   std::lock_guard lock(g_ui_lock);
   g_posted.notify_all();
 }
-bool MemoryDialog::Exists() const { return started_ && !ended_; }
+bool MemoryDialog::Exists() const { memory_ui::WindowsLock hold; return started_ && !ended_; }
 
-void MemoryDialog::SetSheetTitle(std::string_view title) {
+void MemoryDialog::SetSheetTitle(std::string_view title) { memory_ui::WindowsLock hold;
   if (sheet_) sheet_->title = title;
 }
-std::string MemoryDialog::SheetTitle() const { return sheet_ ? sheet_->title : std::string(); }
-bool MemoryDialog::SheetChanged() const { return sheet_ && sheet_->changed; }
-void MemoryDialog::SetSheetChanged(bool changed) {
+std::string MemoryDialog::SheetTitle() const { memory_ui::WindowsLock hold; return sheet_ ? sheet_->title : std::string(); }
+bool MemoryDialog::SheetChanged() const { memory_ui::WindowsLock hold; return sheet_ && sheet_->changed; }
+void MemoryDialog::SetSheetChanged(bool changed) { memory_ui::WindowsLock hold;
   if (sheet_) sheet_->changed = changed;
 }
-void MemoryDialog::NotifySheet(bool changed) {
+void MemoryDialog::NotifySheet(bool changed) { memory_ui::WindowsLock hold;
   if (sheet_) sheet_->page_changed[desc_.id] = changed;
 }
 
@@ -404,7 +475,7 @@ MemorySheet::MemorySheet(const SheetSpec& spec)
   title = caption_;
 }
 
-MemoryDialog& MemorySheet::Page(int index) {
+MemoryDialog& MemorySheet::Page(int index) { memory_ui::WindowsLock hold;
   auto& page = made_.at(std::size_t(index));
   if (!page) {
     const DialogDesc* desc = FindDialogDescription(pages_[std::size_t(index)].template_id);
@@ -415,7 +486,11 @@ MemoryDialog& MemorySheet::Page(int index) {
   return *page;
 }
 
-bool MemorySheet::Start() {
+bool MemorySheet::PageMade(int index) const { memory_ui::WindowsLock hold;
+  return index >= 0 && index < PageCount() && made_[std::size_t(index)] != nullptr;
+}
+
+bool MemorySheet::Start() { memory_ui::WindowsLock hold;
   for (const SheetPage& p : pages_)
     if (!FindDialogDescription(p.template_id)) return false;
   if (pages_.empty()) return false;
@@ -424,7 +499,7 @@ bool MemorySheet::Start() {
   return true;
 }
 
-bool MemorySheet::Show(int index) {
+bool MemorySheet::Show(int index) { memory_ui::WindowsLock hold;
   if (index == current_ || index < 0 || index >= PageCount()) return false;
   if (Page(current_).SendNotify(kPsnKillActive) != 0) return false;
   current_ = index;
@@ -432,7 +507,7 @@ bool MemorySheet::Show(int index) {
   return true;
 }
 
-bool MemorySheet::Apply(bool close) {
+bool MemorySheet::Apply(bool close) { memory_ui::WindowsLock hold;
   if (Page(current_).SendNotify(kPsnKillActive) != 0) return false;
   for (auto& page : made_)
     if (page && page->SendNotify(kPsnApply) != 0) return false;
@@ -443,7 +518,7 @@ bool MemorySheet::Apply(bool close) {
   return true;
 }
 
-void MemorySheet::Cancel() {
+void MemorySheet::Cancel() { memory_ui::WindowsLock hold;
   for (auto& page : made_)
     if (page) page->SendNotify(kPsnReset);
   ended_ = true;
@@ -497,6 +572,28 @@ void OnSheet(std::function<void(MemorySheet&)> driver) {
   std::lock_guard lock(g_ui_lock);
   ui().on_sheet = std::move(driver);
 }
+void OnActivity(std::function<void()> hook) {
+  std::lock_guard lock(g_ui_lock);
+  ui().on_post = std::move(hook);
+}
+
+WindowsLock::WindowsLock() { windows_lock().Lock(); }
+WindowsLock::~WindowsLock() {
+  if (!windows_lock().Unlock()) return;
+  std::function<void()> hook;
+  {
+    std::lock_guard lock(g_ui_lock);
+    hook = ui().on_post;
+  }
+  if (hook) hook();
+}
+
+void UnlockedWhile(const std::function<void()>& wait) {
+  const int depth = windows_lock().Release();
+  wait();
+  windows_lock().Retake(depth);
+}
+
 std::vector<MemoryDialog*> Modeless() {
   std::lock_guard lock(g_ui_lock);
   std::vector<MemoryDialog*> out;

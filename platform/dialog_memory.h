@@ -2,7 +2,12 @@
 // controls hold their state in memory. Tests drive a window's logic as a user and the system would
 // (click, type, choose, notify, fire a timer) and read the controls back; the POSIX build runs the
 // applet's windows this way, with message boxes answered by a sink (the command line prints them).
-// Nothing here moves time: timers fire when a test fires them.
+// Nothing here moves time: timers fire when a test fires them (or the sheet process, at their periods).
+//
+// Threads: a worker may call a window's functions (the clock status check writes the Client page
+// from its own thread, as Win32 runs such a call on the window's thread). Every call takes the
+// windows' lock (memory_ui::WindowsLock), which the thread that drives the windows also holds while
+// it handles one event, so that no two threads are ever inside the windows at once.
 //
 // Behaviour kept from Win32 because window logic relies on it: setting an edit's text sends
 // EN_UPDATE and EN_CHANGE to the logic (also during its start); clicking an auto radio button
@@ -35,6 +40,12 @@ struct MemoryControl {
   int progress_min = 0, progress_max = 100, progress_step = 10, progress = 0;
 };
 
+struct TimerInfo {
+  int id;
+  std::uint32_t period_ms;
+  std::uint64_t serial;   // changes at every SetTimer: the period starts again then
+};
+
 struct PostedMessage {
   std::uint32_t msg;
   std::uintptr_t wparam;
@@ -61,10 +72,13 @@ class MemoryDialog final : public Dialog {
   bool FireTimer(int timer_id);                      // false when that timer is not running
   bool TimerRunning(int timer_id) const;
   std::uint32_t TimerPeriod(int timer_id) const;     // ms, 0 when not running
+  std::vector<TimerInfo> Timers() const;             // the running timers
   void ScrollBar(int id, int code, int pos = 0);     // WM_HSCROLL
   void MouseMove(DlgPoint p);
   void LeftUp(DlgPoint p);
   void CloseBox(int id = kIdCancel);                 // OK, Cancel or the close box of a window
+  void Paint();                                      // WM_PAINT: the window was shown or invalidated
+  StaticColours ColoursOf(int id);                   // WM_CTLCOLORSTATIC: how static id is painted
   int DeliverPosted();                               // runs the posted messages; returns how many
   // Runs posted messages as they come until the window ends or timeout_ms passes (wall time: for
   // windows whose work runs on another thread). Returns whether it ended.
@@ -150,7 +164,7 @@ class MemoryDialog final : public Dialog {
   MemorySheet* sheet_;
   std::string title_;
   std::vector<MemoryControl> controls_;
-  std::map<int, std::uint32_t> timers_;
+  std::map<int, TimerInfo> timers_;
   bool started_ = false, ended_ = false, destroyed_ = false;
   std::intptr_t result_ = 0;
   DlgPoint mouse_{0, 0};
@@ -170,6 +184,7 @@ class MemorySheet {
   int Current() const { return current_; }
   MemoryDialog& Page(int index);
   MemoryDialog& CurrentPage() { return Page(current_); }
+  bool PageMade(int index) const;      // page index was made (shown at least once)
   // The user picks tab index: PSN_KILLACTIVE to the current page (a non-zero answer keeps it),
   // then PSN_SETACTIVE to the new one. Returns whether the page changed.
   bool Show(int index);
@@ -221,6 +236,21 @@ void OnModal(std::function<void(MemoryDialog&)> driver);
 void OnSheet(std::function<void(MemorySheet&)> driver);
 // Modeless windows made by CreateModelessDialog, oldest first (kept until Reset).
 std::vector<MemoryDialog*> Modeless();
+// Called after a message was posted to an in-memory window, and after a thread let go of the
+// windows' lock (a worker changed a window): on that thread, so that the driving loop wakes up.
+void OnActivity(std::function<void()> hook);
+
+// The windows' lock (see the top of this file). Recursive: a thread that holds it may take it again.
+class WindowsLock {
+ public:
+  WindowsLock();
+  ~WindowsLock();
+  WindowsLock(const WindowsLock&) = delete;
+  WindowsLock& operator=(const WindowsLock&) = delete;
+};
+// Runs wait with the windows' lock let go (however deeply this thread holds it), then takes it
+// back: for a thread that waits for another which may need the windows meanwhile.
+void UnlockedWhile(const std::function<void()>& wait);
 
 }  // namespace memory_ui
 

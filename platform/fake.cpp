@@ -288,7 +288,23 @@ bool SystemMessage(std::uint32_t code, char* buf, std::size_t size) {
   return sys::SystemMessage(code, buf, size);
 }
 
+namespace {
+std::mutex g_viewer_hook_lock;
+std::function<bool(std::string_view)> g_viewer_hook;
+}  // namespace
+
+void SetTextViewerHook(std::function<bool(std::string_view path)> hook) {
+  std::lock_guard lock(g_viewer_hook_lock);
+  g_viewer_hook = std::move(hook);
+}
+
 bool OpenTextFileForUser(std::string_view path, const int* origin_xy) {
+  std::function<bool(std::string_view)> hook;
+  {
+    std::lock_guard lock(g_viewer_hook_lock);
+    hook = g_viewer_hook;
+  }
+  if (hook) return hook(path);
   if (!On()) return sys::OpenTextFileForUser(path, origin_xy);
   return Locked([&](FakeState& s) {
     if (s.fail_viewer) {

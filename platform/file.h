@@ -9,6 +9,7 @@
 // processes that open the file without these functions (advisory locks bind only cooperating code).
 #pragma once
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -66,6 +67,9 @@ bool SecureDataFile(std::string_view path);
 // position (x, y) when origin is given. POSIX: xdg-open when a desktop session is present
 // (DISPLAY or WAYLAND_DISPLAY), else $VISUAL, else $EDITOR, started detached. False when nothing started.
 bool OpenTextFileForUser(std::string_view path, const int* origin_xy);
+// Hands the text files to open to hook instead of a viewer (the sheet process sends them to its
+// front end); its result is OpenTextFileForUser's. An empty hook gives the viewer back.
+void SetTextViewerHook(std::function<bool(std::string_view path)> hook);
 // The screen position of a window's top-left corner (Windows: GetWindowRect). False without a window
 // system (POSIX) or for a null window.
 bool WindowOrigin(void* window, int& x, int& y);

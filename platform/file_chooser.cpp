@@ -12,16 +12,27 @@ namespace {
 std::mutex g_lock;
 std::deque<std::string> g_answers;
 std::vector<OpenFileRequest> g_requests;
+std::function<bool(const OpenFileRequest&, std::string&)> g_sink;
 
 }  // namespace
 
 bool ChooseFileToOpen(Dialog* owner, const OpenFileRequest& request, std::string& path) {
   if (!MemoryDialogsInUse()) return sys::ChooseFileToOpen(owner, request, path);
-  std::lock_guard lock(g_lock);
-  g_requests.push_back(request);
-  if (g_answers.empty()) return false;
-  std::string answer = std::move(g_answers.front());
-  g_answers.pop_front();
+  std::string answer;
+  {
+    std::unique_lock lock(g_lock);
+    g_requests.push_back(request);
+    if (!g_answers.empty()) {
+      answer = std::move(g_answers.front());
+      g_answers.pop_front();
+    } else if (auto sink = g_sink) {
+      // Asked without the lock: the sink waits for a person.
+      lock.unlock();
+      const bool chosen = sink(request, answer);
+      lock.lock();
+      if (!chosen) answer.clear();
+    }
+  }
   if (answer.empty()) return false;
   path = std::move(answer);
   return true;
@@ -43,6 +54,12 @@ void Reset() {
   std::lock_guard lock(g_lock);
   g_answers.clear();
   g_requests.clear();
+  g_sink = nullptr;
+}
+
+void SetSink(std::function<bool(const OpenFileRequest&, std::string&)> sink) {
+  std::lock_guard lock(g_lock);
+  g_sink = std::move(sink);
 }
 
 }  // namespace memory_file_chooser

@@ -1,6 +1,7 @@
 // The system's open-file dialog (GetOpenFileNameA), and its in-memory stand-in for tests and for
 // systems without one: answers queued by a test, the requests kept for it to read.
 #pragma once
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -25,7 +26,9 @@ bool ChooseFileToOpen(Dialog* owner, const OpenFileRequest& request, std::string
 namespace memory_file_chooser {
 void AnswerNext(std::string path);        // the user picks path ("" cancels)
 std::vector<OpenFileRequest> Requests();  // every request made so far
-void Reset();                             // forgets both; without a queued answer the user cancels
+void Reset();                             // forgets both and the sink; without a queued answer the user cancels
+// Asked when no answer is queued (the sheet process asks its front end): true with the path chosen.
+void SetSink(std::function<bool(const OpenFileRequest&, std::string&)> sink);
 }  // namespace memory_file_chooser
 
 }  // namespace platform

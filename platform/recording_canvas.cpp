@@ -81,7 +81,63 @@ class ControlRecordingCanvas final : public RecordingCanvas {
   }
 };
 
+bool g_pictures = false;
+std::vector<ControlPicture> g_pictures_done;
+
+// A control's picture: an SVG canvas whose text is kept when it goes. Text is measured as the
+// picture draws it, so the picture is what `chronwarden graph` would draw.
+class ControlPictureCanvas final : public Canvas {
+ public:
+  ControlPictureCanvas(const Dialog& window, int id, std::unique_ptr<ImageCanvas> image, std::unique_ptr<std::string> svg)
+      : window_(window), id_(id), image_(std::move(image)), svg_(std::move(svg)) {}
+  ~ControlPictureCanvas() override {
+    const bool ok = image_->Finish();
+    const int w = image_->Width(), h = image_->Height();
+    image_.reset();
+    if (!ok) return;
+    std::lock_guard lock(g_drawing_lock);
+    g_pictures_done.push_back({&window_, id_, w, h, std::move(*svg_)});
+  }
+  int Width() const override { return image_->Width(); }
+  int Height() const override { return image_->Height(); }
+  void SetPen(Colour c) override { image_->SetPen(c); }
+  void SetBrush(Colour c) override { image_->SetBrush(c); }
+  void SetHollowBrush() override { image_->SetHollowBrush(); }
+  void SetTextColor(Colour c) override { image_->SetTextColor(c); }
+  void SetFont(std::string_view face, int points) override { image_->SetFont(face, points); }
+  void Fill(const Rect& a, Colour c) override { image_->Fill(a, c); }
+  void MoveTo(int x, int y) override { image_->MoveTo(x, y); }
+  void LineTo(int x, int y) override { image_->LineTo(x, y); }
+  void Ellipse(const Rect& b) override { image_->Ellipse(b); }
+  void RoundRect(const Rect& b, int w, int h) override { image_->RoundRect(b, w, h); }
+  void Text(int x, int y, std::string_view t, TextAlign a) override { image_->Text(x, y, t, a); }
+  TextSize Measure(std::string_view t) override { return image_->Measure(t); }
+  void Clip(const Rect& a) override { image_->Clip(a); }
+
+ private:
+  const Dialog& window_;
+  int id_;
+  std::unique_ptr<ImageCanvas> image_;
+  std::unique_ptr<std::string> svg_;
+};
+
 }  // namespace
+
+bool DrawControlPictures(bool on) {
+  std::string probe;
+  const bool possible = !on || CreateSvgTextCanvas(probe, 1, 1) != nullptr;
+  std::lock_guard lock(g_drawing_lock);
+  g_pictures = on && possible;
+  if (!g_pictures) g_pictures_done.clear();
+  return g_pictures;
+}
+
+std::vector<ControlPicture> TakeControlPictures() {
+  std::lock_guard lock(g_drawing_lock);
+  std::vector<ControlPicture> out;
+  out.swap(g_pictures_done);
+  return out;
+}
 
 std::vector<DrawCall> ControlDrawing::Of(DrawOp op) const { return CallsOf(calls, op); }
 
@@ -99,6 +155,16 @@ std::unique_ptr<Canvas> CreateControlCanvas(Dialog& dialog, int id) {
   if (!dialog.HasControl(id)) return nullptr;
   if (void* window = dialog.NativeHandle()) return sys::CreateControlCanvas(window, id);
   const DlgRect r = dialog.ControlRect(id);
+  bool pictures;
+  {
+    std::lock_guard lock(g_drawing_lock);
+    pictures = g_pictures;
+  }
+  if (pictures) {
+    auto svg = std::make_unique<std::string>();
+    if (auto image = CreateSvgTextCanvas(*svg, r.right - r.left, r.bottom - r.top))
+      return std::make_unique<ControlPictureCanvas>(dialog, id, std::move(image), std::move(svg));
+  }
   return std::make_unique<ControlRecordingCanvas>(r.right - r.left, r.bottom - r.top);
 }
 

@@ -69,4 +69,16 @@ struct ControlDrawing {
 ControlDrawing LastControlDrawing();
 int ControlDrawingCount();   // how many such canvases were finished since the process started
 
+// With pictures on, an in-memory window's control canvas draws an SVG picture (CreateSvgTextCanvas)
+// instead of recording: the sheet process sends what its windows draw to its front end. Returns
+// whether pictures are on (false where no SVG canvas can be made: Windows).
+bool DrawControlPictures(bool on);
+struct ControlPicture {
+  const Dialog* window = nullptr;   // the window drawn on
+  int id = 0;                       // its control
+  int width = 0, height = 0;        // pixels
+  std::string svg;
+};
+std::vector<ControlPicture> TakeControlPictures();   // finished since the last call, oldest first
+
 }  // namespace platform

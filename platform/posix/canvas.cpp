@@ -34,10 +34,16 @@ std::uint32_t Win32CodeOf(cairo_status_t status) {
 
 class CairoCanvas final : public ImageCanvas {
  public:
-  CairoCanvas(ImageFormat format, std::string path, int width, int height)
+  // out: an SVG surface written into that string rather than to path.
+  CairoCanvas(ImageFormat format, std::string path, int width, int height, std::string* out = nullptr)
       : format_(format), path_(std::move(path)), width_(width), height_(height) {
-    surface_ = format == ImageFormat::Svg ? cairo_svg_surface_create(path_.c_str(), width, height)
-                                          : cairo_image_surface_create(CAIRO_FORMAT_RGB24, width, height);
+    if (out) {
+      out->clear();
+      surface_ = cairo_svg_surface_create_for_stream(AppendTo, out, width, height);
+    } else {
+      surface_ = format == ImageFormat::Svg ? cairo_svg_surface_create(path_.c_str(), width, height)
+                                            : cairo_image_surface_create(CAIRO_FORMAT_RGB24, width, height);
+    }
     cr_ = cairo_create(surface_);
     cairo_set_antialias(cr_, CAIRO_ANTIALIAS_NONE);
     cairo_set_line_width(cr_, 1.0);
@@ -146,6 +152,10 @@ class CairoCanvas final : public ImageCanvas {
   }
 
  private:
+  static cairo_status_t AppendTo(void* out, const unsigned char* data, unsigned int length) {
+    static_cast<std::string*>(out)->append(reinterpret_cast<const char*>(data), length);
+    return CAIRO_STATUS_SUCCESS;
+  }
   void Source(Colour c) { cairo_set_source_rgb(cr_, (c & 0xFF) / 255.0, (c >> 8 & 0xFF) / 255.0, (c >> 16 & 0xFF) / 255.0); }
   void FillAndStroke() {
     if (!hollow_) {
@@ -169,7 +179,10 @@ class CairoCanvas final : public ImageCanvas {
 
 }  // namespace
 
-std::unique_ptr<ImageCanvas> CreateImageCanvas(ImageFormat format, std::string_view path, int width, int height) {
+namespace {
+
+std::unique_ptr<ImageCanvas> MakeCanvas(ImageFormat format, std::string_view path, int width, int height,
+                                        std::string* out) {
   // Cairo's font caches and fontconfig's configuration live until the process ends; they are let
   // go at exit (every canvas is gone by then), so that leak checkers see a clean end.
   static const bool release_at_exit = [] {
@@ -183,12 +196,22 @@ std::unique_ptr<ImageCanvas> CreateImageCanvas(ImageFormat format, std::string_v
     SetLastError(kErrorInvalidParameter);
     return nullptr;
   }
-  auto canvas = std::make_unique<CairoCanvas>(format, std::string(path), width, height);
+  auto canvas = std::make_unique<CairoCanvas>(format, std::string(path), width, height, out);
   if (const cairo_status_t status = canvas->Status(); status != CAIRO_STATUS_SUCCESS) {
     SetLastError(Win32CodeOf(status));
     return nullptr;
   }
   return canvas;
+}
+
+}  // namespace
+
+std::unique_ptr<ImageCanvas> CreateImageCanvas(ImageFormat format, std::string_view path, int width, int height) {
+  return MakeCanvas(format, path, width, height, nullptr);
+}
+
+std::unique_ptr<ImageCanvas> CreateSvgTextCanvas(std::string& out, int width, int height) {
+  return MakeCanvas(ImageFormat::Svg, "", width, height, &out);
 }
 
 std::unique_ptr<Canvas> CreateWindowCanvas(void*, int, int) {

@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 
+#include "platform/dialog_memory.h"
 #include "platform/error.h"
 #include "platform/sys.h"
 
@@ -112,8 +113,13 @@ bool WaitForThread(ThreadHandle t, std::uint32_t timeout_ms) {
   return t->state->cv.wait_for(lock, std::chrono::milliseconds(timeout_ms), done);
 }
 
-// No window system here: nothing is sent to this thread's windows.
-bool WaitForThreadAnsweringSends(ThreadHandle t, std::uint32_t timeout_ms) { return WaitForThread(t, timeout_ms); }
+// No window system here: the only windows are in memory, whose calls from other threads wait for
+// the windows' lock, which is let go for the wait.
+bool WaitForThreadAnsweringSends(ThreadHandle t, std::uint32_t timeout_ms) {
+  bool ended = false;
+  memory_ui::UnlockedWhile([&] { ended = WaitForThread(t, timeout_ms); });
+  return ended;
+}
 
 void CloseThread(ThreadHandle t) {
   if (!t) return;

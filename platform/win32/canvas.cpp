@@ -89,6 +89,11 @@ std::unique_ptr<ImageCanvas> CreateImageCanvas(ImageFormat, std::string_view, in
   return nullptr;
 }
 
+std::unique_ptr<ImageCanvas> CreateSvgTextCanvas(std::string&, int, int) {
+  SetLastError(50);   // ERROR_NOT_SUPPORTED: pictures are drawn by the Linux build
+  return nullptr;
+}
+
 std::unique_ptr<Canvas> CreateWindowCanvas(void* device_context, int width, int height) {
   return std::make_unique<GdiCanvas>(static_cast<HDC>(device_context), width, height);
 }

@@ -2,6 +2,7 @@
 #include <windows.h>
 #include <mmsystem.h>
 
+#include "platform/dialog_memory.h"
 #include "platform/sys.h"
 #include "platform/thread.h"
 
@@ -22,6 +23,21 @@ DWORD WINAPI Trampoline(LPVOID p) {
 
 HANDLE H(ThreadHandle t) { return reinterpret_cast<HANDLE>(t); }
 
+bool WaitAnsweringSends(ThreadHandle t, std::uint32_t timeout_ms) {
+  HANDLE h = H(t);
+  const ULONGLONG give_up = ::GetTickCount64() + timeout_ms;
+  for (;;) {
+    const ULONGLONG now = ::GetTickCount64();
+    if (timeout_ms != INFINITE && now >= give_up) return false;
+    const DWORD left = timeout_ms == INFINITE ? INFINITE : static_cast<DWORD>(give_up - now);
+    const DWORD r = ::MsgWaitForMultipleObjects(1, &h, FALSE, left, QS_SENDMESSAGE);
+    if (r == WAIT_OBJECT_0) return true;
+    if (r != WAIT_OBJECT_0 + 1) return false;
+    MSG msg;
+    ::PeekMessageA(&msg, nullptr, 0, 0, PM_NOREMOVE | PM_QS_SENDMESSAGE);   // runs the sent messages
+  }
+}
+
 }  // namespace
 
 ThreadHandle sys::CreateThreadSuspended(ThreadFunction fn, void* arg) {
@@ -35,18 +51,11 @@ bool ResumeThread(ThreadHandle t) { return ::ResumeThread(H(t)) != static_cast<D
 bool sys::SetThreadPriority(ThreadHandle t, int priority) { return ::SetThreadPriority(H(t), priority) != FALSE; }
 bool WaitForThread(ThreadHandle t, std::uint32_t timeout_ms) { return ::WaitForSingleObject(H(t), timeout_ms) == WAIT_OBJECT_0; }
 bool WaitForThreadAnsweringSends(ThreadHandle t, std::uint32_t timeout_ms) {
-  HANDLE h = H(t);
-  const ULONGLONG give_up = ::GetTickCount64() + timeout_ms;
-  for (;;) {
-    const ULONGLONG now = ::GetTickCount64();
-    if (timeout_ms != INFINITE && now >= give_up) return false;
-    const DWORD left = timeout_ms == INFINITE ? INFINITE : static_cast<DWORD>(give_up - now);
-    const DWORD r = ::MsgWaitForMultipleObjects(1, &h, FALSE, left, QS_SENDMESSAGE);
-    if (r == WAIT_OBJECT_0) return true;
-    if (r != WAIT_OBJECT_0 + 1) return false;
-    MSG msg;
-    ::PeekMessageA(&msg, nullptr, 0, 0, PM_NOREMOVE | PM_QS_SENDMESSAGE);   // runs the sent messages
-  }
+  // In-memory windows (the sheet process) are written by other threads under the windows' lock,
+  // which is let go for the wait.
+  bool ended = false;
+  platform::memory_ui::UnlockedWhile([&] { ended = WaitAnsweringSends(t, timeout_ms); });
+  return ended;
 }
 void CloseThread(ThreadHandle t) {
   if (t) ::CloseHandle(H(t));
