@@ -31,6 +31,9 @@ constexpr std::uint32_t kBucketLimits[6] = {100, 250, 500, 1000, 5000, 429496729
 constexpr const char* kBucketLabels[6] = {"under 100 ms (1/10 second)", "100-249 ms", "250-499 ms",
                                           "500-999 ms", "1000-4999 ms", "5 seconds or more"};
 
+// The report goes to its sink in pieces of about this many bytes (and at the end of each section).
+constexpr std::size_t kReportChunk = 32 * 1024;
+
 // The three banner lines that open every report.
 constexpr const char* kBanner =
     "Chronwarden - Windows Time provider and drift history\r\n"
@@ -86,6 +89,143 @@ void FileSink(void* context, const char* text, std::size_t length) {
   std::uint32_t done = 0;
   platform::FileWrite(static_cast<platform::FileHandle>(context), text, static_cast<std::uint32_t>(length), done);
 }
+
+// The report's record lines, written without the C library's formatting (a full file has 16,384 of
+// them): the same bytes as "%24s  %15s  %s  %5s  %13s  %s%s" with the check time as FormatUtcDate
+// (its " UTC" left out) or FormatLocalDate gives it, the source as DriftSourceName (with "Self"), the phase as
+// PhaseText and the seconds as "%*.3f" (exact: a whole number of milliseconds over 1000 is printed
+// from its digits). UTC dates are reckoned here, the day's part once per day.
+class RecordLines {
+ public:
+  RecordLines(const DriftLog& log, int seconds_width) : log_(log), seconds_width_(seconds_width) {}
+
+  void Append(std::string& out, const DriftRecord& r) {
+    char line[192];
+    char* p = line;
+    char when[64];
+    p = Right(p, DateOf(r.check_time, when), 24);
+    p = Put(p, "  ");
+    char source[16];
+    p = Right(p, SourceOf(r.address, source), 15);
+    p = Put(p, DriftClockSet(r) ? "   Y   " : "   N   ");
+    char phase[16] = "";
+    if (r.version >= kDriftRecordVersion) PutInt(phase, DriftPhaseAdjustment(r), true);
+    p = Right(p, phase, 5);
+    p = Put(p, "  ");
+    p = Right(p, CheckReasonName(r.reason), 13);
+    p = Put(p, "  ");
+    const std::int64_t v = r.variance_ms;
+    *p++ = v < 0 ? '-' : v == 0 ? ' ' : '+';
+    out.append(line, static_cast<std::size_t>(p - line));
+    AppendSeconds(out, v < 0 ? static_cast<std::uint64_t>(-v) : static_cast<std::uint64_t>(v));
+    const std::uint8_t type = DriftMachineType(r);
+    if (type != last_type_) {
+      out += " (";
+      out += MachineTypeName(type);
+      out += ')';
+      last_type_ = type;
+    }
+    out += "\r\n";
+  }
+
+ private:
+  static char* Put(char* p, std::string_view text) { return std::copy(text.begin(), text.end(), p); }
+  static char* Right(char* p, std::string_view text, std::size_t width) {
+    if (text.size() < width) p = std::fill_n(p, width - text.size(), ' ');
+    return Put(p, text);
+  }
+  // "%d" (with plus: "+" before a positive number), terminated; returns the end.
+  static char* PutInt(char* p, std::int64_t v, bool plus) {
+    char digits[24];
+    int n = 0;
+    std::uint64_t u = v < 0 ? 0 - static_cast<std::uint64_t>(v) : static_cast<std::uint64_t>(v);
+    do digits[n++] = static_cast<char>('0' + u % 10); while ((u /= 10) != 0);
+    if (v < 0) *p++ = '-';
+    else if (plus && v > 0) *p++ = '+';
+    while (n) *p++ = digits[--n];
+    *p = '\0';
+    return p;
+  }
+  static void Two(char* p, unsigned v) { p[0] = static_cast<char>('0' + v / 10 % 10), p[1] = static_cast<char>('0' + v % 10); }
+
+  const char* DateOf(std::uint32_t seconds, char* buf) {
+    if (log_.local_time) return FormatLocalDate(seconds);
+    if (seconds > 0x7FFFFFFFu) return "E";   // "Error" without the four characters of " UTC"
+    const std::uint32_t day = seconds / 86'400;
+    if (day != day_ || !day_text_[0]) {
+      // Days since 1970-01-01 to the civil date (the proleptic Gregorian calendar).
+      const std::int64_t z = static_cast<std::int64_t>(day) + 719'468, era = z / 146'097;
+      const std::int64_t doe = z - era * 146'097, yoe = (doe - doe / 1460 + doe / 36'524 - doe / 146'096) / 365;
+      const std::int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100), mp = (5 * doy + 2) / 153;
+      const unsigned d = static_cast<unsigned>(doy - (153 * mp + 2) / 5 + 1);
+      const unsigned m = static_cast<unsigned>(mp < 10 ? mp + 3 : mp - 9);
+      const unsigned y = static_cast<unsigned>(yoe + era * 400 + (m <= 2));
+      static constexpr const char* kWeekdays[] = {"Thu", "Fri", "Sat", "Sun", "Mon", "Tue", "Wed"};
+      static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+      char* q = Put(day_text_, kWeekdays[day % 7]);
+      *q++ = ' ';
+      Two(q, d);
+      q[2] = ' ';
+      q = Put(q + 3, kMonths[m - 1]);
+      *q++ = ' ';
+      Two(q, y / 100), Two(q + 2, y);
+      q[4] = ' ';
+      q[5] = '\0';
+      day_ = day;
+    }
+    const std::uint32_t t = seconds % 86'400;
+    std::memcpy(buf, day_text_, 16);
+    Two(buf + 16, t / 3600), buf[18] = ':', Two(buf + 19, t / 60 % 60), buf[21] = ':', Two(buf + 22, t % 60);
+    buf[24] = '\0';
+    return buf;
+  }
+  static const char* SourceOf(std::uint32_t address, char* buf) {
+    if (address == kAddressAveraged) return "Averaged Time";
+    if (address == kAddressSelf) return "Self";
+    if (address == 0 || address == 0xFFFFFFFFu) return "Unknown";
+    unsigned char b[4];
+    std::memcpy(b, &address, 4);
+    char* p = buf;
+    for (int i = 0; i < 4; ++i) {
+      if (i) *p++ = '.';
+      p = PutInt(p, b[i], false);
+    }
+    return buf;
+  }
+  // "%*.3f" of ms / 1000 in seconds_width_, cut and zero-filled as the log asks.
+  void AppendSeconds(std::string& out, std::uint64_t ms) {
+    char number[48];
+    char* p = PutInt(number, static_cast<std::int64_t>(ms / 1000), false);
+    *p++ = '.';
+    p[0] = static_cast<char>('0' + ms / 100 % 10), p[1] = static_cast<char>('0' + ms / 10 % 10),
+    p[2] = static_cast<char>('0' + ms % 10);
+    p += 3;
+    std::string_view text(number, static_cast<std::size_t>(p - number));
+    const std::size_t pad = text.size() < static_cast<std::size_t>(seconds_width_) ? seconds_width_ - text.size() : 0;
+    if (!log_.width_limit && !log_.zero_fill) {
+      out.append(pad, ' ');
+      out.append(text);
+      return;
+    }
+    std::string seconds(pad, ' ');
+    seconds += text;
+    if (log_.width_limit && seconds.size() > log_.width_limit) {
+      for (char& c : seconds)
+        if (c != '.') c = '9';
+      seconds.erase(0, seconds.size() - log_.width_limit);
+    }
+    if (log_.zero_fill && !seconds.empty() && seconds[0] == ' ')
+      for (std::size_t k = 0; k < seconds.size() && seconds[k] == ' '; ++k) seconds[k] = '0';
+    out += seconds;
+  }
+
+  const DriftLog& log_;
+  int seconds_width_;
+  std::uint8_t last_type_ = 0;
+  std::uint32_t day_ = 0;
+  char day_text_[24] = {};
+};
 
 void Notify(const DriftUi* owner, NoticeIcon icon, const char* text) {
   if (owner && owner->notify) owner->notify(*owner, icon, kDriftUiCaption, text);
@@ -256,33 +396,12 @@ void RenderDriftReport(const DriftLog& log, const char* time_zone_text, std::uin
   char largest[64];
   std::snprintf(largest, sizeof largest, "%.3f", static_cast<double>(s.LargestAbs()) / 1000.0);
   const int seconds_width = std::max(static_cast<int>(log.width_limit), static_cast<int>(std::strlen(largest)));
-  std::uint8_t last_type = 0;
+  RecordLines lines(log, seconds_width);
   for (std::uint32_t i = 0; i < count; ++i) {
-    const DriftRecord& r = records[i];
-    std::string when = local ? FormatLocalDate(r.check_time) : FormatUtcDate(r.check_time);
-    if (!local && when.size() >= 4) when.resize(when.size() - 4);
-    const std::int64_t v = r.variance_ms;
-    char number[64];
-    std::snprintf(number, sizeof number, "%*.3f", seconds_width, static_cast<double>(v < 0 ? -v : v) / 1000.0);
-    std::string seconds = number;
-    if (log.width_limit && seconds.size() > log.width_limit) {
-      for (char& c : seconds)
-        if (c != '.') c = '9';
-      seconds.erase(0, seconds.size() - log.width_limit);
-    }
-    if (log.zero_fill && !seconds.empty() && seconds[0] == ' ')
-      for (std::size_t k = 0; k < seconds.size() && seconds[k] == ' '; ++k) seconds[k] = '0';
-    Appendf(out, "%24s  %15s  %s  %5s  %13s  %s%s", when.c_str(), DriftSourceName(r.address).c_str(),
-            DriftClockSet(r) ? " Y " : " N ", PhaseText(r).c_str(), CheckReasonName(r.reason),
-            v < 0 ? "-" : v == 0 ? " " : "+", seconds.c_str());
-    const std::uint8_t type = DriftMachineType(r);
-    if (type != last_type) {
-      Appendf(out, " (%s)", MachineTypeName(type));
-      last_type = type;
-    }
-    out += "\r\n";
-    flush();
+    lines.Append(out, records[i]);
+    if (out.size() >= kReportChunk) flush();
   }
+  flush();
   out += "\r\n--End of Report--\r\n";
   flush();
 }

@@ -509,3 +509,93 @@ TEST_F(ReportTest, LocalTimeReportUsesLocalDates) {
 }
 
 }  // namespace
+
+// The record lines are built without printf; the printf formats they stand for give the same bytes
+// for any record: times from 1970 to past 2038, every variance from INT32_MIN to INT32_MAX, every
+// address, flag, version and reason, in UTC and in local time, with and without the column's
+// width limit and zero fill.
+namespace {
+
+std::string ReferenceRecordLines(const DriftLog& log, const DriftRecord* records, std::uint32_t count, int width) {
+  std::string out;
+  std::uint8_t last_type = 0;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const DriftRecord& r = records[i];
+    std::string when = log.local_time ? FormatLocalDate(r.check_time) : FormatUtcDate(r.check_time);
+    if (!log.local_time && when.size() >= 4) when.resize(when.size() - 4);
+    const std::int64_t v = r.variance_ms;
+    char number[64];
+    std::snprintf(number, sizeof number, "%*.3f", width, static_cast<double>(v < 0 ? -v : v) / 1000.0);
+    std::string seconds = number;
+    if (log.width_limit && seconds.size() > log.width_limit) {
+      for (char& c : seconds)
+        if (c != '.') c = '9';
+      seconds.erase(0, seconds.size() - log.width_limit);
+    }
+    if (log.zero_fill && !seconds.empty() && seconds[0] == ' ')
+      for (std::size_t k = 0; k < seconds.size() && seconds[k] == ' '; ++k) seconds[k] = '0';
+    char phase[16] = "";
+    if (r.version >= kDriftRecordVersion) {
+      const std::int32_t p = DriftPhaseAdjustment(r);
+      std::snprintf(phase, sizeof phase, "%s%d", p > 0 ? "+" : "", p);
+    }
+    char line[512];
+    std::snprintf(line, sizeof line, "%24s  %15s  %s  %5s  %13s  %s%s", when.c_str(), DriftSourceName(r.address).c_str(),
+                  DriftClockSet(r) ? " Y " : " N ", phase, CheckReasonName(r.reason), v < 0 ? "-" : v == 0 ? " " : "+",
+                  seconds.c_str());
+    out += line;
+    if (const std::uint8_t type = DriftMachineType(r); type != last_type) {
+      out += std::string(" (") + MachineTypeName(type) + ")";
+      last_type = type;
+    }
+    out += "\r\n";
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST_F(ReportTest, RecordLinesAreTheBytesOfTheirPrintfFormats) {
+  std::uint64_t seed = 0x9E3779B97F4A7C15ULL;
+  const auto next = [&] { return seed = seed * 6364136223846793005ULL + 1442695040888963407ULL, std::uint32_t(seed >> 32); };
+  constexpr std::uint32_t kCount = 4000;
+  std::vector<DriftRecord> records(kCount);
+  const std::int32_t extremes[] = {0, 1, -1, 999, -1000, 1001, INT32_MAX, INT32_MIN, 123456789, -99999};
+  const std::uint32_t addresses[] = {0, 0xFFFFFFFFu, kAddressSelf, kAddressAveraged, kTen, kLan, 0x01020304};
+  for (std::uint32_t i = 0; i < kCount; ++i) {
+    DriftRecord& r = records[i];
+    r = MakeRecord(i < 100 ? i * 86'399 : i % 97 == 0 ? 0x80000000u + next() % 1000 : next(), 0);
+    r.variance_ms = i % 3 == 0 ? extremes[i % 10] : static_cast<std::int32_t>(next());
+    r.address = i % 2 ? addresses[i % 7] : next();
+    r.flags = static_cast<std::uint8_t>(next());
+    constexpr std::uint8_t kReasons[] = {1, 2, 3, 4, 5, 8, 9, 255, 253, 254, 7, 6};
+    r.reason = i % 5 == 0 ? static_cast<std::uint8_t>(next()) : kReasons[i % 12];
+    r.version = static_cast<std::uint8_t>(i % 4 == 0 ? next() : kDriftRecordVersion);
+    const std::uint32_t phase = next();
+    std::memcpy(r.phase, &phase, sizeof r.phase);
+  }
+  const auto rendered = [&](DriftLog& log) {
+    log.records.reset(new DriftRecord[kCount]);
+    std::copy(records.begin(), records.end(), log.records.get());
+    log.record_count = kCount;
+    std::string text;
+    RenderDriftReport(log, "zone", kT0, Collect, &text);
+    const auto from = text.find("---\r\n", text.find("Check Time")) + 5;
+    return text.substr(from, text.find("\r\n--End of Report--") - from);
+  };
+  std::int64_t largest = 0;
+  for (const auto& r : records) largest = std::max<std::int64_t>(largest, std::abs(std::int64_t(r.variance_ms)));
+  char text[64];
+  std::snprintf(text, sizeof text, "%.3f", static_cast<double>(largest) / 1000.0);
+  for (const bool local : {false, true})
+    for (const std::uint32_t limit : {0u, 6u})
+      for (const std::uint32_t fill : {0u, 1u}) {
+        DriftLog log;
+        log.local_time = local;
+        log.width_limit = limit;
+        log.zero_fill = fill;
+        const int width = std::max(static_cast<int>(limit), static_cast<int>(std::strlen(text)));
+        EXPECT_EQ(rendered(log), ReferenceRecordLines(log, records.data(), kCount, width))
+            << "local " << local << " limit " << limit << " fill " << fill;
+      }
+}
