@@ -209,17 +209,11 @@ class Session {
   void StartInput() {
     reader_ = std::thread([this] { ReadInput(); });
   }
-  // The reader stops at the input's end; a sheet that closed by itself leaves it blocked in its
-  // read, and the process ends with it.
+  // The reader stops at the input's end; a sheet that closed by itself ends the input first.
   void StopInput() {
     if (!reader_.joinable()) return;
-    std::unique_lock lock(m_);
-    if (input_ended_) {
-      lock.unlock();
-      reader_.join();
-    } else {
-      reader_.detach();
-    }
+    EndInput();
+    reader_.join();
   }
 
   // Hooks of the in-memory user interface: they may run on any thread.
@@ -753,9 +747,7 @@ int RunSheetSession(const std::string& machine) {
   UseMemoryDialogs(true);
   memory_ui::Reset();
   DrawControlPictures(true);
-  // Lives as long as the process: a reader still blocked in its read when the sheet closes by
-  // itself is let go with it.
-  Session& session = *new Session;
+  Session session;
   memory_ui::SetSink([&](const memory_ui::Box& box) { return session.AskBox(box); });
   memory_ui::OnActivity([&] { session.Woken(); });
   memory_ui::OnSheet([&](MemorySheet& sheet) { session.Drive(sheet); });

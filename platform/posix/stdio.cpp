@@ -30,6 +30,10 @@ void EndInputOnTermination() {
   ::signal(SIGPIPE, SIG_IGN);
 }
 
+void EndInput() {
+  if (g_stop_pipe[1] >= 0) OnSignal(0);
+}
+
 long sys::ReadStandardInput(char* buf, std::size_t size) {
   for (;;) {
     pollfd fds[2] = {{0, POLLIN, 0}, {g_stop_pipe[0], POLLIN, 0}};

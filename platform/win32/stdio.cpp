@@ -8,10 +8,13 @@ namespace platform {
 
 void EndInputOnTermination() {}   // a console's Ctrl+C ends the process as before
 
+void EndInput() { ::CancelIoEx(::GetStdHandle(STD_INPUT_HANDLE), nullptr); }
+
 long sys::ReadStandardInput(char* buf, std::size_t size) {
   DWORD n = 0;
   if (!::ReadFile(::GetStdHandle(STD_INPUT_HANDLE), buf, DWORD(size), &n, nullptr)) {
-    return ::GetLastError() == ERROR_BROKEN_PIPE ? 0 : -1;
+    const DWORD e = ::GetLastError();
+    return e == ERROR_BROKEN_PIPE || e == ERROR_OPERATION_ABORTED ? 0 : -1;
   }
   return long(n);
 }
