@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <future>
+#include <iterator>
 #include <string>
 
 #include "applet/applet.h"
@@ -83,21 +85,61 @@ int RemoteTimeOffset(const char* machine, std::int64_t& offset) {
   return 1;
 }
 
-int CheckClockStatus(platform::Dialog& page) {
+namespace {
+
+// The target machine's clock against this one's: known, and its offset (100-ns units).
+struct TargetClock {
+  bool known = true;
+  std::int64_t offset = 0;
+};
+TargetClock MeasureTarget() {
+  TargetClock t;
+  if (!g_applet.target[0]) return t;
+  const NtpResult r = NtpQuery({.server = g_applet.target, .timeout_ms = defaults::kStatusQueryTimeoutMs});
+  if (r.valid) t.offset = r.offset;
+  else if (!RemoteTimeOffset(g_applet.target, t.offset)) t = {false, 0};
+  return t;
+}
+
+NtpResult AskRow(const std::string& name) {
+  return NtpQuery({.server = name.c_str(), .timeout_ms = defaults::kStatusQueryTimeoutMs});
+}
+
+// A row's variance text from its answer; a valid answer counts toward the average.
+std::string RowText(const NtpResult& r, const TargetClock& target, std::int64_t& count, std::int64_t& sum) {
+  if (r.valid) {
+    const std::int64_t variance = r.offset - target.offset;
+    std::string text = FormatShortDuration(variance / 10'000);
+    ++count;
+    sum += variance < 0 ? -variance : variance;
+    if (!target.known) text += " ???";
+    return text;
+  }
+  if (r.error == static_cast<std::uint32_t>(platform::kNtpErrorClockNotSet)) return "Clock Not Set";
+  if (r.error == platform::kErrorInvalidData) return "Bad Type";
+  char buf[64];
+  return SocketErrorShortName(r.error, buf, sizeof buf);
+}
+
+}  // namespace
+
+int CheckClockStatus(platform::Dialog& page, const StatusPacing& pacing) {
   page.SetText(IDC_STATUS_TEXT, "Checking synchronization status....");
-  std::int64_t target_offset = 0;
-  bool target_known = true;
-  if (g_applet.target[0]) {
-    const NtpResult target = NtpQuery({.server = g_applet.target, .timeout_ms = defaults::kStatusQueryTimeoutMs});
-    if (target.valid) {
-      target_offset = target.offset;
-    } else if (!RemoteTimeOffset(g_applet.target, target_offset)) {
-      target_offset = 0;
-      target_known = false;
+  // All at once: the target and every row are asked together, each on a thread of its own, and
+  // the rows are written in order when all have answered.
+  std::future<TargetClock> target_future;
+  std::future<NtpResult> row_futures[std::size(kRows)];
+  if (pacing.all_at_once) {
+    target_future = std::async(std::launch::async, MeasureTarget);
+    for (std::size_t i = 0; i < std::size(kRows); ++i) {
+      const std::string name = applet_trimmed(page.Text(kRows[i].server), 255);
+      if (page.Enabled(kRows[i].variance) && !name.empty()) row_futures[i] = std::async(std::launch::async, AskRow, name);
     }
   }
+  const TargetClock target = pacing.all_at_once ? target_future.get() : MeasureTarget();
   std::int64_t count = 0, sum = 0;
-  for (const Row& row : kRows) {
+  for (std::size_t i = 0; i < std::size(kRows); ++i) {
+    const Row& row = kRows[i];
     if (Stopped()) return 1;
     if (!page.Enabled(row.variance)) continue;
     const std::string name = applet_trimmed(page.Text(row.server), 255);
@@ -105,29 +147,14 @@ int CheckClockStatus(platform::Dialog& page) {
     page.SetText(row.stratum, name.empty() ? "" : "?");
     page.SetFont(row.variance, kFontMarking);
     page.SetFont(row.stratum, kFontMarking);
-    std::string text, stratum = "-";
     if (!name.empty()) {
       if (Stopped()) return 1;
-      const NtpResult r = NtpQuery({.server = name.c_str(), .timeout_ms = defaults::kStatusQueryTimeoutMs});
+      const NtpResult r = row_futures[i].valid() ? row_futures[i].get() : AskRow(name);
       if (Stopped()) return 1;
-      if (r.valid) {
-        const std::int64_t variance = r.offset - target_offset;
-        text = FormatShortDuration(variance / 10'000);
-        ++count;
-        sum += variance < 0 ? -variance : variance;
-        if (!target_known) text += " ???";
-        stratum = std::to_string(r.stratum);
-      } else if (r.error == static_cast<std::uint32_t>(platform::kNtpErrorClockNotSet)) {
-        text = "Clock Not Set";
-      } else if (r.error == platform::kErrorInvalidData) {
-        text = "Bad Type";
-      } else {
-        char buf[64];
-        text = SocketErrorShortName(static_cast<std::uint32_t>(platform::LastSocketError()), buf, sizeof buf);
-      }
-      if (PauseStopped(defaults::kStatusRowPauseMs)) return 1;
+      const std::string text = RowText(r, target, count, sum);
+      if (pacing.row_pause_ms && PauseStopped(pacing.row_pause_ms)) return 1;
       page.SetText(row.variance, text);
-      page.SetText(row.stratum, stratum);
+      page.SetText(row.stratum, r.valid ? std::to_string(r.stratum) : "-");
     }
     page.SetFont(row.variance, platform::kFontDialog);
     page.SetFont(row.stratum, platform::kFontDialog);
@@ -137,7 +164,7 @@ int CheckClockStatus(platform::Dialog& page) {
   if (count) {
     const std::int64_t average_ms = (sum / count) / 10'000;
     if (average_ms >= 2001) icon = IDI_STATUS_BAD, line = "Clock is NOT synchronized";
-    else if (average_ms < 1001) icon = IDI_STATUS_SYNCED, line = target_known ? "Clock synchronized to within 1 second" : "Not able to determine time at machine";
+    else if (average_ms < 1001) icon = IDI_STATUS_SYNCED, line = target.known ? "Clock synchronized to within 1 second" : "Not able to determine time at machine";
     else icon = IDI_STATUS_OFF, line = "Clock is NOT synchronized to within 1 second";
   }
   page.SetIcon(IDC_STATUS_ICON, icon, 16);

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "config/defaults.h"
 #include "platform/dialog.h"
 
 // The page the status worker writes to (the Client page sets it while it exists; nullptr: none).
@@ -16,9 +17,18 @@ extern std::atomic<platform::Dialog*> g_status_page;
 std::uint32_t StatusThread();
 void StatusThreadEntry(void*);
 
+// How a check paces itself. The page asks the target, then each row in turn, and pauses after
+// each answered row so that its result stays readable while the next is asked; the command line
+// asks the target and every row at once and writes the same texts without pausing.
+struct StatusPacing {
+  bool all_at_once = false;
+  std::uint32_t row_pause_ms = defaults::kStatusRowPauseMs;   // after each answered row
+};
+inline constexpr StatusPacing kStatusAllAtOnce{true, 0};
+
 // One check of the page's six rows and the verdict; polls the stop event between blocking steps.
 // Returns 1.
-int CheckClockStatus(platform::Dialog& page);
+int CheckClockStatus(platform::Dialog& page, const StatusPacing& pacing = {});
 // "&Sync Now" enabled only when the time service runs on the target, the mode is neither Disabled
 // nor NoSync and the time source text is not a "checking"/"..." one.
 void UpdateSyncNowButton(platform::Dialog& page);

@@ -25,13 +25,13 @@ bool KaironServerInstalled() { return g_w32t_env.installed_product == kProductKa
 
 }  // namespace
 
-ServerTestResult server_test(const char* host, int client_icon) {
+ServerTestResult server_test(const char* host, int client_icon, std::uint32_t pause_ms) {
   const std::string name = host && *host ? host : g_w32t_env.computer_name;
   const NtpResult r = NtpQuery({.server = name.c_str(), .timeout_ms = defaults::kNtpTimeoutMs});
   if (!r.valid) {
     const std::string text = "Unable to get the time from " + name + ". ";
     if (r.error == std::uint32_t(platform::kNtpErrorClockNotSet)) {
-      platform::Sleep(defaults::kServerTestPauseMs);
+      platform::Sleep(pause_ms);
       return {IDI_STATUS_OFF, text +
                                   "The server responded to the NTP query, but it reports that it does not know the "
                                   "correct time. This usually means that the NTP client has failed to synchronize (or "
@@ -39,7 +39,7 @@ ServerTestResult server_test(const char* host, int client_icon) {
     }
     return {IDI_STATUS_BAD, text + "A socket error occurred: " + LastSocketErrorText()};
   }
-  platform::Sleep(defaults::kServerTestPauseMs);
+  platform::Sleep(pause_ms);
   // The reference identifier: a primary server's four characters, else the upstream's address.
   const std::string text =
       applet_trimmed(name + " provided a valid timestamp, and it believes the time to be correct. The NTP stratum "

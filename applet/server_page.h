@@ -3,7 +3,10 @@
 // Test Server, which asks the target's NTP server for the time and judges the answer by the Client
 // page's verdict. The test itself is a plain function that `chronwarden server test` shares.
 #pragma once
+#include <cstdint>
 #include <string>
+
+#include "config/defaults.h"
 
 #include "platform/dialog.h"
 
@@ -18,8 +21,9 @@ struct ServerTestResult {
   std::string text;
 };
 // Asks host's NTP server (nullptr or "": the local computer) for the time and judges a valid answer
-// by client_icon, the Client page's status icon (0 or any other id: no verdict).
-ServerTestResult server_test(const char* host, int client_icon);
+// by client_icon, the Client page's status icon (0 or any other id: no verdict). The page pauses
+// pause_ms after an answer, so that its wait cursor is seen; the command line does not.
+ServerTestResult server_test(const char* host, int client_icon, std::uint32_t pause_ms = defaults::kServerTestPauseMs);
 
 class ServerPage final : public platform::DialogLogic {
  public:

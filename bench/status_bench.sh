@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Wall time of one clock status check over six NTP servers (`chronwarden status`, the Client page's
-# check: six rows asked in turn, a 150 ms pause after each, the verdict), beside `ntpdate -q` of the
-# same six servers, in one run. The servers are six chronyd -x (never touch the clock) on
+# Wall time of one clock status check over six NTP servers (`chronwarden status`: the Client page's
+# check as the command line runs it, the target and the six rows asked at once, no pauses, the
+# verdict) and of `chronwarden server test` (that check, then the machine's own NTP server), beside
+# `ntpdate -q` of the same six servers, in one run. The servers are six chronyd -x (never touch the clock) on
 # 127.0.0.1-6. Run it as root inside a network namespace of its own:
 #   unshare -n bash -c 'ip link set lo up; bench/status_bench.sh [RUNS]'
 set -euo pipefail
@@ -48,4 +49,10 @@ measure() {   # name, command...: median and worst wall time per run in ms, and 
   echo "$out" | tail -2 | sed 's/^/    /'
 }
 measure "chronwarden status (6 servers)" "$cw" status
+# The server test asks the machine's own NTP server: the machine "localhost" (a machine root under a
+# network root of the run's own), whose name reaches the chronyd on 127.0.0.1.
+mkdir -p "$dir/net/localhost"
+CHRONWARDEN_ROOT=$dir/net/localhost "$cw" config set server1=127.0.0.1 server2=127.0.0.2 server3=127.0.0.3 \
+  server4=127.0.0.4 server5=127.0.0.5 server6=127.0.0.6 --no-apply >/dev/null
+CHRONWARDEN_NETWORK_ROOT=$dir/net measure "chronwarden server test (6 servers)" "$cw" server test --machine localhost
 measure "ntpdate -q (6 servers)" ntpdate -q 127.0.0.1 127.0.0.2 127.0.0.3 127.0.0.4 127.0.0.5 127.0.0.6

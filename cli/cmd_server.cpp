@@ -48,8 +48,8 @@ int CmdServer(CommandArgs args) {
   }
   const auto page = OpenStatusPage("server", machine);
   if (!page) return kExitFailed;
-  CheckClockStatus(*page);
-  const ServerTestResult r = server_test(g_applet.target, page->Icon(IDC_STATUS_ICON));
+  CheckClockStatus(*page, kStatusAllAtOnce);
+  const ServerTestResult r = server_test(g_applet.target, page->Icon(IDC_STATUS_ICON), 0);
   if (json)
     std::printf("{\"machine\": %s, \"clock_status\": %s, \"icon\": %d, \"verdict\": %s, \"text\": %s}\n",
                 JsonString(StatusPageMachine()).c_str(), JsonString(page->Text(IDC_STATUS_TEXT)).c_str(), r.icon,

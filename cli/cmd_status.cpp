@@ -109,7 +109,7 @@ int CmdStatus(CommandArgs args) {
   int icon = 0;
   for (std::uint32_t n = 0; !watch || !count || n < count; ++n) {
     if (n) platform::Sleep(defaults::kStatusCheckPeriodMs);
-    CheckClockStatus(*page);
+    CheckClockStatus(*page, kStatusAllAtOnce);
     UpdateSyncNowButton(*page);
     ShowCurrentTimeSource(*page);
     Print(*page, json);

@@ -212,3 +212,30 @@ TEST_F(ClockStatusNtpTest, WindowHasTextTrimsBlanks) {
 }
 
 }  // namespace
+
+// The command line asks every row at once and does not pause; the page asks them in turn. Both
+// write the same texts, fonts and verdict.
+TEST_F(ClockStatusNtpTest, AllAtOnceWritesWhatTheRowsInTurnWrite) {
+  const FakeNtpReply reply{.offset = -250 * kMs - kGrain, .stratum = 4};
+  FakeNtpServer server("127.0.0.72", {reply, reply, reply, reply});
+  SetRow(1, "127.0.0.72");
+  SetRow(2, "127.0.0.79");   // nothing answers there
+  SetRow(3, "127.0.0.72");
+  SetRow(6, "127.0.0.72");
+  page_->Enable(kVariances[5], false);
+  const auto shown = [&] {
+    std::string all = Verdict() + "|" + std::to_string(Icon());
+    for (int i = 1; i <= 6; ++i)
+      all += "|" + Variance(i) + "/" + Stratum(i) + "/" + page_->Font(kVariances[i - 1]).face +
+             std::to_string(page_->Font(kVariances[i - 1]).weight);
+    return all;
+  };
+  Check();
+  const std::string in_turn = shown();
+  EXPECT_EQ(Variance(1), "-0.250 secs");
+  EXPECT_EQ(Variance(3), "-0.250 secs");
+  for (int i = 1; i <= 6; ++i) page_->SetText(kVariances[i - 1], ""), page_->SetText(kStrata[i - 1], "");
+  page_->SetText(IDC_STATUS_TEXT, "");
+  EXPECT_EQ(CheckClockStatus(*page_, kStatusAllAtOnce), 1);
+  EXPECT_EQ(shown(), in_turn);
+}
