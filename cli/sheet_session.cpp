@@ -30,6 +30,7 @@
 #include "cli/commands.h"
 #include "cli/json_line.h"
 #include "config/defaults.h"
+#include "platform/canvas.h"
 #include "platform/dialog_memory.h"
 #include "platform/file.h"
 #include "platform/file_chooser.h"
@@ -746,7 +747,7 @@ int RunSheetSession(const std::string& machine) {
   EndInputOnTermination();
   UseMemoryDialogs(true);
   memory_ui::Reset();
-  DrawControlPictures(true);
+  DrawControlPictures(CreateSvgTextCanvas);
   Session session;
   memory_ui::SetSink([&](const memory_ui::Box& box) { return session.AskBox(box); });
   memory_ui::OnActivity([&] { session.Woken(); });
@@ -769,6 +770,6 @@ int RunSheetSession(const std::string& machine) {
   memory_ui::SetSink(nullptr);
   memory_ui::OnSheet(nullptr);
   memory_ui::OnModal(nullptr);
-  DrawControlPictures(false);
+  DrawControlPictures(nullptr);
   return launched ? kExitOk : kExitFailed;
 }

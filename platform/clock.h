@@ -19,6 +19,11 @@ WallClock GetWallClockMode();
 
 std::uint64_t SystemTimeAsFileTime();        // the system time as GetSystemTimeAsFileTime reports it (100-ns units since 1601)
 std::uint64_t FineWallTimeAsFileTime();      // the finest wall clock (GetSystemTimePreciseAsFileTime / CLOCK_REALTIME), 100-ns since 1601
+// Whether the finest wall clock is already as fine as the counter, so that nothing needs to
+// interpolate between clock ticks: Windows 8 and later (GetSystemTimePreciseAsFileTime); POSIX in
+// the Fine wall clock mode (in Coarse mode the system is taken to lack one, as older Windows do).
+// The fake: false unless a test says otherwise (fake::SetFineWallTimePrecise).
+bool FineWallTimeIsPrecise();
 bool PerformanceCounter(std::int64_t& ticks);     // monotonic counter (QueryPerformanceCounter / CLOCK_MONOTONIC_RAW ns); false on failure
 bool PerformanceFrequency(std::int64_t& hz);      // counter ticks per second (10^9 on POSIX); false on failure
 // The performance counter in milliseconds (monotonic, for intervals; 0 when it cannot be read).

@@ -20,6 +20,7 @@ namespace {
 
 struct FakeState {
   std::uint64_t system_time = 0;
+  bool fine_wall_precise = false;
   std::int64_t counter = 0;
   std::int64_t frequency = 0;
   std::uint32_t increment = 0;
@@ -137,6 +138,7 @@ void SetSystemMessage(std::uint32_t code, std::string_view text) {
   Locked([&](FakeState& s) { s.messages[code] = std::string(text); return 0; });
 }
 
+void SetFineWallTimePrecise(bool precise) { Locked([&](FakeState& s) { s.fine_wall_precise = precise; return 0; }); }
 void FailHostLookup(int code) { Locked([&](FakeState& s) { s.fail_lookup = code; return 0; }); }
 void FailSocketCreate(int code) { Locked([&](FakeState& s) { s.fail_socket = code; return 0; }); }
 void FailSend(int code) { Locked([&](FakeState& s) { s.fail_send = code; return 0; }); }
@@ -161,6 +163,10 @@ std::uint64_t SystemTimeAsFileTime() {
 std::uint64_t FineWallTimeAsFileTime() {
   if (On()) return Locked([](FakeState& s) { return s.system_time; });
   return sys::FineWallTimeAsFileTime();
+}
+bool FineWallTimeIsPrecise() {
+  if (On()) return Locked([](FakeState& s) { return s.fine_wall_precise; });
+  return sys::FineWallTimeIsPrecise();
 }
 bool PerformanceCounter(std::int64_t& ticks) {
   if (!On()) return sys::PerformanceCounter(ticks);
@@ -199,6 +205,7 @@ void GetLocalTimeNow(SystemTime& out) {
 
 TickTimerHandle CreateTickTimer() {
   if (!On()) return sys::CreateTickTimer();
+  Count("CreateTickTimer");
   return Locked([](FakeState& s) { return s.fail_timer_create ? nullptr : kFakeTimer; });
 }
 bool ArmTickTimer(TickTimerHandle timer, std::uint32_t period_ms, TickCallback callback) {

@@ -17,6 +17,7 @@ bool Active();
 
 // State, with the values Enable() sets.
 void SetSystemTime(std::uint64_t file_time);   // system time (Enable: 2026-01-01 00:00 UTC); fine wall time follows it
+void SetFineWallTimePrecise(bool precise);     // FineWallTimeIsPrecise's answer (Enable: false, a coarse system)
 void AdvanceSystemTime(std::int64_t units);    // moves the system time by units of 100 ns
 // Runs action once, inside the next system-time read (after the reader has started, before it returns):
 // lets a test put a clock tick in the middle of a read.

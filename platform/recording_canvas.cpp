@@ -81,7 +81,7 @@ class ControlRecordingCanvas final : public RecordingCanvas {
   }
 };
 
-bool g_pictures = false;
+SvgCanvasMaker g_pictures = nullptr;
 std::vector<ControlPicture> g_pictures_done;
 
 // A control's picture: an SVG canvas whose text is kept when it goes. Text is measured as the
@@ -123,13 +123,13 @@ class ControlPictureCanvas final : public Canvas {
 
 }  // namespace
 
-bool DrawControlPictures(bool on) {
+bool DrawControlPictures(SvgCanvasMaker maker) {
   std::string probe;
-  const bool possible = !on || CreateSvgTextCanvas(probe, 1, 1) != nullptr;
+  if (maker && !maker(probe, 1, 1)) maker = nullptr;
   std::lock_guard lock(g_drawing_lock);
-  g_pictures = on && possible;
+  g_pictures = maker;
   if (!g_pictures) g_pictures_done.clear();
-  return g_pictures;
+  return g_pictures != nullptr;
 }
 
 std::vector<ControlPicture> TakeControlPictures() {
@@ -155,14 +155,14 @@ std::unique_ptr<Canvas> CreateControlCanvas(Dialog& dialog, int id) {
   if (!dialog.HasControl(id)) return nullptr;
   if (void* window = dialog.NativeHandle()) return sys::CreateControlCanvas(window, id);
   const DlgRect r = dialog.ControlRect(id);
-  bool pictures;
+  SvgCanvasMaker pictures;
   {
     std::lock_guard lock(g_drawing_lock);
     pictures = g_pictures;
   }
   if (pictures) {
     auto svg = std::make_unique<std::string>();
-    if (auto image = CreateSvgTextCanvas(*svg, r.right - r.left, r.bottom - r.top))
+    if (auto image = pictures(*svg, r.right - r.left, r.bottom - r.top))
       return std::make_unique<ControlPictureCanvas>(dialog, id, std::move(image), std::move(svg));
   }
   return std::make_unique<ControlRecordingCanvas>(r.right - r.left, r.bottom - r.top);

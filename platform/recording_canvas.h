@@ -69,10 +69,13 @@ struct ControlDrawing {
 ControlDrawing LastControlDrawing();
 int ControlDrawingCount();   // how many such canvases were finished since the process started
 
-// With pictures on, an in-memory window's control canvas draws an SVG picture (CreateSvgTextCanvas)
-// instead of recording: the sheet process sends what its windows draw to its front end. Returns
-// whether pictures are on (false where no SVG canvas can be made: Windows).
-bool DrawControlPictures(bool on);
+// With a picture maker (CreateSvgTextCanvas), an in-memory window's control canvas draws an SVG
+// picture instead of recording: the sheet process sends what its windows draw to its front end.
+// Handed in rather than called from here, so that programs without pictures (the provider's host)
+// load no drawing library. Returns whether pictures are on (false where the maker makes none:
+// Windows); nullptr turns them off.
+using SvgCanvasMaker = std::unique_ptr<ImageCanvas> (*)(std::string& out, int width, int height);
+bool DrawControlPictures(SvgCanvasMaker maker);
 struct ControlPicture {
   const Dialog* window = nullptr;   // the window drawn on
   int id = 0;                       // its control

@@ -15,6 +15,7 @@ namespace platform::sys {
 
 std::uint64_t SystemTimeAsFileTime();
 std::uint64_t FineWallTimeAsFileTime();
+bool FineWallTimeIsPrecise();
 bool PerformanceCounter(std::int64_t& ticks);
 bool PerformanceFrequency(std::int64_t& hz);
 bool SystemTimeAdjustment(std::uint32_t& adjustment, std::uint32_t& increment, bool& disabled);

@@ -224,10 +224,13 @@ TEST_F(ClockStatusNtpTest, AllAtOnceWritesWhatTheRowsInTurnWrite) {
   SetRow(6, "127.0.0.72");
   page_->Enable(kVariances[5], false);
   const auto shown = [&] {
-    std::string all = Verdict() + "|" + std::to_string(Icon());
-    for (int i = 1; i <= 6; ++i)
-      all += "|" + Variance(i) + "/" + Stratum(i) + "/" + page_->Font(kVariances[i - 1]).face +
-             std::to_string(page_->Font(kVariances[i - 1]).weight);
+    std::string all = Verdict();
+    all.append("|").append(std::to_string(Icon()));
+    for (int i = 1; i <= 6; ++i) {
+      const auto font = page_->Font(kVariances[i - 1]);
+      all.append("|").append(Variance(i)).append("/").append(Stratum(i)).append("/");
+      all.append(font.face).append(std::to_string(font.weight));
+    }
     return all;
   };
   Check();

@@ -377,3 +377,24 @@ TEST(PreciseClockReal, StartedClockStaysNearTheWallClock) {
 }
 
 }  // namespace
+
+// Where the system's fine wall clock is already precise, the clock needs no calibration: no timer
+// is made, nothing ticks, and a read is that clock; the running flag and the stop event keep their
+// meaning.
+TEST_F(PreciseClock, WithAPreciseWallClockNothingTicksAndReadsAreThatClock) {
+  platform::fake::SetFineWallTimePrecise(true);
+  EXPECT_EQ(PreciseClockStart(stop_), 1);
+  ASSERT_TRUE(WaitUntil([] { return PreciseClockStateRef().running.load() == 1; }));
+  EXPECT_EQ(PreciseClockThreadCount(), 1u);
+  EXPECT_FALSE(platform::fake::TimerArmed());
+  EXPECT_EQ(platform::fake::CallCount("CreateTickTimer"), 0u);
+  platform::fake::AdvanceSystemTime(12'345);
+  platform::fake::AdvanceCounter(99'999'999);   // the counter plays no part
+  EXPECT_EQ(PreciseClockNow(), kT0 + 12'345);
+  EXPECT_EQ(PreciseClockStart(stop_), 1);       // a second start while running changes nothing
+  EXPECT_EQ(PreciseClockThreadCount(), 1u);
+  StopClock();
+  EXPECT_EQ(PreciseClockStateRef().running.load(), 0u);
+  EXPECT_EQ(PreciseClockThreadCount(), 0u);
+  EXPECT_EQ(PreciseClockNow(), kT0 + 12'345);
+}

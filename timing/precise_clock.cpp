@@ -1,6 +1,9 @@
-// The precise clock. A calibration thread at time-critical priority arms a 1 ms periodic timer;
-// the first callback after each system clock tick takes a new baseline (system time, counter), and
-// a read adds the counter ticks elapsed since the baseline to the baseline time.
+// The precise clock. Where the system's finest wall clock is already as fine as the counter
+// (platform::FineWallTimeIsPrecise: Linux, Windows 8 and later), a read is that clock, and the
+// clock's thread only waits for the stop event: nothing ticks while the machine idles. Elsewhere a
+// calibration thread at time-critical priority arms a 1 ms periodic timer; the first callback
+// after each system clock tick takes a new baseline (system time, counter), and a read adds the
+// counter ticks elapsed since the baseline to the baseline time.
 #include "timing/precise_clock.h"
 
 #include <array>
@@ -27,6 +30,7 @@ platform::TickTimerHandle g_timer = nullptr;   // none until start creates it; r
 platform::EventHandle g_stop_event = nullptr;  // the caller's, or g_own_stop_event
 platform::UniqueEvent g_own_stop_event;
 std::atomic<std::uint32_t> g_thread_count{0};
+std::atomic<bool> g_fine{false};   // reads take the system's fine wall clock; no calibration timer
 
 // Fields written by one thread and read by others without the lock.
 template <typename T>
@@ -66,7 +70,12 @@ void TakeBaseline() {
 // Counted from its creation (not from its first instruction), so that a stop that comes before
 // the thread runs still waits for it.
 void CalibrationThread(void*) {
-  if (g_timer && platform::ArmTickTimer(g_timer, defaults::kPreciseClockTickMs, PreciseClockTick)) {
+  if (g_fine.load()) {   // nothing to calibrate: running until the stop event
+    g_state.running.store(1);
+    while (platform::WaitForEventAlertable(g_stop_event, platform::kInfinite) != platform::kWaitObject0) {
+    }
+    g_state.running.store(0);
+  } else if (g_timer && platform::ArmTickTimer(g_timer, defaults::kPreciseClockTickMs, PreciseClockTick)) {
     TakeBaseline();
     g_state.running.store(1);
     while (platform::WaitForEventAlertable(g_stop_event, platform::kInfinite) != platform::kWaitObject0) {
@@ -116,8 +125,11 @@ int PreciseClockStart(platform::EventHandle stop_event) {
   g_state.time_increment = increment;
   if (!platform::PerformanceFrequency(g_state.counter_frequency)) return 0;
 
-  g_timer = platform::CreateTickTimer();
-  if (!g_timer) return 1;  // no timer: every read takes the fallback path
+  g_fine.store(platform::FineWallTimeIsPrecise());
+  if (!g_fine.load()) {
+    g_timer = platform::CreateTickTimer();
+    if (!g_timer) return 1;  // no timer: every read takes the fallback path
+  }
 
   if (stop_event) {
     g_stop_event = stop_event;
@@ -136,6 +148,10 @@ int PreciseClockStart(platform::EventHandle stop_event) {
   TakeBaseline();
   platform::ResumeThread(thread);
   platform::CloseThread(thread);
+  if (g_fine.load()) {   // no baseline to settle: running as soon as the thread waits
+    while (g_state.running.load() == 0 && g_thread_count.load() != 0) platform::Sleep(1);
+    return 1;
+  }
   platform::Sleep(defaults::kPreciseClockSettleMs);
   return 1;
 }
@@ -164,6 +180,7 @@ std::uint64_t PreciseClockNow() {
     const std::uint64_t system_time = platform::SystemTimeAsFileTime();
     if (g_state.skip_count.compare_exchange_weak(skip, skip - 1)) return system_time;
   }
+  if (g_fine.load(std::memory_order_relaxed)) return platform::FineWallTimeAsFileTime();
   std::int64_t counter_signed = 0;
   if (!platform::PerformanceCounter(counter_signed)) return platform::SystemTimeAsFileTime();
 

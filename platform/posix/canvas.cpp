@@ -221,11 +221,3 @@ std::unique_ptr<Canvas> CreateWindowCanvas(void*, int, int) {
 
 }  // namespace platform
 
-namespace platform::sys {
-
-std::unique_ptr<Canvas> CreateControlCanvas(void*, int) {
-  SetLastError(kErrorNotSupported);  // no windows on this system
-  return nullptr;
-}
-
-}  // namespace platform::sys

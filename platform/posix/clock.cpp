@@ -66,6 +66,7 @@ void SetWallClockMode(WallClock mode) {
   g_mode.store(mode);
 }
 WallClock GetWallClockMode() { return g_mode.load(); }
+bool sys::FineWallTimeIsPrecise() { return g_mode.load(std::memory_order_relaxed) == WallClock::Fine; }
 
 std::uint64_t sys::SystemTimeAsFileTime() {
   if (g_mode.load(std::memory_order_relaxed) == WallClock::Fine) return Read(CLOCK_REALTIME);

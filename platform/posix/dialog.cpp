@@ -1,6 +1,8 @@
 // No system dialogs on POSIX: the in-memory ones (platform/dialog_memory.h) are used, and these
 // ends are never reached.
+#include "platform/canvas_sys.h"
 #include "platform/dialog_sys.h"
+#include "platform/error.h"
 
 namespace platform::sys {
 
@@ -22,5 +24,16 @@ Colour SystemColour(int) { return Rgb(240, 240, 240); }
 void* DefaultResourceModule() { return nullptr; }
 void InitDialogSystem() {}
 void* FindModuleHandle(const char*) { return nullptr; }
+
+}  // namespace platform::sys
+
+// No window to draw on here; kept apart from the Cairo canvas so that programs which draw no
+// pictures (the provider's host) do not load the drawing libraries.
+namespace platform::sys {
+
+std::unique_ptr<Canvas> CreateControlCanvas(void*, int) {
+  SetLastError(kErrorNotSupported);  // no windows on this system
+  return nullptr;
+}
 
 }  // namespace platform::sys

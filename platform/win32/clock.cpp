@@ -44,6 +44,11 @@ std::uint64_t sys::FineWallTimeAsFileTime() {
   return FromFileTime(ft);
 }
 
+bool sys::FineWallTimeIsPrecise() {
+  static const bool precise = LookupPrecise() != nullptr;
+  return precise;
+}
+
 bool sys::PerformanceCounter(std::int64_t& ticks) {
   LARGE_INTEGER v;
   if (!::QueryPerformanceCounter(&v)) return false;
