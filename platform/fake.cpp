@@ -377,6 +377,10 @@ int SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddre
   if (InjectedFailure(&FakeState::fail_send)) return -1;
   return sys::SendTo(s, data, size, to);
 }
+int SendBatch(SocketHandle s, const Datagram* batch, std::size_t count) {
+  if (count && InjectedFailure(&FakeState::fail_send)) return -1;
+  return sys::SendBatch(s, batch, count);
+}
 
 // Service-side start-up: injected failures while the fake is on, else the backend.
 int NetStartup() {

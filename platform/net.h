@@ -74,6 +74,23 @@ int ReceiveFrom(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* fr
 int ReceiveNow(SocketHandle s, void* buf, std::size_t size);
 // recvfrom without waiting: as ReceiveNow, with the sender's address (from may be nullptr).
 int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4* from);
+// One datagram of a batch: its buffer (data, size bytes), the bytes it holds (length) and the peer
+// it came from or goes to.
+struct Datagram {
+  std::uint8_t* data;
+  std::size_t size;
+  std::size_t length;
+  SocketAddressV4 peer;
+};
+// The datagrams already waiting, at most count, without waiting (one recvmmsg on Linux, recvfrom
+// after recvfrom on Windows): how many were received, or -1 as ReceiveFromNow fails (10035 when
+// none is queued). A datagram longer than its buffer is cut to the buffer (Linux) or fails
+// (Windows), as a single receive does. A failure after the first datagram ends the batch and is
+// reported by the next call.
+int ReceiveBatchNow(SocketHandle s, Datagram* batch, std::size_t count);
+// Sends count datagrams (each its length bytes to its peer; sendmmsg on Linux): how many were sent
+// (those after the first failure are not), or -1 when the first failed.
+int SendBatch(SocketHandle s, const Datagram* batch, std::size_t count);
 // gethostbyaddr for IPv4 (address in network order): the host name into name (size bytes, always
 // terminated). False when the address has no name.
 bool LookupAddressV4(std::uint32_t address, char* name, std::size_t size);

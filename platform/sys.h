@@ -43,6 +43,7 @@ bool LookupHostV4(const char* host, std::uint32_t& address);
 bool LookupAddressV4(std::uint32_t address, char* name, std::size_t size);
 SocketHandle CreateSocketV4(int type, int protocol);
 int SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddressV4& to);
+int SendBatch(SocketHandle s, const Datagram* batch, std::size_t count);
 int NetStartup();
 
 EventHandle CreateSyncEvent(bool manual_reset, bool initially_set);

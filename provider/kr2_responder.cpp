@@ -244,7 +244,8 @@ const Kr2TimeZoneReply& BuildTimeZoneReply(Kr2Machine& machine) {
 
 // Command 128's refresh of the status record.
 void RefreshStatus(Kr2Machine& machine) {
-  RefreshTimeZoneName();
+  if (!g_kr2.in_batch || !g_kr2.zone_read) RefreshTimeZoneName();
+  g_kr2.zone_read = true;
   g_local_status.product_code = defaults::kProductCode;
   g_local_status.sync_type = static_cast<std::uint8_t>(machine.SyncType());
   g_local_status.last_status_request = Now();
@@ -356,17 +357,60 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
 void HandleRequest(platform::SocketHandle socket) {
   Kr2SocketOn transport(socket);
   Kr2SystemMachine machine;
-  HandleRequestWith(transport, machine);
+  g_kr2.in_batch = true;
+  g_kr2.zone_read = false;
+  do HandleRequestWith(transport, machine);
+  while (transport.Pending());
+  g_kr2.in_batch = false;
 }
 
+namespace {
+
+// The batch buffers: the agent thread is the only user.
+struct Kr2Buffers {
+  std::array<std::array<std::uint8_t, kKr2RequestMax>, kKr2Batch> in, out;
+  std::array<platform::Datagram, kKr2Batch> received, replies;
+};
+Kr2Buffers g_buffers;
+
+}  // namespace
+
 int Kr2SocketOn::Receive(std::uint8_t* buf, std::size_t size, platform::SocketAddressV4& from) {
-  // Only what is waiting now: a wake-up with nothing to read (a socket shut down under the agent's
-  // wait) must not hold the agent in a receive.
-  return platform::ReceiveFromNow(socket, buf, size, &from);
+  if (!fetched_) {
+    // Only what is waiting now: a wake-up with nothing to read (a socket shut down under the agent's
+    // wait) must not hold the agent in a receive.
+    fetched_ = true;
+    for (std::size_t i = 0; i < kKr2Batch; ++i) g_buffers.received[i] = {g_buffers.in[i].data(), kKr2RequestMax, 0, {}};
+    const int n = platform::ReceiveBatchNow(socket, g_buffers.received.data(), kKr2Batch);
+    if (n < 0) return -1;
+    received_ = static_cast<std::size_t>(n);
+  }
+  if (next_ >= received_) {
+    platform::SetLastSocketError(platform::kWsaEwouldblock);
+    return -1;
+  }
+  const platform::Datagram& d = g_buffers.received[next_++];
+  const std::size_t n = std::min(d.length, size);
+  std::memcpy(buf, d.data, n);   // the rest of buf keeps what it held, as a receive into it would
+  from = d.peer;
+  return static_cast<int>(n);
 }
 
 int Kr2SocketOn::Send(const void* data, std::size_t size, const platform::SocketAddressV4& to) {
-  return platform::SendTo(socket, data, size, to);
+  if (size > kKr2RequestMax) return platform::SendTo(socket, data, size, to);
+  if (queued_ == kKr2Batch) Flush();
+  auto& out = g_buffers.out[queued_];
+  std::memcpy(out.data(), data, size);
+  g_buffers.replies[queued_++] = {out.data(), out.size(), size, to};
+  return static_cast<int>(size);
+}
+
+void Kr2SocketOn::Flush() {
+  if (!queued_) return;
+  const int sent = platform::SendBatch(socket, g_buffers.replies.data(), queued_);
+  for (std::size_t i = sent < 0 ? 0 : static_cast<std::size_t>(sent); i < queued_; ++i)
+    g_local_status.bytes_sent -= g_buffers.replies[i].length;
+  queued_ = 0;
 }
 
 void Kr2SystemMachine::RequestResync() {

@@ -72,12 +72,24 @@ struct Kr2SystemMachine final : Kr2Machine {
   std::uint32_t DaylightDisabled() override;
 };
 
-// A real socket as the transport.
+// A real socket as the transport, a batch at a time: the first Receive takes every datagram
+// already waiting (up to kKr2Batch), later ones hand them out in order; Send queues the reply and
+// Flush sends the queue in one call. Between wake-ups nothing is held.
+inline constexpr std::size_t kKr2Batch = 64;   // datagrams taken and answered per wake-up
 struct Kr2SocketOn final : Kr2Socket {
   explicit Kr2SocketOn(platform::SocketHandle s) : socket(s) {}
+  ~Kr2SocketOn() override { Flush(); }
   platform::SocketHandle socket;
   int Receive(std::uint8_t* buf, std::size_t size, platform::SocketAddressV4& from) override;
   int Send(const void* data, std::size_t size, const platform::SocketAddressV4& to) override;
+  bool Pending() const { return next_ < received_; }   // datagrams of the batch not yet handed out
+  // Sends the queued replies; bytes of replies that could not be sent are taken back from the
+  // status record's sent count.
+  void Flush();
+
+ private:
+  std::size_t received_ = 0, next_ = 0, queued_ = 0;
+  bool fetched_ = false;
 };
 
 // The responder's own process-wide state.
@@ -85,6 +97,8 @@ struct Kr2State {
   Kr2Products products{};
   alignas(8) std::array<std::uint8_t, kKr2RequestMax> receive{};   // the receive buffer, kept between requests
   bool have_last = false;                               // false after a new listen socket
+  // Inside one wake-up's batch the zone name is read for the first status request only.
+  bool in_batch = false, zone_read = false;
   // Facts about this system, set by start-up (operating-system identification).
   bool nt_family = true;
   bool win9x_family = false;
@@ -118,7 +132,8 @@ void Kr2BuildProducts(Kr2Machine& machine);
 // A new listen socket: zeroes the responder block and forgets the last request.
 void Kr2ForgetLastRequest();
 
-// Reads and answers one datagram (the provider's entry, on the agent thread).
+// Reads and answers the datagrams waiting on socket, up to kKr2Batch, each as HandleRequestWith
+// does, and sends the replies together (the provider's entry, on the agent thread).
 void HandleRequest(platform::SocketHandle socket);
 // The same on any transport and machine.
 Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine);

@@ -212,6 +212,83 @@ TEST_F(Kr2ResponderTest, NothingWaitingOnARealSocketIsAFailedReceiveAtOnce) {
   platform::NetCleanup();
 }
 
+// A real listen socket and clients on loopback: what a burst of datagrams gets from one wake-up.
+class Kr2BatchTest : public Kr2ResponderTest {
+ protected:
+  void SetUp() override {
+    Kr2ResponderTest::SetUp();
+    ASSERT_EQ(platform::NetStartup(), 0);
+    listen_ = Bound();
+    ASSERT_TRUE(platform::SocketName(listen_, address_));
+  }
+  void TearDown() override {
+    for (const auto s : {listen_, a_, b_}) platform::CloseSocket(s);
+    platform::NetCleanup();
+    Kr2ResponderTest::TearDown();
+  }
+  static platform::SocketHandle Bound() {
+    const platform::SocketHandle s = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
+    EXPECT_TRUE(platform::BindV4(s, {platform::kFamilyInet, 0, platform::InetAddr("127.0.0.1")}));
+    EXPECT_TRUE(platform::SetReceiveTimeout(s, 2000));
+    return s;
+  }
+  void Send(platform::SocketHandle from, std::uint8_t code, std::uint32_t argument = 0) {
+    const auto request = Kr2Request(code, argument);
+    ASSERT_EQ(platform::SendTo(from, request.data(), request.size(), address_), static_cast<int>(request.size()));
+  }
+  // The replies waiting for a client (their sizes), without waiting once the first has come.
+  static std::vector<int> Replies(platform::SocketHandle s) {
+    std::vector<int> sizes;
+    std::uint8_t buf[600];
+    for (int n = platform::ReceiveFrom(s, buf, sizeof buf, nullptr); n >= 0;
+         n = platform::ReceiveFromNow(s, buf, sizeof buf, nullptr))
+      sizes.push_back(n);
+    return sizes;
+  }
+  platform::SocketHandle listen_ = platform::kInvalidSocket;
+  platform::SocketHandle a_ = Bound(), b_ = Bound();
+  platform::SocketAddressV4 address_{};
+};
+
+// One wake-up answers everything already waiting, each sender its own replies, a repeat inside the
+// burst dropped as it would be one at a time, the counters exact.
+TEST_F(Kr2BatchTest, OneWakeUpAnswersTheBurstWithTheRepeatRuleAndCountersExact) {
+  Send(a_, 0);
+  Send(a_, 0);     // the same bytes again: a repeat
+  Send(b_, 4);
+  Send(a_, 128);
+  Send(b_, 150);   // prohibited: refused without a reply
+  HandleRequest(listen_);
+  EXPECT_EQ(Replies(a_), (std::vector<int>{4, 355}));
+  EXPECT_EQ(Replies(b_), (std::vector<int>{64}));
+  EXPECT_EQ(+g_local_status.counters[0], 3u);
+  EXPECT_EQ(+g_local_status.bytes_received, 3 * kKr2RequestSize);
+  EXPECT_EQ(+g_local_status.bytes_sent, 4u + 64u + 355u);
+  std::uint8_t buf[16];
+  EXPECT_EQ(platform::ReceiveFromNow(listen_, buf, sizeof buf, nullptr), -1);   // nothing left behind
+}
+
+// A burst longer than one batch is answered over as many wake-ups, none lost.
+TEST_F(Kr2BatchTest, ABurstLongerThanABatchTakesAnotherWakeUpAndLosesNothing) {
+  const std::size_t total = kKr2Batch + 6;
+  for (std::uint32_t i = 0; i < total; ++i) Send(a_, 151, i);   // distinct requests
+  HandleRequest(listen_);
+  EXPECT_EQ(+g_local_status.counters[0], kKr2Batch);
+  HandleRequest(listen_);
+  EXPECT_EQ(+g_local_status.counters[0], total);
+  EXPECT_EQ(Replies(a_).size(), total);
+}
+
+// Replies that cannot be sent are not counted as bytes sent, however many were queued.
+TEST_F(Kr2BatchTest, RepliesThatCouldNotBeSentAreNotCountedAsSent) {
+  Send(a_, 0);
+  Send(b_, 4);
+  platform::fake::FailSend(10051);
+  HandleRequest(listen_);
+  EXPECT_EQ(+g_local_status.counters[0], 2u);
+  EXPECT_EQ(+g_local_status.bytes_sent, 0u);
+}
+
 TEST_F(Kr2ResponderTest, FailedSendStillCountsTheReply) {
   socket_.fail_send = true;
   platform::fake::AdvanceSystemTime(50 * 10'000'000LL);

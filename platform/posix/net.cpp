@@ -13,6 +13,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -233,6 +234,55 @@ int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4*
   if (n < 0) return ReceiveFail(Fd(s), errno);   // EAGAIN reads as 10035 here
   if (from) *from = SocketAddressV4{kFamilyInet, sin.sin_port, sin.sin_addr.s_addr};
   return static_cast<int>(n);
+}
+
+int ReceiveBatchNow(SocketHandle s, Datagram* batch, std::size_t count) {
+  constexpr std::size_t kMax = 64;   // per call: the responder's batch
+  count = std::min(count, kMax);
+  std::array<mmsghdr, kMax> msgs{};
+  std::array<iovec, kMax> iovs{};
+  std::array<sockaddr_in, kMax> peers{};
+  for (std::size_t i = 0; i < count; ++i) {
+    iovs[i] = {batch[i].data, batch[i].size};
+    msgs[i].msg_hdr.msg_iov = &iovs[i];
+    msgs[i].msg_hdr.msg_iovlen = 1;
+    msgs[i].msg_hdr.msg_name = &peers[i];
+    msgs[i].msg_hdr.msg_namelen = sizeof peers[i];
+  }
+  const int n = recvmmsg(Fd(s), msgs.data(), static_cast<unsigned>(count), MSG_DONTWAIT, nullptr);
+  if (n < 0) return ReceiveFail(Fd(s), errno);   // EAGAIN reads as 10035 here
+  for (int i = 0; i < n; ++i) {
+    batch[i].length = msgs[i].msg_len;
+    batch[i].peer = SocketAddressV4{kFamilyInet, peers[i].sin_port, peers[i].sin_addr.s_addr};
+  }
+  return n;
+}
+
+int sys::SendBatch(SocketHandle s, const Datagram* batch, std::size_t count) {
+  constexpr std::size_t kMax = 64;
+  int total = 0;
+  while (count > 0) {
+    const std::size_t now = std::min(count, kMax);
+    std::array<mmsghdr, kMax> msgs{};
+    std::array<iovec, kMax> iovs{};
+    std::array<sockaddr_in, kMax> peers{};
+    for (std::size_t i = 0; i < now; ++i) {
+      iovs[i] = {batch[i].data, batch[i].length};
+      peers[i] = ToNative(batch[i].peer);
+      msgs[i].msg_hdr.msg_iov = &iovs[i];
+      msgs[i].msg_hdr.msg_iovlen = 1;
+      msgs[i].msg_hdr.msg_name = &peers[i];
+      msgs[i].msg_hdr.msg_namelen = sizeof peers[i];
+    }
+    int n;
+    do n = sendmmsg(Fd(s), msgs.data(), static_cast<unsigned>(now), MSG_NOSIGNAL);
+    while (n < 0 && errno == EINTR);
+    if (n < 0) return total ? total : Fail(errno, true);
+    total += n;
+    if (static_cast<std::size_t>(n) < now) break;
+    batch += now, count -= now;
+  }
+  return total;
 }
 
 bool sys::LookupAddressV4(std::uint32_t address, char* name, std::size_t size) {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <thread>
@@ -98,9 +99,13 @@ std::uint32_t WaitForAnyEvent(const EventHandle* events, std::uint32_t count, st
   }
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  // The lowest auto-reset event whose socket poll found readable: it is returned by this wait
+  // directly, without raising its eventfd only to drain it again (two system calls per datagram
+  // burst on a busy responder).
+  std::uint32_t ready = count;
   for (;;) {
     for (std::uint32_t i = 0; i < count; ++i)
-      if (posix::TryConsume(events[i])) return kWaitObject0 + i;
+      if (posix::TryConsume(events[i]) || i == ready) return kWaitObject0 + i;
     int wait = -1;
     if (timeout_ms != kInfinite) {
       auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
@@ -112,7 +117,9 @@ std::uint32_t WaitForAnyEvent(const EventHandle* events, std::uint32_t count, st
       if (!(fds[count + b].revents & (POLLIN | POLLERR))) continue;
       EventObject* e = events[bound[b]];
       std::lock_guard<std::mutex> hold(e->mutex);
-      if (e->socket_fd == fds[count + b].fd) posix::SetLocalLocked(e, true);
+      if (e->socket_fd != fds[count + b].fd) continue;
+      if (e->manual_reset) posix::SetLocalLocked(e, true);
+      else ready = std::min(ready, bound[b]);
     }
   }
 }

@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <cstring>
+#include <utility>
 
 #include "platform/error.h"
 #include "platform/net.h"
@@ -127,6 +128,37 @@ int ReceiveFromNow(SocketHandle s, void* buf, std::size_t size, SocketAddressV4*
     return -1;
   }
   return ReceiveFrom(s, buf, size, from);
+}
+
+// Winsock has no batched receive: datagrams are taken one recvfrom at a time while any is queued.
+// A failure after the first datagram ends the batch and is reported by the socket's next call, as
+// Linux's recvmmsg does, so that no failed receive goes uncounted.
+int ReceiveBatchNow(SocketHandle s, Datagram* batch, std::size_t count) {
+  static thread_local SocketHandle held_socket = kInvalidSocket;
+  static thread_local int held_error = 0;
+  if (held_error && held_socket == s) {
+    ::WSASetLastError(std::exchange(held_error, 0));
+    return -1;
+  }
+  std::size_t n = 0;
+  for (; n < count; ++n) {
+    const int got = ReceiveFromNow(s, batch[n].data, batch[n].size, &batch[n].peer);
+    if (got < 0) {
+      const int error = ::WSAGetLastError();
+      if (n == 0) return -1;
+      if (error != WSAEWOULDBLOCK) held_socket = s, held_error = error;
+      break;
+    }
+    batch[n].length = static_cast<std::size_t>(got);
+  }
+  return static_cast<int>(n);
+}
+
+int sys::SendBatch(SocketHandle s, const Datagram* batch, std::size_t count) {
+  int sent = 0;
+  for (; static_cast<std::size_t>(sent) < count; ++sent)
+    if (sys::SendTo(s, batch[sent].data, batch[sent].length, batch[sent].peer) < 0) return sent ? sent : -1;
+  return sent;
 }
 
 bool sys::LookupAddressV4(std::uint32_t address, char* name, std::size_t size) {
