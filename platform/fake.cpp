@@ -223,9 +223,9 @@ void CancelTickTimer(TickTimerHandle timer) {
 void CloseTickTimer(TickTimerHandle timer) {
   if (timer != kFakeTimer) sys::CloseTickTimer(timer);
 }
-std::uint32_t WaitForEventAlertable(EventHandle event, std::uint32_t timeout_ms) {
-  if (On()) return WaitForEvent(event, timeout_ms);  // fake ticks run on the test's thread
-  return sys::WaitForEventAlertable(event, timeout_ms);
+std::uint32_t WaitForEventsAlertable(const EventHandle* events, std::uint32_t count, std::uint32_t timeout_ms) {
+  if (On()) return WaitForAnyEvent(events, count, timeout_ms);  // fake ticks run on the test's thread
+  return sys::WaitForEventsAlertable(events, count, timeout_ms);
 }
 
 ThreadHandle CreateThreadSuspended(ThreadFunction fn, void* arg) {

@@ -24,7 +24,7 @@ TickTimerHandle CreateTickTimer();
 bool ArmTickTimer(TickTimerHandle timer, std::uint32_t period_ms, TickCallback callback);
 void CancelTickTimer(TickTimerHandle timer);
 void CloseTickTimer(TickTimerHandle timer);
-std::uint32_t WaitForEventAlertable(EventHandle event, std::uint32_t timeout_ms);
+std::uint32_t WaitForEventsAlertable(const EventHandle* events, std::uint32_t count, std::uint32_t timeout_ms);
 
 ThreadHandle CreateThreadSuspended(ThreadFunction fn, void* arg);
 bool SetThreadPriority(ThreadHandle thread, int priority);

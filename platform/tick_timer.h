@@ -17,8 +17,13 @@ TickTimerHandle CreateTickTimer();           // nullptr when the system has no s
 bool ArmTickTimer(TickTimerHandle timer, std::uint32_t period_ms, TickCallback callback);
 void CancelTickTimer(TickTimerHandle timer);
 void CloseTickTimer(TickTimerHandle timer);
-// Alertable wait on one event (WaitForSingleObjectEx(..., TRUE)): kWaitObject0 when set,
-// kWaitIoCompletion after running due timer callbacks, kWaitTimeout or kWaitFailed.
-std::uint32_t WaitForEventAlertable(EventHandle event, std::uint32_t timeout_ms);
+// Alertable wait on any of count events (WaitForMultipleObjectsEx(..., FALSE, ..., TRUE)):
+// kWaitObject0 + i for the first set, kWaitIoCompletion after running due timer callbacks,
+// kWaitTimeout or kWaitFailed.
+std::uint32_t WaitForEventsAlertable(const EventHandle* events, std::uint32_t count, std::uint32_t timeout_ms);
+// The same on one event (WaitForSingleObjectEx(..., TRUE)).
+inline std::uint32_t WaitForEventAlertable(EventHandle event, std::uint32_t timeout_ms) {
+  return WaitForEventsAlertable(&event, 1, timeout_ms);
+}
 
 }  // namespace platform

@@ -203,6 +203,7 @@ bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason,
 }
 
 bool CheckAgainstSources(std::uint32_t when, std::uint8_t reason, std::uint32_t triggered) {
+  const PreciseClockNeeded clock;   // the tick runs through the whole check, not per source
   const W32tSettings& s = Settings();
   bool tried = false;
   if (s.reference_clock[0]) {

@@ -381,6 +381,57 @@ TEST(PreciseClockReal, StartedClockStaysNearTheWallClock) {
 // Where the system's fine wall clock is already precise, the clock needs no calibration: no timer
 // is made, nothing ticks, and a read is that clock; the running flag and the stop event keep their
 // meaning.
+// After the first measurement is done the coarse clock's tick pauses: no timer, reads are the
+// system time however far the counter runs (a baseline left to age would drift).
+TEST_F(PreciseClock, AfterTheFirstMeasurementTheTickPausesAndReadsAreTheSystemTime) {
+  StartRunning();
+  Tick(kT0, 1'000);
+  PreciseClockNeed(1);   // the tick already runs: returns at once
+  EXPECT_TRUE(platform::fake::TimerArmed());
+  PreciseClockNeed(0);
+  ASSERT_TRUE(WaitUntil([] { return !platform::fake::TimerArmed(); }));
+  EXPECT_EQ(PreciseClockStateRef().running.load(), 1u);   // the clock still runs
+  platform::fake::AdvanceCounter(50'000'000);
+  platform::fake::AdvanceSystemTime(156'250);
+  EXPECT_EQ(PreciseClockNow(), kT0 + 156'250);
+}
+
+// A measurement arms the tick again and reads only once a tick has re-baselined; nested needs keep
+// it until the last is done.
+TEST_F(PreciseClock, AMeasurementArmsTheTickAgainAndWaitsForATickedBaseline) {
+  StartRunning();
+  PreciseClockNeed(1);
+  PreciseClockNeed(0);
+  ASSERT_TRUE(WaitUntil([] { return !platform::fake::TimerArmed(); }));
+  std::thread measurement([] { PreciseClockNeed(1); });
+  ASSERT_TRUE(WaitUntil([] { return platform::fake::TimerArmed(); }));
+  Tick(kT0 + 1'000, 5'000'000);       // the first callback after arming
+  Tick(kT0 + 156'250, 6'000'000);     // the first on a clock tick
+  measurement.join();
+  platform::fake::SetCounter(6'000'000 + 12'345);
+  EXPECT_EQ(PreciseClockNow(), kT0 + 156'250 + 12'345);
+  PreciseClockNeed(1);   // nested
+  PreciseClockNeed(0);
+  EXPECT_TRUE(platform::fake::TimerArmed());
+  EXPECT_EQ(PreciseClockNow(), kT0 + 156'250 + 12'345);
+  PreciseClockNeed(0);
+  ASSERT_TRUE(WaitUntil([] { return !platform::fake::TimerArmed(); }));
+  EXPECT_EQ(PreciseClockNow(), kT0 + 156'250);
+}
+
+// With no tick to wait for, a measurement never waits: a paused clock whose tick never comes
+// gives up after the settling time and reads the system time.
+TEST_F(PreciseClock, AMeasurementThatGetsNoTickStillGoesOn) {
+  StartRunning();
+  PreciseClockNeed(1);
+  PreciseClockNeed(0);
+  ASSERT_TRUE(WaitUntil([] { return !platform::fake::TimerArmed(); }));
+  PreciseClockNeed(1);   // the fake's sleeps pass at once; no tick is fired
+  platform::fake::AdvanceCounter(777);
+  EXPECT_EQ(PreciseClockNow(), kT0);
+  PreciseClockNeed(0);
+}
+
 TEST_F(PreciseClock, WithAPreciseWallClockNothingTicksAndReadsAreThatClock) {
   platform::fake::SetFineWallTimePrecise(true);
   EXPECT_EQ(PreciseClockStart(stop_), 1);
@@ -393,6 +444,9 @@ TEST_F(PreciseClock, WithAPreciseWallClockNothingTicksAndReadsAreThatClock) {
   EXPECT_EQ(PreciseClockNow(), kT0 + 12'345);
   EXPECT_EQ(PreciseClockStart(stop_), 1);       // a second start while running changes nothing
   EXPECT_EQ(PreciseClockThreadCount(), 1u);
+  PreciseClockNeed(1);                          // a measurement arms nothing
+  EXPECT_FALSE(platform::fake::TimerArmed());
+  PreciseClockNeed(0);
   StopClock();
   EXPECT_EQ(PreciseClockStateRef().running.load(), 0u);
   EXPECT_EQ(PreciseClockThreadCount(), 0u);

@@ -49,6 +49,7 @@ struct RealTimeBrackets {
   }
   RealTimeBrackets(const RealTimeBrackets&) = delete;
   RealTimeBrackets& operator=(const RealTimeBrackets&) = delete;
+  PreciseClockNeeded clock;   // the tick runs for the whole exchange, brackets included
 };
 
 // Owns an open socket: shut down (both ways) and closed on every path.

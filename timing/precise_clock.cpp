@@ -4,6 +4,14 @@
 // calibration thread at time-critical priority arms a 1 ms periodic timer; the first callback
 // after each system clock tick takes a new baseline (system time, counter), and a read adds the
 // counter ticks elapsed since the baseline to the baseline time.
+//
+// The tick runs from the start until the first measurement that asked for it is over
+// (PreciseClockNeed), and from then on only while a measurement needs sub-tick time (an NTP
+// exchange, the agent's check): 1,000 wake-ups a second cost an idle machine more than the clock is
+// worth between checks. While it is paused, reads are the plain system time (a baseline left to
+// age would drift with the counter's frequency error and the system clock's slewing); a
+// measurement that asks for it waits for the tick's second baseline, the first one taken on a
+// clock tick, before it reads.
 #include "timing/precise_clock.h"
 
 #include <array>
@@ -31,6 +39,11 @@ platform::EventHandle g_stop_event = nullptr;  // the caller's, or g_own_stop_ev
 platform::UniqueEvent g_own_stop_event;
 std::atomic<std::uint32_t> g_thread_count{0};
 std::atomic<bool> g_fine{false};   // reads take the system's fine wall clock; no calibration timer
+std::atomic<std::uint32_t> g_need{0};     // measurements under way that need the tick
+std::atomic<bool> g_paused{false};        // the tick is paused: reads are the system time
+std::atomic<std::uint32_t> g_baselines{0};   // baselines taken by ticks
+std::atomic<std::uint32_t> g_resume_at{0};   // the tick baseline (count) that ends a pause
+platform::UniqueEvent g_need_event;       // tells the calibration thread that g_need went to or from 0
 
 // Fields written by one thread and read by others without the lock.
 template <typename T>
@@ -78,10 +91,16 @@ void CalibrationThread(void*) {
   } else if (g_timer && platform::ArmTickTimer(g_timer, defaults::kPreciseClockTickMs, PreciseClockTick)) {
     TakeBaseline();
     g_state.running.store(1);
-    while (platform::WaitForEventAlertable(g_stop_event, platform::kInfinite) != platform::kWaitObject0) {
+    bool armed = true;
+    const platform::EventHandle events[] = {g_stop_event, g_need_event.get()};
+    while (platform::WaitForEventsAlertable(events, 2, platform::kInfinite) != platform::kWaitObject0) {
+      const bool wanted = g_need.load() != 0 || !g_paused.load();
+      if (wanted == armed) continue;
+      if (wanted) armed = platform::ArmTickTimer(g_timer, defaults::kPreciseClockTickMs, PreciseClockTick);
+      else platform::CancelTickTimer(g_timer), armed = false;
     }
     g_state.running.store(0);
-    platform::CancelTickTimer(g_timer);
+    if (armed) platform::CancelTickTimer(g_timer);
   }
   platform::CloseTickTimer(g_timer);
   g_timer = nullptr;
@@ -126,8 +145,10 @@ int PreciseClockStart(platform::EventHandle stop_event) {
   if (!platform::PerformanceFrequency(g_state.counter_frequency)) return 0;
 
   g_fine.store(platform::FineWallTimeIsPrecise());
+  g_paused.store(false);
   if (!g_fine.load()) {
-    g_timer = platform::CreateTickTimer();
+    g_need_event.reset(platform::CreateSyncEvent(false, false));
+    g_timer = g_need_event ? platform::CreateTickTimer() : nullptr;
     if (!g_timer) return 1;  // no timer: every read takes the fallback path
   }
 
@@ -168,12 +189,38 @@ void PreciseClockTick(std::uint32_t time_low, std::uint32_t time_high) {
     StoreRelaxed(g_state.backward_correction, per_interrupt - counter + baseline);
   }
   StoreBaseline(counter, (static_cast<std::uint64_t>(time_high) << 32) | time_low);
+  const std::uint32_t taken = g_baselines.fetch_add(1) + 1;
+  if (g_paused.load(std::memory_order_relaxed) && g_need.load() != 0 && taken - g_resume_at.load() < 0x80000000u)
+    g_paused.store(false);
+}
+
+void PreciseClockNeed(int need) {
+  const bool ticking_clock = !g_fine.load() && g_state.running.load() == 1;
+  if (!need) {
+    if (g_need.load() == 0) return;
+    if (g_need.fetch_sub(1) == 1 && ticking_clock) {
+      g_paused.store(true);
+      platform::SetEvent(g_need_event.get());
+    }
+    return;
+  }
+  if (g_need.fetch_add(1) != 0 || !ticking_clock || !g_paused.load()) return;
+  // The first baseline after arming may fall anywhere in a clock tick; the second follows a tick,
+  // and the tick callback that takes it ends the pause. Waited for in 1 ms sleeps, at most as long
+  // as the start's settling; a tick that does not come leaves reads on the system time.
+  g_resume_at.store(g_baselines.load() + 2);
+  platform::SetEvent(g_need_event.get());
+  for (std::uint32_t slept = 0; slept < defaults::kPreciseClockSettleMs; ++slept) {
+    if (!g_paused.load() || g_state.running.load() != 1) break;
+    platform::Sleep(1);
+  }
 }
 
 // The system time is read only on the paths that return it (a pending skip, a failed counter
 // read): the interpolating path, the one every caller takes, reads the counter alone.
 std::uint64_t PreciseClockNow() {
-  if (!g_nt_family.load(std::memory_order_relaxed) || g_state.running.load(std::memory_order_relaxed) == 0)
+  if (!g_nt_family.load(std::memory_order_relaxed) || g_state.running.load(std::memory_order_relaxed) == 0 ||
+      g_paused.load(std::memory_order_relaxed))
     return platform::SystemTimeAsFileTime();
   const auto early_baseline = static_cast<std::uint64_t>(LoadRelaxed(g_state.baseline_counter));
   for (std::uint32_t skip = g_state.skip_count.load(std::memory_order_relaxed); skip != 0;) {

@@ -40,6 +40,17 @@ std::uint32_t ClampUnixSeconds(std::int64_t seconds);     // seconds since 1970 
 std::int32_t ClampToInt32(std::int64_t value);            // saturates to [-2^31, 2^31-1]
 std::int64_t AbsInt64(std::int64_t value);                // |value|; the most negative value stays as it is
 
+// 1: a measurement needs sub-tick time: the calibration tick runs (again) and the call returns once
+// it has re-baselined on a clock tick (nested, any thread); 0: that measurement is done, and when
+// none is left the tick pauses and reads are the system time. Nothing where the clock needs no tick.
+void PreciseClockNeed(int need);
+// PreciseClockNeed(1) for the lifetime of a measurement.
+struct PreciseClockNeeded {
+  PreciseClockNeeded() { PreciseClockNeed(1); }
+  ~PreciseClockNeeded() { PreciseClockNeed(0); }
+  PreciseClockNeeded(const PreciseClockNeeded&) = delete;
+  PreciseClockNeeded& operator=(const PreciseClockNeeded&) = delete;
+};
 void BoostThreadPriority(int raise);   // 1: raise to time critical (nested per thread); 0: lower
 void SetTimerResolution(int begin);    // 1: timeBeginPeriod(setting); 0: timeEndPeriod; nothing when the setting is 0
 void PinThreadAffinity(int pin);       // 1: pin to the affinity setting; 0: release; nothing when the setting is 0

@@ -86,8 +86,12 @@ bool sys::ArmTickTimer(TickTimerHandle t, std::uint32_t period_ms, TickCallback 
   // Windows timers expire at clock interrupts, so the first callback after a tick sees the new
   // system time at once. Linux timers are not tied to the tick; phase-lock the expiries to the
   // tick instead, a measured lead after it (platform/posix/tick_phase.h).
-  t->period_ns = static_cast<long long>(period_ms) * 1'000'000;
-  t->lead_ns = MeasureLead(t->period_ns, posix::kTickLagSamples);
+  // The lead is measured at the first arming of a period only: a timer armed again (the precise
+  // clock ticks only while a measurement needs it) keeps the lead it had, and the watch below
+  // measures again when the phase drifts.
+  const long long period_ns = static_cast<long long>(period_ms) * 1'000'000;
+  if (period_ns != t->period_ns || t->lead_ns <= 0) t->lead_ns = MeasureLead(period_ns, posix::kTickLagSamples);
+  t->period_ns = period_ns;
   if (!SetPhase(t)) return SetLastError(kErrorInvalidParameter), false;
   t->callback = callback;
   t_armed = t;
@@ -109,22 +113,28 @@ void sys::CloseTickTimer(TickTimerHandle t) {
   delete t;
 }
 
-std::uint32_t sys::WaitForEventAlertable(EventHandle event, std::uint32_t timeout_ms) {
-  if (!event) return SetLastError(kErrorInvalidHandle), kWaitFailed;
+std::uint32_t sys::WaitForEventsAlertable(const EventHandle* events, std::uint32_t count, std::uint32_t timeout_ms) {
+  constexpr std::uint32_t kMaxEvents = 8;   // this wait's callers wait on one or two
+  if (!events || count == 0 || count > kMaxEvents) return SetLastError(kErrorInvalidParameter), kWaitFailed;
+  for (std::uint32_t i = 0; i < count; ++i)
+    if (!events[i]) return SetLastError(kErrorInvalidHandle), kWaitFailed;
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
-    if (posix::TryConsume(event)) return kWaitObject0;
-    pollfd fds[2] = {{event->fd, POLLIN, 0}, {t_armed ? t_armed->fd : -1, POLLIN, 0}};
+    for (std::uint32_t i = 0; i < count; ++i)
+      if (posix::TryConsume(events[i])) return kWaitObject0 + i;
+    pollfd fds[kMaxEvents + 1];
+    fds[0] = {t_armed ? t_armed->fd : -1, POLLIN, 0};
+    for (std::uint32_t i = 0; i < count; ++i) fds[i + 1] = {events[i]->fd, POLLIN, 0};
     int wait = -1;
     if (timeout_ms != kInfinite) {
       auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
       if (left <= 0) return kWaitTimeout;
       wait = static_cast<int>(left);
     }
-    int n = poll(fds, 2, wait);
+    int n = poll(fds, count + 1, wait);
     if (n < 0 && errno != EINTR) return SetLastError(kErrorInvalidHandle), kWaitFailed;
-    if (n > 0 && (fds[1].revents & POLLIN) && t_armed) {
+    if (n > 0 && (fds[0].revents & POLLIN) && t_armed) {
       std::uint64_t expirations;
       if (read(t_armed->fd, &expirations, sizeof expirations) == sizeof expirations) {
         std::uint64_t now = SystemTimeAsFileTime();

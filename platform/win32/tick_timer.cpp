@@ -71,8 +71,8 @@ void sys::CloseTickTimer(TickTimerHandle t) {
   if (t) ::CloseHandle(H(t));
 }
 
-std::uint32_t sys::WaitForEventAlertable(EventHandle event, std::uint32_t timeout_ms) {
-  return ::WaitForSingleObjectEx(reinterpret_cast<HANDLE>(event), timeout_ms, TRUE);
+std::uint32_t sys::WaitForEventsAlertable(const EventHandle* events, std::uint32_t count, std::uint32_t timeout_ms) {
+  return ::WaitForMultipleObjectsEx(count, reinterpret_cast<const HANDLE*>(events), FALSE, timeout_ms, TRUE);
 }
 
 }  // namespace platform
