@@ -39,6 +39,13 @@ class FakeClockTest : public ::testing::Test {
     ASSERT_EQ(PreciseClockStart(stop_), 1);
     ASSERT_TRUE(WaitUntil([] { return PreciseClockStateRef().running.load() == 1; }));
   }
+  // Starts the clock and lets a first measurement end, which pauses a coarse clock's tick.
+  void StartPaused() {
+    StartRunning();
+    PreciseClockNeed(1);
+    PreciseClockNeed(0);
+    ASSERT_TRUE(WaitUntil([] { return !platform::fake::TimerArmed(); }));
+  }
   void StopClock() {
     platform::SetEvent(stop_);
     ASSERT_TRUE(WaitUntil([] { return PreciseClockThreadCount() == 0; }));

@@ -399,10 +399,7 @@ TEST_F(PreciseClock, AfterTheFirstMeasurementTheTickPausesAndReadsAreTheSystemTi
 // A measurement arms the tick again and reads only once a tick has re-baselined; nested needs keep
 // it until the last is done.
 TEST_F(PreciseClock, AMeasurementArmsTheTickAgainAndWaitsForATickedBaseline) {
-  StartRunning();
-  PreciseClockNeed(1);
-  PreciseClockNeed(0);
-  ASSERT_TRUE(WaitUntil([] { return !platform::fake::TimerArmed(); }));
+  StartPaused();
   std::thread measurement([] { PreciseClockNeed(1); });
   ASSERT_TRUE(WaitUntil([] { return platform::fake::TimerArmed(); }));
   Tick(kT0 + 1'000, 5'000'000);       // the first callback after arming
@@ -422,10 +419,7 @@ TEST_F(PreciseClock, AMeasurementArmsTheTickAgainAndWaitsForATickedBaseline) {
 // With no tick to wait for, a measurement never waits: a paused clock whose tick never comes
 // gives up after the settling time and reads the system time.
 TEST_F(PreciseClock, AMeasurementThatGetsNoTickStillGoesOn) {
-  StartRunning();
-  PreciseClockNeed(1);
-  PreciseClockNeed(0);
-  ASSERT_TRUE(WaitUntil([] { return !platform::fake::TimerArmed(); }));
+  StartPaused();
   PreciseClockNeed(1);   // the fake's sleeps pass at once; no tick is fired
   platform::fake::AdvanceCounter(777);
   EXPECT_EQ(PreciseClockNow(), kT0);
