@@ -167,3 +167,15 @@ bool Kr2Sweep(std::vector<Kr2SweepEntry>& machines, std::uint32_t timeout_ms) {
   platform::CloseSocket(s);
   return true;
 }
+
+std::span<const Kr2ProductName> Kr2InstalledProductNames() {
+  static constexpr Kr2ProductName kNames[] = {
+      {kKr2InstalledServer, "Kairon Server"},          {kKr2InstalledClient, "Kairon Client"},
+      {kKr2InstalledThinClient, "Kairon Thin Client"}, {kKr2InstalledSet, "Kairon Set"},
+      {kKr2InstalledManager, "Kairon II Manager"},     {kKr2InstalledMonitor, "Kairon II Monitor"},
+      {kKr2InstalledUpdateServer, "Kairon II Update Server"},
+      {kKr2InstalledAuditServer, "Kairon II Audit Server"},
+      {kKr2InstalledUltraThinClient, "Kairon Ultra Thin Client"},
+      {kKr2InstalledChronwarden, "Chronwarden"}};
+  return kNames;
+}

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "platform/net.h"
@@ -47,3 +48,10 @@ struct Kr2SweepEntry {
 // together; machines still silent at half the time-out are asked once more. Returns after every
 // machine answered both or timeout_ms elapsed. False when no socket could be opened.
 bool Kr2Sweep(std::vector<Kr2SweepEntry>& machines, std::uint32_t timeout_ms);
+
+// The family's products by their bit in the installed-products word of command 200.
+struct Kr2ProductName {
+  std::uint16_t bit;
+  const char* name;
+};
+std::span<const Kr2ProductName> Kr2InstalledProductNames();

@@ -2,6 +2,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -12,6 +14,7 @@
 #include "config/defaults.h"
 #include "platform/error.h"
 #include "applet/kr2_client.h"
+#include "exporter/exporter.h"
 #include "timing/error_text.h"
 #include "timing/format.h"
 #include "timing/ntp_client.h"
@@ -42,7 +45,8 @@ constexpr const char* kHelp =
     "that is down, it ends with 'no reply' and exit code 1.\n";
 
 constexpr const char* kMonitorHelp =
-    "Usage: chronwarden monitor HOST... [--interval S] [--count N] [--port N] [--timeout MS] [--json]\n\n"
+    "Usage: chronwarden monitor HOST... [--interval S] [--count N] [--port N] [--timeout MS]\n"
+    "                           [--json | --openmetrics [-o FILE]]\n\n"
     "Polls the KR2 status and identity of many machines at once (one socket, every request in flight\n"
     "together) and prints one line per machine: its time partner, last measured offset, last check\n"
     "and how long its agent has been running. HOST may be HOST:PORT.\n\n"
@@ -51,7 +55,12 @@ constexpr const char* kMonitorHelp =
     "  --count N     with --interval, stop after N sweeps\n"
     "  --port N      UDP port (default: the \"kaironsync\" service, else 9909)\n"
     "  --timeout MS  how long a sweep waits for replies (default 1000)\n"
-    "  --json        one JSON object per sweep: {\"machines\": [...], \"answered\", \"sweep_ms\"}\n\n"
+    "  --json        one JSON object per sweep: {\"machines\": [...], \"answered\", \"sweep_ms\"}\n"
+    "  --openmetrics the sweep as metrics, each machine's labelled target=\"HOST\": the metrics of\n"
+    "                'chronwarden exporter' in Prometheus' text format, as node_exporter's textfile\n"
+    "                collector reads them\n"
+    "  -o FILE       with --openmetrics: replace FILE (e.g. .../textfile/chronwarden.prom) after\n"
+    "                each sweep, whole (written aside, then renamed), instead of printing\n\n"
     "Exit code 1 when a machine did not answer in the last sweep.\n";
 
 // Splits "HOST:PORT"; the port stays 0 without a numeric suffix.
@@ -163,16 +172,8 @@ void PrintStatus(Fields& f, const LocalStatusRecord& s) {
 }
 
 std::string InstalledText(std::uint16_t bits) {
-  constexpr std::pair<std::uint16_t, const char*> kNames[] = {
-      {kKr2InstalledServer, "Kairon Server"},          {kKr2InstalledClient, "Kairon Client"},
-      {kKr2InstalledThinClient, "Kairon Thin Client"}, {kKr2InstalledSet, "Kairon Set"},
-      {kKr2InstalledManager, "Kairon II Manager"},     {kKr2InstalledMonitor, "Kairon II Monitor"},
-      {kKr2InstalledUpdateServer, "Kairon II Update Server"},
-      {kKr2InstalledAuditServer, "Kairon II Audit Server"},
-      {kKr2InstalledUltraThinClient, "Kairon Ultra Thin Client"},
-      {kKr2InstalledChronwarden, "Chronwarden"}};
   std::string out;
-  for (const auto& [bit, name] : kNames)
+  for (const auto& [bit, name] : Kr2InstalledProductNames())
     if (bits & bit) out += (out.empty() ? "" : ", ") + std::string(name);
   return out.empty() ? "none" : out;
 }
@@ -260,6 +261,36 @@ int History(Kr2Peer& peer, const std::string& host, std::uint32_t after, DriftLi
   }
   PrintDriftRecords(records.data(), static_cast<std::uint32_t>(records.size()), format, "host", host);
   return kExitOk;
+}
+
+// One sweep as metrics (the exporter's, each machine labelled target="HOST"), printed or written
+// whole over output: aside first, then renamed, so that a reader never sees half a file.
+bool WriteSweepMetrics(const std::vector<std::string>& hosts, const std::vector<Kr2SweepEntry>& machines,
+                       double sweep_ms, const std::string& output) {
+  Exposition out;
+  for (std::size_t i = 0; i < machines.size(); ++i) {
+    ProbeResult probe;
+    probe.resolved = true;
+    probe.machine = machines[i];
+    probe.duration_s = (machines[i].have_status ? machines[i].reply_ms : sweep_ms) / 1000.0;
+    AddProbeMetrics(out, probe, Label("target", hosts[i]));
+  }
+  const std::string text = Render(out, ExpositionFormat::Text);
+  if (output.empty()) return std::fputs(text.c_str(), stdout), true;
+  const std::string aside = output + ".tmp";
+  std::error_code ec;
+  {
+    std::ofstream f(aside, std::ios::binary | std::ios::trunc);
+    f << text;
+    if (!f.flush()) ec = std::make_error_code(std::errc::io_error);
+  }
+  if (!ec) std::filesystem::rename(aside, output, ec);
+  if (ec) {
+    std::filesystem::remove(aside);
+    std::fprintf(stderr, "chronwarden monitor: cannot write %s: %s\n", output.c_str(), ec.message().c_str());
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -354,12 +385,19 @@ int CmdMonitor(CommandArgs args) {
   Kr2Options o;
   std::uint32_t interval = 0, count = 0;
   std::vector<std::string> hosts;
+  bool openmetrics = false;
+  std::string output;
   for (std::size_t i = 0; i < args.size(); ++i) {
     const auto a = args[i];
     if (IsHelp(a)) return std::fputs(kMonitorHelp, stdout), kExitOk;
     int error = 0;
     if (SharedOption("monitor", args, i, o, error)) {
       if (error) return error;
+    } else if (a == "--openmetrics") {
+      openmetrics = true;
+    } else if (a == "-o" || a == "--output") {
+      if (i + 1 == args.size() || args[i + 1].empty()) return UsageError("monitor", "-o needs a file name");
+      output = std::string(args[++i]);
     } else if (a == "--interval") {
       if (i + 1 == args.size() || !ParseNumber(args[++i], interval, 1u, 86'400u))
         return UsageError("monitor", "--interval takes 1..86400 seconds");
@@ -372,6 +410,8 @@ int CmdMonitor(CommandArgs args) {
     }
   }
   if (hosts.empty()) return UsageError("monitor", "HOST is missing");
+  if (openmetrics && o.json) return UsageError("monitor", "--json and --openmetrics exclude each other");
+  if (!output.empty() && !openmetrics) return UsageError("monitor", "-o belongs to --openmetrics");
   std::vector<Kr2SweepEntry> machines(hosts.size());
   for (std::size_t i = 0; i < hosts.size(); ++i) {
     const auto [name, port] = SplitHostPort(hosts[i]);
@@ -392,39 +432,44 @@ int CmdMonitor(CommandArgs args) {
     const double sweep_ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
     const std::uint32_t now = PreciseClockUnixSeconds();
     std::size_t answered = 0;
-    if (o.json) std::printf("{\"machines\": [");
-    else std::printf("%-21s %-30s %12s  %-28s  %s\n", "Host", "Partner", "Offset ms", "Last check", "Agent running");
-    for (std::size_t i = 0; i < machines.size(); ++i) {
-      const auto& m = machines[i];
-      const bool up = m.have_status;
-      answered += up;
-      const std::string partner = up ? FieldText(m.status.partner_name) : "";
-      const std::uint32_t start_s = up ? m.status.agent_start : 0;
-      const std::string age = !up ? "no reply" : start_s == 0 ? "stopped"
-                                  : FormatDurationSeconds(now > start_s ? now - start_s : 0);
-      if (o.json) {
-        std::printf("%s\n  {\"host\": %s, \"address\": \"%s\", \"answered\": %s", i ? "," : "", JsonString(hosts[i]).c_str(),
-                    Dotted(m.address.address).c_str(), up ? "true" : "false");
-        if (up)
-          std::printf(", \"partner\": %s, \"last_offset_ms\": %lld, \"last_check\": %u, \"agent_start\": %u, "
-                      "\"agent_seconds\": %u, \"checking_sources\": %s, \"reply_ms\": %.3f",
-                      JsonString(partner).c_str(), static_cast<long long>(m.status.last_offset_ms), m.status.last_check,
-                      start_s, start_s && now > start_s ? now - start_s : 0,
-                      (m.status.status_flags & kKr2StatusChecking) ? "true" : "false", m.reply_ms);
-        if (m.have_identity)
-          std::printf(", \"computer_name\": %s, \"version\": %s", JsonString(FieldText(m.identity.computer_name)).c_str(),
-                      JsonString(FieldText(m.identity.version)).c_str());
-        std::printf("}");
-      } else {
-        std::string shown = hosts[i];
-        if (m.have_identity) shown = FieldText(m.identity.computer_name) + " (" + hosts[i] + ")";
-        std::printf("%-21s %-30s %12s  %-28s  %s\n", shown.c_str(), up ? partner.c_str() : "-",
-                    up ? std::to_string(m.status.last_offset_ms).c_str() : "-",
-                    up ? DateText(m.status.last_check).c_str() : "-", age.c_str());
+    if (openmetrics) {
+      for (const auto& m : machines) answered += m.have_status;
+      if (!WriteSweepMetrics(hosts, machines, sweep_ms, output)) return kExitFailed;
+    } else {
+      if (o.json) std::printf("{\"machines\": [");
+      else std::printf("%-21s %-30s %12s  %-28s  %s\n", "Host", "Partner", "Offset ms", "Last check", "Agent running");
+      for (std::size_t i = 0; i < machines.size(); ++i) {
+        const auto& m = machines[i];
+        const bool up = m.have_status;
+        answered += up;
+        const std::string partner = up ? FieldText(m.status.partner_name) : "";
+        const std::uint32_t start_s = up ? m.status.agent_start : 0;
+        const std::string age = !up ? "no reply" : start_s == 0 ? "stopped"
+                                    : FormatDurationSeconds(now > start_s ? now - start_s : 0);
+        if (o.json) {
+          std::printf("%s\n  {\"host\": %s, \"address\": \"%s\", \"answered\": %s", i ? "," : "", JsonString(hosts[i]).c_str(),
+                      Dotted(m.address.address).c_str(), up ? "true" : "false");
+          if (up)
+            std::printf(", \"partner\": %s, \"last_offset_ms\": %lld, \"last_check\": %u, \"agent_start\": %u, "
+                        "\"agent_seconds\": %u, \"checking_sources\": %s, \"reply_ms\": %.3f",
+                        JsonString(partner).c_str(), static_cast<long long>(m.status.last_offset_ms), m.status.last_check,
+                        start_s, start_s && now > start_s ? now - start_s : 0,
+                        (m.status.status_flags & kKr2StatusChecking) ? "true" : "false", m.reply_ms);
+          if (m.have_identity)
+            std::printf(", \"computer_name\": %s, \"version\": %s", JsonString(FieldText(m.identity.computer_name)).c_str(),
+                        JsonString(FieldText(m.identity.version)).c_str());
+          std::printf("}");
+        } else {
+          std::string shown = hosts[i];
+          if (m.have_identity) shown = FieldText(m.identity.computer_name) + " (" + hosts[i] + ")";
+          std::printf("%-21s %-30s %12s  %-28s  %s\n", shown.c_str(), up ? partner.c_str() : "-",
+                      up ? std::to_string(m.status.last_offset_ms).c_str() : "-",
+                      up ? DateText(m.status.last_check).c_str() : "-", age.c_str());
+        }
       }
+      if (o.json) std::printf("\n], \"answered\": %zu, \"sweep_ms\": %.3f}\n", answered, sweep_ms);
+      else std::printf("%zu of %zu machines answered in %.1f ms\n", answered, machines.size(), sweep_ms);
     }
-    if (o.json) std::printf("\n], \"answered\": %zu, \"sweep_ms\": %.3f}\n", answered, sweep_ms);
-    else std::printf("%zu of %zu machines answered in %.1f ms\n", answered, machines.size(), sweep_ms);
     std::fflush(stdout);
     result = answered == machines.size() ? kExitOk : kExitFailed;
     if (!interval || (count && sweep >= count)) break;

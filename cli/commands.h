@@ -35,6 +35,7 @@ int CmdRemove(CommandArgs args);
 int CmdGraph(CommandArgs args);
 int CmdKr2(CommandArgs args);
 int CmdMonitor(CommandArgs args);
+int CmdExporter(CommandArgs args);
 int CmdAgent(CommandArgs args);
 int CmdStatus(CommandArgs args);
 int CmdServer(CommandArgs args);

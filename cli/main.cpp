@@ -22,6 +22,7 @@ constexpr Command kCommands[] = {
     {"graph", "draw the drift graph of a drift history file as PNG or SVG", CmdGraph},
     {"kr2", "ask a machine's KR2 responder: identity, status, time, zone, products, history", CmdKr2},
     {"monitor", "poll the KR2 status of many machines at once, one line per machine", CmdMonitor},
+    {"exporter", "serve machines' KR2 status to Prometheus over HTTP (/probe, /metrics)", CmdExporter},
     {"agent", "show or set the agent's options, list or clear its source history", CmdAgent},
     {"status", "is the clock synchronized? each NTP server's stratum and variance, the verdict", CmdStatus},
     {"server", "test the machine's NTP server: is the time it serves right?", CmdServer},

@@ -51,6 +51,12 @@ inline constexpr const char* kLastUsedTimeSourceValue = "Last Used Time Source";
 inline constexpr const char* kPartnerValue = "Current Inbound Time Partner";
 // KR2 client (chronwarden kr2 / monitor).
 inline constexpr std::uint32_t kKr2TimeoutMs = 1000;       // reply wait of one request (ms)
+// The Prometheus exporter (chronwarden exporter). TCP 9909: the number of the KR2 UDP port it
+// probes (Prometheus' allocated exporter range 9100-9999 is full), so one firewall rule names both.
+inline constexpr std::uint16_t kExporterPort = 9909;
+inline constexpr std::uint32_t kExporterTimeoutMs = 1000;   // the longest KR2 wait of one probe (ms)
+inline constexpr std::uint32_t kExporterMaxProbes = 1000;   // probes in flight at once; more get 503
+inline constexpr std::uint32_t kExporterScrapeMarginMs = 500;   // left of Prometheus' scrape time-out
 
 }  // namespace defaults
 

@@ -1,0 +1,167 @@
+// The HTTP server over libmicrohttpd: one internal thread polls the listening socket and every
+// connection with epoll; a request whose reply comes later is suspended (it costs neither a thread
+// nor a poll slot) and resumed by its reply callback.
+#include "platform/http.h"
+
+#include <arpa/inet.h>
+#include <microhttpd.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <memory>
+#include <mutex>
+
+#include "platform/error.h"
+
+namespace platform {
+
+struct HttpServer {
+  MHD_Daemon* daemon = nullptr;
+  HttpHandler handler;
+  std::uint32_t max_connections = 0;
+};
+
+namespace {
+
+// One request between its arrival and its reply. The reply may come before the handler returns
+// (it is then queued at once) or later from another thread (the connection is suspended until it
+// comes). The lock orders the suspension before the resumption.
+struct Pending {
+  std::mutex lock;
+  MHD_Connection* connection = nullptr;
+  bool started = false;
+  bool done = false;
+  bool suspended = false;
+  HttpResponse response;
+};
+using PendingRef = std::shared_ptr<Pending>;
+
+MHD_Result Collect(void* cls, MHD_ValueKind kind, const char* key, const char* value) {
+  auto* pairs = static_cast<HttpPairs*>(cls);
+  std::string name = key ? key : "";
+  if (kind == MHD_HEADER_KIND)
+    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
+  pairs->emplace_back(std::move(name), value ? value : "");
+  return MHD_YES;
+}
+
+MHD_Result Queue(MHD_Connection* connection, const HttpResponse& r) {
+  MHD_Response* response =
+      MHD_create_response_from_buffer(r.body.size(), const_cast<char*>(r.body.data()), MHD_RESPMEM_MUST_COPY);
+  if (!response) return MHD_NO;
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, r.content_type.c_str());
+  for (const auto& [name, value] : r.headers) MHD_add_response_header(response, name.c_str(), value.c_str());
+  const MHD_Result result = MHD_queue_response(connection, static_cast<unsigned>(r.status), response);
+  MHD_destroy_response(response);
+  return result;
+}
+
+MHD_Result Access(void* cls, MHD_Connection* connection, const char* url, const char* method, const char*,
+                  const char*, size_t* upload_size, void** con_cls) {
+  auto* server = static_cast<HttpServer*>(cls);
+  if (!*con_cls) {   // the headers have arrived
+    auto* ref = new PendingRef(std::make_shared<Pending>());
+    (*ref)->connection = connection;
+    *con_cls = ref;
+    return MHD_YES;
+  }
+  if (*upload_size) {   // no endpoint takes a body: drop it
+    *upload_size = 0;
+    return MHD_YES;
+  }
+  PendingRef pending = *static_cast<PendingRef*>(*con_cls);
+  std::unique_lock<std::mutex> hold(pending->lock);
+  if (!pending->started) {
+    pending->started = true;
+    HttpRequest request;
+    request.method = method ? method : "";
+    request.path = url ? url : "";
+    MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, Collect, &request.query);
+    MHD_get_connection_values(connection, MHD_HEADER_KIND, Collect, &request.headers);
+    hold.unlock();
+    HttpRespond respond = [pending](HttpResponse response) {
+      bool resume = false;
+      {
+        std::lock_guard<std::mutex> g(pending->lock);
+        pending->response = std::move(response);
+        pending->done = true;
+        resume = pending->suspended;
+      }
+      if (resume) MHD_resume_connection(pending->connection);
+    };
+    try {
+      server->handler(request, respond);
+    } catch (const std::exception& e) {
+      respond(HttpResponse{500, "text/plain; charset=utf-8", std::string("internal error: ") + e.what() + "\n", {}});
+    }
+    hold.lock();
+  }
+  if (pending->done) return Queue(connection, pending->response);
+  pending->suspended = true;
+  MHD_suspend_connection(connection);
+  return MHD_YES;
+}
+
+void Completed(void*, MHD_Connection*, void** con_cls, MHD_RequestTerminationCode) {
+  delete static_cast<PendingRef*>(*con_cls);
+  *con_cls = nullptr;
+}
+
+// The open-file limit raised to its hard limit; returns the soft limit now in force.
+rlim_t RaiseOpenFileLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 1024;
+  if (limit.rlim_cur < limit.rlim_max) {
+    rlimit raised = limit;
+    raised.rlim_cur = limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
+  }
+  return limit.rlim_cur;
+}
+
+}  // namespace
+
+HttpServer* HttpStart(const HttpServerOptions& options, HttpHandler handler) {
+  auto server = std::make_unique<HttpServer>();
+  server->handler = std::move(handler);
+  const rlim_t files = RaiseOpenFileLimit();
+  constexpr rlim_t kSpareFiles = 64;   // the process's own files, sockets and pipes
+  server->max_connections = static_cast<std::uint32_t>(
+      std::min<rlim_t>(options.max_connections, files > 2 * kSpareFiles ? files - kSpareFiles : kSpareFiles));
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_port = htons(options.port);
+  local.sin_addr.s_addr = options.address;
+  constexpr unsigned kBacklog = 4096;
+  constexpr size_t kConnectionMemory = 16 * 1024;   // a request line and headers; no endpoint takes a body
+  server->daemon = MHD_start_daemon(
+      MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, options.port, nullptr, nullptr,
+      Access, server.get(), MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&local), MHD_OPTION_CONNECTION_LIMIT,
+      static_cast<unsigned>(server->max_connections), MHD_OPTION_CONNECTION_TIMEOUT,
+      static_cast<unsigned>(options.idle_timeout_s), MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory,
+      MHD_OPTION_LISTEN_BACKLOG_SIZE, kBacklog, MHD_OPTION_NOTIFY_COMPLETED, Completed, nullptr, MHD_OPTION_END);
+  if (!server->daemon) {
+    // The library does not say why; a taken port is by far the most common reason.
+    SetLastSocketError(errno == EADDRINUSE || errno == 0 ? kWsaEaddrinuse : kWsaEinval);
+    return nullptr;
+  }
+  return server.release();
+}
+
+std::uint16_t HttpBoundPort(const HttpServer* server) {
+  const MHD_DaemonInfo* info = MHD_get_daemon_info(server->daemon, MHD_DAEMON_INFO_BIND_PORT);
+  return info ? info->port : 0;
+}
+
+std::uint32_t HttpMaxConnections(const HttpServer* server) { return server->max_connections; }
+
+void HttpStop(HttpServer* server) {
+  if (!server) return;
+  MHD_stop_daemon(server->daemon);
+  delete server;
+}
+
+}  // namespace platform
