@@ -10,7 +10,11 @@ std::string Number(double v) {
   if (std::isnan(v)) return "NaN";
   if (std::isinf(v)) return v > 0 ? "+Inf" : "-Inf";
   char buf[32];
-  const auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
+  // Whole values (counters, timestamps) as integers, never in exponent form.
+  constexpr double kExactIntegers = 9007199254740992.0;   // 2^53
+  const bool whole = v == std::trunc(v) && std::fabs(v) < kExactIntegers;
+  const auto [end, ec] = whole ? std::to_chars(buf, buf + sizeof buf, static_cast<long long>(v))
+                               : std::to_chars(buf, buf + sizeof buf, v);
   return ec == std::errc{} ? std::string(buf, end) : "NaN";
 }
 
