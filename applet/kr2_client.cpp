@@ -98,6 +98,10 @@ void Kr2Close(Kr2Peer& peer) {
 bool Kr2Sweep(std::vector<Kr2SweepEntry>& machines, std::uint32_t timeout_ms) {
   const platform::SocketHandle s = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
   if (s == platform::kInvalidSocket) return false;
+  // Room for the replies of a large fleet that come while requests are still going out (two
+  // replies of up to 1 KiB each a machine); a smaller buffer only means more of them are retried.
+  constexpr std::size_t kMaxBuffer = 32u << 20;
+  platform::SetReceiveBufferSize(s, static_cast<std::uint32_t>(std::min(machines.size() * 2048 + 65536, kMaxBuffer)));
   std::unordered_map<std::uint64_t, std::size_t> index;
   for (std::size_t i = 0; i < machines.size(); ++i) index.emplace(AddressKey(machines[i].address), i);
   std::uint32_t tag = static_cast<std::uint32_t>(Clock::now().time_since_epoch().count());

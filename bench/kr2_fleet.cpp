@@ -11,6 +11,7 @@
 //
 // --list writes one line per machine, "ADDRESS:PORT COMPUTER_NAME OFFSET_MS", before "ready" is
 // printed. Run it in a network namespace of its own (unshare -n) unless the port is free.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -143,8 +144,9 @@ int main(int argc, char** argv) {
   Build(f);
   const platform::SocketHandle s = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
   const platform::SocketAddressV4 any{platform::kFamilyInet, platform::HostToNet16(f.o.port), 0};
+  // A sweep of the whole fleet arrives at once: room for all of it (about 1 KiB a request).
   if (s == platform::kInvalidSocket || !platform::EnableDestinationAddress(s) || !platform::BindV4(s, any) ||
-      !platform::SetReceiveTimeout(s, 200)) {
+      !platform::SetReceiveTimeout(s, 200) || !platform::SetReceiveBufferSize(s, std::max(f.o.count, 256u) * 4096u)) {
     std::fprintf(stderr, "kr2_fleet: cannot serve UDP port %u: socket error %d\n", f.o.port, platform::LastSocketError());
     return 1;
   }

@@ -61,6 +61,8 @@ SocketHandle CreateSocketV4(int type, int protocol);
 bool SetReceiveTimeout(SocketHandle s, std::uint32_t timeout_ms);   // SO_RCVTIMEO, ms (0: wait for ever)
 bool SetNoDelay(SocketHandle s, bool on);                           // TCP_NODELAY (fails on datagram sockets)
 bool SetReuseAddress(SocketHandle s, bool on);                      // SO_REUSEADDR
+// SO_RCVBUF of bytes (Linux: past the system's cap, net.core.rmem_max, where the caller may).
+bool SetReceiveBufferSize(SocketHandle s, std::uint32_t bytes);
 bool BindV4(SocketHandle s, const SocketAddressV4& local);          // bind
 bool SocketName(SocketHandle s, SocketAddressV4& local);            // getsockname: the bound address and port
 // sendto: bytes sent, or -1 on failure.

@@ -219,6 +219,13 @@ int ReceiveNow(SocketHandle s, void* buf, std::size_t size) {
   return static_cast<int>(n);
 }
 
+bool SetReceiveBufferSize(SocketHandle s, std::uint32_t bytes) {
+  const int size = static_cast<int>(std::min<std::uint32_t>(bytes, 0x7FFFFFFF / 2));
+  if (setsockopt(Fd(s), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) == 0) return true;
+  if (setsockopt(Fd(s), SOL_SOCKET, SO_RCVBUF, &size, sizeof size) == 0) return true;
+  return Fail(errno, IsDatagram(Fd(s))), false;
+}
+
 bool SocketName(SocketHandle s, SocketAddressV4& local) {
   sockaddr_in sin{};
   socklen_t len = sizeof sin;

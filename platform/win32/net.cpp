@@ -74,6 +74,11 @@ bool SetReuseAddress(SocketHandle s, bool on) {
   return ::setsockopt(S(s), SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&v), sizeof v) == 0;
 }
 
+bool SetReceiveBufferSize(SocketHandle s, std::uint32_t bytes) {
+  const int size = static_cast<int>(bytes > 0x7FFFFFFF ? 0x7FFFFFFF : bytes);
+  return ::setsockopt(S(s), SOL_SOCKET, SO_RCVBUF, reinterpret_cast<const char*>(&size), sizeof size) == 0;
+}
+
 bool BindV4(SocketHandle s, const SocketAddressV4& local) {
   const sockaddr_in sin = ToNative(local);
   return ::bind(S(s), reinterpret_cast<const sockaddr*>(&sin), sizeof sin) == 0;
