@@ -188,7 +188,7 @@ std::intptr_t AgentPage::notify(platform::Dialog& d, int code) {
       return 0;
     }
     case platform::kPsnApply:
-      return applet_apply(d);
+      return applet_apply_notification(d);
     default:
       return 0;
   }
@@ -274,6 +274,7 @@ void AgentPage::ClearHistory(platform::Dialog& d) {
                      kClearHistoryQuestion) != platform::kIdYes)
     return;
   agent_clear_history(g_applet.target);
+  cache_.fill(0);   // names that arrive later list from the cleared value, not the old one
   d.ClearItems(IDC_HISTORY);
   UpdateControls(d);
 }

@@ -242,6 +242,11 @@ std::intptr_t applet_apply(platform::Dialog& page) {
   return result;
 }
 
+std::intptr_t applet_apply_notification(platform::Dialog& page) {
+  applet_apply(page);
+  return 0;
+}
+
 namespace {
 
 // Runs the sheet of a launch: status worker, settings, silent upgrade, pages.

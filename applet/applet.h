@@ -80,8 +80,13 @@ int applet_is_admin();
 // Proves that the registry of machine (empty: this one) may be written under key (empty: the
 // default); returns 1, or 0 with the text of what failed in message (at least 512 bytes).
 int applet_access_test(platform::Dialog* owner, const char* machine, const char* key, char* message);
-// The shared apply step of every page's PSN_APPLY (page: the page's window).
+// The shared apply step (page: the page's window): saves the settings, tells the time service and
+// triggers a resync; returns the trigger's result (Sync Now reports it).
 std::intptr_t applet_apply(platform::Dialog& page);
+// Every page's PSN_APPLY: the shared apply step, answered PSNRET_NOERROR (0) once the settings are
+// saved, whatever the resync gave: a failed resync was already told and must not keep the sheet
+// open (a sheet reads 1 or 2 as "invalid").
+std::intptr_t applet_apply_notification(platform::Dialog& page);
 // The launch: mode is kCplDblClk, kCplSheet, kCplInstall or kCplRemove. Returns 1 or 0 (the code in
 // the last-error value).
 std::intptr_t applet_launch(void* window, std::uint32_t mode);

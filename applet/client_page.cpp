@@ -251,7 +251,7 @@ std::intptr_t ClientPage::notify(platform::Dialog& d, int code) {
       Read(d);
       break;
     case platform::kPsnApply:
-      return applet_apply(d);
+      return applet_apply_notification(d);
   }
   return 0;
 }

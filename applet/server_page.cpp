@@ -181,7 +181,7 @@ std::intptr_t ServerPage::notify(platform::Dialog& d, int code) {
       Read(d);
       return 0;
     case platform::kPsnApply:
-      return applet_apply(d);
+      return applet_apply_notification(d);
     default:
       return 0;
   }

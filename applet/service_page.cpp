@@ -204,7 +204,7 @@ std::intptr_t ServicePage::notify(platform::Dialog& d, int code) {
       }
       return 0;
     case platform::kPsnApply:
-      return applet_apply(d);
+      return applet_apply_notification(d);
     default:
       return 0;
   }

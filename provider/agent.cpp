@@ -129,6 +129,7 @@ void CheckAfterPartner(AgentCycle& cycle) {
 }
 
 void StatusNotified() {
+  if (!g_provider.status_block) return;   // no block: the pulses are not the provider's business
   const bool elsewhere = g_provider.status_block && g_provider.status_block->owner_active != 0;
   if (elsewhere && g_provider.responder_active) {
     BindListenSocket(false);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "applet/os_identify.h"
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "drift/drift_file.h"
@@ -95,6 +96,11 @@ bool ProviderStartup() {
   char text[kErrorTextSize];
   w32t_secure_keys();                                   // 1
   w32t_environment_init();                              // 2
+  // The responder answers for this system: its OS level and family (the installed-product
+  // record's bits, the time-zone value's name, resync refused on Windows 2000).
+  g_kr2.os_level = g_w32t_env.level;
+  g_kr2.nt_family = g_os.version.platform_id == 2;
+  g_kr2.win9x_family = g_os.version.platform_id == 1;
   w32t_load(p.settings);                                // 3
   reg_set_string(kProviderKey, "Current Version", defaults::kProductVersion);   // 4
   reg_set_bool(kProviderKey, "Service Running", 0);
@@ -150,18 +156,20 @@ bool ProviderStartup() {
 void ProviderShutdown() {
   ProviderGlobals& p = g_provider;
   if (p.shutdown_event) {                               // 1
+    // One 30 s wait in all for the agent and the precise clock's thread, which both end on the
+    // shutdown event (real time, also under the fake clock): shut-down never takes longer.
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::milliseconds(kAgentStopWaitMs);
     platform::SetEvent(p.shutdown_event);
     if (p.agent_thread) {
       platform::WaitForThread(p.agent_thread, kAgentStopWaitMs);
       platform::CloseThread(p.agent_thread);
       p.agent_thread = nullptr;
     }
-    // The precise clock's thread waits on this event too: it goes before the event does (real
-    // time, also under the fake clock).
-    const auto give_up = std::chrono::steady_clock::now() + std::chrono::milliseconds(kAgentStopWaitMs);
     while (PreciseClockThreadCount() != 0 && std::chrono::steady_clock::now() < give_up)
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    CloseHandleOf(p.shutdown_event);
+    // A clock thread still waiting keeps the event: closed under it, the wait would read freed memory.
+    if (PreciseClockThreadCount() == 0) CloseHandleOf(p.shutdown_event);
+    else p.shutdown_event = nullptr;
   }
   if (p.status_notify_private) CloseHandleOf(p.status_notify_event);   // 2
   p.status_notify_event = nullptr;

@@ -435,6 +435,34 @@ TEST_F(AgentNtpTest, AnotherOwnerOfTheStatusBlockTakesTheResponderAway) {
   g_provider.status_block = nullptr;
 }
 
+// Without a status block the provider ignores notify pulses: the owner's pulse never makes it take
+// the KR2 port.
+TEST_F(AgentNtpTest, ANotifyPulseWithoutAStatusBlockOpensNoSocket) {
+  FakeNtpServer reference(kReference);
+  g_provider.status_block = nullptr;
+  g_provider.responder_active = false;
+  AgentStart(cycle_);
+  AgentWake(cycle_, platform::kWaitObject0 + 4);
+  EXPECT_FALSE(g_provider.responder_active);
+  EXPECT_EQ(g_listen_socket, platform::kInvalidSocket);
+}
+
+// The owner leaving: its pulse gives the port back to the provider, whose responder listens again.
+TEST_F(AgentNtpTest, TheOwnerLeavingGivesTheResponderBack) {
+  FakeNtpServer reference(kReference);
+  SyncStatusBlock block{32, 1, 5, 4, 2, 2008, 1210, 1};
+  g_provider.status_block = &block;
+  g_provider.responder_active = false;
+  AgentStart(cycle_);
+  block.owner_active = 0;
+  AgentWake(cycle_, platform::kWaitObject0 + 4);
+  EXPECT_TRUE(g_provider.responder_active);
+  EXPECT_NE(g_listen_socket, platform::kInvalidSocket);
+  CloseListenSocket();
+  g_provider.responder_active = false;
+  g_provider.status_block = nullptr;
+}
+
 // The provider's five events for a test that runs the agent thread; gone again with the test.
 struct AgentEvents {
   platform::UniqueEvent events[5];

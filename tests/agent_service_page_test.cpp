@@ -86,6 +86,18 @@ TEST_F(AgentPageTest, IntervalOf1799SecondsShowsAs29MinutesAndTyping30Stores1800
   EXPECT_FALSE(sheet_->page_changed[IDD_AGENT]);
 }
 
+// A resync that fails after the settings were saved does not keep the sheet open: the first OK
+// closes it.
+TEST_F(AgentPageTest, AFailedResyncOnOkStillClosesTheSheet) {
+  RecordedServices::resync_result = 1;
+  Open({IDD_AGENT});
+  Agent().Type(IDC_INTERVAL, "45");
+  ASSERT_TRUE(sheet_->Apply(true));
+  EXPECT_TRUE(sheet_->HasEnded());
+  EXPECT_EQ(reg_get_dword(kProviderKey, "SpecialPollInterval", 0), 2700u);
+  EXPECT_EQ(RecordedServices::calls.back(), "resync  0 1");
+}
+
 TEST_F(AgentPageTest, ControlsShowTheSettingsAndLeavingReadsThemBack) {
   W32tSettings& s = g_applet.settings;
   s.provider_enabled = 1;
@@ -199,6 +211,25 @@ TEST_F(AgentPageTest, NewestEntryAtIndex63IsTheFirstLineAndNamesComeFromTheWorke
   g_applet.settings.dns_lookups_enabled = 0;
   Open({IDD_AGENT});
   EXPECT_EQ(Lines()[0], Line(a, 1'700'000'200, ""));
+}
+
+// Names that arrive after Clear History do not bring the cleared entries back: the list stays empty
+// and the button greyed.
+TEST_F(AgentPageTest, NamesArrivingAfterAClearLeaveTheListEmpty) {
+  const std::uint32_t a = Address(192, 0, 2, 10);
+  WriteHistory({{63, a, 1'700'000'200}});
+  fake::SetHostAddress("late.example", a);
+  g_applet.settings.dns_lookups_enabled = 1;
+  Open({IDD_AGENT});
+  ASSERT_EQ(Lines().size(), 1u);
+  memory_ui::AnswerNext(kIdYes);
+  ASSERT_TRUE(Agent().Click(IDC_CLEAR_HISTORY));
+  Logic().WaitForLookups();
+  Agent().DeliverPosted();   // the late names
+  EXPECT_EQ(Agent().ItemCount(IDC_HISTORY), 0);
+  EXPECT_FALSE(Agent().Enabled(IDC_CLEAR_HISTORY));
+  EXPECT_TRUE(Agent().FireTimer(1));   // the refresh finds the value as cleared
+  EXPECT_EQ(Agent().ItemCount(IDC_HISTORY), 0);
 }
 
 TEST_F(AgentPageTest, TheTimerRefreshesTheListOnlyWhenTheValueChanged) {

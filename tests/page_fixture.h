@@ -22,6 +22,7 @@
 struct RecordedServices {
   static inline std::vector<std::string> calls;
   static inline bool running = true;
+  static inline std::uint32_t resync_result = 0;   // what the resync trigger returns
   static int control(platform::Dialog*, const char* machine, std::uint32_t code, std::uint32_t show) {
     calls.push_back("control " + std::string(machine ? machine : "") + " " + std::to_string(code) + " " +
                     std::to_string(show));
@@ -36,7 +37,7 @@ struct RecordedServices {
   }
   static std::uint32_t resync(platform::Dialog*, const char* machine, std::uint32_t wait, std::uint32_t flags) {
     calls.push_back("resync " + std::string(machine) + " " + std::to_string(wait) + " " + std::to_string(flags));
-    return 0;
+    return resync_result;
   }
 };
 
@@ -58,6 +59,7 @@ class PageTest : public RegistryTest {
     saved_services_ = g_applet_services;
     g_applet_services = {RecordedServices::control, RecordedServices::restart, RecordedServices::resync};
     RecordedServices::calls.clear();
+    RecordedServices::resync_result = 0;
     RecordedServices::running = true;
     g_applet.target[0] = '\0';
     g_applet.quiet = 0;

@@ -12,6 +12,8 @@
 #include <optional>
 #include <string>
 
+#include "applet/kr2_client.h"
+#include "applet/os_identify.h"
 #include "config/registry.h"
 #include "platform/fake.h"
 #include "platform/net.h"
@@ -329,6 +331,30 @@ TEST_F(ProviderTest, AnOwnerOfTheStatusBlockKeepsTheResponderAway) {
   EXPECT_EQ(g_listen_socket, platform::kInvalidSocket);
   EXPECT_NE(g_provider.status_notify_event, nullptr);
   EXPECT_FALSE(g_provider.status_notify_private);
+}
+
+// The responder answers for the system the start-up identified: on Windows 2000 a resync request
+// is refused ("NAK") and the installed-product record carries that level's bit, not the newest's.
+TEST_F(ProviderTest, TheResponderAnswersForTheOsLevelTheStartUpFound) {
+  const OsFacts saved = g_os;
+  g_os.level = 2048;
+  g_os.version.platform_id = 2;
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  ASSERT_TRUE(g_provider.responder_active);
+  std::uint16_t port = 0;
+  if (!platform::ServicePort("kaironsync", "udp", port)) port = platform::HostToNet16(9909);
+  Kr2Peer peer;
+  ASSERT_TRUE(Kr2Open(peer, "127.0.0.1", platform::NetToHost16(port), 2000));
+  char word[4] = {};
+  EXPECT_EQ(Kr2Ask(peer, kKr2Resync, 0, word, sizeof word), 4);
+  EXPECT_EQ(std::string(word, 3), "NAK");
+  Kr2Products products{};
+  ASSERT_EQ(Kr2Ask(peer, kKr2Products, 0, &products, sizeof products), static_cast<int>(sizeof products));
+  EXPECT_NE(products.machine_flags & (1u << 18), 0u);   // Windows 2000
+  EXPECT_EQ(products.machine_flags & (1u << 27), 0u);   // not the newest systems' bit
+  EXPECT_NE(products.machine_flags & kKr2MachineNtFamily, 0u);
+  Kr2Close(peer);
+  g_os = saved;
 }
 
 TEST_F(ProviderTest, WithoutAnOwnerTheResponderListens) {
