@@ -84,8 +84,9 @@ def many_connections(count, path):
 try:
     fleet = procs.start("fleet", [KR2_FLEET, "--count", "3", "--list", os.path.join(folder, "fleet.txt")], "ready")
     machines = fleet_list(os.path.join(folder, "fleet.txt"))
+    env = dict(os.environ, CHRONWARDEN_ROOT=folder, CHRONWARDEN_SHM_NAMESPACE=f"http{os.getpid()}.")
     exporter = procs.start("exporter", [CHRONWARDEN, "exporter", "--timeout", "2000", "--max-probes", str(MAX_PROBES)],
-                           "serving")
+                           "serving", env=env)
     t.check("serving http://127.0.0.1:9909/ on port 9909" in procs.output(exporter), "listens on 127.0.0.1:9909 by default")
 
     # An answering machine, in the text format and in OpenMetrics.
@@ -149,9 +150,17 @@ try:
                                  b"HTTP/1.1 414 ", "a 100 kB request line"),
                                 (b"\x16\x03\x01\x00\xff\xfe\r\n\r\n", b"", "binary bytes")):
         with socket.create_connection(("127.0.0.1", 9909)) as s:
-            s.sendall(raw)
-            s.shutdown(socket.SHUT_WR)
-            reply = s.recv(4096)
+            # The server may answer and close before the whole request is sent (the 100 kB line):
+            # the reply already received counts, the failed rest of the send does not.
+            try:
+                s.sendall(raw)
+                s.shutdown(socket.SHUT_WR)
+            except OSError:
+                pass
+            try:
+                reply = s.recv(4096)
+            except OSError:
+                reply = b""
         t.check(reply[:13] == expected, f"{what}: {reply[:40]!r}")
     code, _, body = http(BASE + "/metrics")
     t.equal(code, 200, "/metrics after the bad requests")
