@@ -135,7 +135,9 @@ void ClientPage::Read(platform::Dialog& d) {
 
 void ClientPage::Show(platform::Dialog& d) {
   const W32tSettings& s = g_applet.settings;
-  const bool enabled = s.ntp_client_enabled != 0;
+  // The Windows 2000 page has no "Disabled": there the client cannot be turned off, and the record
+  // read at that level leaves "ntp client enabled" at 0, which must not hide the sync type.
+  const bool enabled = s.ntp_client_enabled != 0 || !d.HasControl(IDC_SYNC_DISABLED);
   d.SetChecked(IDC_SYNC_DISABLED, !enabled);
   d.SetChecked(IDC_SYNC_NOSYNC, enabled && s.sync_type == kW32tNoSync);
   d.SetChecked(IDC_SYNC_NT5DS, enabled && s.sync_type == kW32tNt5ds);

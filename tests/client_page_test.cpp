@@ -2,6 +2,7 @@
 // server rows and their modes, the special interval, the Kairon notes and the forced NoSync, the
 // focus and enabling rules, Sync Now with its question, its messages and its timer.
 #include "applet/client_page.h"
+#include "applet/os_identify.h"
 
 #include <gtest/gtest.h>
 
@@ -384,6 +385,26 @@ TEST_F(ClientPageTest, TheWindows2000PageKeepsTheSpecialIntervalOfTheRecord) {
   Leave();
   EXPECT_EQ(Settings().sync_type, kW32tNoSync);
   EXPECT_EQ(Settings().ntp_client_enabled, 1u);
+}
+
+// A record loaded at level 2048 (where "ntp client enabled" is no setting and stays 0) shows its
+// sync type on the Windows 2000 page, and an Apply that changed nothing there keeps "Type".
+TEST_F(ClientPageTest, TheWindows2000PageShowsTheTypeOfARecordLoadedAtItsLevelAndApplyKeepsIt) {
+  reg_set_string("\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters", "Type", "NT5DS");
+  g_w32t_env.level = kOsWin2000;
+  w32t_load(Settings());
+  ASSERT_EQ(Settings().sync_type, kW32tNt5ds);
+  Open({IDD_CLIENT_W2K});
+  MemoryDialog& d = Client();
+  EXPECT_TRUE(d.Checked(IDC_SYNC_NT5DS));
+  EXPECT_FALSE(d.Checked(IDC_SYNC_NTP));
+  Leave();
+  EXPECT_EQ(Settings().sync_type, kW32tNt5ds);
+  d.SetSheetChanged(true);   // another page's change
+  ASSERT_TRUE(sheet_->Apply());
+  char type[16] = {};
+  reg_get_string("\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters", "Type", type, sizeof type, "");
+  EXPECT_STREQ(type, "NT5DS");
 }
 
 TEST_F(ClientPageTest, TheServicePageRefreshesSyncNowThroughThePage) {
