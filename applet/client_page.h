@@ -3,6 +3,10 @@
 // interval), the clock status check's line and icon, the current time source and "&Sync Now".
 // Edits reach the shared settings record when the page is left or Sync Now applies them, and the
 // registry only through the shared apply step.
+//
+// A Kairon product installed with its service disabled (`kairon_disabled`) changes nothing here:
+// that product then keeps no time, so the page shows and edits the time client's record exactly as
+// on a machine without it (the sheet's launch is where the flag matters).
 #pragma once
 #include <cstdint>
 

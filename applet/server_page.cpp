@@ -55,6 +55,9 @@ ServerTestResult server_test(const char* host, int client_icon, std::uint32_t pa
 
 bool ServerPage::init(platform::Dialog& d) {
   warn_ = g_applet.settings.ntp_server_enabled == 0;
+  // The header under the icon is the product line, as on the Client page: every page of the sheet
+  // that has the header says the same thing, whichever tab is open.
+  d.SetText(IDC_TITLE, applet_version_line());
   applet_setup_link(d);
   for (int id : {IDC_SERVE_DISABLED, IDC_RELIABLE_NEVER, IDC_RELIABLE_ALWAYS, IDC_RELIABLE_AUTO})
     d.Show(id, !Win2000());
@@ -133,8 +136,17 @@ void ServerPage::RadioClicked(platform::Dialog& d, int id) {
   applet_mark_changed(d);
 }
 
+void ServerPage::SetTesting(platform::Dialog& d, bool testing) {
+  constexpr int kPageControls[] = {IDC_SERVE_DISABLED, IDC_SERVE_ENABLED,   IDC_SERVE_AUTO,   IDC_RELIABLE_NEVER,
+                                   IDC_RELIABLE_ALWAYS, IDC_RELIABLE_AUTO, IDC_RELIABLE_W2K, IDC_NET_TIME,
+                                   IDC_TEST_SERVER,    IDC_TEST_RESULT,   IDC_LINK};
+  for (int id : kPageControls)
+    if (d.HasControl(id)) d.Enable(id, !testing);
+  if (!testing) UpdateEnabling(d);
+}
+
 void ServerPage::Test(platform::Dialog& d) {
-  d.Enable(IDC_TEST_SERVER, false);
+  SetTesting(d, true);
   applet_wait_cursor(1);
   d.SetIcon(IDC_STATUS_ICON, IDI_STATUS_UNKNOWN, 0);
   d.SetText(IDC_TEST_RESULT, kTesting);
@@ -143,7 +155,7 @@ void ServerPage::Test(platform::Dialog& d) {
   d.SetIcon(IDC_STATUS_ICON, result.icon, 0);
   d.SetText(IDC_TEST_RESULT, result.text);
   applet_wait_cursor(0);
-  d.Enable(IDC_TEST_SERVER, true);
+  SetTesting(d, false);
 }
 
 bool ServerPage::command(platform::Dialog& d, int id, int code) {

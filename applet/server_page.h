@@ -25,12 +25,18 @@ struct ServerTestResult {
 // pause_ms after an answer, so that its wait cursor is seen; the command line does not.
 ServerTestResult server_test(const char* host, int client_icon, std::uint32_t pause_ms = defaults::kServerTestPauseMs);
 
+// The takeover question (Kairon II Server serving NTP) is asked only when a click would make
+// Windows Time serve (Enabled or Automatic): choosing Disabled takes nothing from Kairon II, so it
+// never asks.
 class ServerPage final : public platform::DialogLogic {
  public:
   bool init(platform::Dialog& d) override;
   bool command(platform::Dialog& d, int id, int code) override;
   std::intptr_t notify(platform::Dialog& d, int code) override;
   platform::StaticColours static_colours(platform::Dialog& d, int id) override;
+  // While the NTP server test runs the page takes no input: testing true disables every control
+  // of the page; false enables them again under the page's enabling rules.
+  void SetTesting(platform::Dialog& d, bool testing);
 
  private:
   void Show(platform::Dialog& d);             // settings record -> controls (page activation)

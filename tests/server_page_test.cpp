@@ -60,6 +60,46 @@ class ServerPageTest : public PageTest {
   ServerPage logic_;
 };
 
+// With Kairon II Server serving NTP, choosing Disabled takes nothing from it and asks nothing; the
+// first click that would make Windows Time serve asks.
+TEST_F(ServerPageTest, ChoosingDisabledNeverAsksTheTakeoverQuestion) {
+  InstallKaironServer(true);
+  Serve(1, false);
+  MemoryDialog& d = Server();
+  ASSERT_TRUE(d.Click(IDC_SERVE_DISABLED));
+  EXPECT_TRUE(memory_ui::Boxes().empty());
+  memory_ui::AnswerNext(kIdNo);
+  ASSERT_TRUE(d.Click(IDC_SERVE_ENABLED));
+  EXPECT_EQ(memory_ui::Boxes().size(), 1u);
+  EXPECT_TRUE(d.Checked(IDC_SERVE_DISABLED));
+}
+
+// The header is the product line, as on the Client page.
+TEST_F(ServerPageTest, TheHeaderIsTheProductLine) {
+  EXPECT_EQ(Server().Text(IDC_TITLE), applet_version_line());
+}
+
+// While the server test runs the whole page is disabled; afterwards the enabling rules hold again.
+TEST_F(ServerPageTest, TheTestDisablesThePageAndGivesItBack) {
+  Serve(5);
+  MemoryDialog& d = Server();
+  ASSERT_TRUE(d.Enabled(IDC_SERVE_ENABLED) && d.Enabled(IDC_NET_TIME) && d.Enabled(IDC_RELIABLE_ALWAYS));
+  logic_.SetTesting(d, true);
+  for (int id : {IDC_SERVE_DISABLED, IDC_SERVE_ENABLED, IDC_SERVE_AUTO, IDC_RELIABLE_NEVER, IDC_RELIABLE_ALWAYS,
+                 IDC_RELIABLE_AUTO, IDC_NET_TIME, IDC_TEST_SERVER, IDC_TEST_RESULT, IDC_LINK})
+    EXPECT_FALSE(d.Enabled(id)) << id;
+  logic_.SetTesting(d, false);
+  for (int id : {IDC_SERVE_DISABLED, IDC_SERVE_ENABLED, IDC_SERVE_AUTO, IDC_RELIABLE_ALWAYS, IDC_NET_TIME,
+                 IDC_TEST_SERVER, IDC_LINK})
+    EXPECT_TRUE(d.Enabled(id)) << id;
+  // With serving off the reliability choices stay greyed after the test.
+  ASSERT_TRUE(d.Click(IDC_SERVE_DISABLED));
+  logic_.SetTesting(d, true);
+  logic_.SetTesting(d, false);
+  EXPECT_FALSE(d.Enabled(IDC_RELIABLE_ALWAYS));
+  EXPECT_TRUE(d.Enabled(IDC_SERVE_ENABLED));
+}
+
 TEST_F(ServerPageTest, AnnounceFlags5ShowsEnabledAndAlways) {
   Serve(5);
   MemoryDialog& d = Server();
