@@ -320,6 +320,40 @@ TEST_F(AgentNtpTest, AlertAboveTheThresholdOnly) {
   EXPECT_EQ(+g_local_status.offset_sum_ms, -1);
 }
 
+// +2001 ms against a 2 s threshold alerts as -2001 ms does.
+TEST_F(AgentNtpTest, APositiveOffsetOneMillisecondPastTheThresholdAlerts) {
+  FakeNtpServer reference(kReference, Offset(2001 * kMs + kMs / 2));
+  g_provider.responder_active = false;
+  ASSERT_TRUE(CheckOneSource(kReference, 0, 1, 0));
+  EXPECT_EQ(+g_local_status.last_offset_ms, 2001);
+  ASSERT_EQ(g_events.size(), 1u);
+  EXPECT_EQ(g_events[0].second.rfind("According to 127.0.0.40, the system clock is wrong by 2 seconds, 1 millisecond", 0), 0u)
+      << g_events[0].second;
+}
+
+// "Alert if Unsynchronized" off, or a threshold of 0, never alerts, however far off the clock is.
+TEST_F(AgentNtpTest, NoAlertWithTheAlertOffOrAThresholdOfZero) {
+  FakeNtpServer reference(kReference, std::vector<FakeNtpReply>{Offset(90 * 1000 * kMs), Offset(90 * 1000 * kMs)});
+  g_provider.responder_active = false;
+  settings_.alert_if_unsynchronized = 0;
+  ASSERT_TRUE(CheckOneSource(kReference, 0, 1, 0));
+  settings_.alert_if_unsynchronized = 1;
+  settings_.alert_threshold = 0;
+  ASSERT_TRUE(CheckOneSource(kReference, 0, 1, 0));
+  EXPECT_EQ(+g_local_status.last_offset_ms, 90'000);
+  EXPECT_TRUE(g_events.empty());
+}
+
+// "Alert if Unverified" off: a check that verifies nothing writes no warning.
+TEST_F(AgentNtpTest, NoWarningWhenUnverifiedAlertsAreOff) {
+  settings_.alert_if_unverified = 0;
+  settings_.reference_clock[0] = 0;
+  std::strcpy(settings_.servers[0].name, kNobody);
+  settings_.server_count = 1;
+  EXPECT_FALSE(CheckAgainstSources(0, 1, 0));
+  EXPECT_TRUE(g_events.empty());
+}
+
 TEST_F(AgentNtpTest, SampleIsFilledFromTheCheck) {
   FakeNtpServer reference(kReference, Offset(-30 * kMs));
   g_provider.responder_active = false;

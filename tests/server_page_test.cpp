@@ -280,6 +280,19 @@ class ServerPageNtpTest : public ServerPageTest {
   std::unique_ptr<MemoryDialog> client_;
 };
 
+// A reference of four letters fills the whole identifier: all four are named.
+TEST_F(ServerPageNtpTest, StratumOneReferenceOfFourLettersIsNamedWhole) {
+  FakeNtpServer server("127.0.0.92", FakeNtpReply{.stratum = 1, .refid = 0x50505331});   // "PPS1"
+  std::strcpy(g_applet.target, "127.0.0.92");
+  ClientShows(IDI_STATUS_SYNCED);
+  Serve(5);
+  MemoryDialog& d = Server();
+  ASSERT_TRUE(d.Click(IDC_TEST_SERVER));
+  EXPECT_EQ(d.Text(IDC_TEST_RESULT), std::string("127.0.0.92") + kValid +
+                                         "1, and the time source was PPS1. The time being served appears relatively "
+                                         "accurate.");
+}
+
 TEST_F(ServerPageNtpTest, StratumOneServerNamesItsReferenceLetters) {
   FakeNtpServer server("127.0.0.90", FakeNtpReply{.stratum = 1, .refid = 0x47505300});   // "GPS\0"
   std::strcpy(g_applet.target, "127.0.0.90");

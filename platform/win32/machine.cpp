@@ -85,6 +85,10 @@ std::uint32_t GetServerInfo(std::string_view machine, ServerInfo& out) {
 }
 
 std::uint32_t RemoteTimeOfDay(std::string_view machine, SystemTime& utc) {
+  // Wine's netapi32 has only a stub of NetRemoteTOD, which ends the process when called: there the
+  // remote time of day is not supported (50), as on a machine without the server service.
+  static const bool wine = GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") != nullptr;
+  if (wine) return ERROR_NOT_SUPPORTED;
   std::string a = "\\\\" + str(machine);
   wchar_t name[512] = {};
   MultiByteToWideChar(CP_ACP, 0, a.c_str(), -1, name, 511);
