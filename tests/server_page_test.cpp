@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+
 #include <cstring>
 
 #include "applet/clock_status.h"
@@ -278,28 +280,31 @@ class ServerPageNtpTest : public ServerPageTest {
 
   DialogLogic plain_;
   std::unique_ptr<MemoryDialog> client_;
+  std::optional<FakeNtpServer> server_;
+
+ public:
+  // Tests a stratum-1 server at address with reference identifier refid, the Client page showing
+  // a synchronized clock; the page after the test.
+  MemoryDialog& TestStratumOne(const char* address, std::uint32_t refid) {
+    server_.emplace(address, FakeNtpReply{.stratum = 1, .refid = refid});
+    std::strcpy(g_applet.target, address);
+    ClientShows(IDI_STATUS_SYNCED);
+    Serve(5);
+    MemoryDialog& d = Server();
+    EXPECT_TRUE(d.Click(IDC_TEST_SERVER));
+    return d;
+  }
 };
 
 // A reference of four letters fills the whole identifier: all four are named.
 TEST_F(ServerPageNtpTest, StratumOneReferenceOfFourLettersIsNamedWhole) {
-  FakeNtpServer server("127.0.0.92", FakeNtpReply{.stratum = 1, .refid = 0x50505331});   // "PPS1"
-  std::strcpy(g_applet.target, "127.0.0.92");
-  ClientShows(IDI_STATUS_SYNCED);
-  Serve(5);
-  MemoryDialog& d = Server();
-  ASSERT_TRUE(d.Click(IDC_TEST_SERVER));
-  EXPECT_EQ(d.Text(IDC_TEST_RESULT), std::string("127.0.0.92") + kValid +
-                                         "1, and the time source was PPS1. The time being served appears relatively "
-                                         "accurate.");
+  EXPECT_EQ(TestStratumOne("127.0.0.92", 0x50505331).Text(IDC_TEST_RESULT),   // "PPS1"
+            std::string("127.0.0.92") + kValid +
+                "1, and the time source was PPS1. The time being served appears relatively accurate.");
 }
 
 TEST_F(ServerPageNtpTest, StratumOneServerNamesItsReferenceLetters) {
-  FakeNtpServer server("127.0.0.90", FakeNtpReply{.stratum = 1, .refid = 0x47505300});   // "GPS\0"
-  std::strcpy(g_applet.target, "127.0.0.90");
-  ClientShows(IDI_STATUS_SYNCED);
-  Serve(5);
-  MemoryDialog& d = Server();
-  ASSERT_TRUE(d.Click(IDC_TEST_SERVER));
+  MemoryDialog& d = TestStratumOne("127.0.0.90", 0x47505300);   // "GPS\0"
   EXPECT_EQ(d.Text(IDC_TEST_RESULT), std::string("127.0.0.90") + kValid +
                                          "1, and the time source was GPS. The time being served appears relatively "
                                          "accurate.");
