@@ -128,7 +128,9 @@ bool ProviderStartup() {
   // 17: the installed-product record is built by the responder when it answers.
   platform::EventHandle notify = nullptr;
   p.status_block = OpenSyncStatus(0, &notify);          // 18
-  p.responder_active = p.status_block && p.status_block->owner_active == 0 && CreateListenSocket();   // 19
+  // 19; a second start-up keeps the socket the running agent serves (a new one would leave it deaf).
+  if (!p.responder_active)
+    p.responder_active = p.status_block && p.status_block->owner_active == 0 && CreateListenSocket();
   if (notify) {                                         // 20
     p.status_notify_event = notify;
   } else if (!p.status_notify_event) {

@@ -357,6 +357,23 @@ TEST_F(ProviderTest, TheResponderAnswersForTheOsLevelTheStartUpFound) {
   g_os = saved;
 }
 
+// A second start-up while the agent runs with its socket: one agent, and the responder still answers.
+TEST_F(ProviderTest, ASecondStartUpWhileTheAgentRunsKeepsTheResponderAnswering) {
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  const platform::ThreadHandle agent = g_provider.agent_thread;
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  EXPECT_EQ(g_provider.agent_thread, agent);
+  ASSERT_TRUE(g_provider.responder_active);
+  std::uint16_t port = 0;
+  if (!platform::ServicePort("kaironsync", "udp", port)) port = platform::HostToNet16(9909);
+  Kr2Peer peer;
+  ASSERT_TRUE(Kr2Open(peer, "127.0.0.1", platform::NetToHost16(port), 2000));
+  char word[4] = {};
+  EXPECT_EQ(Kr2Ask(peer, 0, 0, word, sizeof word), 4);
+  EXPECT_EQ(std::string(word, 3), "ACK");
+  Kr2Close(peer);
+}
+
 TEST_F(ProviderTest, WithoutAnOwnerTheResponderListens) {
   ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
   EXPECT_NE(g_provider.status_block, nullptr);
