@@ -454,6 +454,27 @@ TEST_F(AgentNtpTest, NotManagedTextsSayNA) {
   EXPECT_EQ(Partner(), "Unknown - Agent stopped");
 }
 
+// When Windows Time does not manage the clock the N/A text replaces the failure text too.
+TEST_F(AgentNtpTest, TheNotManagingTextReplacesTheFailureText) {
+  settings_.ntp_client_enabled = 0;
+  g_provider.responder_active = false;
+  AgentStart(cycle_);
+  for (int i = 0; i < 19; ++i) Poll();
+  EXPECT_EQ(+g_local_status.sync_failures, 1u);
+  EXPECT_EQ(Partner(), "N/A - Windows Time not managing the clock");
+}
+
+// With DNS look-ups on, the partner text names the partner.
+TEST_F(AgentNtpTest, WithLookupsOnThePartnerTextNamesThePartner) {
+  settings_.dns_lookups_enabled = 1;
+  g_provider.responder_active = false;
+  platform::fake::SetHostAddress("partner.example", Addr("10.3.3.4"));
+  AgentStart(cycle_);
+  Synchronize("10.3.3.4");
+  Poll();
+  EXPECT_EQ(Partner(), "10.3.3.4 (partner.example)");
+}
+
 TEST_F(AgentNtpTest, AnotherOwnerOfTheStatusBlockTakesTheResponderAway) {
   FakeNtpServer reference(kReference);
   SyncStatusBlock block{32, 1, 5, 4, 2, 2008, 1210, 1};   // the family's time service announces itself
