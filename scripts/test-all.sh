@@ -16,6 +16,13 @@ if [ -z "${CW_IN_NETNS:-}" ]; then
 fi
 presets=("$@")
 ((${#presets[@]})) || presets=(fuzz linux linux-asan windows)
+# A run keeps to its build tree: temporary files go to a folder of its own, and at the end the
+# machine's own places are searched for anything it made or changed there (scripts/leftovers.sh).
+export TMPDIR="$PWD/build/tmp"
+rm -rf "$TMPDIR" && mkdir -p "$TMPDIR"
+marker="$TMPDIR/.run-start"
+touch "$marker"
+sleep 1   # so that what the run makes is newer than the marker, whatever the file system's clock grain
 jobs=$(nproc)
 status=0
 for preset in "${presets[@]}"; do
@@ -51,4 +58,10 @@ for preset in "${presets[@]}"; do
     ctest --preset "$preset" || status=1
   fi
 done
+left=$(scripts/leftovers.sh "$marker")
+if [ -n "$left" ]; then
+  echo "==== the run left these outside its own folders (a test touched the machine it runs on):"
+  echo "$left"
+  status=1
+fi
 exit $status

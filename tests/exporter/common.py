@@ -39,6 +39,17 @@ def test_folder(name):
     return folder
 
 
+def remove_shared_objects(namespace):
+    """Removes the shared memory and events that the programs of a test made under its own
+    CHRONWARDEN_SHM_NAMESPACE (they outlive their processes, as POSIX shared memory does)."""
+    for name in os.listdir("/dev/shm"):
+        if name.startswith(namespace):
+            try:
+                os.unlink(os.path.join("/dev/shm", name))
+            except OSError:
+                pass
+
+
 class Processes:
     """Programs started by a test; stop() ends each by its PID (SIGTERM, then SIGKILL)."""
 

@@ -13,7 +13,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from common import (CHRONWARDEN, KR2_FLEET, Failures, Processes, enter_network_namespace, fleet_list, http,
+from common import (remove_shared_objects, CHRONWARDEN, KR2_FLEET, Failures, Processes, enter_network_namespace, fleet_list, http,
                     metric, test_folder)
 
 enter_network_namespace()
@@ -213,4 +213,5 @@ try:
     t.check(procs.output(exporter).endswith("chronwarden exporter: stopping\n"), "says it stops")
 finally:
     procs.stop_all()
+    remove_shared_objects(f"http{os.getpid()}.")
 t.exit()

@@ -12,7 +12,7 @@ import time
 import urllib.parse
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from common import (CHRONWARDEN, KR2_FLEET, SOURCE_DIR, Failures, Processes, enter_network_namespace, fleet_list,
+from common import (remove_shared_objects, CHRONWARDEN, KR2_FLEET, SOURCE_DIR, Failures, Processes, enter_network_namespace, fleet_list,
                     http, test_folder)
 
 enter_network_namespace()
@@ -110,4 +110,5 @@ try:
     t.equal(procs.stop(exporter), 0, "the exporter ends with exit code 0")
 finally:
     procs.stop_all()
+    remove_shared_objects(f"prom{os.getpid()}.")
 t.exit()
