@@ -16,6 +16,7 @@
 #include "config/w32time.h"
 #include "platform/dialog_memory.h"
 #include "resources/resources.h"
+#include "timing/error_text.h"
 
 namespace {
 
@@ -98,13 +99,17 @@ struct AgentSession {
   platform::MemoryDialog& Page() { return sheet.Page(0); }
 };
 
-bool Connect(const std::string& machine) {
+// Connects to machine's registry and loads its settings: "" or what failed.
+std::string Connect(const std::string& machine) {
   applet_entry(nullptr, kCplInit, 0, 0);
-  if (!reg_connect_target(machine.c_str())) return false;
+  if (!reg_connect_target(machine.c_str())) return "cannot reach the registry of " + machine;
   w32t_environment_init();
   applet_entry(nullptr, kCplSetMachine, reinterpret_cast<std::intptr_t>(machine.c_str()), 0);
   if (strcasecmp(g_applet.target, g_w32t_env.computer_name) == 0) g_applet.target[0] = '\0';
-  w32t_load(g_applet.settings);
+  if (const std::uint32_t st = w32t_load(g_applet.settings)) {
+    char text[512];
+    return SystemErrorText(st, text, sizeof text);
+  }
   resources::RegisterDialogs();
   platform::UseMemoryDialogs(true);
   platform::memory_ui::SetSink([](const platform::memory_ui::Box& box) {
@@ -112,7 +117,7 @@ bool Connect(const std::string& machine) {
     ++g_messages;
     return platform::kIdOk;
   });
-  return true;
+  return {};
 }
 
 int Show(AgentSession& session) {
@@ -210,7 +215,7 @@ int CmdAgent(CommandArgs args) {
     }
   }
   if (verb == "set" && edits.empty()) return UsageError("agent", "set needs FIELD=VALUE");
-  if (!Connect(machine)) return CliFailure("agent", "cannot reach the registry of " + machine);
+  if (const std::string failed = Connect(machine); !failed.empty()) return CliFailure("agent", failed);
   if (verb == "history") return History();
   if (verb == "clear") return Clear(yes);
   AgentSession session;

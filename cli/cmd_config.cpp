@@ -212,7 +212,10 @@ int CmdConfig(CommandArgs args) {
   if (!reg_connect_target(machine.c_str())) return CliFailure("config", "cannot reach the registry of " + machine);
   w32t_environment_init();
   W32tSettings s{};
-  w32t_load(s);
+  if (const std::uint32_t st = w32t_load(s)) {
+    char text[512];
+    return CliFailure("config", SystemErrorText(st, text, sizeof text));
+  }
   if (verb == "show") return Show(s, json), kExitOk;
 
   for (const auto& [field, value] : edits) {

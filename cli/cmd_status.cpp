@@ -16,6 +16,7 @@
 #include "platform/sync.h"
 #include "resources/resource_ids.h"
 #include "resources/resources.h"
+#include "timing/error_text.h"
 
 namespace {
 
@@ -78,7 +79,11 @@ std::unique_ptr<platform::MemoryDialog> OpenStatusPage(std::string_view command,
   }
   w32t_environment_init();
   applet_entry(nullptr, kCplSetMachine, reinterpret_cast<std::intptr_t>(machine.c_str()), 0);
-  w32t_load(g_applet.settings);
+  if (const std::uint32_t st = w32t_load(g_applet.settings)) {
+    char text[512];
+    std::fprintf(stderr, "chronwarden %s: %s\n", std::string(command).c_str(), SystemErrorText(st, text, sizeof text));
+    return nullptr;
+  }
   resources::RegisterDialogs();
   platform::UseMemoryDialogs(true);
   auto page = std::make_unique<platform::MemoryDialog>(*platform::FindDialogDescription(IDD_CLIENT), plain);

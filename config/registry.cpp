@@ -134,6 +134,12 @@ int reg_key_exists(const char* path) {
   return reg_open_read(path, key.h) == 0 ? 1 : 0;
 }
 
+std::uint32_t reg_readable(const char* path) {
+  Key key;
+  const std::uint32_t st = reg_open_read(path, key.h);
+  return st == platform::kErrorFileNotFound || st == platform::kErrorPathNotFound ? 0 : st;
+}
+
 int reg_write_value(const char* path, const char* name, const void* data, std::uint32_t type, std::uint32_t size) {
   Key key;
   if (reg_open_write(path, key.h) != 0) return 0;

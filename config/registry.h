@@ -37,6 +37,9 @@ char* reg_key_path(const char* path, char* buf, std::uint32_t size);
 std::uint32_t reg_open_read(const char* path, platform::RegKey& key);
 std::uint32_t reg_open_write(const char* path, platform::RegKey& key);
 int reg_key_exists(const char* path);   // 1 if the key can be opened for reading
+// Whether the store holding path can be read: 0 (a missing key included), or the registry's error
+// (1015 a damaged store, 5 access denied, ...).
+std::uint32_t reg_readable(const char* path);
 
 // Stores size bytes of data with the type, creating the key; no data or size 0 deletes the value.
 int reg_write_value(const char* path, const char* name, const void* data, std::uint32_t type, std::uint32_t size);

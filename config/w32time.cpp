@@ -149,7 +149,11 @@ std::string w32t_server_list_text(const W32tSettings& s, std::uint32_t level) {
   return list;
 }
 
-void w32t_load(W32tSettings& s) {
+std::uint32_t w32t_load(W32tSettings& s) {
+  if (const std::uint32_t st = reg_readable(kW32TimeKey)) {
+    platform::SetLastError(st);
+    return st;
+  }
   s.module_present = kModuleNotProbed;
   s.lanman_time_source = reg_get_dword(kLanmanKey, "TimeSource", 0);
   s.service_start = reg_get_dword(kW32TimeKey, "Start", defaults::kW32tServiceStart);
@@ -170,9 +174,9 @@ void w32t_load(W32tSettings& s) {
     s.local_ntp = reg_get_dword(kParametersKey, "LocalNTP", 0);
     s.reliable_time_source = reg_get_dword(kParametersKey, "ReliableTimeSource", 0);
     s.service_installed = 0;
-    return;
+    return 0;
   }
-  if (level < kOsWinXp) return;
+  if (level < kOsWinXp) return 0;
 
   reg_get_string(kConfigKey, "FileLogEntries", s.file_log_entries, sizeof s.file_log_entries, "");
   reg_get_string(kConfigKey, "FileLogName", s.file_log_name, sizeof s.file_log_name, "");
@@ -197,6 +201,7 @@ void w32t_load(W32tSettings& s) {
   reg_get_string(kProviderKey, "Reference Clock", s.reference_clock, sizeof s.reference_clock, "");
 
   LoadModuleProbe(s);
+  return 0;
 }
 
 void w32t_save(const W32tSettings& s, int register_flag) {

@@ -81,7 +81,9 @@ struct W32tEnvironment {
 };
 extern W32tEnvironment g_w32t_env;
 
-void w32t_load(W32tSettings& s);                        // fills every field from the registry; never fails
+// Fills every field from the registry (defaults for values that are missing): 0, or the registry's
+// error when the store cannot be read (a damaged store is never taken for defaults: s is untouched).
+std::uint32_t w32t_load(W32tSettings& s);
 void w32t_save(const W32tSettings& s, int register_flag);  // writes back; 1 (re)registers the provider, 0 removes it
 // The "NTPServer" text: servers separated by spaces or commas, each optionally followed by its mode
 // flags token ("0xH" or "0xHH"); at most six servers, names cut to 63 characters, flags 1 when absent.

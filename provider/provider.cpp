@@ -101,7 +101,11 @@ bool ProviderStartup() {
   g_kr2.os_level = g_w32t_env.level;
   g_kr2.nt_family = g_os.version.platform_id == 2;
   g_kr2.win9x_family = g_os.version.platform_id == 1;
-  w32t_load(p.settings);                                // 3
+  if (const std::uint32_t st = w32t_load(p.settings)) {   // 3: a damaged store is no set of defaults
+    LogEvent(kProviderName, platform::kEventLogError, "Could not read the time service settings; %s",
+             SystemErrorText(st, text, sizeof text));
+    return false;
+  }
   reg_set_string(kProviderKey, "Current Version", defaults::kProductVersion);   // 4
   reg_set_bool(kProviderKey, "Service Running", 0);
   if (w32t_forced_disable()) return false;              // 5: a product of the family takes over, silently
@@ -210,9 +214,19 @@ platform::HResult TimeProvCommand(platform::TimeProvHandle, platform::TimeProvCm
     case platform::TPC_TimeJumped:
       platform::SetEvent(g_provider.time_jump_event);
       return 0;
-    case platform::TPC_UpdateConfig:
-      w32t_load(g_provider.settings);
+    case platform::TPC_UpdateConfig: {
+      // A store that cannot be read keeps the settings last loaded, and says why.
+      W32tSettings loaded = g_provider.settings;
+      if (const std::uint32_t st = w32t_load(loaded)) {
+        char text[kErrorTextSize];
+        LogEvent(kProviderName, platform::kEventLogError,
+                 "Could not read the time service settings; the last ones read stay in use. %s",
+                 SystemErrorText(st, text, sizeof text));
+      } else {
+        g_provider.settings = loaded;
+      }
       return 0;
+    }
     case platform::TPC_GetSamples: {
       auto* a = static_cast<platform::TpcGetSamplesArgs*>(args);
       if (!a) return 0;

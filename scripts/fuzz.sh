@@ -7,6 +7,9 @@ seconds=${1:-20}
 # A 16 MB free-memory quarantine (ASan's default is 256 MB) still catches a use after free within
 # one input and the next many, and spares each input the page faults of recycling a huge pool.
 export ASAN_OPTIONS=${ASAN_OPTIONS:-quarantine_size_mb=16}
+# The targets that reach the registry or shared memory do it in a machine root of the run's own.
+export CHRONWARDEN_ROOT="$PWD/build/fuzz/machine-root" CHRONWARDEN_SHM_NAMESPACE="cwfuzz$$."
+mkdir -p "$CHRONWARDEN_ROOT"
 shift || true
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j "$(nproc)"

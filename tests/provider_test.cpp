@@ -9,6 +9,8 @@
 #include <thread>
 
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 
@@ -17,6 +19,7 @@
 #include "config/registry.h"
 #include "platform/fake.h"
 #include "platform/net.h"
+#include "platform/paths.h"
 #include "provider/kr2_responder.h"
 #include "tests/registry_fixture.h"
 #include "tests/shared_objects.h"
@@ -308,6 +311,35 @@ INSTANTIATE_TEST_SUITE_P(
         StepFailure{"ClientEvent", [] { platform::fake::FailEventCreate(4); }, "Could not create client event; "},
         StepFailure{"AgentThread", [] { platform::fake::FailThreadCreate(true); }, "Could not create client thread; "}),
     [](const ::testing::TestParamInfo<StepFailure>& info) { return std::string(info.param.name); });
+
+// A damaged store is no set of defaults: the start-up fails with the registry's reason, and a new
+// configuration from a store that became unreadable keeps the settings last read.
+TEST_F(ProviderTest, ADamagedStoreFailsTheStartUpAndKeepsTheLastSettings) {
+  if (!std::filesystem::exists(root_ / "registry.db")) GTEST_SKIP() << "the registry is no file of the machine root here";
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  const std::uint32_t interval = g_provider.settings.check_interval;
+  const auto damaged = root_ / "damaged";
+  std::filesystem::create_directories(damaged);
+  std::ofstream(damaged / "registry.db") << std::string(8192, 'x');
+  platform::SetEnvironmentValue("CHRONWARDEN_ROOT", damaged.string().c_str());
+  ASSERT_EQ(reg_connect_target(nullptr), 1);
+  g_provider.settings.check_interval = interval + 7;
+  TimeServiceFake::Clear();
+  EXPECT_EQ(TimeProvCommand(reinterpret_cast<platform::TimeProvHandle>(1), platform::TPC_UpdateConfig, nullptr), 0);
+  EXPECT_EQ(g_provider.settings.check_interval, interval + 7);   // kept, not defaults
+  auto events = TimeServiceFake::Events();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].type, 1);
+  EXPECT_EQ(events[0].text.rfind("Could not read the time service settings; the last ones read stay in use. The registry "
+                                 "is corrupted.", 0), 0u) << events[0].text;
+  TimeProvClose(reinterpret_cast<platform::TimeProvHandle>(1));
+  TimeServiceFake::Clear();
+  EXPECT_EQ(Open(), nullptr);
+  events = TimeServiceFake::Events();
+  ASSERT_FALSE(events.empty());
+  EXPECT_EQ(events[0].text.rfind("Could not read the time service settings; The registry is corrupted.", 0), 0u)
+      << events[0].text;
+}
 
 TEST_F(ProviderTest, AnUnopenableDriftFileOnlyWarns) {
   std::snprintf(g_w32t_env.system_dir, sizeof g_w32t_env.system_dir, "%s\\no\\such\\folder\\", root_.string().c_str());

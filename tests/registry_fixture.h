@@ -1,6 +1,7 @@
 // Test fixtures for the registry: a fresh machine root per test (the Linux store; Windows uses the
 // system registry and ignores it) and keys of the test's own, removed again afterwards.
 #pragma once
+#include <cstdlib>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -41,6 +42,7 @@ class RegistrySandbox {
     std::random_device rd;
     unique_ = std::to_string(rd()) + std::to_string(rd());
     root_ = std::filesystem::temp_directory_path() / ("cw-reg-" + unique_);
+    if (const char* before = std::getenv("CHRONWARDEN_ROOT")) before_ = before;
     platform::SetEnvironmentValue("CHRONWARDEN_ROOT", root_.string().c_str());
     EXPECT_EQ(reg_connect_target(nullptr), 1);
   }
@@ -49,7 +51,8 @@ class RegistrySandbox {
     for (const auto& k : cleanup_) DeleteRegTree(platform::RegLocalMachine(), k);
     std::error_code ec;
     std::filesystem::remove_all(root_, ec);
-    platform::SetEnvironmentValue("CHRONWARDEN_ROOT", nullptr);
+    // The run's own root comes back, never the machine's.
+    platform::SetEnvironmentValue("CHRONWARDEN_ROOT", before_.empty() ? nullptr : before_.c_str());
     for (auto* h : locks_) platform::FileClose(h);
   }
   RegistrySandbox(const RegistrySandbox&) = delete;
@@ -84,6 +87,7 @@ class RegistrySandbox {
 
  private:
   std::string unique_;
+  std::string before_;   // CHRONWARDEN_ROOT before the sandbox
   std::filesystem::path root_;
   std::vector<std::string> cleanup_;
   std::vector<platform::FileHandle> locks_;
