@@ -135,6 +135,7 @@ TEST_F(SyncStatusTest, ReadingWhereNoBlockExistsCreatesNothing) {
 }
 
 TEST_F(SyncStatusTest, ReadingCopiesTheOwnersHeader) {
+  OtherView other(kGlobalStatus, 32);   // another process's handle keeps the section after the owner's close
   platform::fake::Enable();   // the pulse does not sleep under the fake
   ASSERT_NE(OpenSyncStatus(9, nullptr), nullptr);
   SyncStatusBlock copy{};
