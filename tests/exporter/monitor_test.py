@@ -9,18 +9,19 @@ import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from common import (CHRONWARDEN, KR2_FLEET, Failures, Processes, enter_network_namespace, fleet_list, lint, metric,
-                    test_folder)
+                    remove_shared_objects, test_folder)
 
 enter_network_namespace()
 folder = test_folder("monitor")
 procs = Processes(folder)
 t = Failures()
 SILENT = "127.1.0.60"          # in no fleet: nothing answers there
+namespace = f"monitor{os.getpid()}."   # the shared-memory names of this test's programs
 
 
 def monitor(*args):
     r = subprocess.run([CHRONWARDEN, "monitor", *args], capture_output=True, text=True, timeout=60,
-                       env=dict(os.environ, CHRONWARDEN_ROOT=folder))
+                       env=dict(os.environ, CHRONWARDEN_ROOT=folder, CHRONWARDEN_SHM_NAMESPACE=namespace))
     return r.returncode, r.stdout, r.stderr
 
 
@@ -70,4 +71,5 @@ try:
         t.equal((code, err.splitlines()[:1]), (2, [f"chronwarden monitor: {reason}"]), " ".join(args[1:]))
 finally:
     procs.stop_all()
+    remove_shared_objects(namespace)
 t.exit()
