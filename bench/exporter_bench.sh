@@ -62,10 +62,15 @@ prometheus --config.file="$dir/prometheus.yml" --storage.tsdb.path="$dir/data" -
 sleep "$scrape_seconds"
 c1=$(cpu $exporter)
 q() { curl -s "http://127.0.0.1:9090/api/v1/query" --data-urlencode "query=$1" | python3 -c 'import json,sys; r=json.load(sys.stdin)["data"]["result"]; print(r[0]["value"][1] if r else "0")'; }
-window="${scrape_seconds}s"
-scrapes=$(q "sum(count_over_time(up{job=\"chronwarden\"}[$window]))")
-failed=$(q "sum(count_over_time((up{job=\"chronwarden\"} == 0)[$window:15s]))")
-p99=$(q "quantile(0.99, max_over_time(scrape_duration_seconds{job=\"chronwarden\"}[$window]))")
+# Every sample of the window, as Prometheus stored it: "count zeros p99" of a series set.
+samples() {
+  curl -s "http://127.0.0.1:9090/api/v1/query" --data-urlencode "query=$1[${scrape_seconds}s]" | python3 -c '
+import json, sys
+v = sorted(float(x[1]) for r in json.load(sys.stdin)["data"]["result"] for x in r["values"])
+print(len(v), sum(1 for x in v if x == 0), v[int(0.99 * (len(v) - 1))] if v else 0)'
+}
+read -r scrapes failed _ < <(samples 'up{job="chronwarden"}')
+read -r _ _ p99 < <(samples 'scrape_duration_seconds{job="chronwarden"}')
 down=$(q "count(chronwarden_up == 0)")
 echo
 echo "Prometheus, 1,000 targets every 15 s for $scrape_seconds s: $scrapes scrapes, failed: $failed, machines down: $down"

@@ -56,7 +56,6 @@ int CmdExporter(CommandArgs args) {
   Listen listen{platform::HostToNet32(0x7F000001), defaults::kExporterPort};
   std::string listen_text = "127.0.0.1:" + std::to_string(defaults::kExporterPort);
   Exporter exporter;
-  exporter.options = {defaults::kExporterTimeoutMs, defaults::kExporterMaxProbes};
   platform::HttpServerOptions http;
   for (std::size_t i = 0; i < args.size(); ++i) {
     const auto a = args[i];

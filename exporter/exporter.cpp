@@ -53,7 +53,7 @@ constexpr MetricDef kProduct{"chronwarden_product_installed", MetricType::Gauge,
                              "1 for each product of the family installed on the machine (with products=1)."};
 // The local sync status block.
 constexpr MetricDef kBlock{"chronwarden_local_status_block", MetricType::Gauge, "",
-                           "1 when this machine's sync status block could be opened, else 0."};
+                           "1 when this machine's sync status block exists (a process of the family made it), else 0."};
 constexpr MetricDef kOwnerActive{"chronwarden_local_owner_active", MetricType::Gauge, "",
                                  "1 while a time service of the family announces itself in the sync status block "
                                  "(the local provider then leaves KR2 to it)."};
@@ -306,7 +306,8 @@ void ExporterHandle(Exporter& e, const platform::HttpRequest& request, platform:
     AddExporterMetrics(out, e);
     platform::ProcessUsage usage;
     if (platform::ReadProcessUsage(usage)) AddProcessMetrics(out, usage);
-    AddLocalStatusMetrics(out, OpenSyncStatus(0, nullptr));
+    SyncStatusBlock block{};
+    AddLocalStatusMetrics(out, ReadSyncStatus(block) ? &block : nullptr);
     return respond({200, ContentType(format), Render(out, format), {}});
   }
   if (request.path != "/probe")

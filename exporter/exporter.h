@@ -19,14 +19,15 @@
 #include <string_view>
 
 #include "applet/kr2_client.h"
+#include "config/defaults.h"
 #include "exporter/exposition.h"
 #include "platform/http.h"
 #include "platform/process.h"
 #include "provider/sync_status.h"
 
 struct ExporterOptions {
-  std::uint32_t timeout_ms = 1000;   // the longest KR2 wait of one probe
-  std::uint32_t max_probes = 1000;   // probes in flight at once
+  std::uint32_t timeout_ms = defaults::kExporterTimeoutMs;   // the longest KR2 wait of one probe
+  std::uint32_t max_probes = defaults::kExporterMaxProbes;   // probes in flight at once
 };
 
 // What one probe asks.
@@ -34,7 +35,7 @@ struct ProbeTarget {
   std::string host;                  // name or dotted address
   std::uint16_t port = 0;            // 0: the "kaironsync" service's port, else 9909
   bool products = false;             // also ask for the installed products (200)
-  std::uint32_t timeout_ms = 1000;
+  std::uint32_t timeout_ms = defaults::kExporterTimeoutMs;
 };
 
 // What one probe learned.

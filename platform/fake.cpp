@@ -412,5 +412,8 @@ SectionHandle CreateNamedSection(const char* name, std::uint32_t size, bool& alr
   already_existed = false;
   return NamedFailure(name) ? nullptr : sys::CreateNamedSection(name, size, already_existed);
 }
+SectionHandle OpenNamedSection(const char* name, std::uint32_t size) {
+  return NamedFailure(name) ? nullptr : sys::OpenNamedSection(name, size);
+}
 
 }  // namespace platform

@@ -29,6 +29,9 @@ using SectionHandle = SectionObject*;   // nullptr is "no section"
 // Creates the named section of size bytes, zero-filled, or opens it when it exists (already_existed
 // is then true, as ERROR_ALREADY_EXISTS). nullptr on failure, with the last error (5 access denied).
 SectionHandle CreateNamedSection(const char* name, std::uint32_t size, bool& already_existed);
+// Opens the named section only when some process made it, at least size bytes long; creates
+// nothing. nullptr with the last error 2 (not there, or still smaller) or 5 (access denied).
+SectionHandle OpenNamedSection(const char* name, std::uint32_t size);
 // Maps size bytes of the section: read-only or read/write. nullptr on failure (last error set).
 void* MapSection(SectionHandle section, std::uint32_t size, bool writable);
 void UnmapSection(void* view, std::uint32_t size);   // nullptr is ignored

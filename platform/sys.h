@@ -49,5 +49,6 @@ int NetStartup();
 EventHandle CreateSyncEvent(bool manual_reset, bool initially_set);
 EventHandle CreateNamedEvent(const char* name);
 SectionHandle CreateNamedSection(const char* name, std::uint32_t size, bool& already_existed);
+SectionHandle OpenNamedSection(const char* name, std::uint32_t size);
 
 }  // namespace platform::sys

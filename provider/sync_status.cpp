@@ -88,6 +88,24 @@ void CloseSyncStatus(bool as_owner) {
   g_status = {};
 }
 
+bool ReadSyncStatus(SyncStatusBlock& out) {
+  constexpr std::uint32_t kSize = sizeof(SyncStatusBlock);
+  platform::SectionHandle s = platform::OpenNamedSection(Global(kSyncStatusName).c_str(), kSize);
+  if (!s && platform::LastError() != platform::kErrorAccessDenied) s = platform::OpenNamedSection(kSyncStatusName, kSize);
+  void* view = platform::MapSection(s, kSize, false);
+  if (view) {
+    // Word by word, as the owner writes them (the view is read-only: no atomic access to be had).
+    const volatile auto* words = static_cast<const volatile std::uint32_t*>(view);
+    std::uint32_t copy[kSize / 4];
+    for (std::uint32_t i = 0; i < kSize / 4; ++i) copy[i] = words[i];
+    std::atomic_thread_fence(std::memory_order_acquire);
+    std::memcpy(&out, copy, kSize);
+  }
+  platform::UnmapSection(view, kSize);
+  platform::CloseSection(s);
+  return view != nullptr;
+}
+
 void PulseSyncStatus() {
   platform::EventHandle e = g_status.notify;
   if (!e) return;

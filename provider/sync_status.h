@@ -36,6 +36,10 @@ const SyncStatusBlock* OpenSyncStatus(std::uint32_t product_code, platform::Even
 // Closes the view, the section and the event; an owner first signs off (closed mark 1, then owner
 // active 0, and a pulse). After a close the block may be opened again.
 void CloseSyncStatus(bool as_owner);
+// Copies the block when a process of the family has made it, creating nothing: a watcher from
+// outside (the exporter) leaves no object behind that could outlive it or be removed with it.
+// The names are tried as OpenSyncStatus tries them. False when there is no block.
+bool ReadSyncStatus(SyncStatusBlock& out);
 // Keeps the notify event set for 55 ms, so that every waiter in every process wakes once.
 void PulseSyncStatus();
 

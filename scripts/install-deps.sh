@@ -11,7 +11,7 @@ packages=(
   libsystemd-dev dbus
   imagemagick python3
   libcairo2-dev fonts-dejavu-core x11-apps
-  nlohmann-json3-dev libmicrohttpd-dev prometheus
+  nlohmann-json3-dev libmicrohttpd-dev prometheus systemd
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -9,6 +9,7 @@
 #include "exporter/exporter.h"
 #include "platform/net.h"
 #include "tests/kr2_loopback.h"
+#include "tests/shared_objects.h"
 
 namespace {
 
@@ -177,7 +178,7 @@ TEST(ExporterLocalTest, StatusBlockMetrics) {
   Exposition none;
   AddLocalStatusMetrics(none, nullptr);
   EXPECT_EQ(Render(none, ExpositionFormat::Text),
-            "# HELP chronwarden_local_status_block 1 when this machine's sync status block could be opened, else 0.\n"
+            "# HELP chronwarden_local_status_block 1 when this machine's sync status block exists (a process of the family made it), else 0.\n"
             "# TYPE chronwarden_local_status_block gauge\nchronwarden_local_status_block 0\n");
   const SyncStatusBlock owned{32, 1, 7, 4, 2, 2008, 1210, 1};
   Exposition e;
@@ -201,6 +202,7 @@ platform::HttpResponse Handle(Exporter& e, platform::HttpRequest r) {
 }
 
 TEST(ExporterHandleTest, PagesAndErrors) {
+  SharedObjectNamespace ns;   // no block in it: /metrics reads none and creates none
   Exporter e;
   EXPECT_EQ(Handle(e, {"GET", "/", {}, {}}).status, 200);
   const auto metrics = Handle(e, {"GET", "/metrics", {}, {{"accept", "application/openmetrics-text"}}});
@@ -208,6 +210,9 @@ TEST(ExporterHandleTest, PagesAndErrors) {
   EXPECT_EQ(metrics.content_type, "application/openmetrics-text; version=1.0.0; charset=utf-8");
   EXPECT_NE(metrics.body.find("# TYPE chronwarden_exporter_build info\n"), std::string::npos);
   EXPECT_NE(metrics.body.find("\nprocess_cpu_seconds_total "), std::string::npos);
+  EXPECT_NE(metrics.body.find("\nchronwarden_local_status_block 0\n"), std::string::npos);
+  SyncStatusBlock block{};
+  EXPECT_FALSE(ReadSyncStatus(block));
   const auto missing = Handle(e, {"GET", "/nope", {}, {}});
   EXPECT_EQ(missing.status, 404);
   EXPECT_EQ(missing.body, "no page /nope; this exporter serves /probe?target=HOST[:PORT] and /metrics\n");

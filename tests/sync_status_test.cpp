@@ -126,6 +126,40 @@ TEST_F(SyncStatusTest, NoEventAtAllLeavesTheBlockAndPulsesDoNothing) {
   PulseSyncStatus();
 }
 
+TEST_F(SyncStatusTest, ReadingWhereNoBlockExistsCreatesNothing) {
+  SyncStatusBlock copy{};
+  EXPECT_FALSE(ReadSyncStatus(copy));
+  OtherView global(kGlobalStatus, 32), plain(kSyncStatusName, 32);
+  EXPECT_FALSE(global.existed);
+  EXPECT_FALSE(plain.existed);
+}
+
+TEST_F(SyncStatusTest, ReadingCopiesTheOwnersHeader) {
+  OtherView other(kGlobalStatus, 32);   // another process's handle keeps the section after the owner's close
+  platform::fake::Enable();   // the pulse does not sleep under the fake
+  ASSERT_NE(OpenSyncStatus(9, nullptr), nullptr);
+  SyncStatusBlock copy{};
+  ASSERT_TRUE(ReadSyncStatus(copy));
+  const std::uint32_t expected[8] = {32, 1, 9, 4, 2, 2008, 1210, 1};
+  EXPECT_EQ(std::memcmp(&copy, expected, sizeof expected), 0);
+  CloseSyncStatus(true);
+  ASSERT_TRUE(ReadSyncStatus(copy));   // the section stays; the copy is taken anew
+  EXPECT_EQ(copy.owner_active, 0u);
+}
+
+TEST_F(SyncStatusTest, ReadingTriesThePlainNameUnlessTheGlobalOneIsDenied) {
+  OtherView plain(kSyncStatusName, 32);
+  ASSERT_NE(plain.words, nullptr);
+  plain.words[2] = 6;
+  platform::fake::Enable();
+  platform::fake::FailNamedObject(kGlobalStatus, 8);
+  SyncStatusBlock copy{};
+  ASSERT_TRUE(ReadSyncStatus(copy));
+  EXPECT_EQ(copy.owner_product, 6u);
+  platform::fake::FailNamedObject(kGlobalStatus, 5);
+  EXPECT_FALSE(ReadSyncStatus(copy));
+}
+
 TEST_F(SyncStatusTest, ANewActivityMapStartsAllZero) {
   ASSERT_TRUE(OpenActivityMap());
   const volatile std::uint32_t* map = ActivityMapView();

@@ -121,6 +121,18 @@ SectionHandle sys::CreateNamedSection(const char* name, std::uint32_t size, bool
   return new SectionObject{fd};
 }
 
+SectionHandle sys::OpenNamedSection(const char* name, std::uint32_t size) {
+  const int fd = shm_open(SharedObjectName(name ? name : "").c_str(), O_RDONLY | O_CLOEXEC, 0);
+  if (fd < 0) return SetLastError(errno == ENOENT ? kErrorFileNotFound : Win32FromErrno(errno)), nullptr;
+  // A view past the object's end would fault on reading: one not yet sized is not there yet.
+  struct stat st {};
+  if (fstat(fd, &st) != 0 || st.st_size < static_cast<off_t>(size)) {
+    close(fd);
+    return SetLastError(kErrorFileNotFound), nullptr;
+  }
+  return new SectionObject{fd};
+}
+
 void* MapSection(SectionHandle section, std::uint32_t size, bool writable) {
   if (!section) return SetLastError(kErrorInvalidHandle), nullptr;
   void* view = mmap(nullptr, size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, section->fd, 0);

@@ -29,6 +29,11 @@ SectionHandle sys::CreateNamedSection(const char* name, std::uint32_t size, bool
   return reinterpret_cast<SectionHandle>(h);
 }
 
+SectionHandle sys::OpenNamedSection(const char* name, std::uint32_t) {
+  // A section is sized by its creator in the same call, so one that exists has its full size.
+  return reinterpret_cast<SectionHandle>(::OpenFileMappingA(FILE_MAP_READ, FALSE, name));
+}
+
 void* MapSection(SectionHandle section, std::uint32_t size, bool writable) {
   return ::MapViewOfFile(reinterpret_cast<HANDLE>(section), writable ? FILE_MAP_ALL_ACCESS : FILE_MAP_READ, 0, 0, size);
 }

@@ -5,6 +5,7 @@ Environment (set by ctest): CHRONWARDEN and KR2_FLEET (the programs), CW_SOURCE_
 import os
 import shutil
 import signal
+import struct
 import subprocess
 import sys
 import time
@@ -100,6 +101,25 @@ def http(url, headers=None, method="GET", data=None):
             return r.status, r.headers, r.read().decode()
     except urllib.error.HTTPError as e:
         return e.code, e.headers, e.read().decode()
+
+
+def status_block_path(namespace):
+    """Where this machine's sync status block lives under a shared-memory namespace."""
+    return "/dev/shm/" + namespace + "Global.kairtim-sync-status-shared-memory"
+
+
+def write_status_block(namespace, words):
+    """Makes the sync status block as a time service of the family does: eight little-endian
+    32-bit words (size, owner active, product code, major, minor, build year, month and day,
+    closed mark). The caller removes it."""
+    with open(status_block_path(namespace), "wb") as f:
+        f.write(struct.pack("<8I", *words))
+
+
+def lint(body):
+    """promtool's verdict on an exposition: (exit code, what it found)."""
+    r = subprocess.run(["promtool", "check", "metrics"], input=body, capture_output=True, text=True)
+    return r.returncode, (r.stdout + r.stderr).strip()
 
 
 def fleet_list(path):

@@ -13,8 +13,8 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from common import (remove_shared_objects, CHRONWARDEN, KR2_FLEET, Failures, Processes, enter_network_namespace, fleet_list, http,
-                    metric, test_folder)
+from common import (CHRONWARDEN, KR2_FLEET, Failures, Processes, enter_network_namespace, fleet_list, http, lint,
+                    metric, remove_shared_objects, status_block_path, test_folder, write_status_block)
 
 enter_network_namespace()
 folder = test_folder("http")
@@ -23,6 +23,7 @@ t = Failures()
 BASE = "http://127.0.0.1:9909"
 MAX_PROBES = 50
 SILENT = "127.1.0.60"          # in no fleet: nothing answers there
+namespace = f"http{os.getpid()}."   # the shared-memory names of this test's exporter
 
 
 def in_flight():
@@ -84,10 +85,15 @@ def many_connections(count, path):
 try:
     fleet = procs.start("fleet", [KR2_FLEET, "--count", "3", "--list", os.path.join(folder, "fleet.txt")], "ready")
     machines = fleet_list(os.path.join(folder, "fleet.txt"))
-    env = dict(os.environ, CHRONWARDEN_ROOT=folder, CHRONWARDEN_SHM_NAMESPACE=f"http{os.getpid()}.")
+    env = dict(os.environ, CHRONWARDEN_ROOT=folder, CHRONWARDEN_SHM_NAMESPACE=namespace)
     exporter = procs.start("exporter", [CHRONWARDEN, "exporter", "--timeout", "2000", "--max-probes", str(MAX_PROBES)],
                            "serving", env=env)
     t.check("serving http://127.0.0.1:9909/ on port 9909" in procs.output(exporter), "listens on 127.0.0.1:9909 by default")
+    # A second exporter on the same port: exit code 1 and why.
+    second = procs.start("second", [CHRONWARDEN, "exporter"], env=env)
+    t.equal((second.wait(30), procs.output(second)),
+            (1, "chronwarden exporter: cannot serve HTTP on 127.0.0.1:9909: Error 10048: address already in use\n"),
+            "a second exporter on a taken port")
 
     # An answering machine, in the text format and in OpenMetrics.
     target, name, offset_ms = machines[1]
@@ -101,6 +107,7 @@ try:
     t.equal(metric(body, "chronwarden_partner_info"), {'{partner="ntp.fleet.test"}': 1.0}, "the partner")
     t.check("# TYPE chronwarden_sync_successes_total counter\nchronwarden_sync_successes_total 101\n" in body,
             "sync successes as a counter")
+    t.equal(lint(body), (0, ""), "promtool finds nothing to say of a probe")
     code, headers, body = http(f"{BASE}/probe?target={target}",
                                {"Accept": "application/openmetrics-text;version=1.0.0,text/plain;q=0.5"})
     t.equal(headers["Content-Type"], "application/openmetrics-text; version=1.0.0; charset=utf-8", "OpenMetrics asked")
@@ -165,9 +172,18 @@ try:
     code, _, body = http(BASE + "/metrics")
     t.equal(code, 200, "/metrics after the bad requests")
     t.equal(metric(body, "chronwarden_exporter_bad_requests_total"), {"": 19.0}, "bad requests counted")
-    t.equal(metric(body, "chronwarden_local_status_block"), {"": 1.0}, "the sync status block is read")
-    t.equal(metric(body, "chronwarden_local_owner_active"), {"": 0.0}, "no owner announces itself")
     t.check(metric(body, "process_resident_memory_bytes").get("", 0) > 0, "the exporter's own process")
+    t.equal(lint(body), (0, ""), "promtool finds nothing to say of /metrics")
+    # This machine's sync status block: none until a time service of the family makes it (reading
+    # it makes none), then its owner as that service wrote it.
+    t.equal(metric(body, "chronwarden_local_status_block"), {"": 0.0}, "no sync status block yet")
+    t.check(not os.path.exists(status_block_path(namespace)), "reading the block made none")
+    write_status_block(namespace, [32, 1, 7, 4, 2, 2008, 1210, 1])
+    body = http(BASE + "/metrics")[2]
+    t.equal(metric(body, "chronwarden_local_status_block"), {"": 1.0}, "the sync status block is read")
+    t.equal(metric(body, "chronwarden_local_owner_active"), {"": 1.0}, "its owner announces itself")
+    t.equal(metric(body, "chronwarden_local_owner_info"), {'{product_code="7",version="4.2",build="20081210"}': 1.0},
+            "its owner's product, version and build")
 
     # A silent machine holds no other probe: with 20 silent probes in flight, an answering machine
     # is probed (and the 20 are still in flight when its reply is in).
@@ -213,5 +229,5 @@ try:
     t.check(procs.output(exporter).endswith("chronwarden exporter: stopping\n"), "says it stops")
 finally:
     procs.stop_all()
-    remove_shared_objects(f"http{os.getpid()}.")
+    remove_shared_objects(namespace)
 t.exit()

@@ -12,14 +12,15 @@ import time
 import urllib.parse
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from common import (remove_shared_objects, CHRONWARDEN, KR2_FLEET, SOURCE_DIR, Failures, Processes, enter_network_namespace, fleet_list,
-                    http, test_folder)
+from common import (CHRONWARDEN, KR2_FLEET, SOURCE_DIR, Failures, Processes, enter_network_namespace, fleet_list,
+                    http, remove_shared_objects, test_folder, write_status_block)
 
 enter_network_namespace()
 folder = test_folder("prometheus")
 procs = Processes(folder)
 t = Failures()
 PROMETHEUS = "http://127.0.0.1:9090"
+namespace = f"prom{os.getpid()}."   # the shared-memory names of this test's exporter
 
 
 def query(expr):
@@ -74,7 +75,8 @@ try:
                                 "--list", os.path.join(folder, "lone.txt")], "ready")
     machines = fleet_list(os.path.join(folder, "fleet.txt")) + fleet_list(os.path.join(folder, "lone.txt"))
     t.equal(len(machines), 200, "machines")
-    env = dict(os.environ, CHRONWARDEN_ROOT=folder, CHRONWARDEN_SHM_NAMESPACE=f"prom{os.getpid()}.")
+    env = dict(os.environ, CHRONWARDEN_ROOT=folder, CHRONWARDEN_SHM_NAMESPACE=namespace)
+    write_status_block(namespace, [32, 1, 7, 4, 2, 2008, 1210, 1])   # a time service of the family runs here
     exporter = procs.start("exporter", [CHRONWARDEN, "exporter"], "serving", env=env)
     write_configuration([m[0] for m in machines])
     data = os.path.join(folder, "data")
@@ -92,7 +94,7 @@ try:
     t.check(not wrong, f"every machine's offset and computer name as its responder gave them (wrong: {wrong[:5]})")
     t.equal(len(query('up{job="chronwarden"} == 1')), 200, "200 good scrapes of the machines")
     t.equal(len(query('up{job="chronwarden_exporter"} == 1')), 1, "the exporter's own scrape")
-    t.equal(len(query("chronwarden_local_status_block == 1")), 1, "the exporter reads the sync status block")
+    t.equal(len(query("chronwarden_local_owner_active == 1")), 1, "the exporter reads this machine's sync status block")
     t.equal(query("ALERTS"), [], "no alert while every machine answers")
     t.check(os.path.isdir(os.path.join(data, "wal")), "Prometheus keeps its data in the test's folder")
 
@@ -110,5 +112,5 @@ try:
     t.equal(procs.stop(exporter), 0, "the exporter ends with exit code 0")
 finally:
     procs.stop_all()
-    remove_shared_objects(f"prom{os.getpid()}.")
+    remove_shared_objects(namespace)
 t.exit()

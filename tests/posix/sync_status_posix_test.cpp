@@ -3,13 +3,17 @@
 // once each, and an owner's close leaves the block readable.
 #include "provider/sync_status.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
+#include <string>
 
+#include "platform/shared.h"
 #include "platform/sync.h"
 #include "tests/shared_objects.h"
 #include "timing/activity.h"
@@ -150,6 +154,19 @@ TEST_F(SyncStatusProcessTest, OwnersCloseInAnotherProcessLeavesTheBlockReadable)
   EXPECT_EQ(b->closed_mark, 1u);
   EXPECT_EQ(b->size, 32u);
   CloseSyncStatus(false);
+}
+
+// Another process has made the object but not sized it yet: reading it is no block, not a fault.
+TEST_F(SyncStatusProcessTest, ABlockNotYetSizedIsNoBlockUntilItIs) {
+  const std::string name = platform::SharedObjectName(std::string(kGlobalPrefix) + kSyncStatusName);
+  const int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
+  ASSERT_GE(fd, 0);
+  SyncStatusBlock copy{};
+  EXPECT_FALSE(ReadSyncStatus(copy));
+  ASSERT_EQ(ftruncate(fd, sizeof copy), 0);
+  EXPECT_TRUE(ReadSyncStatus(copy));
+  EXPECT_EQ(copy.size, 0u);
+  close(fd);
 }
 
 }  // namespace
