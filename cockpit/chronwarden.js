@@ -182,8 +182,12 @@
             node.readOnly = flags.has("readonly");
             node.spellcheck = false;
             c.input = node;
+            c.typed = [];
             if (address) {
-                node.addEventListener("input", () => send({ do: "type", window: win.number, id: desc.id, text: node.value }));
+                node.addEventListener("input", () => {
+                    c.typed.push(node.value);
+                    send({ do: "type", window: win.number, id: desc.id, text: node.value });
+                });
                 node.addEventListener("focus", () => send({ do: "focus", window: win.number, id: desc.id, in: true }));
                 node.addEventListener("blur", () => {
                     if (c.state.enabled !== false && c.state.visible !== false && proc)
@@ -326,10 +330,15 @@
                     c.input.removeAttribute("accesskey");
                 break;
             }
-            case "edit":
-                if (node.value !== text)
+            case "edit": {
+                // The echo of what was typed comes after the person may have typed on: an echo of a
+                // text still on its way is no news; any other text is the process's own.
+                const at = c.typed.indexOf(text);
+                c.typed = at >= 0 ? c.typed.slice(at + 1) : [];
+                if (!c.typed.length && node.value !== text)
                     node.value = text;
                 break;
+            }
             }
         }
         if ("checked" in fields && c.input && (kind === "check" || kind === "radio"))

@@ -141,6 +141,13 @@ def main():
             assert [(s["name"], s["flags"]) for s in servers] == [("127.0.0.1", 1), ("ntp2.example", 8)], servers
         p.case("sets a second NTP server with its mode and applies", second_server)
 
+        def refused_input():
+            interval = p.control(0, "IDC_SPECIAL_INTERVAL")
+            before = interval.get_attribute("value")
+            interval.send_keys("x")
+            p.wait("the refused letter gone", lambda: interval.get_attribute("value") == before)
+        p.case("a letter typed into a digits-only box is refused and undone", refused_input)
+
         def client_status():
             p.wait("the clock status", lambda: p.text(0, "IDC_STATUS_TEXT") == "Clock synchronized to within 1 second", 30)
             p.shot("client")
