@@ -5,11 +5,13 @@
 
 #include "applet/applet.h"
 #include "applet/install.h"
+#include "cli/cockpit_package.h"
 #include "cli/commands.h"
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "config/service_control.h"
 #include "platform/machine.h"
+#include "platform/paths.h"
 #include "platform/dialog_memory.h"
 #include "platform/error.h"
 #include "timing/error_text.h"
@@ -29,6 +31,19 @@ bool RegisterHostAsTimeService(const std::string& machine) {
   return image[0] || RegisterTimeServiceProgram(program.c_str());
 }
 
+// This machine's web console gets the applet's page with the provider, and loses it with it
+// (another machine's console is that machine's own business).
+bool UpdateCockpitPage(std::string_view command, const std::string& machine, std::uint32_t message, bool quiet) {
+  const std::string dir = platform::CockpitPackageDirectory();
+  if (!machine.empty() || dir.empty()) return true;
+  std::string error;
+  const bool ok = message == kCplInstall ? WriteCockpitPackage(dir, error) : DeleteCockpitPackage(dir, error);
+  if (!ok && !quiet)
+    std::fprintf(stderr, "chronwarden %s: the Cockpit page: %s\n", std::string(command).c_str(),
+                 error.c_str());
+  return ok;
+}
+
 int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
   std::string machine;
   bool quiet = false;
@@ -41,6 +56,9 @@ int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
           "w32tmkr.cpl beside this program) into the system directory unless the one there is as new,\n"
           "registers it as a time provider, writes the uninstall entry and restarts the time service;\n"
           "remove undoes the registration%s.\n"
+          "On this machine (no --machine), install also writes the Cockpit page into the web console's\n"
+          "package folder and remove deletes it ($CHRONWARDEN_COCKPIT_DIR, else\n"
+          "/usr/share/cockpit/chronwarden; none for a machine root of its own named by $CHRONWARDEN_ROOT).\n"
           "Needs administrator rights: the effective user root, or write access to the machine root.\n"
           "  --machine NAME  the target machine (\\\\NAME or NAME)\n"
           "  --quiet         show no messages; the exit code still tells\n",
@@ -85,6 +103,7 @@ int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
     }
     return kExitFailed;
   }
+  if (!UpdateCockpitPage(command, machine, message, quiet)) return kExitFailed;
   if (!quiet) std::printf("%s\n", message == kCplInstall ? "Installed." : "Removed.");
   return kExitOk;
 }

@@ -21,6 +21,11 @@ std::string RemoteMachineRoot(std::string_view host);
 // <network root>/HOST/rest (admin$ is that machine's product root), "\\HOST\SHARE\rest" becomes
 // <network root>/HOST/SHARE/rest, and every other backslash a slash.
 std::string NativePath(std::string_view windows_path);
+// The folder of the Cockpit page (the web console's package "chronwarden"). POSIX:
+// $CHRONWARDEN_COCKPIT_DIR, else /usr/share/cockpit/chronwarden for the real machine root, else ""
+// (a machine root of its own, named by $CHRONWARDEN_ROOT, has no page unless a folder is named).
+// Windows: "" (no Cockpit).
+std::string CockpitPackageDirectory();
 
 // Sets (value nullptr: removes) an environment variable of this process, such as CHRONWARDEN_ROOT
 // or CHRONWARDEN_NETWORK_ROOT, which the roots above read at each call.

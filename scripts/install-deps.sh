@@ -12,6 +12,7 @@ packages=(
   imagemagick python3
   libcairo2-dev fonts-dejavu-core x11-apps
   nlohmann-json3-dev libmicrohttpd-dev prometheus systemd
+  cockpit-ws cockpit-bridge chromium chromium-driver python3-selenium
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -26,6 +26,10 @@ std::string Slashes(std::string_view p) {
 
 std::string MachineRoot() { return FromEnv("CHRONWARDEN_ROOT", "/var/lib/chronwarden"); }
 std::string SystemDirectory() { return MachineRoot() + "/system32"; }
+std::string CockpitPackageDirectory() {
+  if (const char* root = std::getenv("CHRONWARDEN_ROOT"); root && *root) return FromEnv("CHRONWARDEN_COCKPIT_DIR", "");
+  return FromEnv("CHRONWARDEN_COCKPIT_DIR", "/usr/share/cockpit/chronwarden");
+}
 std::string NetworkRoot() { return FromEnv("CHRONWARDEN_NETWORK_ROOT", "/net"); }
 std::string RemoteMachineRoot(std::string_view host) {
   const std::string name(host);

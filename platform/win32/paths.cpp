@@ -14,6 +14,7 @@ std::string SystemDirectory() {
   return std::string(buf, n < MAX_PATH ? n : 0);
 }
 std::string NetworkRoot() { return ""; }
+std::string CockpitPackageDirectory() { return ""; }
 std::string RemoteMachineRoot(std::string_view host) { return "\\\\" + std::string(host) + "\\admin$"; }
 std::string NativePath(std::string_view windows_path) { return std::string(windows_path); }
 
