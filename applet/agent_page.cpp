@@ -32,7 +32,7 @@ constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Ju
 // The option controls the coexistence rule hides, and those that follow the enable box.
 constexpr int kOptionControls[] = {IDC_ALERT_OFF,   IDC_ALERT_UNVERIFIED, IDC_THRESHOLD,     IDC_REF_SERVER,
                                    IDC_INTERVAL,    IDC_REF_LABEL,        IDC_REF_HINT,      IDC_INTERVAL_LABEL,
-                                   IDC_INTERVAL_UNIT, IDC_THRESHOLD_UNIT};
+                                   IDC_INTERVAL_UNIT, IDC_THRESHOLD_UNIT, IDC_MANAGERS_LABEL, IDC_MANAGERS};
 
 }  // namespace
 
@@ -110,6 +110,7 @@ bool AgentPage::init(platform::Dialog& d) {
   d.SetTabStops(IDC_HISTORY, {90, 160});
   d.SetNumber(IDC_INTERVAL, s.check_interval / 60);
   d.SetText(IDC_REF_SERVER, s.reference_clock);
+  d.SetText(IDC_MANAGERS, s.kr2_managers);
   d.SetNumber(IDC_THRESHOLD, s.alert_threshold);
   d.SetChecked(IDC_AGENT_ENABLED, s.provider_enabled != 0);
   d.SetChecked(IDC_ALERT_OFF, s.alert_if_unsynchronized != 0);
@@ -130,7 +131,7 @@ void AgentPage::Changed(platform::Dialog& d) {
 void AgentPage::UpdateControls(platform::Dialog& d) {
   const bool on = d.Checked(IDC_AGENT_ENABLED);
   for (int id : {IDC_REF_SERVER, IDC_INTERVAL, IDC_ALERT_UNVERIFIED, IDC_ALERT_OFF, IDC_REF_LABEL, IDC_REF_HINT,
-                 IDC_INTERVAL_LABEL, IDC_INTERVAL_UNIT, IDC_THRESHOLD_UNIT})
+                 IDC_INTERVAL_LABEL, IDC_INTERVAL_UNIT, IDC_THRESHOLD_UNIT, IDC_MANAGERS_LABEL, IDC_MANAGERS})
     d.Enable(id, on);
   d.Enable(IDC_THRESHOLD, on && d.Checked(IDC_ALERT_OFF));
   d.Enable(IDC_CLEAR_HISTORY, d.ItemCount(IDC_HISTORY) > 0);
@@ -139,6 +140,7 @@ void AgentPage::UpdateControls(platform::Dialog& d) {
 bool AgentPage::command(platform::Dialog& d, int id, int code) {
   switch (id) {
     case IDC_REF_SERVER:
+    case IDC_MANAGERS:
     case IDC_INTERVAL:
     case IDC_THRESHOLD:
       if (code == platform::kEnUpdate) Changed(d);
@@ -180,6 +182,9 @@ std::intptr_t AgentPage::notify(platform::Dialog& d, int code) {
       const std::string ref = applet_trimmed(d.Text(IDC_REF_SERVER), 64);
       std::memset(s.reference_clock, 0, sizeof s.reference_clock);
       std::memcpy(s.reference_clock, ref.data(), std::min(ref.size(), sizeof s.reference_clock - 1));
+      const std::string managers = applet_trimmed(d.Text(IDC_MANAGERS), sizeof s.kr2_managers);
+      std::memset(s.kr2_managers, 0, sizeof s.kr2_managers);
+      std::memcpy(s.kr2_managers, managers.data(), std::min(managers.size(), sizeof s.kr2_managers - 1));
       s.check_interval = d.Number(IDC_INTERVAL) * 60;
       s.alert_threshold = d.Number(IDC_THRESHOLD);
       s.alert_if_unverified = d.Checked(IDC_ALERT_UNVERIFIED) ? 1 : 0;

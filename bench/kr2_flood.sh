@@ -16,6 +16,8 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 dir=$(mktemp -d /tmp/cw-kr2-flood.XXXXXX)
 trap 'sh "$here/scripts/ntp-peers.sh" stop "$dir"; rm -rf "$dir"' EXIT
 sh "$here/scripts/ntp-peers.sh" start "$dir"
+# Two sources that are not loopback, for the rate limit's phase (loopback is never limited).
+ip addr add 192.0.2.1/24 dev lo 2>/dev/null || echo "no 192.0.2.0/24 on lo: the rate limit's phase is skipped"
 uptime
 "$build/bench/kr2_flood_bench" "$@"
 uptime

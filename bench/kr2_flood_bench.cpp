@@ -11,6 +11,7 @@
 //
 // Usage: kr2_flood_bench [SECONDS] [WINDOW]
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -189,6 +190,73 @@ platform::SocketAddressV4 Loopback(std::uint16_t port) {
   return {platform::kFamilyInet, platform::HostToNet16(port), platform::HostToNet32(0x7F000001)};
 }
 
+// The rate limit, seen from two sources that are not loopback (192.0.2.0/24, which
+// bench/kr2_flood.sh puts on the namespace's loopback device): one sends status requests as fast as
+// it can, the other asks for the status four times a second and waits for each answer.
+constexpr std::uint32_t kLimitNet = 0xC0000200;   // 192.0.2.0
+struct LimitResult {
+  bool ok = false;
+  std::uint64_t flood_sent = 0, flood_replies = 0, flood_bytes = 0;
+  std::uint32_t station_asked = 0, station_answered = 0;
+  double seconds = 0;
+};
+
+platform::SocketHandle SocketFrom(std::uint32_t host) {
+  const platform::SocketHandle s = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
+  if (s == platform::kInvalidSocket) return s;
+  const platform::SocketAddressV4 local{platform::kFamilyInet, 0, platform::HostToNet32(host)};
+  if (!platform::BindV4(s, local) || !platform::SetReceiveTimeout(s, kReceiveWaitMs)) {
+    platform::CloseSocket(s);
+    return platform::kInvalidSocket;
+  }
+  return s;
+}
+
+LimitResult LimitedFlood(std::uint16_t port, Clock::duration length) {
+  LimitResult r;
+  const platform::SocketAddressV4 to{platform::kFamilyInet, platform::HostToNet16(port), platform::HostToNet32(kLimitNet | 1)};
+  const platform::SocketHandle flood = SocketFrom(kLimitNet | 10), station = SocketFrom(kLimitNet | 20);
+  if (flood == platform::kInvalidSocket || station == platform::kInvalidSocket) {
+    platform::CloseSocket(flood);
+    platform::CloseSocket(station);
+    return r;
+  }
+  r.ok = true;
+  const auto start = Clock::now(), end = start + length;
+  std::atomic<bool> sending{true};
+  std::thread receiver([&] {   // the flood's replies, until a wait finds none after the sending ended
+    std::uint8_t buf[kKr2RequestMax];
+    for (;;) {
+      const int n = platform::ReceiveFrom(flood, buf, sizeof buf, nullptr);
+      if (n > 0) ++r.flood_replies, r.flood_bytes += static_cast<std::uint64_t>(n);
+      else if (!sending) break;
+    }
+  });
+  std::thread station_thread([&] {
+    std::uint8_t buf[kKr2RequestMax];
+    for (std::uint32_t tag = 1u << 31; Clock::now() < end; ++tag) {
+      const auto asked = Clock::now();
+      const auto request = Kr2BuildRequest(kKr2Status, 0, tag);
+      if (platform::SendTo(station, request.data(), request.size(), to) < 0) break;
+      ++r.station_asked;
+      if (platform::ReceiveFrom(station, buf, sizeof buf, nullptr) == static_cast<int>(sizeof(LocalStatusRecord)))
+        ++r.station_answered;
+      std::this_thread::sleep_until(asked + std::chrono::milliseconds(250));
+    }
+  });
+  for (std::uint32_t tag = 0; Clock::now() < end; ++tag) {
+    const auto request = Kr2BuildRequest(kKr2Status, 0, tag);
+    if (platform::SendTo(flood, request.data(), request.size(), to) >= 0) ++r.flood_sent;
+  }
+  r.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  sending = false;
+  station_thread.join();
+  receiver.join();
+  platform::CloseSocket(flood);
+  platform::CloseSocket(station);
+  return r;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -236,6 +304,26 @@ int main(int argc, char** argv) {
     PrintRow(kr2.name, &kr2_result, kr2_ms);
     PrintRow(ntp.name, &ntp_result, ntp_ms);
     status = kr2_result.ok && ntp_result.ok ? 0 : 1;
+
+    LimitResult limit;
+    const double limit_ms = WorstPollLatenessMs([&] { limit = LimitedFlood(platform::NetToHost16(listen.port), length); });
+    if (!limit.ok) {
+      std::printf("\nrate limit: skipped (192.0.2.10 and .20 are not this machine's: see bench/kr2_flood.sh)\n");
+    } else {
+      const W32tSettings& set = g_provider.settings;
+      const double cap = (set.kr2_rate_burst + set.kr2_rate_limit * limit.seconds) / limit.seconds;
+      std::printf("\nrate limit %u bytes/s, burst %u bytes, %.1f s, status requests (355-byte replies)\n\n",
+                  set.kr2_rate_limit, set.kr2_rate_burst, limit.seconds);
+      std::printf("| source | requests | replies | reply bytes/s | cap (bytes/s) | worst poll lateness (ms) |\n");
+      std::printf("|---|---:|---:|---:|---:|---:|\n");
+      std::printf("| 192.0.2.10, as fast as it can | %llu | %llu | %.0f | %.0f | %.1f |\n",
+                  static_cast<unsigned long long>(limit.flood_sent), static_cast<unsigned long long>(limit.flood_replies),
+                  static_cast<double>(limit.flood_bytes) / limit.seconds, cap, limit_ms);
+      std::printf("| 192.0.2.20, 4 a second | %u | %u | %.0f | - | |\n", limit.station_asked, limit.station_answered,
+                  limit.station_answered * 355.0 / limit.seconds);
+      if (limit.station_answered != limit.station_asked || static_cast<double>(limit.flood_bytes) > cap * limit.seconds + 355)
+        status = 1;
+    }
     if (!ntp_result.ok) std::fprintf(stderr, "nothing answered on 127.0.0.1:123 (start chronyd -x there)\n");
   }
   TimeProvClose(handle);

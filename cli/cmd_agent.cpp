@@ -12,6 +12,7 @@
 #include "applet/applet.h"
 #include "cli/commands.h"
 #include "cli/service_cli.h"
+#include "config/address_list.h"
 #include "config/registry.h"
 #include "config/w32time.h"
 #include "platform/dialog_memory.h"
@@ -40,11 +41,14 @@ constexpr const char* kHelp =
     "  interval=N      Check Interval in minutes\n"
     "  warn=0|1        Log a warning in Event Viewer if unable to verify the time\n"
     "  error=0|1       Log an error in Event Viewer if verified time is off by more than the threshold\n"
-    "  threshold=N     the error threshold in seconds\n\n"
+    "  threshold=N     the error threshold in seconds\n"
+    "  managers=LIST   KR2 managers: the addresses (a.b.c.d) and prefixes (a.b.c.d/N), separated by\n"
+    "                  spaces or commas, that may clear the history and demand a resync over KR2;\n"
+    "                  this machine's loopback always may; \"any\" lets every address\n\n"
     "Options:\n"
     "  --machine NAME  the agent of NAME (\\\\NAME or NAME) instead of this machine's\n";
 
-enum class Kind { Check, Text, Number };
+enum class Kind { Check, Text, Number, Addresses };
 struct Field {
   const char* name;
   Kind kind;
@@ -58,6 +62,7 @@ constexpr Field kFields[] = {
     {"warn", Kind::Check, IDC_ALERT_UNVERIFIED, "Log a warning in Event Viewer if unable to verify the time"},
     {"error", Kind::Check, IDC_ALERT_OFF, "Log an error in Event Viewer if verified time is off by more than"},
     {"threshold", Kind::Number, IDC_THRESHOLD, "seconds"},
+    {"managers", Kind::Addresses, IDC_MANAGERS, "KR2 managers"},
 };
 
 const Field* FindField(std::string_view name) {
@@ -83,6 +88,14 @@ bool CheckValue(const Field& f, std::string& value, std::string& why) {
     case Kind::Text: {
       value = applet_trimmed(value);
       if (value.size() > 63) return why = "at most 63 characters", false;
+      return true;
+    }
+    case Kind::Addresses: {
+      value = applet_trimmed(value);
+      if (value.size() > 255) return why = "at most 255 characters", false;
+      const AddressList list = ParseAddressList(value);
+      if (!list.rejected.empty())
+        return why = "\"" + list.rejected.front() + "\" is neither an address (a.b.c.d), a prefix (a.b.c.d/N) nor \"any\"", false;
       return true;
     }
   }

@@ -253,7 +253,13 @@ int History(Kr2Peer& peer, const std::string& host, std::uint32_t after, DriftLi
   constexpr std::size_t kMaxRecords = 1u << 20;   // far more than a drift file holds: a loop guard
   while (records.size() < kMaxRecords) {
     DriftRecord r{};
-    const int n = Kr2Ask(peer, kKr2DriftAfter, after, &r, sizeof r);
+    // A machine limits the replies one source gets a second: a long history goes quiet for a
+    // moment once the first few hundred records are in, so silence is asked again before it counts.
+    int n = -1;
+    for (std::uint32_t tries = 0; n < 0 && tries < defaults::kKr2HistoryTries; ++tries) {
+      n = Kr2Ask(peer, kKr2DriftAfter, after, &r, sizeof r);
+      if (n < 0 && platform::LastSocketError() != platform::kWsaEtimedout) break;
+    }
     if (n < 0) return NoReply(host, kKr2DriftAfter, peer.timeout_ms);
     if (n != static_cast<int>(sizeof r) || r.check_time <= after) break;   // none later
     records.push_back(r);

@@ -51,6 +51,17 @@ inline constexpr const char* kLastUsedTimeSourceValue = "Last Used Time Source";
 inline constexpr const char* kPartnerValue = "Current Inbound Time Partner";
 // KR2 client (chronwarden kr2 / monitor).
 inline constexpr std::uint32_t kKr2TimeoutMs = 1000;       // reply wait of one request (ms)
+inline constexpr std::uint32_t kKr2HistoryTries = 3;       // sends of one history request before "no reply"
+// KR2 responder: who may change the machine, and how fast one source is answered.
+inline constexpr const char* kKr2ManagersValue = "KR2 Managers";       // provider key, text: addresses that may clear and resync
+inline constexpr const char* kKr2ManagersDefault = "127.0.0.0/8";      // when the value is missing: this machine only
+inline constexpr const char* kKr2RateLimitValue = "KR2 Rate Limit";    // provider key, DWORD: reply bytes a second per source, 0 off
+inline constexpr const char* kKr2RateBurstValue = "KR2 Rate Burst";    // provider key, DWORD: reply bytes a source may have at once
+inline constexpr std::uint32_t kKr2RateLimitBytes = 2048;   // reply bytes a second per source address (5 status replies)
+inline constexpr std::uint32_t kKr2RateBurstBytes = 16384;  // bytes a quiet source may be sent at once (46 status replies)
+inline constexpr std::uint32_t kKr2RateSources = 4096;      // sources the limiter remembers (the least recently seen goes)
+inline constexpr std::uint32_t kKr2NoticeIntervalS = 3600;  // one logged refusal per source in this time (s)
+inline constexpr std::uint32_t kKr2NoticesPerInterval = 100;   // refusals logged in that time for all sources together
 // The Prometheus exporter (chronwarden exporter). TCP 9909: the number of the KR2 UDP port it
 // probes (Prometheus' allocated exporter range 9100-9999 is full), so one firewall rule names both.
 inline constexpr std::uint16_t kExporterPort = 9909;

@@ -199,6 +199,10 @@ std::uint32_t w32t_load(W32tSettings& s) {
   s.dns_lookups_enabled = reg_get_bool(kProviderKey, "DNS Lookups Enabled", 1);
   s.alert_threshold = reg_get_dword(kProviderKey, "Alert Threshhold (seconds)", defaults::kAlertThresholdS);
   reg_get_string(kProviderKey, "Reference Clock", s.reference_clock, sizeof s.reference_clock, "");
+  reg_get_string(kProviderKey, defaults::kKr2ManagersValue, s.kr2_managers, sizeof s.kr2_managers,
+                 defaults::kKr2ManagersDefault);
+  s.kr2_rate_limit = reg_get_dword(kProviderKey, defaults::kKr2RateLimitValue, defaults::kKr2RateLimitBytes);
+  s.kr2_rate_burst = reg_get_dword(kProviderKey, defaults::kKr2RateBurstValue, defaults::kKr2RateBurstBytes);
 
   LoadModuleProbe(s);
   return 0;
@@ -241,6 +245,9 @@ void w32t_save(const W32tSettings& s, int register_flag) {
       reg_set_dword(kProviderKey, "SpecialPollInterval", s.check_interval);
       reg_set_string(kProviderKey, "DllName", defaults::kModuleFileName);
       reg_set_string(kProviderKey, "Reference Clock", s.reference_clock);
+      reg_set_string(kProviderKey, defaults::kKr2ManagersValue, s.kr2_managers);
+      reg_set_dword(kProviderKey, defaults::kKr2RateLimitValue, s.kr2_rate_limit);
+      reg_set_dword(kProviderKey, defaults::kKr2RateBurstValue, s.kr2_rate_burst);
       reg_set_dword(kProviderKey, "Alert if Unsynchronized", s.alert_if_unsynchronized);
       reg_set_dword(kProviderKey, "Alert if Unverified", s.alert_if_unverified);
       reg_set_dword(kProviderKey, "Alert Threshhold (seconds)", s.alert_threshold);

@@ -56,6 +56,9 @@ struct W32tSettings {
   std::uint32_t dns_lookups_enabled;         // flag, provider key "DNS Lookups Enabled" (boolean string, default 1)
   std::uint32_t module_present;              // kModuleAbsent / kModulePresent / kModuleNotProbed
   char reference_clock[64];                  // provider key "Reference Clock", at most 63 characters
+  char kr2_managers[256];                    // provider key "KR2 Managers": who may clear and resync over KR2, at most 255 characters
+  std::uint32_t kr2_rate_limit;              // provider key "KR2 Rate Limit": reply bytes a second per source (0 off)
+  std::uint32_t kr2_rate_burst;              // provider key "KR2 Rate Burst": reply bytes a quiet source may get at once
   std::uint32_t service_start;               // W32Time "Start": 2 automatic, 3 manual, 4 disabled (default 2)
   std::uint32_t announce_flags;              // Config "AnnounceFlags"
   std::uint32_t max_allowed_phase_offset;    // Config "MaxAllowedPhaseOffset", seconds; read only, never written

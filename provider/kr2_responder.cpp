@@ -10,12 +10,14 @@
 #include "config/registry.h"
 #include "config/w32time.h"
 #include "drift/drift_file.h"
+#include "platform/clock.h"
 #include "platform/error.h"
 #include "platform/os.h"
 #include "platform/sync.h"
 #include "platform/timezone.h"
 #include "provider/provider.h"
 #include "timing/error_text.h"
+#include "timing/format.h"
 #include "timing/activity.h"
 #include "timing/precise_clock.h"
 
@@ -152,6 +154,9 @@ bool CreateListenSocket() {
     g_server_answer_ip.clear();
     return false;
   }
+  // Room for a few tens of milliseconds of a flood: a moment's delay of the agent thread must not
+  // make the kernel drop a well-behaved source's request among the flood's (best effort).
+  platform::SetReceiveBufferSize(s, kKr2ReceiveBufferBytes);
   g_listen_socket = s;
   return true;
 }
@@ -263,9 +268,28 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
   }
   const std::uint8_t code = buf[kKr2CommandOffset];
   if (g_provider.prohibited[code] != 0) return Kr2Outcome::Refused;
+  Kr2Guard& guard = g_kr2.guard;
+  if (Kr2ChangesMachine(code) && !guard.MayChange(from.address)) {
+    if (guard.NoticeNotManager(from.address, Now())) {
+      char address[16];
+      LogEvent(kProviderName, platform::kEventLogWarning,
+               "KR2 command %u from %s refused: that address is not one of the KR2 managers (%llu refused so far)",
+               code, FormatIPv4(from.address, address), static_cast<unsigned long long>(guard.refused_changes()));
+    }
+    return Kr2Outcome::NotManager;
+  }
 
   MarkActivity(kSlotRequest);
   if (g_kr2.have_last && std::equal(buf.begin(), buf.end(), g_last_request.begin())) return Kr2Outcome::Repeat;
+  if (!guard.Admit(from.address, platform::CounterMilliseconds())) {
+    if (guard.NoticeLimited(from.address, Now())) {
+      char address[16];
+      LogEvent(kProviderName, platform::kEventLogWarning,
+               "KR2 requests from %s go unanswered: more than %u reply bytes a second asked (%llu limited so far)",
+               FormatIPv4(from.address, address), guard.rate(), static_cast<unsigned long long>(guard.limited()));
+    }
+    return Kr2Outcome::Limited;
+  }
   std::copy(buf.begin(), buf.end(), g_last_request.begin());
   g_kr2.have_last = true;
   g_local_status.bytes_received += static_cast<std::uint64_t>(received);
@@ -346,6 +370,7 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
       return Kr2Outcome::Unanswered;
   }
 
+  guard.Charge(size);
   const int sent = socket.Send(reply, size, from);
   if (sent >= 0) g_local_status.bytes_sent += static_cast<std::uint64_t>(sent);
   ++g_local_status.counters[0];
@@ -357,6 +382,8 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
 void HandleRequest(platform::SocketHandle socket) {
   Kr2SocketOn transport(socket);
   Kr2SystemMachine machine;
+  const W32tSettings& settings = g_provider.settings;
+  g_kr2.guard.Configure(settings.kr2_managers, settings.kr2_rate_limit, settings.kr2_rate_burst);
   g_kr2.in_batch = true;
   g_kr2.zone_read = false;
   do HandleRequestWith(transport, machine);

@@ -18,6 +18,9 @@
 //   answered one is a repeat and dropped (the first request after a new listen socket is always
 //   handled);
 // - a refused (prohibited or unknown) code is dropped without a reply, a count or an activity mark;
+// - a change (clear, resync) from a source that is no manager, and any request of a source over its
+//   rate, get silence (provider/kr2_guard.h); a limited request is not remembered as the last one,
+//   so the same request sent again once the source's bucket has refilled is answered;
 // - the time-zone reply is written over the receive buffer from offset 8 on.
 #pragma once
 #include <array>
@@ -27,10 +30,12 @@
 #include "drift/drift_record.h"
 #include "platform/net.h"
 #include "platform/sync.h"
+#include "provider/kr2_guard.h"
 #include "provider/kr2_records.h"
 
 inline constexpr std::uint32_t kKr2BindAttempts = 4;           // bind tries while the port is in use
 inline constexpr std::uint32_t kKr2BindRetryMs = 500;          // pause between them (ms)
+inline constexpr std::uint32_t kKr2ReceiveBufferBytes = 4u << 20;   // the listen socket's receive buffer (bytes)
 inline constexpr const char* kServerAnswerIpValue = "Server Answer IP";   // product Parameters, text
 
 extern IdentityRecord g_identity;
@@ -103,11 +108,15 @@ struct Kr2State {
   bool nt_family = true;
   bool win9x_family = false;
   std::uint32_t os_level = 32768;                       // 2048 Windows 2000, ... 32768 Windows Server 2008 and later
+  // Managers and the rate limit (provider/kr2_guard.h); HandleRequest configures it from the
+  // provider's settings at each wake-up.
+  Kr2Guard guard;
 };
 extern Kr2State g_kr2;
 
 // How one request ended.
-enum class Kr2Outcome { ReceiveFailed, Refused, Repeat, Unanswered, Answered };
+// NotManager: a change asked by a source that is no manager; Limited: its source's bucket is empty.
+enum class Kr2Outcome { ReceiveFailed, Refused, NotManager, Repeat, Limited, Unanswered, Answered };
 
 // Fills the identity record, reading "Ephemerides" under the provider key, or setting it to now
 // (and writing it back) when it is missing or 0.

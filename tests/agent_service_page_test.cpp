@@ -135,6 +135,24 @@ TEST_F(AgentPageTest, ControlsShowTheSettingsAndLeavingReadsThemBack) {
   EXPECT_NE(memory_ui::OpenedAddresses()[0].find("subject=agenttab"), std::string::npos);
 }
 
+TEST_F(AgentPageTest, TheKr2ManagersFieldShowsTheListAndLeavingStoresWhatWasTyped) {
+  W32tSettings& s = g_applet.settings;
+  s.provider_enabled = 1;
+  std::strcpy(s.kr2_managers, "127.0.0.0/8");
+  Open({IDD_AGENT});
+  MemoryDialog& d = Agent();
+  EXPECT_EQ(d.Text(IDC_MANAGERS), "127.0.0.0/8");
+  EXPECT_EQ(d.Text(IDC_MANAGERS_LABEL), "KR2 &managers:");
+  EXPECT_TRUE(d.Enabled(IDC_MANAGERS));
+  EXPECT_FALSE(sheet_->changed);
+  d.Type(IDC_MANAGERS, "  192.0.2.0/24, 10.1.2.3 ");
+  EXPECT_TRUE(sheet_->changed);
+  d.SendNotify(kPsnKillActive);
+  EXPECT_STREQ(s.kr2_managers, "192.0.2.0/24, 10.1.2.3");
+  d.Click(IDC_AGENT_ENABLED);   // the agent off: its responder with it
+  EXPECT_FALSE(d.Enabled(IDC_MANAGERS));
+}
+
 TEST_F(AgentPageTest, WithTheFullProductTheOptionsAreHiddenButTheHistoryStaysUsable) {
   reg_set_bool("\\\\Software\\Morvane\\Kairon Client\\Parameters", "Service Installed", 1);
   w32t_environment_init();
@@ -145,7 +163,7 @@ TEST_F(AgentPageTest, WithTheFullProductTheOptionsAreHiddenButTheHistoryStaysUsa
   MemoryDialog& d = Agent();
   EXPECT_FALSE(d.Enabled(IDC_AGENT_ENABLED));
   for (int id : {IDC_ALERT_OFF, IDC_ALERT_UNVERIFIED, IDC_THRESHOLD, IDC_REF_SERVER, IDC_INTERVAL, IDC_REF_LABEL,
-                 IDC_REF_HINT, IDC_INTERVAL_LABEL, IDC_INTERVAL_UNIT, IDC_THRESHOLD_UNIT})
+                 IDC_REF_HINT, IDC_INTERVAL_LABEL, IDC_INTERVAL_UNIT, IDC_THRESHOLD_UNIT, IDC_MANAGERS_LABEL, IDC_MANAGERS})
     EXPECT_FALSE(d.Visible(id)) << id;
   EXPECT_EQ(d.Text(IDC_AGENT_NOTE), kAgentNoteKairon);
   // The coexistence rule turned the agent on and marked the sheet changed.

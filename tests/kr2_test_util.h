@@ -16,6 +16,7 @@ struct ScriptedKr2Socket final : Kr2Socket {
   std::vector<std::vector<std::uint8_t>> sent;
   bool fail_receive = false;
   bool fail_send = false;
+  std::uint32_t source = platform::HostToNet32(0x7F000001);   // where the datagrams come from (network order)
   void Push(std::vector<std::uint8_t> datagram) { queued.push_back(std::move(datagram)); }
   int Receive(std::uint8_t* buf, std::size_t size, platform::SocketAddressV4& from) override {
     if (fail_receive || queued.empty()) return -1;
@@ -23,7 +24,7 @@ struct ScriptedKr2Socket final : Kr2Socket {
     queued.pop_front();
     const std::size_t n = d.size() < size ? d.size() : size;   // a longer datagram is cut, as recvfrom does
     if (n) std::memcpy(buf, d.data(), n);
-    from = {platform::kFamilyInet, platform::HostToNet16(40000), platform::HostToNet32(0x7F000001)};
+    from = {platform::kFamilyInet, platform::HostToNet16(40000), source};
     return static_cast<int>(n);
   }
   int Send(const void* data, std::size_t size, const platform::SocketAddressV4&) override {

@@ -252,6 +252,9 @@ TEST_F(W32tTest, DefaultsWithNoProviderKey) {
   EXPECT_EQ(s.service_start, 2u);
   EXPECT_EQ(s.sync_type, 4u);
   EXPECT_STREQ(s.reference_clock, "");
+  EXPECT_STREQ(s.kr2_managers, "127.0.0.0/8");   // loopback only
+  EXPECT_EQ(s.kr2_rate_limit, 2048u);
+  EXPECT_EQ(s.kr2_rate_burst, 16384u);
   EXPECT_EQ(s.file_logging_on, 0u);
 }
 
@@ -323,6 +326,9 @@ W32tSettings Filled() {
   s.alert_if_unsynchronized = 0;
   s.dns_lookups_enabled = 0;
   std::strcpy(s.reference_clock, "ref.example");
+  std::strcpy(s.kr2_managers, "192.0.2.0/24 any");
+  s.kr2_rate_limit = 0;
+  s.kr2_rate_burst = 999;
   s.service_start = 3;
   s.announce_flags = 10;
   s.file_log_size = 10000000;
@@ -363,6 +369,9 @@ TEST_F(W32tTest, EveryFieldRoundTripsOnLevels4096And32768) {
     EXPECT_EQ(out.service_installed, 1u);
     EXPECT_EQ(out.dns_lookups_enabled, 0u);
     EXPECT_STREQ(out.reference_clock, "ref.example");
+    EXPECT_STREQ(out.kr2_managers, "192.0.2.0/24 any");
+    EXPECT_EQ(out.kr2_rate_limit, 0u);
+    EXPECT_EQ(out.kr2_rate_burst, 999u);
     EXPECT_EQ(out.service_start, 3u);
     EXPECT_EQ(out.announce_flags, 10u);
     EXPECT_EQ(out.max_allowed_phase_offset, 300u);
