@@ -9,6 +9,7 @@
 #include "applet/applet.h"
 #include "applet/os_identify.h"
 #include "config/defaults.h"
+#include "config/chrony_sources.h"
 #include "config/registry.h"
 #include "config/service_control.h"
 #include "drift/drift_file.h"
@@ -177,6 +178,7 @@ int InstallModule(platform::Dialog* progress) {
   std::uint32_t err = copied ? 0 : platform::LastError();
   step(progress);
   adjust_settings(s);
+  chrony_import_sources(s);   // a machine whose chrony already has sources: the settings name them
   step(progress);
   bool stopped = false;
   if (!copied) {

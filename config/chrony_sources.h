@@ -14,16 +14,37 @@
 // Sync type NoSync writes a file without sources; NTP, AllSync and NT5DS (no domain hierarchy on
 // Linux) write the servers.
 //
-// Where: the W32Time Parameters values "ChronySourcesFile" and "ChronyCommandSocket" of the
-// machine's store; without them the machine's own chrony (its sources.d folder and command socket)
-// when the machine root is the system's own, and nothing at all otherwise (a test's machine root
-// never reaches the machine's chrony), nor on Windows.
+// The administrator's own sources (chrony.conf and the files its sourcedir, confdir and include
+// lines name, ours excepted) are never rewritten or dropped: a server of the settings that chrony
+// already has from there is left out of our file, so that installing on a machine whose chrony
+// already has sources takes them into the settings (chrony_import_sources) without doubling them.
+//
+// Where: the W32Time Parameters values "ChronySourcesFile", "ChronyConfigFile" and
+// "ChronyCommandSocket" of the machine's store; without them the machine's own chrony (its
+// chrony.conf, sources.d folder and command socket) when the machine root is the system's own, and
+// nothing at all otherwise (a test's machine root never reaches the machine's chrony), nor on Windows.
 #pragma once
 #include <string>
+#include <vector>
 
 #include "config/w32time.h"
 
-std::string chrony_sources_text(const W32tSettings& s);   // the sources file's text for the settings
+// A source line of chrony's configuration: "server", "pool" or "peer" and the name it names.
+struct ChronySource {
+  std::string kind;
+  std::string name;
+};
+// The sources of chrony's configuration file conf and of the files it names (sourcedir *.sources,
+// confdir *.conf, include patterns whose wildcards are in the file name), skipping the file skip.
+// Files that cannot be read add nothing.
+std::vector<ChronySource> chrony_config_sources(const std::string& conf, const std::string& skip);
+// The machine's chrony sources that are not ours (none where no chrony is configured).
+std::vector<ChronySource> chrony_machine_sources();
+// Takes the machine's chrony sources into settings that have no servers (at most six; pools and
+// servers in client mode, flags 0x8, peers symmetric active, 0x4). True when it added any.
+bool chrony_import_sources(W32tSettings& s);
+// The sources file's text for the settings, leaving out servers named in skip (chrony has them).
+std::string chrony_sources_text(const W32tSettings& s, const std::vector<ChronySource>& skip = {});
 std::string chrony_source_line(const W32tServer& e, std::uint32_t poll_interval_s);   // "server NAME iburst ..."
 // Applies the settings to the local chrony. 1 on success or when no chrony is configured; 0 with
 // the last error: 2 chronyc missing, 1722 chronyd not answering, 13 a source stayed missing, or the

@@ -126,9 +126,11 @@ namespace defaults {
 inline constexpr const char* kChronyParametersKey = "System\\CurrentControlSet\\Services\\W32Time\\Parameters";   // holds the two paths below when set
 inline constexpr const char* kChronySocket = "/run/chrony/chronyd.sock";                  // "ChronyCommandSocket"
 inline constexpr const char* kChronySourcesFile = "/etc/chrony/sources.d/chronwarden.sources";   // "ChronySourcesFile"
+inline constexpr const char* kChronyConfigFile = "/etc/chrony/chrony.conf";                       // "ChronyConfigFile"
 }  // namespace defaults
 namespace defaults {
 inline constexpr const char* kChronySourcesValue = "ChronySourcesFile";     // where the sources file goes
+inline constexpr const char* kChronyConfigValue = "ChronyConfigFile";       // chrony's own configuration, read for its sources
 inline constexpr const char* kChronySocketValue = "ChronyCommandSocket";    // chronyd's command socket
 inline constexpr const char* kDefaultMachineRoot = "/var/lib/chronwarden";  // the system's own machine root (Linux)
 }  // namespace defaults

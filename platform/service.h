@@ -81,6 +81,8 @@ bool TimeSyncNow(const char* machine, std::uint32_t wait, std::uint32_t flags, s
 // machine's own chrony folder when the machine root is the system's own (a test's root gets "");
 // Windows "".
 std::string DefaultChronySourcesFile();
+// chrony's own configuration file, under the same rule ("" for a machine root of its own, and on Windows).
+std::string DefaultChronyConfigFile();
 
 // Runs one chronyc command against the command socket (Linux; sources listed by their configured
 // names); output gets what it printed.

@@ -407,6 +407,10 @@ std::string DefaultChronySourcesFile() {
   return MachineRoot() == defaults::kDefaultMachineRoot ? defaults::kChronySourcesFile : "";
 }
 
+std::string DefaultChronyConfigFile() {
+  return MachineRoot() == defaults::kDefaultMachineRoot ? defaults::kChronyConfigFile : "";
+}
+
 bool TimeSyncNow(const char* machine, std::uint32_t wait, std::uint32_t flags, std::uint32_t& result) {
   std::vector<std::string> args;
   const std::string host = Host(machine);

@@ -109,6 +109,7 @@ bool TimeSyncNow(const char* machine, std::uint32_t wait, std::uint32_t flags, s
 }
 
 std::string DefaultChronySourcesFile() { return ""; }
+std::string DefaultChronyConfigFile() { return ""; }
 
 int ChronyCommand(const std::string&, const std::string&, std::string& output) {
   output.clear();

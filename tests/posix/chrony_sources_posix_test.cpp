@@ -2,6 +2,7 @@
 // command socket and sources folder live in the test's own folder.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "applet/os_identify.h"
 #include "config/chrony_sources.h"
@@ -178,6 +180,63 @@ TEST_F(ChronyTest, ResyncAsksChronyForABurst) {
   EXPECT_EQ(result, 0u);
   ASSERT_TRUE(platform::TimeSyncNow(nullptr, 0, 1, result));
   EXPECT_EQ(result, 31u);   // makestep: chronyd -x may not step the clock
+}
+
+// The administrator's own sources: read from chrony.conf and what it names, taken into settings
+// that have none, and never written again into our file, nor rewritten.
+TEST(ChronyConfigSources, ReadsTheConfigurationAndTheFilesItNamesButNotOurs) {
+  const fs::path dir = fs::path(::testing::TempDir()) / ("cw-chrony-conf-" + std::to_string(::getpid()));
+  fs::remove_all(dir);
+  fs::create_directories(dir / "sources.d");
+  fs::create_directories(dir / "conf.d");
+  std::ofstream(dir / "chrony.conf") << "# comment\n! server commented.example\npool 2.debian.pool.ntp.org iburst\n"
+                                     << "server  ntp1.example  iburst maxsources 2\nsourcedir " << (dir / "sources.d").string()
+                                     << "\nconfdir " << (dir / "conf.d").string() << "\ninclude "
+                                     << (dir / "extra-*.conf").string() << "\ninclude " << (dir / "missing.conf").string()
+                                     << "\nmakestep 1 3\nserver\n";
+  std::ofstream(dir / "sources.d" / "b.sources") << "peer 192.0.2.7\n";
+  std::ofstream(dir / "sources.d" / "a.sources") << "server 192.0.2.6 iburst\n";
+  std::ofstream(dir / "sources.d" / "chronwarden.sources") << "server ours.example iburst\n";
+  std::ofstream(dir / "sources.d" / "ignored.conf") << "server not-a-sources-file.example\n";
+  std::ofstream(dir / "conf.d" / "local.conf") << "; a comment\nserver ntp2.example\n";
+  std::ofstream(dir / "extra-1.conf") << "% comment\npool pool.example\n";
+  std::ofstream(dir / "loop.conf") << "include " << (dir / "loop.conf").string() << "\nserver once.example\n";
+  const auto sources = chrony_config_sources((dir / "chrony.conf").string(), (dir / "sources.d" / "chronwarden.sources").string());
+  std::vector<std::string> got;
+  for (const auto& c : sources) got.push_back(c.kind + " " + c.name);
+  EXPECT_EQ(got, (std::vector<std::string>{"pool 2.debian.pool.ntp.org", "server ntp1.example", "server 192.0.2.6",
+                                           "peer 192.0.2.7", "server ntp2.example", "pool pool.example"}));
+  // A file that includes itself is read a few levels deep, never for ever.
+  EXPECT_EQ(chrony_config_sources((dir / "loop.conf").string(), "").size(), 5u);
+  EXPECT_TRUE(chrony_config_sources((dir / "none.conf").string(), "").empty());
+  fs::remove_all(dir);
+}
+
+TEST_F(ChronyTest, InstallTakesTheMachinesSourcesAndNeverDoublesOrRewritesThem) {
+  reg_set_string(kParams, "ChronyConfigFile", (dir_ / "chrony.conf").string().c_str());
+  const std::string admin = "# the administrator's\nserver 127.0.0.21 iburst minpoll 4\npeer 127.0.0.22\n";
+  std::ofstream(dir_ / "sources.d" / "admin.sources") << admin;
+  std::string out;
+  ASSERT_EQ(platform::ChronyCommand((dir_ / "chronyd.sock").string(), "reload sources", out), 0) << out;
+  W32tSettings s{};
+  s.sync_type = kW32tNtp;
+  ASSERT_TRUE(chrony_import_sources(s));
+  ASSERT_EQ(s.server_count, 2u);
+  EXPECT_STREQ(s.servers[0].name, "127.0.0.21");
+  EXPECT_EQ(s.servers[0].flags, 0x8u);
+  EXPECT_STREQ(s.servers[1].name, "127.0.0.22");
+  EXPECT_EQ(s.servers[1].flags, 0x4u);
+  EXPECT_FALSE(chrony_import_sources(s));   // settings with servers are left alone
+  // Saved with one server of our own: our file holds only that one, chrony has all three.
+  s.servers[s.server_count++] = Entry("127.0.0.11", 0x8);
+  ASSERT_EQ(chrony_apply_settings(s), 1) << platform::LastError();
+  const std::string ours = Read(File());
+  EXPECT_NE(ours.find("\nserver 127.0.0.11 iburst\n"), std::string::npos) << ours;
+  EXPECT_EQ(ours.find("127.0.0.21"), std::string::npos) << ours;
+  EXPECT_EQ(ours.find("127.0.0.22"), std::string::npos) << ours;
+  EXPECT_EQ(Read(dir_ / "sources.d" / "admin.sources"), admin);
+  const std::string listed = Sources();
+  for (const char* name : {"127.0.0.11", "127.0.0.21", "127.0.0.22"}) EXPECT_NE(listed.find(name), std::string::npos) << name;
 }
 
 TEST_F(ChronyTest, WithoutAnAnsweringChronydTheApplyFails) {
