@@ -1,7 +1,7 @@
 // The provider's entry points, start-up and shut-down: the name test, the commands, the prohibited
 // KR2 table, the event writer, the registry values, a failure at each step of start-up and the
-// nothing-half-made rule, the forced disable of a coexisting product, and shut-down's one 30 s wait
-// for threads that do not end.
+// nothing-half-made rule, the forced disable of a coexisting product, shut-down's one 30 s wait for
+// threads that do not end, and the registry writes whose failure the provider ignores.
 #include "provider/provider.h"
 
 #include <gtest/gtest.h>
@@ -453,6 +453,31 @@ TEST_F(ProviderTest, ABusyPortWritesTheListenSocketEventAndStartupGoesOn) {
   EXPECT_EQ(events[0].type, 1);
   EXPECT_EQ(events[0].text.rfind("Could not create listen socket; Error 10048", 0), 0u) << events[0].text;
   platform::CloseSocket(holder);
+}
+
+// Registry values the provider writes only to report (its version, whether it runs, the partner and
+// the source history): a store that refuses them neither fails the start-up nor stops the agent.
+TEST_F(ProviderTest, RefusedReportingWritesNeitherFailTheStartUpNorStopTheAgent) {
+  for (const char* value : {"Current Version", "Service Running", defaults::kPartnerValue, defaults::kLastUsedTimeSourceValue})
+    platform::fake::FailRegistryWrite(value, platform::kErrorAccessDenied);
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  EXPECT_NE(g_provider.agent_thread, nullptr);
+  EXPECT_TRUE(g_provider.responder_active);
+  for (const auto& e : TimeServiceFake::EventsBesidesUnverified()) ADD_FAILURE() << "unexpected event: " << e.text;
+  // The agent goes on polling the time service (one poll a second, real time).
+  const int asked = TimeServiceFake::sys_info_calls;
+  ASSERT_TRUE(WaitUntil([&] { return TimeServiceFake::sys_info_calls > asked; })) << "the agent stopped polling";
+  EXPECT_EQ(Running(), "(missing)");
+  char text[64];
+  reg_get_string(kProviderKey, "Current Version", text, sizeof text, "(missing)");
+  EXPECT_STREQ(text, "(missing)");
+  reg_get_string(kProviderKey, defaults::kPartnerValue, text, sizeof text, "(missing)");
+  EXPECT_STREQ(text, "(missing)");
+  // Other values still reach the store: only the named ones were refused.
+  EXPECT_EQ(reg_get_dword(kProviderKey, "Ephemerides", 0), 1767225600u);
+  EXPECT_EQ(TimeProvClose(reinterpret_cast<platform::TimeProvHandle>(1)), 0);
+  EXPECT_EQ(g_provider.agent_thread, nullptr);
+  EXPECT_EQ(Running(), "(missing)");
 }
 
 // An agent that does not end: with "InputProvider" set the agent reports to the time service first
