@@ -44,6 +44,7 @@ struct FakeState {
   int fail_net_startup = 0;
   std::uint32_t fail_event_nth = 0;
   std::map<std::string, std::uint32_t, std::less<>> fail_named;
+  std::map<std::string, std::uint32_t, std::less<>> fail_reg_write;
 };
 
 std::atomic<bool> g_active{false};
@@ -146,6 +147,9 @@ void FailNetStartup(int code) { Locked([&](FakeState& s) { s.fail_net_startup = 
 void FailEventCreate(std::uint32_t nth) { Locked([&](FakeState& s) { s.fail_event_nth = nth; return 0; }); }
 void FailNamedObject(std::string_view name, std::uint32_t code) {
   Locked([&](FakeState& s) { s.fail_named[std::string(name)] = code; return 0; });
+}
+void FailRegistryWrite(std::string_view value_name, std::uint32_t code) {
+  Locked([&](FakeState& s) { s.fail_reg_write[std::string(value_name)] = code; return 0; });
 }
 
 }  // namespace fake
@@ -414,6 +418,18 @@ SectionHandle CreateNamedSection(const char* name, std::uint32_t size, bool& alr
 }
 SectionHandle OpenNamedSection(const char* name, std::uint32_t size) {
   return NamedFailure(name) ? nullptr : sys::OpenNamedSection(name, size);
+}
+
+// Registry writes: an injected failure while the fake is on, else the backend.
+std::uint32_t RegSetValue(RegKey key, const char* name, std::uint32_t type, const void* data, std::uint32_t size) {
+  if (On() && name) {
+    const std::uint32_t code = Locked([&](FakeState& s) {
+      auto it = s.fail_reg_write.find(std::string_view(name));
+      return it == s.fail_reg_write.end() ? 0u : it->second;
+    });
+    if (code) return code;
+  }
+  return sys::RegSetValue(key, name, type, data, size);
 }
 
 }  // namespace platform

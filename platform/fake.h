@@ -1,6 +1,7 @@
 // The fake clock: while it is on, the clock, counter, clock-interrupt facts, tick timer, priorities,
 // affinity and timer resolution answer from here, and time moves only when a test moves it.
-// Events, threads, locks and sockets stay real; network failures can be injected. Used by tests on both targets.
+// Events, threads, locks and sockets stay real; network failures and refused registry writes can be
+// injected. Used by tests on both targets.
 #pragma once
 #include <cstdint>
 #include <functional>
@@ -77,5 +78,9 @@ void FailNetStartup(int winsock_code);         // NetStartup returns the code (0
 void FailEventCreate(std::uint32_t nth);
 // Creating the named section or event of exactly this Win32 name fails with the code (0: none).
 void FailNamedObject(std::string_view name, std::uint32_t code);
+
+// Registry writes: while set (and the fake is on), RegSetValue of a value of exactly this name, in
+// any key, stores nothing and returns the code (e.g. 5 access denied; 0: none).
+void FailRegistryWrite(std::string_view value_name, std::uint32_t code);
 
 }  // namespace platform::fake

@@ -6,6 +6,7 @@
 #include <string_view>
 #include "platform/clock.h"
 #include "platform/net.h"
+#include "platform/registry.h"
 #include "platform/shared.h"
 #include "platform/sync.h"
 #include "platform/thread.h"
@@ -50,5 +51,7 @@ EventHandle CreateSyncEvent(bool manual_reset, bool initially_set);
 EventHandle CreateNamedEvent(const char* name);
 SectionHandle CreateNamedSection(const char* name, std::uint32_t size, bool& already_existed);
 SectionHandle OpenNamedSection(const char* name, std::uint32_t size);
+
+std::uint32_t RegSetValue(RegKey key, const char* name, std::uint32_t type, const void* data, std::uint32_t size);
 
 }  // namespace platform::sys

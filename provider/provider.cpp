@@ -1,6 +1,7 @@
 // Provider entry points, start-up and shut-down.
 #include "provider/provider.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <thread>
@@ -11,6 +12,7 @@
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "drift/drift_file.h"
+#include "platform/clock.h"
 #include "platform/error.h"
 #include "platform/net.h"
 #include "platform/text.h"
@@ -24,6 +26,7 @@ ProviderGlobals g_provider{};
 namespace {
 
 constexpr std::uint32_t kErrorTextSize = 128;   // the last error's text in start-up events
+constexpr std::uint32_t kStopLookMs = 10;       // shut-down looks at its deadline this often while it waits (ms)
 
 // The 35 commands of the KR2 protocol.
 constexpr std::uint8_t kKnownKr2[] = {0,   1,   2,   3,   4,   5,   6,   7,   10,  11,  12,  13,
@@ -163,15 +166,21 @@ void ProviderShutdown() {
   ProviderGlobals& p = g_provider;
   if (p.shutdown_event) {                               // 1
     // One 30 s wait in all for the agent and the precise clock's thread, which both end on the
-    // shutdown event (real time, also under the fake clock): shut-down never takes longer.
-    const auto give_up = std::chrono::steady_clock::now() + std::chrono::milliseconds(kAgentStopWaitMs);
+    // shutdown event: shut-down never takes longer. Measured on the performance counter, so that
+    // under the fake clock the time passes only when a test moves it (the waits themselves are real).
+    const std::uint64_t give_up = platform::CounterMilliseconds() + kAgentStopWaitMs;
+    const auto time_left = [give_up] {
+      const std::uint64_t now = platform::CounterMilliseconds();
+      return now < give_up ? static_cast<std::uint32_t>(give_up - now) : 0u;
+    };
     platform::SetEvent(p.shutdown_event);
     if (p.agent_thread) {
-      platform::WaitForThread(p.agent_thread, kAgentStopWaitMs);
+      for (std::uint32_t left = time_left();; left = time_left())
+        if (platform::WaitForThread(p.agent_thread, std::min(left, kStopLookMs)) || left == 0) break;
       platform::CloseThread(p.agent_thread);
       p.agent_thread = nullptr;
     }
-    while (PreciseClockThreadCount() != 0 && std::chrono::steady_clock::now() < give_up)
+    while (PreciseClockThreadCount() != 0 && time_left() != 0)
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     // A clock thread still waiting keeps the event: closed under it, the wait would read freed memory.
     if (PreciseClockThreadCount() == 0) CloseHandleOf(p.shutdown_event);

@@ -20,7 +20,9 @@
 
 inline constexpr const char* kProviderName = "Chronwarden";   // the provider's name and event source
 inline constexpr std::uint32_t kKr2CommandCount = 256;
-inline constexpr std::uint32_t kAgentStopWaitMs = 30'000;     // shut-down waits this long for the agent (ms)
+// Shut-down waits this long in all for the agent and the precise clock's threads (ms), on the
+// performance counter: under the fake clock a test moves it past a thread that does not end.
+inline constexpr std::uint32_t kAgentStopWaitMs = 30'000;
 inline constexpr std::uint32_t kEventTextMax = 509;           // event texts are cut to this many characters
 inline constexpr std::uint32_t kEventWideMax = 1024;          // wide buffer of an event text (characters)
 

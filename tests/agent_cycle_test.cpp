@@ -137,6 +137,7 @@ class AgentNtpTest : public ::testing::Test {
     DriftFileClose();
     g_provider.callbacks = {};
     g_provider.responder_active = false;
+    g_provider.sample_available = false;   // a check's sample is no later test's
     platform::fake::Disable();
     platform::NetCleanup();
   }
@@ -247,6 +248,35 @@ TEST_F(AgentNtpTest, WholeCycleTextsAndReasonsInOrder) {
   AgentStop();
   EXPECT_EQ(Partner(), "Unknown - Agent stopped");
   EXPECT_EQ(+g_local_status.agent_start, 0u);
+}
+
+// The partner text and the source history are reports only: a store that refuses them changes
+// nothing of the checks (start-up, new synchronization, scheduled), their records or the sample.
+TEST_F(AgentNtpTest, RefusedPartnerAndSourceWritesDoNotStopTheChecks) {
+  FakeNtpServer reference(kReference, Offset(3 * kMs + kMs / 2));
+  reg_delete_value(kProviderKey, defaults::kPartnerValue);
+  platform::fake::FailRegistryWrite(defaults::kPartnerValue, platform::kErrorAccessDenied);
+  platform::fake::FailRegistryWrite(defaults::kLastUsedTimeSourceValue, platform::kErrorAccessDenied);
+  AgentStart(cycle_);
+  EXPECT_EQ(Reasons(), std::vector<std::uint8_t>{255});
+  for (int i = 0; i < 19; ++i) Poll();
+  EXPECT_EQ(+g_local_status.sync_failures, 1u);
+  Synchronize("10.1.2.3");
+  Poll();
+  EXPECT_STREQ(g_local_status.partner_name, "10.1.2.3");
+  EXPECT_EQ(Reasons(), (std::vector<std::uint8_t>{255, 1}));
+  g_service.current += 1800 * kSecond;
+  Poll();
+  ASSERT_EQ(Reasons(), (std::vector<std::uint8_t>{255, 1, 6}));
+  EXPECT_EQ(Records().back().variance_ms, 3);
+  EXPECT_TRUE(g_provider.sample_available);
+  EXPECT_EQ(g_provider.current_sample.dwRefid, Addr(kReference));
+  EXPECT_TRUE(g_events.empty());
+  AgentStop();
+  // Neither value reached the store.
+  EXPECT_EQ(Partner(), "(missing)");
+  std::uint32_t words[128] = {};
+  EXPECT_EQ(reg_get_binary(kProviderKey, defaults::kLastUsedTimeSourceValue, words, sizeof words), 0);
 }
 
 TEST_F(AgentNtpTest, FailedDemandResyncLogsAndKeepsTheReason) {

@@ -1,11 +1,14 @@
 // The provider's entry points, start-up and shut-down: the name test, the commands, the prohibited
 // KR2 table, the event writer, the registry values, a failure at each step of start-up and the
-// nothing-half-made rule, and the forced disable of a coexisting product.
+// nothing-half-made rule, the forced disable of a coexisting product, shut-down's one 30 s wait for
+// threads that do not end, and the registry writes whose failure the provider ignores.
 #include "provider/provider.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 #include <cstring>
@@ -17,10 +20,12 @@
 #include "applet/kr2_client.h"
 #include "applet/os_identify.h"
 #include "config/registry.h"
+#include "drift/drift_file.h"
 #include "platform/fake.h"
 #include "platform/net.h"
 #include "platform/paths.h"
 #include "provider/kr2_responder.h"
+#include "tests/fake_clock.h"
 #include "tests/registry_fixture.h"
 #include "tests/shared_objects.h"
 #include "tests/time_service_fake.h"
@@ -66,6 +71,15 @@ class ProviderTest : public RegistryTest {
     char text[16];
     reg_get_string(kProviderKey, "Service Running", text, sizeof text, "(missing)");
     return text;
+  }
+  // Whether a socket of the test's can bind the KR2 port (all addresses).
+  static bool Kr2PortFree() {
+    platform::SocketHandle other = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
+    std::uint16_t port = 0;
+    if (!platform::ServicePort("kaironsync", "udp", port)) port = platform::HostToNet16(9909);
+    const bool bound = platform::BindV4(other, {platform::kFamilyInet, port, 0});
+    platform::CloseSocket(other);
+    return bound;
   }
   // Nothing of a start-up is left.
   static void ExpectNothingLeft() {
@@ -411,12 +425,7 @@ TEST_F(ProviderTest, WithoutAnOwnerTheResponderListens) {
   EXPECT_NE(g_provider.status_block, nullptr);
   EXPECT_TRUE(g_provider.responder_active);
   EXPECT_NE(g_listen_socket, platform::kInvalidSocket);
-  // The port is taken: a second socket cannot bind it.
-  platform::SocketHandle other = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
-  std::uint16_t port = 0;
-  if (!platform::ServicePort("kaironsync", "udp", port)) port = platform::HostToNet16(9909);
-  EXPECT_FALSE(platform::BindV4(other, {platform::kFamilyInet, port, 0}));
-  platform::CloseSocket(other);
+  EXPECT_FALSE(Kr2PortFree());   // the port is taken: a second socket cannot bind it
 }
 
 TEST_F(ProviderTest, WithoutABlockThereIsNoResponderAndAPrivateNotifyEvent) {
@@ -444,6 +453,175 @@ TEST_F(ProviderTest, ABusyPortWritesTheListenSocketEventAndStartupGoesOn) {
   EXPECT_EQ(events[0].type, 1);
   EXPECT_EQ(events[0].text.rfind("Could not create listen socket; Error 10048", 0), 0u) << events[0].text;
   platform::CloseSocket(holder);
+}
+
+// Registry values the provider writes only to report (its version, whether it runs, the partner and
+// the source history): a store that refuses them neither fails the start-up nor stops the agent.
+TEST_F(ProviderTest, RefusedReportingWritesNeitherFailTheStartUpNorStopTheAgent) {
+  for (const char* value : {"Current Version", "Service Running", defaults::kPartnerValue, defaults::kLastUsedTimeSourceValue})
+    platform::fake::FailRegistryWrite(value, platform::kErrorAccessDenied);
+  ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+  EXPECT_NE(g_provider.agent_thread, nullptr);
+  EXPECT_TRUE(g_provider.responder_active);
+  for (const auto& e : TimeServiceFake::EventsBesidesUnverified()) ADD_FAILURE() << "unexpected event: " << e.text;
+  // The agent goes on polling the time service (one poll a second, real time).
+  const int asked = TimeServiceFake::sys_info_calls;
+  ASSERT_TRUE(WaitUntil([&] { return TimeServiceFake::sys_info_calls > asked; })) << "the agent stopped polling";
+  EXPECT_EQ(Running(), "(missing)");
+  char text[64];
+  reg_get_string(kProviderKey, "Current Version", text, sizeof text, "(missing)");
+  EXPECT_STREQ(text, "(missing)");
+  reg_get_string(kProviderKey, defaults::kPartnerValue, text, sizeof text, "(missing)");
+  EXPECT_STREQ(text, "(missing)");
+  // Other values still reach the store: only the named ones were refused.
+  EXPECT_EQ(reg_get_dword(kProviderKey, "Ephemerides", 0), 1767225600u);
+  EXPECT_EQ(TimeProvClose(reinterpret_cast<platform::TimeProvHandle>(1)), 0);
+  EXPECT_EQ(g_provider.agent_thread, nullptr);
+  EXPECT_EQ(Running(), "(missing)");
+}
+
+// An agent that does not end: with "InputProvider" set the agent reports to the time service first
+// thing, and this service's status call holds it there until the test lets it go.
+struct HeldAgent {
+  static inline std::mutex mutex;
+  static inline std::condition_variable cv;
+  static inline bool held = false;
+  static inline bool released = false;
+  static platform::HResult SetProviderStatus(platform::SetProviderStatusInfo* info) {
+    std::unique_lock lock(mutex);
+    held = true;
+    cv.wait(lock, [] { return released; });
+    if (info && info->pfnFree) info->pfnFree(info);
+    return 0;
+  }
+  static bool Held() {
+    std::lock_guard lock(mutex);
+    return held;
+  }
+  static void Release() {
+    {
+      std::lock_guard lock(mutex);
+      released = true;
+    }
+    cv.notify_all();
+  }
+};
+
+constexpr std::int64_t kCounterTicksPerMs = 10'000;   // the fake counter runs at 10 MHz
+
+class ProviderShutdownTest : public ProviderTest {
+ protected:
+  void SetUp() override {
+    ProviderTest::SetUp();
+    HeldAgent::held = HeldAgent::released = false;
+    reg_set_dword(kProviderKey, "InputProvider", 1);
+    callbacks_.pfnSetProviderStatus = HeldAgent::SetProviderStatus;
+  }
+  void TearDown() override {
+    ReleaseAgent();
+    if (shutdown_.joinable()) shutdown_.join();
+    ProviderTest::TearDown();
+  }
+  // Starts the provider with its agent held at its start.
+  void StartHeld() {
+    ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
+    ASSERT_TRUE(WaitUntil(HeldAgent::Held)) << "the agent never reported to the time service";
+  }
+  // Runs shut-down on a thread of its own; returns once it waits for the threads (the shutdown
+  // event set: its deadline is taken).
+  void ShutDownInTheBackground() {
+    const platform::EventHandle shutdown = g_provider.shutdown_event;
+    shutdown_ = std::thread([this] {
+      TimeProvClose(reinterpret_cast<platform::TimeProvHandle>(1));
+      done_ = true;
+    });
+    ASSERT_TRUE(WaitUntil([&] { return platform::WaitForEvent(shutdown, 0) == platform::kWaitObject0; }));
+  }
+  // Lets a held agent go after a shut-down that gave up on it: it finds a set shutdown event of
+  // its own (the provider's were closed under it) and ends.
+  void ReleaseAgent() {
+    if (!HeldAgent::Held() || HeldAgent::released) return;
+    if ((shutdown_.joinable() && !done_) || g_provider.agent_thread) {
+      // No shut-down yet, or one still waiting: the agent goes on with the provider's events.
+      HeldAgent::Release();
+      if (shutdown_.joinable()) shutdown_.join();
+      return;
+    }
+    if (shutdown_.joinable()) shutdown_.join();
+    ProviderGlobals& p = g_provider;
+    if (!p.shutdown_event) p.shutdown_event = platform::CreateSyncEvent(true, true);
+    for (platform::EventHandle* e : {&p.sync_event, &p.time_jump_event, &p.client_event})
+      if (!*e) *e = platform::CreateSyncEvent(false, false);
+    if (!p.status_notify_event) {
+      p.status_notify_event = platform::CreateSyncEvent(false, false);
+      p.status_notify_private = true;
+    }
+    HeldAgent::Release();
+    EXPECT_TRUE(WaitUntil([] { return Partner() == "Unknown - Agent stopped"; })) << Partner();
+  }
+  static std::string Partner() {
+    char text[64];
+    reg_get_string(kProviderKey, defaults::kPartnerValue, text, sizeof text, "(missing)");
+    return text;
+  }
+  // Every shut-down step after the wait ran: nothing of the start-up is left, the drift file closed.
+  static void ExpectTornDown() {
+    ExpectNothingLeft();
+    DriftRecord record;
+    EXPECT_FALSE(DriftFileReadAfter(record, 0)) << "the drift file is still open";
+  }
+  // The drift file holds a record (the open file reads it back; a closed one does not).
+  static void PutADriftRecord() {
+    DriftFileAppend(5, 1767225600, 0, 1, "127.0.0.1", 7);
+    DriftRecord record;
+    ASSERT_TRUE(DriftFileReadAfter(record, 0));
+  }
+  std::thread shutdown_;
+  std::atomic<bool> done_{false};
+  std::atomic<int> looks_{0};   // counter reads seen by the test's hooks
+};
+
+TEST_F(ProviderShutdownTest, AnAgentThatDoesNotEndIsLeftAfterThirtySecondsAndShutDownGoesOn) {
+  StartHeld();
+  PutADriftRecord();
+  ShutDownInTheBackground();
+  // One millisecond short of the 30 s: shut-down reads the counter twice more and still waits.
+  platform::fake::AdvanceCounter((kAgentStopWaitMs - 1) * kCounterTicksPerMs);
+  platform::fake::OnNextCounterRead([this] {
+    ++looks_;
+    platform::fake::OnNextCounterRead([this] { ++looks_; });
+  });
+  ASSERT_TRUE(WaitUntil([&] { return looks_ == 2; })) << "shut-down stopped looking at its deadline";
+  EXPECT_FALSE(done_);
+  platform::fake::AdvanceCounter(kCounterTicksPerMs);
+  ASSERT_TRUE(WaitUntil([&] { return done_.load(); })) << "shut-down did not give up at 30 s";
+  shutdown_.join();
+  EXPECT_TRUE(HeldAgent::Held());   // the agent never ended
+  ExpectTornDown();
+  EXPECT_TRUE(Kr2PortFree());   // the responder's socket is closed
+}
+
+// The precise clock's threads get what is left of the same 30 s, not 30 s more: with the agent and
+// a clock thread both never ending, shut-down returns once the counter has moved 30 s in all.
+TEST_F(ProviderShutdownTest, TheClockThreadsShareTheAgentsThirtySeconds) {
+  // A clock thread that the provider's shutdown event does not stop: the clock already runs on a
+  // stop event of the test's, so the provider's start-up finds it running and leaves it.
+  const platform::UniqueEvent clock_stop(platform::CreateSyncEvent(true, false));
+  ASSERT_EQ(PreciseClockStart(clock_stop.get()), 1);
+  ASSERT_TRUE(WaitUntil([] { return PreciseClockStateRef().running.load() == 1; }));
+  StartHeld();
+  const platform::EventHandle shutdown = g_provider.shutdown_event;
+  ShutDownInTheBackground();
+  platform::fake::AdvanceCounter(kAgentStopWaitMs * kCounterTicksPerMs);
+  const bool returned = WaitUntil([&] { return done_.load(); });
+  const std::uint32_t clock_threads = PreciseClockThreadCount();
+  platform::SetEvent(clock_stop.get());   // (a shut-down still waiting ends now)
+  shutdown_.join();
+  ASSERT_TRUE(WaitUntil([] { return PreciseClockThreadCount() == 0; }));
+  EXPECT_TRUE(returned) << "the clock's threads were given more than the one 30 s";
+  EXPECT_EQ(clock_threads, 1u);   // shut-down returned with the clock thread still running
+  ExpectTornDown();               // its shutdown event is left to the clock thread, not closed
+  if (returned && clock_threads == 1) platform::CloseEvent(shutdown);
 }
 
 }  // namespace

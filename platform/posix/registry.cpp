@@ -45,6 +45,7 @@
 #include "platform/os.h"
 #include "platform/paths.h"
 #include "platform/posix/registry_memory.h"
+#include "platform/sys.h"
 
 namespace platform {
 
@@ -491,7 +492,7 @@ std::uint32_t RegQueryValue(RegKey key, const char* name, std::uint32_t* type, v
       });
 }
 
-std::uint32_t RegSetValue(RegKey key, const char* name, std::uint32_t type, const void* data, std::uint32_t size) {
+std::uint32_t sys::RegSetValue(RegKey key, const char* name, std::uint32_t type, const void* data, std::uint32_t size) {
   if (key && !(key->access & kKeySetValue)) return kErrorAccessDenied;
   if (!NameFits(name) || (size && !data)) return kErrorInvalidParameter;
   const std::string_view value_name = name ? name : "";

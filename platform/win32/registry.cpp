@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/registry.h"
+#include "platform/sys.h"
 
 namespace platform {
 namespace {
@@ -48,7 +49,7 @@ std::uint32_t RegQueryValue(RegKey key, const char* name, std::uint32_t* type, v
   return static_cast<std::uint32_t>(st);
 }
 
-std::uint32_t RegSetValue(RegKey key, const char* name, std::uint32_t type, const void* data, std::uint32_t size) {
+std::uint32_t sys::RegSetValue(RegKey key, const char* name, std::uint32_t type, const void* data, std::uint32_t size) {
   return static_cast<std::uint32_t>(::RegSetValueExA(H(key), name, 0, type, static_cast<const BYTE*>(data), size));
 }
 
