@@ -164,6 +164,14 @@ bool ProviderStartup() {
 
 void ProviderShutdown() {
   ProviderGlobals& p = g_provider;
+  // An agent that did not end in time still holds the events it waits on: they are left to it
+  // (the shutdown event set, so that it ends when it next waits) rather than closed under it, where
+  // its next wait would read freed memory. Their handles are forgotten, never reused.
+  bool agent_left = false;
+  const auto close_or_leave = [&agent_left](platform::EventHandle& event) {
+    if (agent_left) event = nullptr;
+    else CloseHandleOf(event);
+  };
   if (p.shutdown_event) {                               // 1
     // One 30 s wait in all for the agent and the precise clock's thread, which both end on the
     // shutdown event: shut-down never takes longer. Measured on the performance counter, so that
@@ -175,18 +183,23 @@ void ProviderShutdown() {
     };
     platform::SetEvent(p.shutdown_event);
     if (p.agent_thread) {
-      for (std::uint32_t left = time_left();; left = time_left())
-        if (platform::WaitForThread(p.agent_thread, std::min(left, kStopLookMs)) || left == 0) break;
+      for (std::uint32_t left = time_left();; left = time_left()) {
+        if (platform::WaitForThread(p.agent_thread, std::min(left, kStopLookMs))) break;
+        if (left == 0) {
+          agent_left = true;
+          break;
+        }
+      }
       platform::CloseThread(p.agent_thread);
       p.agent_thread = nullptr;
     }
     while (PreciseClockThreadCount() != 0 && time_left() != 0)
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     // A clock thread still waiting keeps the event: closed under it, the wait would read freed memory.
-    if (PreciseClockThreadCount() == 0) CloseHandleOf(p.shutdown_event);
+    if (PreciseClockThreadCount() == 0) close_or_leave(p.shutdown_event);
     else p.shutdown_event = nullptr;
   }
-  if (p.status_notify_private) CloseHandleOf(p.status_notify_event);   // 2
+  if (p.status_notify_private) close_or_leave(p.status_notify_event);   // 2
   p.status_notify_event = nullptr;
   p.status_notify_private = false;
   CloseListenSocket();                                  // 3
@@ -195,9 +208,9 @@ void ProviderShutdown() {
   CloseSyncStatus(false);                               // 5
   p.status_block = nullptr;
   CloseActivityMap();                                   // 6
-  CloseHandleOf(p.sync_event);                          // 7
-  CloseHandleOf(p.time_jump_event);
-  CloseHandleOf(p.client_event);
+  close_or_leave(p.sync_event);                         // 7
+  close_or_leave(p.time_jump_event);
+  close_or_leave(p.client_event);
   if (p.winsock_started) {                              // 8
     platform::NetCleanup();
     p.winsock_started = false;

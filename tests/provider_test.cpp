@@ -584,6 +584,10 @@ class ProviderShutdownTest : public ProviderTest {
 TEST_F(ProviderShutdownTest, AnAgentThatDoesNotEndIsLeftAfterThirtySecondsAndShutDownGoesOn) {
   StartHeld();
   PutADriftRecord();
+  const ProviderGlobals& p = g_provider;
+  const std::vector<platform::EventHandle> agents_events = {p.shutdown_event, p.sync_event, p.time_jump_event,
+                                                            p.client_event, p.status_notify_event};
+  const bool notify_private = p.status_notify_private;
   ShutDownInTheBackground();
   // One millisecond short of the 30 s: shut-down reads the counter twice more and still waits.
   platform::fake::AdvanceCounter((kAgentStopWaitMs - 1) * kCounterTicksPerMs);
@@ -599,6 +603,17 @@ TEST_F(ProviderShutdownTest, AnAgentThatDoesNotEndIsLeftAfterThirtySecondsAndShu
   EXPECT_TRUE(HeldAgent::Held());   // the agent never ended
   ExpectTornDown();
   EXPECT_TRUE(Kr2PortFree());   // the responder's socket is closed
+  // The events the agent waits on are left to it, alive (a closed one would be freed memory under
+  // ASan), the shutdown event set so that its next wait ends it.
+  EXPECT_EQ(platform::WaitForEvent(agents_events[0], 0), platform::kWaitObject0);
+  for (std::size_t i = 1; i < agents_events.size(); ++i) {
+    if (i + 1 < agents_events.size() || notify_private) {
+      EXPECT_EQ(platform::WaitForEvent(agents_events[i], 0), platform::kWaitTimeout) << i;
+    }
+  }
+  ReleaseAgent();
+  for (std::size_t i = 0; i < agents_events.size(); ++i)
+    if (i + 1 < agents_events.size() || notify_private) platform::CloseEvent(agents_events[i]);
 }
 
 // The precise clock's threads get what is left of the same 30 s, not 30 s more: with the agent and
