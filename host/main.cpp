@@ -35,6 +35,9 @@ const char kUsage[] =
     "                        lines too), Start 2 when not set, SystemdUnit chronwarden-host.service\n"
     "  --help                this text\n"
     "Signals: SIGTERM or SIGINT stop the host, SIGHUP reloads the providers' settings.\n"
+    "A store that cannot be read (damaged) is no set of settings: the host does not start on one\n"
+    "(exit code 1), and on SIGHUP the providers keep the settings they last read. The host ends on\n"
+    "its next sample poll when its machine root ($CHRONWARDEN_ROOT) is deleted.\n"
     "Log lines go to the system log: the host's as chronwarden-host, a provider's as its name\n"
     "(journalctl -t Chronwarden).\n";
 
