@@ -152,6 +152,12 @@ TEST_F(StoreDamageTest, ADamagedPageIsFoundThoughTheSettingsStillRead) {
   EXPECT_EQ(Run("reg check", &out), 1);
   EXPECT_EQ(out.rfind(Expected({"*** in database main ***"}), 0), 0u) << out;
   EXPECT_NE(out.find("invalid page number -1"), std::string::npos) << out;
+  // The settings' readers take the check's word: a damaged store, not defaults.
+  EXPECT_EQ(reg_readable(defaults::kW32TimeServiceKey), platform::kErrorRegistryCorrupt);
+  EXPECT_EQ(Run("config show", &out), 1);
+  char text[512];
+  EXPECT_EQ(out, "chronwarden config: " + std::string(SystemErrorText(platform::kErrorRegistryCorrupt, text, sizeof text)) +
+                     "\n");
 }
 
 TEST_F(StoreDamageTest, NoStoreOrNoMachineIsNoSoundStore) {
