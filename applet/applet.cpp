@@ -249,19 +249,30 @@ std::intptr_t applet_apply_notification(platform::Dialog& page) {
 
 namespace {
 
+// A store that cannot be read (damaged, refused): its error, where pages of defaults would be.
+void settings_unreadable(const char* machine, std::uint32_t status) {
+  applet_message(nullptr, 0, "Could not read the time service settings from %s machine's registry; %s", machine,
+                 error_text(status).c_str());
+}
+
 // Runs the sheet of a launch: status worker, settings, silent upgrade, pages.
 std::intptr_t run_sheet(void* window, std::uint32_t mode, bool remote) {
   using namespace platform;
-  g_applet.status_stop = CreateSyncEvent(true, false);
-  g_applet.status_check = CreateSyncEvent(false, false);
-  g_applet.status_thread = g_status_thread_fn ? CreateThreadSuspended(g_status_thread_fn, nullptr) : nullptr;
   g_applet.win2k_target = g_os.level > kOsWin2000 && remote && g_applet.target_level == kOsWin2000;
   if (remote) {
     g_w32t_env.level = g_applet.target_level;
     g_w32t_env.installed_product = w32t_installed_product();
   }
   W32tSettings& s = g_applet.settings;
-  w32t_load(s);
+  // Settings that cannot be read are said so, never shown as pages of defaults.
+  if (const std::uint32_t st = w32t_load(s)) {
+    settings_unreadable(remote ? g_applet.target : "this", st);
+    SetLastError(st);
+    return 0;
+  }
+  g_applet.status_stop = CreateSyncEvent(true, false);
+  g_applet.status_check = CreateSyncEvent(false, false);
+  g_applet.status_thread = g_status_thread_fn ? CreateThreadSuspended(g_status_thread_fn, nullptr) : nullptr;
   char registered[32];
   reg_get_string(kProviderKey, "Current Version", registered, sizeof registered, "");
   if (mode == kCplDblClk && g_w32t_env.level > kOsWin2000 &&
@@ -379,6 +390,15 @@ std::intptr_t applet_launch(void* window, std::uint32_t mode) {
   if (remote && !reg_connect_target(g_applet.target)) {
     err = LastError();
     applet_message(nullptr, 0, "Cannot set focus to remote machine; %s", error_text(err).c_str());
+    return 0;
+  }
+  // A damaged store is never shown, installed over or removed from as if it held defaults: the
+  // store's own quick check must find it sound first (the system registry on Windows always is).
+  // A machine without a store yet gets a new one, as any first use makes it.
+  platform::RegistryStoreReport report;
+  if (std::uint32_t st = RegistryStoreCheck(g_applet.target, true, report); st && st != kErrorFileNotFound) {
+    err = st;
+    settings_unreadable(remote ? name : "this", st);
     return 0;
   }
   if (!applet_access_test(nullptr, g_applet.target, "", text)) {

@@ -28,7 +28,7 @@ bool RegisterHostAsTimeService(const std::string& machine) {
   if (!reg_connect_target(machine.empty() ? nullptr : machine.c_str())) return false;
   char image[512];
   reg_get_string(defaults::kW32TimeServiceKey, "ImagePath", image, sizeof image, "");
-  return image[0] || RegisterTimeServiceProgram(program.c_str());
+  return image[0] || RegisterTimeServiceProgram(program.c_str(), true);
 }
 
 // This machine's web console gets the applet's page with the provider, and loses it with it
@@ -55,7 +55,9 @@ int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
           "under $CHRONWARDEN_NETWORK_ROOT/NAME). Install copies the module ($CHRONWARDEN_MODULE, else\n"
           "w32tmkr.cpl beside this program) into the system directory unless the one there is as new,\n"
           "registers it as a time provider, writes the uninstall entry and restarts the time service;\n"
-          "remove undoes the registration%s.\n"
+          "remove undoes the registration%s. On Linux, install also makes the host daemon\n"
+          "(chronwarden-host) the time service when there is none yet and starts it; remove stops it and\n"
+          "unregisters it again when install made it and no other time provider needs it.\n"
           "On this machine (no --machine), install also writes the Cockpit page into the web console's\n"
           "package folder and remove deletes it ($CHRONWARDEN_COCKPIT_DIR, else\n"
           "/usr/share/cockpit/chronwarden; none for a machine root of its own named by $CHRONWARDEN_ROOT).\n"
@@ -90,6 +92,11 @@ int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
   std::intptr_t ok = applet_entry(nullptr, message, 0, 0);
   std::uint32_t err = platform::LastError();
   if (ok && message == kCplRemove && machine.empty()) RetireModuleFile();
+  // What install started, remove stops: the host daemon install made the time service, once it
+  // hosts no other provider, is stopped and unregistered (Windows Time is the system's own).
+  if (ok && !err && message == kCplRemove && reg_connect_target(machine.empty() ? nullptr : machine.c_str()) &&
+      UnregisterTimeServiceProgram(nullptr, machine.c_str()) < 0)
+    err = platform::LastError();
   // The host daemon is started (and made automatic) once the provider is in place; Windows Time
   // already runs on its own.
   if (ok && !err && message == kCplInstall && !platform::TimeServiceProgram().empty() &&

@@ -20,7 +20,8 @@ constexpr const char* kHelp =
     "Usage: chronwarden reg query  KEY [VALUE] [--json] [--machine NAME]\n"
     "       chronwarden reg set    KEY VALUE [--type TYPE] --data DATA [--machine NAME]\n"
     "       chronwarden reg delete KEY [VALUE] [--machine NAME]\n"
-    "       chronwarden reg export KEY [--machine NAME]\n\n"
+    "       chronwarden reg export KEY [--machine NAME]\n"
+    "       chronwarden reg check  [--machine NAME]\n\n"
     "KEY follows the product's path rules: \"\" or Sub lie under Software\\Morvane\\Chronwarden\\Parameters,\n"
     "\"\\\" is Software\\Morvane\\Chronwarden, \"\\Sub\" a key below it, and \"\\\\Path\" is Path at the root of\n"
     "HKEY_LOCAL_MACHINE (for example '\\\\System\\CurrentControlSet\\Services\\W32Time'). VALUE \"\" is the\n"
@@ -33,7 +34,11 @@ constexpr const char* kHelp =
     "           multi_sz items separated by \\0; dword decimal or 0x-hex; binary hex digits (spaces,\n"
     "           commas and colons between bytes are ignored)\n"
     "  delete   removes a value, or without VALUE the key (which must have no subkeys)\n"
-    "  export   prints the key and all its subkeys as .reg text\n\n"
+    "  export   prints the key and all its subkeys as .reg text\n"
+    "  check    checks the machine's store for damage (on Linux SQLite's integrity check of\n"
+    "           registry.db): prints \"STORE: ok\" and exits 0 when it is sound; prints the registry's\n"
+    "           error and the check's first findings and exits 1 when it is damaged or cannot be read.\n"
+    "           Windows keeps its own registry consistent: nothing to check there (exit 0)\n\n"
     "Options:\n"
     "  --machine NAME  work on NAME's registry (\\\\NAME or NAME) instead of the local one\n\n"
     "A missing key or value, or a refused change, exits 1 with the system's text for the error.\n";
@@ -42,7 +47,7 @@ constexpr std::uint32_t kNameSize = 16384;
 
 struct Options {
   std::string verb, key, value, type = "sz", data, machine;
-  bool has_value = false, has_data = false, json = false;
+  bool has_value = false, has_data = false, json = false, has_type = false;
 };
 
 int Fail(std::uint32_t code) {
@@ -301,6 +306,20 @@ std::uint32_t ExportKey(const std::string& path, const std::string& title) {
   return 0;
 }
 
+int Check(const Options& o) {
+  platform::RegistryStoreReport report;
+  const std::uint32_t st = platform::RegistryStoreCheck(o.machine.c_str(), false, report);
+  if (st) {
+    Fail(st);
+    std::fprintf(stderr, "  %s\n", report.store.c_str());
+    for (const std::string& line : report.problems) std::fprintf(stderr, "  %s\n", line.c_str());
+    return kExitFailed;
+  }
+  if (!report.checked) std::printf("%s: not checked here (the system keeps it consistent itself)\n", report.store.c_str());
+  else std::printf("%s: ok\n", report.store.c_str());
+  return kExitOk;
+}
+
 int Export(const Options& o) {
   std::printf("Windows Registry Editor Version 5.00\n\n");
   const std::uint32_t st = ExportKey(o.key, KeyTitle(o.key));
@@ -321,14 +340,21 @@ int CmdReg(CommandArgs args) {
       return true;
     };
     if (a == "--json") o.json = true;
-    else if (a == "--type") { if (!take(o.type)) return UsageError("reg", "--type needs a type"); }
+    else if (a == "--type") { if (!take(o.type)) return UsageError("reg", "--type needs a type"); o.has_type = true; }
     else if (a == "--data") { if (!take(o.data)) return UsageError("reg", "--data needs the data"); o.has_data = true; }
     else if (a == "--machine") { if (!take(o.machine)) return UsageError("reg", "--machine needs a name"); }
     else if (a.starts_with("--")) return UsageError("reg", "unknown option '" + std::string(a) + "'");
     else positional.emplace_back(a);
   }
-  if (positional.empty()) return UsageError("reg", "a subcommand is needed: query, set, delete or export");
+  if (positional.empty()) return UsageError("reg", "a subcommand is needed: query, set, delete, export or check");
   o.verb = positional[0];
+  if (o.verb == "check") {
+    // The store itself is the subject: it is opened by the check alone, never through the layer,
+    // which would read a damaged file as an error of its own first.
+    if (positional.size() > 1) return UsageError("reg", "check takes no KEY");
+    if (o.json || o.has_data || o.has_type) return UsageError("reg", "check takes --machine only");
+    return Check(o);
+  }
   if (positional.size() < 2) return UsageError("reg", "a KEY is needed");
   o.key = positional[1];
   if (positional.size() > 2) o.value = positional[2], o.has_value = true;

@@ -11,7 +11,7 @@ constexpr Command kCommands[] = {
     {"clock", "sample the precise clock against the system and fine wall clocks", CmdClock},
     {"history", "list a drift history file's records, or append one", CmdHistory},
     {"report", "write the synchronization summary report of a drift history file", CmdReport},
-    {"reg", "query, set, delete and export registry values (product path rules)", CmdReg},
+    {"reg", "query, set, delete and export registry values (product path rules); check the store", CmdReg},
     {"os", "name the local system: text, OS level, architecture", CmdOs},
     {"ntp", "query an NTP server: the local clock's offset from it and the round trip", CmdNtp},
     {"config", "show or change the time service's settings and tell the service", CmdConfig},

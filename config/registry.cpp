@@ -137,7 +137,11 @@ int reg_key_exists(const char* path) {
 std::uint32_t reg_readable(const char* path) {
   Key key;
   const std::uint32_t st = reg_open_read(path, key.h);
-  return st == platform::kErrorFileNotFound || st == platform::kErrorPathNotFound ? 0 : st;
+  if (st != 0 && st != platform::kErrorFileNotFound && st != platform::kErrorPathNotFound) return st;
+  // Keys that open do not make a sound store: a damaged page elsewhere would read as defaults.
+  platform::RegistryStoreReport report;
+  const std::uint32_t check = platform::RegistryStoreCheck(g_target_machine, true, report);
+  return check == platform::kErrorRegistryCorrupt ? check : 0;
 }
 
 int reg_write_value(const char* path, const char* name, const void* data, std::uint32_t type, std::uint32_t size) {

@@ -38,7 +38,7 @@ std::uint32_t reg_open_read(const char* path, platform::RegKey& key);
 std::uint32_t reg_open_write(const char* path, platform::RegKey& key);
 int reg_key_exists(const char* path);   // 1 if the key can be opened for reading
 // Whether the store holding path can be read: 0 (a missing key included), or the registry's error
-// (1015 a damaged store, 5 access denied, ...).
+// (1015 a damaged store, also when only the store's quick check finds the damage; 5 access denied, ...).
 std::uint32_t reg_readable(const char* path);
 
 // Stores size bytes of data with the type, creating the key; no data or size 0 deletes the value.

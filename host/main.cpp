@@ -15,6 +15,8 @@
 #include "host/time_service.h"
 #include "platform/error.h"
 #include "platform/host.h"
+#include "platform/paths.h"
+#include "timing/error_text.h"
 
 namespace {
 
@@ -33,6 +35,9 @@ const char kUsage[] =
     "                        lines too), Start 2 when not set, SystemdUnit chronwarden-host.service\n"
     "  --help                this text\n"
     "Signals: SIGTERM or SIGINT stop the host, SIGHUP reloads the providers' settings.\n"
+    "A store that cannot be read (damaged) is no set of settings: the host does not start on one\n"
+    "(exit code 1), and on SIGHUP the providers keep the settings they last read. The host ends on\n"
+    "its next sample poll when its machine root ($CHRONWARDEN_ROOT) is deleted.\n"
     "Log lines go to the system log: the host's as chronwarden-host, a provider's as its name\n"
     "(journalctl -t Chronwarden).\n";
 
@@ -87,6 +92,13 @@ int Register() {
   return 0;
 }
 
+// The registry's text for a status, without the trailing blank the system's texts end in.
+const char* ErrorText(std::uint32_t code, char* text, std::size_t size) {
+  SystemErrorText(code, text, static_cast<std::uint32_t>(size));
+  for (std::size_t n = std::strlen(text); n > 0 && text[n - 1] == ' ';) text[--n] = '\0';
+  return text;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -100,6 +112,17 @@ int main(int argc, char** argv) {
     return 1;
   }
   reg_connect_target(nullptr);
+  // A store that cannot be read is no list of providers: the host has no settings to run on.
+  if (const std::uint32_t st = reg_readable(kTimeProvidersKey)) {
+    char text[512];
+    HostLog(kLogError, "cannot read the time providers' settings, not starting: %s", ErrorText(st, text, sizeof text));
+    return 1;
+  }
+  // The machine root goes with the machine: deleted under the host, it ends the host.
+  if (!platform::host::WatchMachineRoot()) {
+    HostLog(kLogError, "the machine root %s is not there, not starting", platform::MachineRoot().c_str());
+    return 1;
+  }
   if (options.chrony_socket.empty()) {
     char path[512];
     reg_get_string(defaults::kW32TimeParametersKey, defaults::kChronySocketValue, path, sizeof path,
@@ -121,7 +144,13 @@ int main(int argc, char** argv) {
         running = false;
         break;
       case platform::host::Wake::Reload:
-        HostLog(kLogInfo, "settings changed: the providers reload them");
+        if (const std::uint32_t st = reg_readable(kTimeProvidersKey)) {
+          char text[512];
+          HostLog(kLogError, "settings changed, but they cannot be read; the settings last read stay in use: %s",
+                  ErrorText(st, text, sizeof text));
+        } else {
+          HostLog(kLogInfo, "settings changed: the providers reload them");
+        }
         HostCommand(providers, platform::TPC_UpdateConfig, nullptr);
         break;
       case platform::host::Wake::ClockStepped: {
@@ -138,6 +167,14 @@ int main(int argc, char** argv) {
         break;
     }
     if (running && Clock::now() >= next_poll) {
+      // Checked on the poll's own wake-up: no extra wake-ups for it.
+      if (platform::host::MachineRootGone()) {
+        // The providers are not closed: all they would write back belongs to the machine that is
+        // gone, and writing it would make a root of that name again.
+        HostLog(kLogError, "the machine root %s was deleted: stopping", platform::MachineRoot().c_str());
+        platform::host::NotifyServiceManager("STOPPING=1");
+        std::_Exit(0);
+      }
       HostPollSamples(providers);
       next_poll += std::chrono::seconds(options.poll_s);
       if (next_poll < Clock::now()) next_poll = Clock::now() + std::chrono::seconds(options.poll_s);

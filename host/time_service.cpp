@@ -1,7 +1,6 @@
 // The service callbacks and the providers' lifecycle inside the host.
 #include "host/time_service.h"
 
-#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <cstdarg>
@@ -10,6 +9,7 @@
 #include <mutex>
 
 #include "config/registry.h"
+#include "config/service_control.h"
 #include "host/chrony.h"
 #include "platform/clock.h"
 #include "platform/host.h"
@@ -152,27 +152,14 @@ platform::TimeProvSysCallbacks HostCallbacks() {
 
 std::vector<LoadedProvider> HostLoadProviders() {
   std::vector<LoadedProvider> loaded;
-  platform::RegKey key = nullptr;
-  char path[512];
-  reg_key_path(kTimeProvidersKey, path, sizeof path);
-  if (platform::RegOpenKey(g_reg_root, path, platform::kKeyRead, key) != 0) return loaded;
-  std::vector<std::string> names;
-  char name[260];
-  for (std::uint32_t i = 0; platform::RegEnumKey(key, i, name, sizeof name) == 0; ++i) names.emplace_back(name);
-  platform::RegCloseKey(key);
-  for (const std::string& n : names) {
+  for (const std::string& n : TimeProviderNames()) {
     const std::string provider_key = std::string(kTimeProvidersKey) + "\\" + n;
     if (reg_get_dword(provider_key.c_str(), "Enabled", 0) == 0) continue;
     char dll[260];
     reg_get_string(provider_key.c_str(), "DllName", dll, sizeof dll, "");
     // The time service's built-in providers (NtpClient, NtpServer: no module, or its own
     // w32time.dll) are chronyd's part here.
-    const char* file = dll;
-    for (const char* c = dll; *c; ++c)
-      if (*c == '\\' || *c == '/') file = c + 1;
-    std::string lower(file);
-    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    if (lower.empty() || lower == "w32time.dll") {
+    if (!HostLoadsProviderModule(dll)) {
       HostLog(kLogInfo, "time provider %s: built into the time service; chronyd plays it", n.c_str());
       continue;
     }

@@ -50,4 +50,10 @@ int LocalDatagramRequest(const char* server_path, const void* request, std::size
 // The path of the running program (/proc/self/exe).
 const char* ProgramPath();
 
+// Watches the machine root's folder: WatchMachineRoot holds it open (false when it is not there);
+// MachineRootGone says whether that folder has been deleted since (a folder made again in its place
+// is another one, so it counts as gone too). One fstat, no wake-ups of its own.
+bool WatchMachineRoot();
+bool MachineRootGone();
+
 }  // namespace platform::host

@@ -107,6 +107,20 @@ std::uint32_t RegGetKeySecurity(RegKey key, std::vector<RegAce>& dacl);
 // POSIX: NAME's store under the network root (RemoteMachineRoot); 53 when NAME's root is not there.
 std::uint32_t RegConnectRegistry(std::string_view unc_name, bool wide, RegKey& out);
 
+// What RegistryStoreCheck found.
+struct RegistryStoreReport {
+  std::string store;                  // what was checked: POSIX the store's file; Windows "the system registry"
+  bool checked = false;               // false where the store is not this program's to check (Windows, memory store)
+  std::vector<std::string> problems;  // the first lines the check reported (at most 10); empty when sound
+};
+// Checks the store of machine ("" or nullptr: this machine; "\\NAME" or "NAME": NAME's) for damage.
+// POSIX: SQLite's integrity check (quick: its quick check, which does not compare indexes with their
+// tables) on a connection of its own, so a damaged file is read afresh. Returns 0 when sound; 1015
+// when damaged (problems: SQLite's own text when the file is no store at all, else its first
+// findings); 2 when the machine has no store yet; 53 when its machine root is not there; 5 when the
+// file may not be read. Windows: the system registry keeps itself consistent; 0 with checked false.
+std::uint32_t RegistryStoreCheck(const char* machine, bool quick, RegistryStoreReport& out);
+
 // Switches this process's local-machine store (RegLocalMachine, RegConnectRegistry of this machine)
 // for fuzzing, benchmarks and tests that must not wait on a disk. Handles already open keep theirs.
 // on: a fresh tree in memory holding only the machine identity values a new store starts with.

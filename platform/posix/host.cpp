@@ -1,6 +1,7 @@
 // The host's system facilities on Linux.
 #include "platform/host.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
@@ -21,11 +22,14 @@
 #include <mutex>
 #include <string>
 
+#include "platform/paths.h"
+
 namespace platform::host {
 namespace {
 
 int g_signal_fd = -1;
 int g_step_fd = -1;
+int g_root_fd = -1;   // the machine root's folder (WatchMachineRoot)
 std::mutex g_log_lock;
 bool g_log_stderr = false;
 
@@ -135,6 +139,18 @@ int LocalDatagramRequest(const char* server_path, const void* request, std::size
   }
   close(fd);
   return got;
+}
+
+bool WatchMachineRoot() {
+  if (g_root_fd >= 0) ::close(g_root_fd);
+  g_root_fd = ::open(MachineRoot().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  return g_root_fd >= 0;
+}
+
+bool MachineRootGone() {
+  struct stat st {};
+  // A deleted folder keeps no links; the descriptor still reaches it.
+  return g_root_fd < 0 || ::fstat(g_root_fd, &st) != 0 || st.st_nlink == 0;
 }
 
 const char* ProgramPath() {

@@ -5,10 +5,22 @@
 // written. Key and value names compare without regard to ASCII case (COLLATE NOCASE) and keep the
 // case they were created with. security holds the key's access list as text.
 //
-// Every call is one transaction (changes BEGIN IMMEDIATE), the database runs in WAL mode with a
-// busy time-out, so the provider and the applet may use one store at once without losing a write.
+// Every call is one transaction (changes BEGIN IMMEDIATE) with a busy time-out, so the host, its
+// provider, the command line and the applet may use one store at once without losing a write.
 // Within a process one connection per store serves every thread behind the store's mutex; a child
 // process after fork opens its own.
+//
+// A crash or a power loss never damages the store: every connection sets journal_mode=DELETE and
+// synchronous=FULL. A change is first copied into the rollback journal, which is flushed before the
+// database is touched; the database is flushed before the journal goes, so a change interrupted
+// anywhere leaves a hot journal that the next opener rolls back, and a call that returned has its
+// change on disk. A rollback journal rather than WAL, because the store is opened (1) by processes
+// on other machines through the network root, where WAL's shared-memory index cannot be shared and
+// WAL is not safe, and (2) possibly by other users: a reader then needs read access to the file
+// alone, where WAL needs every reader to write the -shm file. The cost is a few flushes per change;
+// changes are rare (an Apply, an install), reads take none. A store still in WAL mode (made by an
+// earlier build) switches when it is opened while no other process holds it, and is safe in the
+// meantime (WAL with synchronous=FULL).
 //
 // The first process that creates a store fills in the machine identity values the system reads:
 // ProductType ("ServerNT": a machine that serves time), PROCESSOR_ARCHITECTURE (from uname -m:
@@ -322,11 +334,13 @@ std::uint32_t OpenStoreFile(Store& s, const std::string& computer_name, const st
   }
   sqlite3_busy_timeout(s.db, kBusyTimeoutMs);
   if (s.read_only) return 0;
-  // Two processes making the same new store meet while one switches it to WAL or fills it in, and
-  // SQLite may then answer "busy" without waiting: try again for up to a second.
+  // Two processes making the same new store meet while one fills it in, and SQLite may then answer
+  // "busy" without waiting: try again for up to a second.
   for (int attempt = 0;; ++attempt) {
-    std::uint32_t st = Exec(s.db, "PRAGMA journal_mode=WAL");
-    if (!st) st = Exec(s.db, "PRAGMA synchronous=NORMAL");
+    std::uint32_t st = Exec(s.db, "PRAGMA journal_mode=DELETE");
+    // Leaving WAL needs the store to itself: while another process holds it, it stays in WAL.
+    if (st == kErrorRegistryIoFailed) st = 0;
+    if (!st) st = Exec(s.db, "PRAGMA synchronous=FULL");
     if (!st) st = Initialise(s, computer_name, system_root);
     if (st != kErrorRegistryIoFailed || attempt == 50) return st;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -633,6 +647,61 @@ std::uint32_t RegConnectRegistry(std::string_view unc_name, bool /*wide*/, RegKe
   if (st) return st;
   out = new RegKeyObject(std::move(root));
   return 0;
+}
+
+std::uint32_t RegistryStoreCheck(const char* machine, bool quick, RegistryStoreReport& out) {
+  out = RegistryStoreReport{};
+  std::string host = machine ? machine : "";
+  while (!host.empty() && host.front() == '\\') host.erase(0, 1);
+  const bool local = host.empty() || strcasecmp(host.c_str(), ComputerName().c_str()) == 0;
+  if (!local && (host == "." || host == ".." || host.find_first_of("/\\") != std::string::npos)) return kErrorBadNetPath;
+  if (local && MemoryRoot()) {
+    out.store = "the memory store";   // made whole in this process; nothing on disk to check
+    return 0;
+  }
+  const std::string root = local ? MachineRoot() : RemoteMachineRoot(host);
+  out.store = root + "/registry.db";
+  std::error_code ec;
+  if (!std::filesystem::is_directory(root, ec)) return local ? kErrorFileNotFound : kErrorBadNetPath;
+  if (!std::filesystem::exists(out.store, ec)) return kErrorFileNotFound;
+  out.checked = true;
+  // Read-write when allowed, so that a hot journal left by a crash is rolled back first, as any
+  // opener does; a store that may only be read is checked as it is.
+  sqlite3* db = nullptr;
+  int rc = sqlite3_open_v2(out.store.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX, nullptr);
+  if (rc != SQLITE_OK) {
+    sqlite3_close_v2(db);
+    db = nullptr;
+    rc = sqlite3_open_v2(out.store.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_FULLMUTEX, nullptr);
+  }
+  std::uint32_t status = 0;
+  if (rc == SQLITE_OK) {
+    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    sqlite3_stmt* q = nullptr;
+    rc = sqlite3_prepare_v2(db, quick ? "PRAGMA quick_check(10)" : "PRAGMA integrity_check(10)", -1, &q, nullptr);
+    while (rc == SQLITE_OK || rc == SQLITE_ROW) {
+      rc = sqlite3_step(q);
+      if (rc != SQLITE_ROW) break;
+      const auto* line = reinterpret_cast<const char*>(sqlite3_column_text(q, 0));
+      // A finding may span lines ("*** in database main ***\nOn tree page 4 ..."): one line each.
+      std::string_view text = line ? line : "";
+      if (text == "ok") continue;
+      for (std::size_t end; !text.empty(); text.remove_prefix(end == text.npos ? text.size() : end + 1))
+        if ((end = text.find('\n')) != 0) out.problems.emplace_back(text.substr(0, end));
+    }
+    sqlite3_finalize(q);
+    if (rc != SQLITE_DONE) {
+      status = StatusOf(rc);
+      out.problems.insert(out.problems.begin(), sqlite3_errmsg(db));
+    } else if (!out.problems.empty()) {
+      status = kErrorRegistryCorrupt;
+    }
+  } else {
+    status = StatusOf(rc);
+    out.problems.emplace_back(db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
+  }
+  sqlite3_close_v2(db);
+  return status;
 }
 
 bool UseMemoryRegistryStore(bool on) {

@@ -140,4 +140,10 @@ std::uint32_t RegConnectRegistry(std::string_view unc_name, bool wide, RegKey& o
 
 bool UseMemoryRegistryStore(bool /*on*/) { return false; }   // the system registry stays the system registry
 
+std::uint32_t RegistryStoreCheck(const char*, bool, RegistryStoreReport& out) {
+  out = RegistryStoreReport{};
+  out.store = "the system registry";   // Windows checks and recovers its hives itself
+  return 0;
+}
+
 }  // namespace platform

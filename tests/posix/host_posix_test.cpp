@@ -19,6 +19,8 @@
 #include <thread>
 
 #include "config/registry.h"
+#include "platform/error.h"
+#include "timing/error_text.h"
 #include "host/chrony.h"
 #include "host/time_service.h"
 #include "platform/host.h"
@@ -267,6 +269,69 @@ TEST_F(HostProcessTest, StartsTheProviderReloadsAndStopsOnSigterm) {
   // The provider's own event, under its name as the system log's identifier.
   EXPECT_NE(log.find("Chronwarden["), std::string::npos) << log;
   EXPECT_NE(log.find("Could not create listen socket; Error 10048"), std::string::npos) << log;
+}
+
+// A damaged store is no list of providers: the host says why and does not start.
+TEST_F(HostProcessTest, ADamagedStoreAtStartIsRefusedWithTheReason) {
+  std::ofstream(root_ / "registry.db", std::ios::trunc) << std::string(8192, 'Z');
+  Start((root_ / "chronyd.sock").string());
+  int status = 0;
+  ASSERT_TRUE(Within(20, [&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) << Log();
+  pid_ = -1;
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+  char text[512];
+  SystemErrorText(platform::kErrorRegistryCorrupt, text, sizeof text);
+  std::string reason = text;
+  while (reason.back() == ' ') reason.pop_back();
+  EXPECT_NE(Log().find("cannot read the time providers' settings, not starting: " + reason + "\n"), std::string::npos)
+      << Log();
+  EXPECT_EQ(Log().find("started:"), std::string::npos) << Log();
+}
+
+// Damaged under a running host: a reload says so and the host goes on with what it last read.
+TEST_F(HostProcessTest, ADamagedStoreOnReloadKeepsTheSettingsLastRead) {
+  FakeChronyd chronyd((root_ / "chronyd.sock").string());
+  Start((root_ / "chronyd.sock").string());
+  ASSERT_TRUE(Within(20, [] { return Running() == "True"; })) << Log();
+  const fs::path store = root_ / "registry.db";
+  const fs::path damaged = root_ / "registry.db.new";
+  std::ofstream(damaged) << std::string(8192, 'Z');
+  fs::rename(damaged, store);
+  kill(pid_, SIGHUP);
+  ASSERT_TRUE(Within(20, [&] {
+    return Log().find("settings changed, but they cannot be read; the settings last read stay in use: The registry is "
+                      "corrupted.") != std::string::npos;
+  })) << Log();
+  // Still polling its providers afterwards.
+  const std::size_t reload_at = Log().find("settings changed, but");
+  ASSERT_TRUE(Within(20, [&] { return Log().find("Chronwarden: no sample", reload_at) != std::string::npos; })) << Log();
+  EXPECT_EQ(waitpid(pid_, nullptr, WNOHANG), 0);
+  EXPECT_EQ(Log().find("settings changed: the providers reload them"), std::string::npos) << Log();
+  kill(pid_, SIGTERM);
+  ASSERT_EQ(waitpid(pid_, nullptr, 0), pid_);
+  pid_ = -1;
+}
+
+// The machine root deleted under the host ends it on its next poll, even when a provider's own write
+// has made a folder of that name again in the meantime.
+TEST_F(HostProcessTest, ItEndsWhenItsMachineRootIsDeleted) {
+  log_ = root_.string() + "-host.log";   // outside the root that goes
+  struct Gone {
+    std::string path;
+    ~Gone() { fs::remove(path); }
+  } log_gone{log_};
+  FakeChronyd chronyd((root_.string() + "-chronyd.sock"));
+  Start(root_.string() + "-chronyd.sock");
+  ASSERT_TRUE(Within(20, [] { return Running() == "True"; })) << Log();
+  ASSERT_TRUE(Within(20, [&] { return Log().find("Chronwarden: no sample") != std::string::npos; })) << Log();
+  fs::remove_all(root_);
+  int status = 0;
+  ASSERT_TRUE(Within(20, [&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) << Log();
+  pid_ = -1;
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_NE(Log().find("the machine root " + root_.string() + " was deleted: stopping\n"), std::string::npos) << Log();
 }
 
 TEST_F(HostProcessTest, HelpAndWrongCommandLines) {

@@ -240,3 +240,39 @@ TEST_F(SystemdTest, ParametersChangedReloadsOrSendsHangUp) {
 }
 
 }  // namespace
+
+namespace {
+
+// What install started, remove stops: the unit of the host install made the time service is
+// stopped and disabled, and the service key forgets the program; not when install did not make it
+// or another provider still needs the host.
+TEST_F(SystemdTest, UnregisteringStopsAndDisablesTheUnitInstallMade) {
+  const char* key = "\\\\System\\CurrentControlSet\\Services\\W32Time";
+  ASSERT_EQ(RegisterTimeServiceProgram("/usr/local/sbin/chronwarden-host --foreground", false), 1);
+  Script("active");
+  {
+    std::lock_guard lock(fake_.mu);
+    fake_.file_state = "enabled";
+  }
+  platform::fake::Enable();
+  EXPECT_EQ(UnregisterTimeServiceProgram(nullptr, nullptr), 0);   // registered by hand
+  EXPECT_FALSE(Called("StopUnit"));
+  ASSERT_EQ(RegisterTimeServiceProgram("/usr/local/sbin/chronwarden-host --foreground", true), 1);
+  const std::string other = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Other";
+  reg_set_dword(other.c_str(), "Enabled", 1);
+  reg_set_string(other.c_str(), "DllName", "other-provider.so");
+  EXPECT_EQ(UnregisterTimeServiceProgram(nullptr, nullptr), 0);   // the host still serves Other
+  EXPECT_FALSE(Called("StopUnit"));
+  reg_set_dword(other.c_str(), "Enabled", 0);
+  EXPECT_EQ(UnregisterTimeServiceProgram(nullptr, nullptr), 1) << platform::LastError();
+  EXPECT_TRUE(Called("StopUnit"));
+  EXPECT_TRUE(Called("DisableUnitFiles"));
+  EXPECT_EQ(fake_.file_state, "disabled");
+  EXPECT_EQ(fake_.active, "inactive");
+  char text[256];
+  for (const char* value : {"ImagePath", "SystemdUnit", "Installed By"})
+    EXPECT_STREQ((reg_get_string(key, value, text, sizeof text, "(missing)"), text), "(missing)") << value;
+  EXPECT_EQ(UnregisterTimeServiceProgram(nullptr, nullptr), 0);   // nothing left to undo
+}
+
+}  // namespace
