@@ -34,7 +34,9 @@ export PATH="$build/cli:$PATH" TZ=UTC
 
 ws_pid=""
 cleanup() {
-  [ -n "$ws_pid" ] && kill "$ws_pid" 2>/dev/null && wait "$ws_pid" 2>/dev/null
+  # (set -e holds here too: cockpit-ws ends by the signal, its wait fails, and without the "|| true"
+  # the rest of the clean-up never ran, leaving both chronyd running)
+  if [ -n "$ws_pid" ]; then kill "$ws_pid" 2>/dev/null || true; wait "$ws_pid" 2>/dev/null || true; fi
   chronwarden service stop >/dev/null 2>&1 || true
   sh "$source_dir/scripts/ntp-peers.sh" stop "$work/ntp" || true
 }
