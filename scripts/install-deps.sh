@@ -6,7 +6,7 @@ packages=(
   googletest libbenchmark-dev libsqlite3-dev sqlite3
   clang libclang-rt-14-dev
   g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
-  wine wine64 xvfb xauth
+  wine wine64 xvfb xauth msitools wixl
   chrony ntpsec-ntpdate iproute2 util-linux procps
   libsystemd-dev dbus
   imagemagick python3
