@@ -103,6 +103,7 @@ grep -Eq '^ *module_present +1' "$work/out" || fail "config show: the module is 
 expect 0 "chronwarden service status" chronwarden service status
 cat "$work/out"
 grep -qi running "$work/out" || fail "service status: the time service is not running after the install"
+grep -q 'program: /usr/sbin/chronwarden-host --foreground' "$work/out" || fail "service status: not the package's host"
 expect 0 "chronwarden --help" chronwarden --help
 expect 2 "chronwarden bad command line" chronwarden config --no-such-option
 expect 0 "chronwarden-host --help" chronwarden-host --help
@@ -182,8 +183,8 @@ expect 0 "dpkg --purge" dpkg --purge chronwarden-exporter cockpit-chronwarden ch
 
 echo "==== nothing left"
 left=""
-for p in /proc/[0-9]*; do
-  [ "$(cat "$p/comm" 2>/dev/null)" = chronwarden-host ] && left+=" ${p#/proc/}"
+for p in /proc/[0-9]*; do   # (a command name is cut to 15 characters: the program's path tells)
+  case $(tr '\0' ' ' <"$p/cmdline" 2>/dev/null) in */chronwarden-host*) left+=" ${p#/proc/}" ;; esac
 done
 [ -z "$left" ] && ok "no chronwarden-host runs" || fail "chronwarden-host still runs after the purge:$left"
 expect 2 "no user _chronwarden" getent passwd _chronwarden
