@@ -34,7 +34,7 @@ if [ -z "${CW_IN_NETNS:-}" ] && [[ " ${presets[*]} " == *" packages "* ]]; then
   for preset in "${presets[@]}"; do [ "$preset" = packages ] || others+=("$preset"); done
   status=0
   if ((${#others[@]})); then
-    "$0" "${others[@]}" || status=1
+    bash "$PWD/scripts/test-all.sh" "${others[@]}" || status=1
   else
     scripts/install-deps.sh
   fi
