@@ -151,6 +151,36 @@ if in_root sh -c 'command -v sqlite3' >/dev/null; then
   expect 0 "chronwarden service start" chronwarden service start
 fi
 
+echo "==== the host as its unit runs it: the system user _chronwarden"
+expect 0 "chronwarden service stop" chronwarden service stop
+host_log="$root/tmp/host-as-user.log"
+as_service timeout --preserve-status -s TERM 6 chronwarden-host --foreground --poll 1 >"$host_log" 2>&1 && host_status=0 || host_status=$?
+sed 's/^/    /' "$host_log"
+[ "$host_status" = 0 ] && ok "the host ran as _chronwarden and stopped on SIGTERM" || fail "the host as _chronwarden: exit $host_status"
+grep -q 'started: 1 time provider(s)' "$host_log" && ok "the host loaded the provider as _chronwarden" ||
+  fail "the host as _chronwarden did not load the provider"
+grep -Eqi 'denied|cannot|could not' "$host_log" && fail "the host as _chronwarden met a refusal" || ok "the host met no refusal"
+expect 0 "the history is still the host's user's" sh -c \
+  '[ "$(stat -c %U /var/lib/chronwarden/system32/drift.kr)" = _chronwarden ]'
+expect 0 "chronwarden service start" chronwarden service start
+
+echo "==== the exporter"
+# Started as one command (not through a function, which would run in a shell of its own), so
+# that its process id is the exporter's.
+chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 \
+  chronwarden exporter --listen 127.0.0.1:19909 >"$work/exporter.log" 2>&1 &
+exporter=$!
+for _ in $(seq 50); do
+  in_root curl -sf -o /dev/null http://127.0.0.1:19909/metrics && break
+  sleep 0.1
+done
+expect 0 "the exporter serves /metrics" curl -sf http://127.0.0.1:19909/metrics
+grep -q '^chronwarden_exporter_build_info' "$work/out" || fail "/metrics: no chronwarden_exporter_build_info"
+expect 0 "the exporter probes this machine's KR2 responder" curl -sf 'http://127.0.0.1:19909/probe?target=127.0.0.1'
+grep -q '^chronwarden_up 1' "$work/out" || { fail "/probe: this machine's KR2 responder did not answer"; sed 's/^/    /' "$work/out"; }
+kill -TERM "$exporter"
+wait "$exporter" && ok "the exporter stopped on SIGTERM" || fail "the exporter's exit: $?"
+
 echo "==== remove and install again"
 for round in 1 2; do
   expect 0 "chronwarden remove ($round)" chronwarden remove
