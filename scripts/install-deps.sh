@@ -13,6 +13,7 @@ packages=(
   libcairo2-dev fonts-dejavu-core x11-apps
   nlohmann-json3-dev libmicrohttpd-dev prometheus systemd
   cockpit-ws cockpit-bridge chromium chromium-driver python3-selenium
+  debhelper dpkg-dev fakeroot lintian bash-completion man-db adduser ccache
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -1,9 +1,54 @@
 #!/usr/bin/env bash
-# Builds and tests every target: Linux native, Linux with ASan/UBSan, Windows (mingw-w64) under Wine.
-# Usage: scripts/test-all.sh [PRESET...]   (default: fuzz linux linux-asan windows)
+# Builds and tests every target: Linux native, Linux with ASan/UBSan, Windows (mingw-w64) under Wine,
+# and the Debian packages.
+# Usage: scripts/test-all.sh [PRESET...]   (default: fuzz linux linux-asan windows packages)
 # "fuzz" builds the libFuzzer targets and runs each for a few seconds from its committed corpus.
+# "packages" builds the Debian packages, checks them with lintian and installs them into an overlay
+# of this machine's root (tests/install/deb-install-test.sh); it needs root.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+presets=("$@")
+((${#presets[@]})) || presets=(fuzz linux linux-asan windows packages)
+# A run keeps to its build tree: temporary files go to a folder of its own, and at the end the
+# machine's own places are searched for anything it made or changed there (scripts/leftovers.sh).
+start_run() {
+  export TMPDIR="$PWD/build/tmp"
+  rm -rf "$TMPDIR" && mkdir -p "$TMPDIR"
+  marker="$TMPDIR/.run-start"
+  touch "$marker"
+  sleep 1   # so that what the run makes is newer than the marker, whatever the file system's clock grain
+}
+check_leftovers() {
+  local left
+  left=$(scripts/leftovers.sh "$marker")
+  if [ -n "$left" ]; then
+    echo "==== the run left these outside its own folders (a test touched the machine it runs on):"
+    echo "$left"
+    status=1
+  fi
+}
+# The packages' install test needs this machine's own users, file owners and mounts: it runs here,
+# outside the network namespace below, after the other presets, with a leftover check of its own.
+if [ -z "${CW_IN_NETNS:-}" ] && [[ " ${presets[*]} " == *" packages "* ]]; then
+  others=()
+  for preset in "${presets[@]}"; do [ "$preset" = packages ] || others+=("$preset"); done
+  status=0
+  if ((${#others[@]})); then
+    bash "$PWD/scripts/test-all.sh" "${others[@]}" || status=1
+  else
+    scripts/install-deps.sh
+  fi
+  start_run
+  echo "==== packages: build, lintian, install test"
+  if [ "$(id -u)" != 0 ]; then
+    echo "the packages' install test needs root"
+    status=1
+  elif ! scripts/build-packages.sh || ! tests/install/deb-install-test.sh build/packages; then
+    status=1
+  fi
+  check_leftovers
+  exit $status
+fi
 # The NTP tests serve on loopback port 123 (chronyd and the tests' own servers). When that port is
 # taken on this machine, or may not be bound by this user, everything runs again inside a network
 # namespace of its own (only its loopback, brought up) instead of failing.
@@ -14,18 +59,15 @@ if [ -z "${CW_IN_NETNS:-}" ]; then
     exec unshare -r -n env CW_IN_NETNS=1 bash -c 'ip link set lo up && exec "$0" "$@"' "$PWD/scripts/test-all.sh" "$@"
   fi
 fi
-presets=("$@")
-((${#presets[@]})) || presets=(fuzz linux linux-asan windows)
-# A run keeps to its build tree: temporary files go to a folder of its own, and at the end the
-# machine's own places are searched for anything it made or changed there (scripts/leftovers.sh).
-export TMPDIR="$PWD/build/tmp"
-rm -rf "$TMPDIR" && mkdir -p "$TMPDIR"
-marker="$TMPDIR/.run-start"
-touch "$marker"
-sleep 1   # so that what the run makes is newer than the marker, whatever the file system's clock grain
+start_run
 jobs=$(nproc)
 status=0
 for preset in "${presets[@]}"; do
+  if [ "$preset" = packages ]; then
+    echo "==== packages: not in a network namespace; run scripts/test-all.sh packages as root"
+    status=1
+    continue
+  fi
   if [ "$preset" = fuzz ]; then
     echo "==== fuzz: build and run each target briefly"
     scripts/fuzz.sh "${CW_FUZZ_SECONDS:-10}" || status=1
@@ -58,10 +100,5 @@ for preset in "${presets[@]}"; do
     ctest --preset "$preset" || status=1
   fi
 done
-left=$(scripts/leftovers.sh "$marker")
-if [ -n "$left" ]; then
-  echo "==== the run left these outside its own folders (a test touched the machine it runs on):"
-  echo "$left"
-  status=1
-fi
+check_leftovers
 exit $status

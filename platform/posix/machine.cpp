@@ -87,10 +87,12 @@ std::uint32_t RemoteTimeOfDay(std::string_view, SystemTime&) { return kErrorNotS
 
 std::string ThisModuleFile() {
   if (const char* m = std::getenv("CHRONWARDEN_MODULE"); m && *m) return m;
-  // Else the module beside the running program, or one folder up (the build tree's layout).
+  // Else the module beside the running program, one folder up (the build tree's layout), or in
+  // ../lib/chronwarden (an installed system's: /usr/bin/chronwarden, /usr/lib/chronwarden).
   std::error_code ec;
   std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-  for (const auto& p : {exe.parent_path() / "w32tmkr.cpl", exe.parent_path().parent_path() / "w32tmkr.cpl"})
+  const std::filesystem::path prefix = exe.parent_path().parent_path();
+  for (const auto& p : {exe.parent_path() / "w32tmkr.cpl", prefix / "w32tmkr.cpl", prefix / "lib" / "chronwarden" / "w32tmkr.cpl"})
     if (std::filesystem::exists(p, ec)) return p.string();
   return exe.string();
 }
