@@ -77,7 +77,7 @@ void write_uninstall_entry() {
 }
 
 // The coexistence adjustments and the first-install values.
-void adjust_settings(W32tSettings& s) {
+void adjust_settings(W32tSettings& s, bool servers_from_chrony) {
   std::uint8_t value[kProductSettingsSize] = {};
   bool have_value = false;
   const std::uint32_t product = g_w32t_env.installed_product;
@@ -107,8 +107,10 @@ void adjust_settings(W32tSettings& s) {
       install_add_server(s, name);
     }
   }
-  install_add_server(s, defaults::kPublicNtpServer1);
-  install_add_server(s, defaults::kPublicNtpServer2);
+  if (!servers_from_chrony) {
+    install_add_server(s, defaults::kPublicNtpServer1);
+    install_add_server(s, defaults::kPublicNtpServer2);
+  }
   if (!s.service_installed) {
     // First installation: the agent on with its defaults, and on a domain controller that runs a
     // Kairon Server that does not serve NTP itself, Windows Time serves and announces time.
@@ -177,8 +179,9 @@ int InstallModule(platform::Dialog* progress) {
   int copied = CopyModuleToTarget();
   std::uint32_t err = copied ? 0 : platform::LastError();
   step(progress);
-  adjust_settings(s);
-  chrony_import_sources(s);   // a machine whose chrony already has sources: the settings name them
+  // A machine whose chrony already has sources: the settings name them, and the public defaults
+  // are not added to what its administrator chose.
+  adjust_settings(s, chrony_import_sources(s));
   step(progress);
   bool stopped = false;
   if (!copied) {

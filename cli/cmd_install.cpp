@@ -1,12 +1,14 @@
-// chronwarden install|remove [--machine NAME] [--quiet]: the applet's install and remove on this
+// chronwarden install|remove [--machine NAME] [--managers LIST] [--quiet]: the applet's install and remove on this
 // machine or on another one (its root under the network root), through the same launch.
 #include <cstdio>
+#include <optional>
 #include <string>
 
 #include "applet/applet.h"
 #include "applet/install.h"
 #include "cli/cockpit_package.h"
 #include "cli/commands.h"
+#include "config/address_list.h"
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "config/service_control.h"
@@ -31,6 +33,12 @@ bool RegisterHostAsTimeService(const std::string& machine) {
   return image[0] || RegisterTimeServiceProgram(program.c_str(), true);
 }
 
+// "KR2 Managers" under the provider key of machine.
+bool SetManagers(const std::string& machine, const std::string& list) {
+  if (!reg_connect_target(machine.empty() ? nullptr : machine.c_str())) return false;
+  return reg_set_string(defaults::kProviderKey, defaults::kKr2ManagersValue, list.c_str()) != 0;
+}
+
 // This machine's web console gets the applet's page with the provider, and loses it with it
 // (another machine's console is that machine's own business).
 bool UpdateCockpitPage(std::string_view command, const std::string& machine, std::uint32_t message, bool quiet) {
@@ -46,11 +54,12 @@ bool UpdateCockpitPage(std::string_view command, const std::string& machine, std
 
 int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
   std::string machine;
+  std::optional<std::string> managers;   // install --managers
   bool quiet = false;
   for (std::size_t i = 0; i < args.size(); ++i) {
     if (IsHelp(args[i])) {
       std::printf(
-          "Usage: chronwarden %s [--machine NAME] [--quiet]\n\n"
+          "Usage: chronwarden %s [--machine NAME]%s [--quiet]\n\n"
           "%s the provider module on this machine, or with --machine on NAME (its machine root mounted\n"
           "under $CHRONWARDEN_NETWORK_ROOT/NAME). Install copies the module ($CHRONWARDEN_MODULE, else\n"
           "w32tmkr.cpl beside this program) into the system directory unless the one there is as new,\n"
@@ -63,13 +72,25 @@ int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
           "/usr/share/cockpit/chronwarden; none for a machine root of its own named by $CHRONWARDEN_ROOT).\n"
           "Needs administrator rights: the effective user root, or write access to the machine root.\n"
           "  --machine NAME  the target machine (\\\\NAME or NAME)\n"
+          "  --managers LIST (install) the KR2 managers: the addresses (a.b.c.d) and prefixes (a.b.c.d/N)\n"
+          "                  that may clear the history and demand a resync over KR2, or \"any\"; without it\n"
+          "                  a new install lets only this machine (127.0.0.0/8), and a repeated one keeps the list\n"
           "  --quiet         show no messages; the exit code still tells\n",
-          std::string(command).c_str(), message == kCplInstall ? "Installs" : "Removes",
+          std::string(command).c_str(), message == kCplInstall ? " [--managers LIST]" : "",
+          message == kCplInstall ? "Installs" : "Removes",
           message == kCplRemove ? " and moves the local module aside (w32tmkr.old)" : "");
       return kExitOk;
     }
     if (args[i] == "--quiet") quiet = true;
     else if (args[i] == "--machine" && i + 1 < args.size()) machine = args[++i];
+    else if (args[i] == "--managers" && message == kCplInstall && i + 1 < args.size()) {
+      managers = applet_trimmed(args[++i]);
+      const AddressList list = ParseAddressList(*managers);
+      if (managers->size() > 255) return UsageError(command, "--managers: at most 255 characters");
+      if (!list.rejected.empty())
+        return UsageError(command, "--managers: \"" + list.rejected.front() +
+                                       "\" is neither an address (a.b.c.d), a prefix (a.b.c.d/N) nor \"any\"");
+    }
     else return UsageError(command, "unknown argument: " + std::string(args[i]));
   }
   // Messages of the applet go to standard error; questions take their first answer.
@@ -89,6 +110,16 @@ int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
     }
     return kExitFailed;
   }
+  // The managers go in first: the install then saves them with the rest and restarts a running
+  // time service when anything changed, and a host it starts reads them.
+  if (managers && !SetManagers(machine, *managers)) {
+    if (!quiet) {
+      char text[256];
+      std::fprintf(stderr, "chronwarden install: cannot write the KR2 managers: %s\n",
+                   SystemErrorText(platform::LastError(), text, sizeof text));
+    }
+    return kExitFailed;
+  }
   std::intptr_t ok = applet_entry(nullptr, message, 0, 0);
   std::uint32_t err = platform::LastError();
   if (ok && message == kCplRemove && machine.empty()) RetireModuleFile();
@@ -97,6 +128,9 @@ int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
   if (ok && !err && message == kCplRemove && reg_connect_target(machine.empty() ? nullptr : machine.c_str()) &&
       UnregisterTimeServiceProgram(nullptr, machine.c_str()) < 0)
     err = platform::LastError();
+  // A time service that already ran reads the new managers now.
+  if (ok && !err && managers && ControlTimeService(nullptr, machine.c_str(), kServiceOpQuery, 0))
+    ControlTimeService(nullptr, machine.c_str(), kServiceParamChange, 1);
   // The host daemon is started (and made automatic) once the provider is in place; Windows Time
   // already runs on its own.
   if (ok && !err && message == kCplInstall && !platform::TimeServiceProgram().empty() &&
