@@ -16,6 +16,7 @@
 #include "provider/kr2_responder.h"
 #include "provider/provider.h"
 #include "provider/sync_status.h"
+#include "timing/error_text.h"
 #include "timing/format.h"
 #include "timing/ntp_client.h"
 #include "timing/precise_clock.h"
@@ -43,6 +44,23 @@ constexpr const char* kTextNotManaging = "N/A - Windows Time not managing the cl
 char16_t kProviderWideName[] = u"Chronwarden";
 
 const W32tSettings& Settings() { return g_provider.settings; }
+
+bool g_drift_append_failing = false;   // the last check could not be recorded (logged once per run of failures)
+
+// Records a check in the drift history; the first of a run of failures (a full disk) is logged.
+void RecordCheck(std::int64_t ms, std::uint32_t at, std::uint32_t triggered, std::uint8_t reason, const char* server) {
+  const bool written = DriftFileAppend(ms, at, triggered, reason, server, static_cast<std::uint8_t>(g_local_status.product_code));
+  if (!written && !g_drift_append_failing) {
+    char text[256];
+    SystemErrorText(platform::LastError(), text, sizeof text);
+    for (std::size_t n = std::strlen(text); n && (text[n - 1] == ' ' || text[n - 1] == '\r' || text[n - 1] == '\n');) text[--n] = 0;
+    LogEvent(kProviderName, platform::kEventLogError,
+        "The clock check could not be recorded in the drift history %s: %s Checks go on, and are recorded again "
+        "as soon as the file can be written.",
+        DriftFilePath("").c_str(), text);
+  }
+  g_drift_append_failing = !written;
+}
 
 template <typename T>
 T SysInfo(platform::TimeSysInfo what) {
@@ -174,8 +192,7 @@ bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason,
   st.last_offset_ms = ms;
   const std::uint32_t at = when ? when : PreciseClockUnixSeconds();
   st.last_check = at;
-  if (g_provider.responder_active)
-    DriftFileAppend(ms, at, triggered, reason, server, static_cast<std::uint8_t>(st.product_code));
+  if (g_provider.responder_active) RecordCheck(ms, at, triggered, reason, server);
 
   const W32tSettings& s = Settings();
   platform::TimeSample& sample = g_provider.current_sample;
@@ -239,6 +256,7 @@ bool CheckAgainstSources(std::uint32_t when, std::uint8_t reason, std::uint32_t 
 
 void AgentStart(AgentCycle& cycle) {
   cycle = AgentCycle{};
+  g_drift_append_failing = false;
   if (Settings().provider_input_provider) ReportRunning();
   LocalStatusRecord& st = g_local_status;
   SetChecking(true);
