@@ -34,6 +34,7 @@ constexpr std::uint8_t kReasonStartupCode = 255, kReasonScheduledCode = 1, kReas
                        kReasonTriggeredCode = 3, kReasonSyncCheckCode = 6;
 constexpr std::size_t kSourceEntries = 64;
 constexpr std::size_t kSourceBytes = kSourceEntries * 8;
+constexpr std::uint32_t kEventsWhilePollDue = 32;   // events the agent still takes while its poll is due
 
 constexpr const char* kTextInitializing = "Unknown - Windows Time service initializing";
 constexpr const char* kTextChecking = "Checking sources - please wait";
@@ -362,17 +363,25 @@ std::uint32_t AgentThreadMain() {
   const platform::EventHandle events[] = {g_provider.shutdown_event, g_provider.sync_event, g_provider.time_jump_event, g_provider.client_event,
                                           g_provider.status_notify_event};
   // The poll keeps its one-second pace however often requests wake the agent: the wait runs to the
-  // next poll's time, not a full second from each wake-up, and a poll that is due comes first.
+  // next poll's time, not a full second from each wake-up, and a poll that is due comes after at
+  // most kEventsWhilePollDue events, those already waiting. They keep checks longer than the poll's
+  // pace (a silent server, a check every second) from starving the requests and the shutdown.
   std::uint64_t next_poll = platform::CounterMilliseconds() + kAgentPollMs;
+  std::uint32_t events_while_due = 0;
   for (;;) {
     const std::uint64_t now = platform::CounterMilliseconds();
     const auto left = static_cast<std::uint32_t>(next_poll > now ? std::min<std::uint64_t>(next_poll - now, kAgentPollMs) : 0);
-    std::uint32_t result = left ? platform::WaitForAnyEvent(events, 5, left) : platform::kWaitTimeout;
+    std::uint32_t result = platform::kWaitTimeout;
+    if (left || events_while_due < kEventsWhilePollDue) result = platform::WaitForAnyEvent(events, 5, left);
+    if (!left) ++events_while_due;
     if (result == platform::kWaitFailed) {   // a missing event: keep polling at the same pace
       platform::Sleep(left);
       result = platform::kWaitTimeout;
     }
-    if (result == platform::kWaitTimeout) next_poll = platform::CounterMilliseconds() + kAgentPollMs;
+    if (result == platform::kWaitTimeout) {
+      next_poll = platform::CounterMilliseconds() + kAgentPollMs;
+      events_while_due = 0;
+    }
     if (!AgentWake(cycle, result)) break;
   }
   AgentStop();
