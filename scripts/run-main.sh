@@ -51,6 +51,7 @@ cleanup() {
     "$cw" report "$drift" --utc -o - || true
   fi
   [ "$keep" = 1 ] || rm -rf "$root"
+  rm -f "/dev/shm/$CHRONWARDEN_SHM_NAMESPACE"*   # the run's own shared memory and events
 }
 trap cleanup INT TERM EXIT
 
