@@ -106,8 +106,14 @@ int Append(CommandArgs args) {
     DriftFileClose();
     return kExitFailed;
   }
-  DriftFileAppend(variance, when, set ? 1 : 0, static_cast<std::uint8_t>(reason), source.c_str(),
-                  static_cast<std::uint8_t>(machine));
+  if (!DriftFileAppend(variance, when, set ? 1 : 0, static_cast<std::uint8_t>(reason), source.c_str(),
+                       static_cast<std::uint8_t>(machine))) {
+    char text[130];
+    SystemErrorText(0, text, 129);
+    std::fprintf(stderr, "chronwarden history append: could not write the record to %s; %s\n", file.c_str(), text);
+    DriftFileClose();
+    return kExitFailed;
+  }
   DriftFileClose();
   return kExitOk;
 }

@@ -159,10 +159,10 @@ bool DriftFileReadAfter(DriftRecord& out, std::uint32_t after_time) {
   return found;
 }
 
-void DriftFileAppend(std::int64_t variance_ms, std::uint32_t check_time, std::uint32_t clock_set, std::uint8_t reason,
+bool DriftFileAppend(std::int64_t variance_ms, std::uint32_t check_time, std::uint32_t clock_set, std::uint8_t reason,
                      const char* source_name, std::uint8_t machine_type) {
   DriftLock lock;
-  if (!lock.Usable() || !g_file) return;
+  if (!lock.Usable() || !g_file) return platform::SetLastError(platform::kErrorInvalidHandle), false;
   RepairTornTail(g_file);
 
   std::uint64_t size = 0;
@@ -193,8 +193,18 @@ void DriftFileAppend(std::int64_t variance_ms, std::uint32_t check_time, std::ui
   record.address = SourceAddress(source_name);
 
   std::uint32_t done = 0;
-  platform::FileSeek(g_file, 0, platform::SeekFrom::End);
-  platform::FileWrite(g_file, &record, kDriftRecordSize, done);
-  platform::FileFlush(g_file);
+  std::uint64_t end = 0;
+  platform::FileSeek(g_file, 0, platform::SeekFrom::End, &end);
+  if (platform::FileWrite(g_file, &record, kDriftRecordSize, done) && done == kDriftRecordSize &&
+      platform::FileFlush(g_file)) {
+    platform::FileSetEnd(g_file);
+    return true;
+  }
+  // A full disk takes part of a record: cut it off again (cutting needs no space).
+  const std::uint32_t error = platform::LastError();
+  platform::FileSeek(g_file, static_cast<std::int64_t>(end), platform::SeekFrom::Begin);
   platform::FileSetEnd(g_file);
+  platform::FileFlush(g_file);
+  platform::SetLastError(error);
+  return false;
 }

@@ -16,6 +16,7 @@
 #include "provider/kr2_responder.h"
 #include "provider/provider.h"
 #include "provider/sync_status.h"
+#include "timing/error_text.h"
 #include "timing/format.h"
 #include "timing/ntp_client.h"
 #include "timing/precise_clock.h"
@@ -33,6 +34,7 @@ constexpr std::uint8_t kReasonStartupCode = 255, kReasonScheduledCode = 1, kReas
                        kReasonTriggeredCode = 3, kReasonSyncCheckCode = 6;
 constexpr std::size_t kSourceEntries = 64;
 constexpr std::size_t kSourceBytes = kSourceEntries * 8;
+constexpr std::uint32_t kEventsWhilePollDue = 32;   // events the agent still takes while its poll is due
 
 constexpr const char* kTextInitializing = "Unknown - Windows Time service initializing";
 constexpr const char* kTextChecking = "Checking sources - please wait";
@@ -43,6 +45,23 @@ constexpr const char* kTextNotManaging = "N/A - Windows Time not managing the cl
 char16_t kProviderWideName[] = u"Chronwarden";
 
 const W32tSettings& Settings() { return g_provider.settings; }
+
+bool g_drift_append_failing = false;   // the last check could not be recorded (logged once per run of failures)
+
+// Records a check in the drift history; the first of a run of failures (a full disk) is logged.
+void RecordCheck(std::int64_t ms, std::uint32_t at, std::uint32_t triggered, std::uint8_t reason, const char* server) {
+  const bool written = DriftFileAppend(ms, at, triggered, reason, server, static_cast<std::uint8_t>(g_local_status.product_code));
+  if (!written && !g_drift_append_failing) {
+    char text[256];
+    SystemErrorText(platform::LastError(), text, sizeof text);
+    for (std::size_t n = std::strlen(text); n && (text[n - 1] == ' ' || text[n - 1] == '\r' || text[n - 1] == '\n');) text[--n] = 0;
+    LogEvent(kProviderName, platform::kEventLogError,
+        "The clock check could not be recorded in the drift history %s: %s Checks go on, and are recorded again "
+        "as soon as the file can be written.",
+        DriftFilePath("").c_str(), text);
+  }
+  g_drift_append_failing = !written;
+}
 
 template <typename T>
 T SysInfo(platform::TimeSysInfo what) {
@@ -174,8 +193,7 @@ bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason,
   st.last_offset_ms = ms;
   const std::uint32_t at = when ? when : PreciseClockUnixSeconds();
   st.last_check = at;
-  if (g_provider.responder_active)
-    DriftFileAppend(ms, at, triggered, reason, server, static_cast<std::uint8_t>(st.product_code));
+  if (g_provider.responder_active) RecordCheck(ms, at, triggered, reason, server);
 
   const W32tSettings& s = Settings();
   platform::TimeSample& sample = g_provider.current_sample;
@@ -239,6 +257,7 @@ bool CheckAgainstSources(std::uint32_t when, std::uint8_t reason, std::uint32_t 
 
 void AgentStart(AgentCycle& cycle) {
   cycle = AgentCycle{};
+  g_drift_append_failing = false;
   if (Settings().provider_input_provider) ReportRunning();
   LocalStatusRecord& st = g_local_status;
   SetChecking(true);
@@ -344,17 +363,25 @@ std::uint32_t AgentThreadMain() {
   const platform::EventHandle events[] = {g_provider.shutdown_event, g_provider.sync_event, g_provider.time_jump_event, g_provider.client_event,
                                           g_provider.status_notify_event};
   // The poll keeps its one-second pace however often requests wake the agent: the wait runs to the
-  // next poll's time, not a full second from each wake-up, and a poll that is due comes first.
+  // next poll's time, not a full second from each wake-up, and a poll that is due comes after at
+  // most kEventsWhilePollDue events, those already waiting. They keep checks longer than the poll's
+  // pace (a silent server, a check every second) from starving the requests and the shutdown.
   std::uint64_t next_poll = platform::CounterMilliseconds() + kAgentPollMs;
+  std::uint32_t events_while_due = 0;
   for (;;) {
     const std::uint64_t now = platform::CounterMilliseconds();
     const auto left = static_cast<std::uint32_t>(next_poll > now ? std::min<std::uint64_t>(next_poll - now, kAgentPollMs) : 0);
-    std::uint32_t result = left ? platform::WaitForAnyEvent(events, 5, left) : platform::kWaitTimeout;
+    std::uint32_t result = platform::kWaitTimeout;
+    if (left || events_while_due < kEventsWhilePollDue) result = platform::WaitForAnyEvent(events, 5, left);
+    if (!left) ++events_while_due;
     if (result == platform::kWaitFailed) {   // a missing event: keep polling at the same pace
       platform::Sleep(left);
       result = platform::kWaitTimeout;
     }
-    if (result == platform::kWaitTimeout) next_poll = platform::CounterMilliseconds() + kAgentPollMs;
+    if (result == platform::kWaitTimeout) {
+      next_poll = platform::CounterMilliseconds() + kAgentPollMs;
+      events_while_due = 0;
+    }
     if (!AgentWake(cycle, result)) break;
   }
   AgentStop();

@@ -10,6 +10,7 @@
 # Usage: scripts/run-main.sh [--duration SECONDS] [--interval SECONDS] [--keep]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/host-lab.sh
 
 duration=0 interval=20 keep=0
 while [ $# -gt 0 ]; do
@@ -50,6 +51,7 @@ cleanup() {
     "$cw" report "$drift" --utc -o - || true
   fi
   [ "$keep" = 1 ] || rm -rf "$root"
+  rm -f "/dev/shm/$CHRONWARDEN_SHM_NAMESPACE"*   # the run's own shared memory and events
 }
 trap cleanup INT TERM EXIT
 
@@ -58,34 +60,12 @@ if ! "$cw" ntp query 127.0.0.1 --timeout 500 >/dev/null 2>&1; then
   sh scripts/ntp-peers.sh start "$root/ntp"
   peers_started=1
 fi
-# This machine's NTP client: chronyd -x following 127.0.0.1, its command socket in the root.
-cat >"$root/ntp/client.conf" <<CONF
-server 127.0.0.1 iburst minpoll -2 maxpoll 0
-port 0
-cmdport 0
-bindcmdaddress $root/ntp/client.sock
-pidfile $root/ntp/client.pid
-driftfile $root/ntp/client.drift
-CONF
-chmod 700 "$root/ntp"   # chronyd keeps its command socket only in a folder closed to others
-"$(command -v chronyd || echo /usr/sbin/chronyd)" -x -d -u root -f "$root/ntp/client.conf" >"$root/ntp/client.log" 2>&1 &
-client_pid=$!
-
-# The time service's settings and the provider's registration.
-prov='\\System\CurrentControlSet\Services\W32Time\TimeProviders\Chronwarden'
-ntpc='\\System\CurrentControlSet\Services\W32Time\TimeProviders\NtpClient'
-params='\\System\CurrentControlSet\Services\W32Time\Parameters'
-"$cw" reg set "$prov" Enabled --type dword --data 1
-"$cw" reg set "$prov" DllName --data w32tmkr.cpl
-"$cw" reg set "$prov" InputProvider --type dword --data 1
-"$cw" reg set "$prov" SpecialPollInterval --type dword --data "$interval"
-"$cw" reg set "$prov" "Reference Clock" --data 127.0.0.1
-"$cw" reg set "$prov" "DNS Lookups Enabled" --data False
-"$cw" reg set "$ntpc" Enabled --type dword --data 1
-"$cw" reg set "$ntpc" InputProvider --type dword --data 1
-"$cw" reg set "$params" Type --data NTP
-# Every KR2 command allowed, so that the drift history can be read back over UDP.
-"$cw" reg set "$params" "Prohibited KR2 Commands" --type binary --data "$(printf '00%.0s' $(seq 256))"
+# This machine's NTP client: chronyd -x following 127.0.0.1, its command socket in the root; the
+# time service's settings and the provider's registration (scripts/host-lab.sh).
+lab_cw=$cw
+lab_client_start "$root/ntp"
+client_pid=$LAB_CLIENT_PID
+lab_register_provider "$interval"
 
 echo "== chronwarden-host (check interval ${interval} s)"
 "$host" --foreground --poll 10 --chrony-socket "$root/ntp/client.sock" &
@@ -94,7 +74,7 @@ host_pid=$!
 partner="" seen=0 start=$SECONDS
 while kill -0 "$host_pid" 2>/dev/null; do
   sleep 2
-  now_partner=$("$cw" reg query "$prov" "Current Inbound Time Partner" 2>/dev/null | sed -n 's/.*REG_SZ *//p')
+  now_partner=$(lab_partner)
   if [ -n "$now_partner" ] && [ "$now_partner" != "$partner" ]; then
     partner=$now_partner
     echo "== partner: $partner"

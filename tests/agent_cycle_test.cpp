@@ -53,10 +53,20 @@ struct TimeService {
 } g_service;
 
 std::atomic<int> g_polls{0};   // questions for the current time: one opens every poll
+std::atomic<bool> g_slow_polls{false};   // each poll takes 2 s of the counter (a check waiting in vain)
 
 platform::HResult GetTimeSysInfo(platform::TimeSysInfo what, void* out) {
   switch (what) {
-    case platform::TSI_CurrentTime: ++g_polls; std::memcpy(out, &g_service.current, 8); break;
+    case platform::TSI_CurrentTime:
+      ++g_polls;
+      std::memcpy(out, &g_service.current, 8);
+      if (g_slow_polls) {
+        std::int64_t hz = 0;
+        platform::PerformanceFrequency(hz);
+        platform::fake::AdvanceCounter(hz * 2);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      break;
     case platform::TSI_LastSyncTime: std::memcpy(out, &g_service.last_sync, 8); break;
     case platform::TSI_TSFlags: std::memcpy(out, &g_service.flags, 4); break;
     case platform::TSI_ReferenceIdentifier: std::memcpy(out, &g_service.reference_id, 4); break;
@@ -586,6 +596,27 @@ TEST_F(AgentNtpTest, AFloodOfRequestsDoesNotHoldOffThePoll) {
   }
   EXPECT_GT(g_polls.load(), before);
   platform::SetEvent(g_provider.shutdown_event);
+  agent.join();
+}
+
+// Polls that take longer than their pace (checks waiting for a silent server, a check every second)
+// still let the agent take its events: here the shutdown.
+TEST_F(AgentNtpTest, PollsLongerThanTheirPaceDoNotHoldOffTheShutdown) {
+  g_provider.responder_active = false;
+  const AgentEvents events;
+  std::atomic<bool> ended{false};
+  const int before = g_polls.load();
+  g_slow_polls = true;
+  std::thread agent([&] {
+    AgentThreadMain();
+    ended = true;
+  });
+  for (int i = 0; i < 5000 && g_polls.load() < before + 3; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  ASSERT_GE(g_polls.load(), before + 3) << "the polls do not run back to back";
+  platform::SetEvent(g_provider.shutdown_event);
+  for (int i = 0; i < 3000 && !ended; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_TRUE(ended.load()) << "the agent did not see the shutdown between its polls";
+  g_slow_polls = false;   // an agent that missed it waits again and sees it
   agent.join();
 }
 

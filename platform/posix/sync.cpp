@@ -103,15 +103,18 @@ std::uint32_t WaitForAnyEvent(const EventHandle* events, std::uint32_t count, st
   // directly, without raising its eventfd only to drain it again (two system calls per datagram
   // burst on a busy responder).
   std::uint32_t ready = count;
+  bool polled = false;
   for (;;) {
     for (std::uint32_t i = 0; i < count; ++i)
       if (posix::TryConsume(events[i]) || i == ready) return kWaitObject0 + i;
     int wait = -1;
     if (timeout_ms != kInfinite) {
       auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-      if (left <= 0) return kWaitTimeout;
-      wait = static_cast<int>(left);
+      // A wait already due (a time-out of 0) still looks at the sockets once: their data is there.
+      if (left <= 0 && (polled || bound.empty())) return kWaitTimeout;
+      wait = static_cast<int>(std::max<long long>(left, 0));
     }
+    polled = true;
     if (poll(fds.data(), fds.size(), wait) < 0 && errno != EINTR) return SetLastError(kErrorInvalidHandle), kWaitFailed;
     for (std::size_t b = 0; b < bound.size(); ++b) {
       if (!(fds[count + b].revents & (POLLIN | POLLERR))) continue;

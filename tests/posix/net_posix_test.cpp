@@ -43,6 +43,31 @@ TEST(NetPosix, AnIcmpErrorWakesTheSocketsWaiterOnce) {
   platform::CloseSocket(s);
 }
 
+// A wait with no time left still reports a datagram already waiting on a bound socket, as Winsock
+// has set the socket's event by then.
+TEST(NetPosix, AZeroTimeWaitSeesADatagramAlreadyWaiting) {
+  const platform::SocketHandle s = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
+  ASSERT_NE(s, platform::kInvalidSocket);
+  const platform::SocketAddressV4 local{platform::kFamilyInet, platform::HostToNet16(45125), platform::InetAddr("127.0.0.65")};
+  ASSERT_TRUE(platform::BindV4(s, local));
+  platform::EventHandle e = platform::CreateSyncEvent(false, false);
+  ASSERT_TRUE(platform::SelectSocketEvent(s, e, true));
+  EXPECT_EQ(platform::WaitForEvent(e, 0), platform::kWaitTimeout);   // nothing there yet
+  const char byte = 1;
+  ASSERT_EQ(platform::SendTo(s, &byte, 1, local), 1);
+  char buf[8];
+  platform::SocketAddressV4 from{};
+  ASSERT_EQ(platform::WaitForEvent(e, 5000), platform::kWaitObject0);   // it has arrived
+  ASSERT_EQ(platform::SendTo(s, &byte, 1, local), 1);
+  ASSERT_EQ(platform::ReceiveFromNow(s, buf, sizeof buf, &from), 1);   // the first; the second waits
+  EXPECT_EQ(platform::WaitForEvent(e, 0), platform::kWaitObject0);
+  EXPECT_EQ(platform::ReceiveFromNow(s, buf, sizeof buf, &from), 1);
+  EXPECT_EQ(platform::WaitForEvent(e, 0), platform::kWaitTimeout);
+  platform::SelectSocketEvent(s, e, false);
+  platform::CloseEvent(e);
+  platform::CloseSocket(s);
+}
+
 TEST(NetPosix, ReceiveTimeoutIs10060) {
   const platform::SocketHandle s = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
   ASSERT_NE(s, platform::kInvalidSocket);
