@@ -108,7 +108,8 @@ bool AgentPage::init(platform::Dialog& d) {
   if (w32t_apply_coexistence(s)) applet_mark_changed(d);
   applet_setup_link(d);
   d.SetTabStops(IDC_HISTORY, {90, 160});
-  d.SetNumber(IDC_INTERVAL, s.check_interval / 60);
+  shown_interval_minutes_ = s.check_interval / 60;
+  d.SetNumber(IDC_INTERVAL, shown_interval_minutes_);
   d.SetText(IDC_REF_SERVER, s.reference_clock);
   d.SetText(IDC_MANAGERS, s.kr2_managers);
   d.SetNumber(IDC_THRESHOLD, s.alert_threshold);
@@ -185,7 +186,14 @@ std::intptr_t AgentPage::notify(platform::Dialog& d, int code) {
       const std::string managers = applet_trimmed(d.Text(IDC_MANAGERS), sizeof s.kr2_managers);
       std::memset(s.kr2_managers, 0, sizeof s.kr2_managers);
       std::memcpy(s.kr2_managers, managers.data(), std::min(managers.size(), sizeof s.kr2_managers - 1));
-      s.check_interval = d.Number(IDC_INTERVAL) * 60;
+      // An interval the page cannot show (seconds that are no whole minute: 20 s set in the
+      // registry) is kept while its field still shows what it was filled with; only a typed
+      // number of minutes replaces it. Otherwise leaving the page would turn 20 s into 0 (no
+      // scheduled checks) and 1,799 s into 1,740 behind the user's back.
+      if (d.Number(IDC_INTERVAL) != shown_interval_minutes_) {
+        shown_interval_minutes_ = d.Number(IDC_INTERVAL);
+        s.check_interval = shown_interval_minutes_ * 60;
+      }
       s.alert_threshold = d.Number(IDC_THRESHOLD);
       s.alert_if_unverified = d.Checked(IDC_ALERT_UNVERIFIED) ? 1 : 0;
       s.alert_if_unsynchronized = d.Checked(IDC_ALERT_OFF) ? 1 : 0;

@@ -73,6 +73,7 @@ class AgentPage final : public platform::DialogLogic {
   static void LookupWorker(void* self);
 
   bool initializing_ = false;
+  std::uint32_t shown_interval_minutes_ = 0;   // what the interval field was filled with (minutes)
   SourceHistory cache_{};
   platform::Dialog* page_ = nullptr;
   // Names by address, filled by the worker; pending addresses wait for it.

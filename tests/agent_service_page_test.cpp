@@ -86,6 +86,24 @@ TEST_F(AgentPageTest, IntervalOf1799SecondsShowsAs29MinutesAndTyping30Stores1800
   EXPECT_FALSE(sheet_->page_changed[IDD_AGENT]);
 }
 
+// An interval the field cannot show in whole minutes is kept when the field is left as filled:
+// leaving the page must not turn 20 s into 0 (no scheduled checks) or 1,799 s into 1,740.
+TEST_F(AgentPageTest, AnIntervalLeftAsShownKeepsItsSeconds) {
+  g_applet.settings.provider_enabled = 1;
+  for (const std::uint32_t seconds : {20u, 1799u}) {
+    g_applet.settings.check_interval = seconds;
+    Open({IDD_AGENT});
+    Agent().Click(IDC_ALERT_UNVERIFIED);   // another option changes
+    Agent().SendNotify(kPsnKillActive);
+    EXPECT_EQ(g_applet.settings.check_interval, seconds);
+    Agent().Type(IDC_INTERVAL, "1");
+    Agent().SendNotify(kPsnKillActive);
+    EXPECT_EQ(g_applet.settings.check_interval, 60u);
+    Agent().SendNotify(kPsnKillActive);
+    EXPECT_EQ(g_applet.settings.check_interval, 60u);
+  }
+}
+
 // A resync that fails after the settings were saved does not keep the sheet open: the first OK
 // closes it.
 TEST_F(AgentPageTest, AFailedResyncOnOkStillClosesTheSheet) {
