@@ -4,11 +4,15 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <array>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/commands.h"
 #include "cli/service_cli.h"
+#include "config/address_list.h"
+#include "config/defaults.h"
 #include "config/registry.h"
 #include "config/w32time.h"
 #include "platform/error.h"
@@ -28,12 +32,18 @@ constexpr const char* kHelp =
     "  server1 ... server6    NTP server names (\"\" removes one); server1_flags ... mode flags\n"
     "                         (0x1 special poll interval, 0x8 client mode)\n"
     "  service_start          automatic, manual, disabled (or 2-4)\n"
+    "  kr2_managers           who may clear the history and resync over KR2: addresses a.b.c.d,\n"
+    "                         prefixes a.b.c.d/N, \"any\" (loopback always may)\n"
+    "  kr2_rate_limit         reply bytes a second one source is sent (0: no limit); kr2_rate_burst\n"
+    "                         the bytes a quiet source may be sent at once\n"
+    "  kr2_prohibited         KR2 commands refused: default (102,150,160,180), none, or codes 0-255\n"
+    "                         separated by commas (read when the provider starts)\n"
     "  and every other field 'config show' lists, except the read-only ones marked (read only).\n\n"
     "Options:\n"
     "  --machine NAME  the settings of NAME (\\\\NAME or NAME) instead of the local machine\n"
     "  --json          one JSON object of all fields\n";
 
-enum class Kind { Number, Flag, String, SyncType, Start, ReadOnly };
+enum class Kind { Number, Flag, String, Addresses, SyncType, Start, ReadOnly };
 
 struct Field {
   const char* name;
@@ -67,6 +77,9 @@ constexpr Field kFields[] = {
     CW_FIELD(alert_if_unsynchronized, Kind::Flag),
     CW_FIELD(dns_lookups_enabled, Kind::Flag),
     CW_FIELD(reference_clock, Kind::String),
+    CW_FIELD(kr2_managers, Kind::Addresses),
+    CW_FIELD(kr2_rate_limit, Kind::Number),
+    CW_FIELD(kr2_rate_burst, Kind::Number),
     CW_FIELD(service_installed, Kind::ReadOnly),
     CW_FIELD(module_present, Kind::ReadOnly),
     CW_FIELD(server_count, Kind::ReadOnly),
@@ -128,6 +141,10 @@ bool Apply(W32tSettings& s, std::string_view field, std::string_view value, std:
     switch (f.kind) {
       case Kind::ReadOnly:
         return why = "the field is read only", false;
+      case Kind::Addresses:
+        if (const AddressList list = ParseAddressList(value); !list.rejected.empty())
+          return why = "\"" + list.rejected.front() + "\" is neither an address (a.b.c.d), a prefix (a.b.c.d/N) nor \"any\"", false;
+        [[fallthrough]];
       case Kind::String:
         if (value.size() >= f.size) return why = "at most " + std::to_string(f.size - 1) + " characters", false;
         std::memset(Chars(s, f), 0, f.size);
@@ -160,8 +177,37 @@ bool Apply(W32tSettings& s, std::string_view field, std::string_view value, std:
   return why = "unknown field", false;
 }
 
+// The KR2 commands the provider refuses ("Prohibited KR2 Commands", beside the settings record):
+// "default" while the value is missing (102, 150, 160 and 180 refused), "none", or the codes.
+using Kr2Table = std::array<std::uint8_t, 256>;
+std::string ProhibitedText() {
+  Kr2Table t{};
+  if (!reg_get_binary(defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value, t.data(), t.size())) return "default";
+  std::string out;
+  for (std::size_t code = 0; code < t.size(); ++code)
+    if (t[code]) out += (out.empty() ? "" : ",") + std::to_string(code);
+  return out.empty() ? "none" : out;
+}
+// "default" (nullopt: the value goes), "none", or codes 0-255 separated by commas.
+bool ParseProhibited(std::string_view v, std::optional<Kr2Table>& table, std::string& why) {
+  table.reset();
+  if (v == "default") return true;
+  table.emplace();
+  table->fill(0);
+  if (v == "none") return true;
+  for (std::size_t at = 0; at <= v.size();) {
+    const std::size_t comma = std::min(v.find(',', at), v.size());
+    std::uint32_t code = 0;
+    if (!ParseNumber(v.substr(at, comma - at), code, 0u, 255u))
+      return why = "expected default, none or command codes 0-255 separated by commas", false;
+    (*table)[code] = 1;
+    at = comma + 1;
+  }
+  return true;
+}
+
 std::string ValueText(W32tSettings& s, const Field& f, bool json) {
-  if (f.kind == Kind::String) return json ? JsonString(Chars(s, f)) : Chars(s, f);
+  if (f.kind == Kind::String || f.kind == Kind::Addresses) return json ? JsonString(Chars(s, f)) : Chars(s, f);
   const std::uint32_t n = U32(s, f);
   if (f.kind == Kind::SyncType) return json ? std::to_string(n) : std::string(w32t_type_text(n)) + " (" + std::to_string(n) + ")";
   if (f.kind == Kind::Start) return json ? std::to_string(n) : std::string(StartText(n)) + " (" + std::to_string(n) + ")";
@@ -176,7 +222,7 @@ void Show(W32tSettings& s, bool json) {
     for (std::uint32_t i = 0; i < s.server_count; ++i)
       std::printf("%s{\"name\": %s, \"flags\": %u}", i ? ", " : "", JsonString(s.servers[i].name).c_str(),
                   s.servers[i].flags);
-    std::printf("]}\n");
+    std::printf("], \"kr2_prohibited\": %s}\n", JsonString(ProhibitedText().c_str()).c_str());
     return;
   }
   std::printf("Windows Time settings of %s (OS level %u)\n", g_target_machine[0] ? g_target_machine : "the local machine",
@@ -185,6 +231,7 @@ void Show(W32tSettings& s, bool json) {
     std::printf("  %-26s %s%s\n", f.name, ValueText(s, f, false).c_str(), f.kind == Kind::ReadOnly ? "  (read only)" : "");
   for (std::uint32_t i = 0; i < s.server_count; ++i)
     std::printf("  server%-20u %s  flags 0x%x\n", i + 1, s.servers[i].name, s.servers[i].flags);
+  std::printf("  %-26s %s\n", "kr2_prohibited", ProhibitedText().c_str());
 }
 
 }  // namespace
@@ -218,12 +265,25 @@ int CmdConfig(CommandArgs args) {
   }
   if (verb == "show") return Show(s, json), kExitOk;
 
+  bool set_prohibited = false;
+  std::optional<Kr2Table> prohibited;
   for (const auto& [field, value] : edits) {
     std::string why;
+    if (field == "kr2_prohibited") {
+      if (!ParseProhibited(value, prohibited, why)) return UsageError("config", "bad value for " + field + ": " + why);
+      set_prohibited = true;
+      continue;
+    }
     if (!Apply(s, field, value, why))
       return UsageError("config", why == "unknown field" ? "unknown field '" + field + "'" : "bad value for " + field + ": " + why);
   }
   w32t_save(s, 1);
+  if (set_prohibited) {
+    if (prohibited)
+      reg_set_binary(defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value, prohibited->data(), prohibited->size());
+    else
+      reg_delete_value(defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value);
+  }
   std::printf("Settings saved%s.\n", machine.empty() ? "" : (" on " + machine).c_str());
   // Locally the save ends with the NTP client's own configuration (chrony on Linux).
   if (machine.empty() && platform::LastError() != 0) {

@@ -53,6 +53,7 @@ inline constexpr const char* kPartnerValue = "Current Inbound Time Partner";
 inline constexpr std::uint32_t kKr2TimeoutMs = 1000;       // reply wait of one request (ms)
 inline constexpr std::uint32_t kKr2HistoryTries = 3;       // sends of one history request before "no reply"
 // KR2 responder: who may change the machine, and how fast one source is answered.
+inline constexpr const char* kProhibitedKr2Value = "Prohibited KR2 Commands";   // W32Time Parameters, binary: non-zero refuses
 inline constexpr const char* kKr2ManagersValue = "KR2 Managers";       // provider key, text: addresses that may clear and resync
 inline constexpr const char* kKr2ManagersDefault = "127.0.0.0/8";      // when the value is missing: this machine only
 inline constexpr const char* kKr2RateLimitValue = "KR2 Rate Limit";    // provider key, DWORD: reply bytes a second per source, 0 off

@@ -74,7 +74,7 @@ bool IsKnownKr2Command(std::uint32_t code) {
 
 void BuildProhibitedTable(std::array<std::uint8_t, kKr2CommandCount>& table) {
   table.fill(0);
-  if (!reg_get_binary(kW32TimeParametersKey, "Prohibited KR2 Commands", table.data(), kKr2CommandCount))
+  if (!reg_get_binary(kW32TimeParametersKey, defaults::kProhibitedKr2Value, table.data(), kKr2CommandCount))
     for (std::uint8_t code : kProhibitedByDefault) table[code] = 1;
   for (std::uint32_t code = 0; code < kKr2CommandCount; ++code)
     if (!IsKnownKr2Command(code)) table[code] = kUnknownCommand;

@@ -33,8 +33,10 @@ module=$(find build/linux -name w32tmkr.cpl -type f | head -1)
 root=$(mktemp -d /tmp/chronwarden-main.XXXXXX)
 export CHRONWARDEN_ROOT=$root
 export CHRONWARDEN_SHM_NAMESPACE="main$$."
-mkdir -p "$root/system32" "$root/ntp"
-cp "$module" "$root/system32/w32tmkr.cpl"
+# install takes the module and the host program (made the time service, run by Chronwarden's own
+# supervisor where no systemd runs) from the build.
+export CHRONWARDEN_MODULE=$PWD/$module CHRONWARDEN_HOST=$host CHRONWARDEN_SERVICE_BACKEND=supervisor
+mkdir -p "$root/ntp"
 echo "== machine root $root"
 
 host_pid="" client_pid="" peers_started=0
@@ -60,12 +62,22 @@ if ! "$cw" ntp query 127.0.0.1 --timeout 500 >/dev/null 2>&1; then
   sh scripts/ntp-peers.sh start "$root/ntp"
   peers_started=1
 fi
-# This machine's NTP client: chronyd -x following 127.0.0.1, its command socket in the root; the
-# time service's settings and the provider's registration (scripts/host-lab.sh).
+# This machine's NTP client: chronyd -x following 127.0.0.1, its command socket in the root
+# (scripts/host-lab.sh).
 lab_cw=$cw
 lab_client_start "$root/ntp"
 client_pid=$LAB_CLIENT_PID
-lab_register_provider "$interval"
+# Installed and configured as an administrator would: the provider installed, the agent checking
+# the local reference, the time service's NTP client on it, every KR2 command allowed (so that the
+# drift history can be read back over UDP; the managers stay loopback only).
+echo "== chronwarden install; agent set; config set"
+"$cw" install
+# install started the time service; this job runs the host itself, in the foreground, so that its
+# log shows here and it follows the NTP client above.
+"$cw" service stop >/dev/null
+"$cw" agent set enabled=1 reference=127.0.0.1 warn=1 error=1 --no-apply
+"$cw" config set sync_type=NTP ntp_client_enabled=1 ntp_client_input_provider=1 provider_input_provider=1 \
+  server1=127.0.0.1 server2= check_interval="$interval" dns_lookups_enabled=0 kr2_prohibited=none --no-apply
 
 echo "== chronwarden-host (check interval ${interval} s)"
 "$host" --foreground --poll 10 --chrony-socket "$root/ntp/client.sock" &
