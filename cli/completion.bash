@@ -36,7 +36,7 @@ _chronwarden() {
         opts="--csv --json"
       fi ;;
     report) opts="--utc --local -o" ;;
-    reg) subs="query set delete export"; opts="--json --type --data --machine" ;;
+    reg) subs="query set delete export check"; opts="--json --type --data --machine" ;;
     os) subs="identify"; opts="--json" ;;
     ntp) subs="query"; opts="--timeout --count --json" ;;
     config)
@@ -59,7 +59,8 @@ _chronwarden() {
       [[ $sub == start-type && $cword == 3 ]] && subs="automatic manual disabled"
       opts="--machine --json" ;;
     resync) opts="--machine --wait --hard" ;;
-    install | remove) opts="--machine --quiet" ;;
+    install) opts="--machine --managers --quiet" ;;
+    remove) opts="--machine --quiet" ;;
     graph) opts="-o --first --scale --select --size --utc --local --watch --ticks" ;;
     kr2)
       ((cword == 3)) && subs="identity status time localtime timezone products history clear resync"
