@@ -179,8 +179,8 @@ int InstallModule(platform::Dialog* progress) {
   int copied = CopyModuleToTarget();
   std::uint32_t err = copied ? 0 : platform::LastError();
   step(progress);
-  // A machine whose chrony already has sources: the settings name them, and the public defaults
-  // are not added to what its administrator chose.
+  // A machine whose chrony already has sources: settings without servers take them, and the public
+  // defaults are never added to what its administrator chose (nor at a later install).
   adjust_settings(s, chrony_import_sources(s));
   step(progress);
   bool stopped = false;

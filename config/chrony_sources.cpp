@@ -129,8 +129,9 @@ std::vector<ChronySource> chrony_machine_sources() {
 }
 
 bool chrony_import_sources(W32tSettings& s) {
-  if (s.server_count != 0) return false;
-  for (const ChronySource& c : chrony_machine_sources()) {
+  const std::vector<ChronySource> sources = chrony_machine_sources();
+  if (s.server_count != 0) return !sources.empty();
+  for (const ChronySource& c : sources) {
     if (s.server_count == kW32tMaxServers) break;
     if (c.name.size() >= sizeof s.servers[0].name) continue;
     bool known = false;

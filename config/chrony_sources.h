@@ -41,7 +41,8 @@ std::vector<ChronySource> chrony_config_sources(const std::string& conf, const s
 // The machine's chrony sources that are not ours (none where no chrony is configured).
 std::vector<ChronySource> chrony_machine_sources();
 // Takes the machine's chrony sources into settings that have no servers (at most six; pools and
-// servers in client mode, flags 0x8, peers symmetric active, 0x4). True when it added any.
+// servers in client mode, flags 0x8, peers symmetric active, 0x4); settings with servers are left
+// alone. True when the machine's chrony has sources of its own.
 bool chrony_import_sources(W32tSettings& s);
 // The sources file's text for the settings, leaving out servers named in skip (chrony has them).
 std::string chrony_sources_text(const W32tSettings& s, const std::vector<ChronySource>& skip = {});
