@@ -184,8 +184,11 @@ std::string ProhibitedText() {
   Kr2Table t{};
   if (!reg_get_binary(defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value, t.data(), t.size())) return "default";
   std::string out;
-  for (std::size_t code = 0; code < t.size(); ++code)
-    if (t[code]) out += (out.empty() ? "" : ",") + std::to_string(code);
+  for (std::size_t code = 0; code < t.size(); ++code) {
+    if (!t[code]) continue;
+    if (!out.empty()) out += ',';
+    out += std::to_string(code);
+  }
   return out.empty() ? "none" : out;
 }
 // "default" (nullopt: the value goes), "none", or codes 0-255 separated by commas.

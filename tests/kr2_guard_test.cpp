@@ -234,7 +234,7 @@ TEST_F(Kr2GuardResponderTest, AChangeFromANonManagerGetsSilenceAndChangesNothing
   EXPECT_EQ(machine_.clears, 0);
   EXPECT_EQ(machine_.resyncs, 0);
   EXPECT_EQ(machine_.records.size(), 1u);
-  EXPECT_EQ(g_local_status.counters[0], 0u);
+  EXPECT_EQ(+g_local_status.counters[0], 0u);
   EXPECT_EQ(g_kr2.guard.refused_changes(), 3u);
   // Logged once for the source, whatever it asked.
   const auto events = TimeServiceFake::Events();

@@ -626,6 +626,10 @@ TEST_F(ProviderShutdownTest, TheClockThreadsShareTheAgentsThirtySeconds) {
   ASSERT_TRUE(WaitUntil([] { return PreciseClockStateRef().running.load() == 1; }));
   StartHeld();
   const platform::EventHandle shutdown = g_provider.shutdown_event;
+  // The agent never ends either: the events it waits on are left to it, closed here once it has.
+  const ProviderGlobals& p = g_provider;
+  std::vector<platform::EventHandle> agents_events = {p.sync_event, p.time_jump_event, p.client_event};
+  if (p.status_notify_private) agents_events.push_back(p.status_notify_event);
   ShutDownInTheBackground();
   platform::fake::AdvanceCounter(kAgentStopWaitMs * kCounterTicksPerMs);
   const bool returned = WaitUntil([&] { return done_.load(); });
@@ -636,7 +640,11 @@ TEST_F(ProviderShutdownTest, TheClockThreadsShareTheAgentsThirtySeconds) {
   EXPECT_TRUE(returned) << "the clock's threads were given more than the one 30 s";
   EXPECT_EQ(clock_threads, 1u);   // shut-down returned with the clock thread still running
   ExpectTornDown();               // its shutdown event is left to the clock thread, not closed
-  if (returned && clock_threads == 1) platform::CloseEvent(shutdown);
+  ReleaseAgent();
+  if (returned && clock_threads == 1) {
+    platform::CloseEvent(shutdown);
+    for (platform::EventHandle e : agents_events) platform::CloseEvent(e);
+  }
 }
 
 }  // namespace
