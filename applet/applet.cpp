@@ -223,8 +223,16 @@ std::intptr_t applet_apply(platform::Dialog& page) {
   page.SetSheetChanged(false);
   applet_wait_cursor(1);
   W32tSettings& s = g_applet.settings;
-  w32t_save(s, 1);
   const char* target = g_applet.target;
+  // A store that refuses the settings keeps the sheet changed and says so; the service is not told.
+  g_applet.save_status = w32t_save(s, 1);
+  if (g_applet.save_status) {
+    page.SetSheetChanged(true);
+    applet_wait_cursor(0);
+    applet_message(&page, 0x10, "Could not save the time service settings on %s; %s",
+                   target[0] ? target : g_w32t_env.computer_name, error_text(g_applet.save_status).c_str());
+    return std::intptr_t(g_applet.save_status);
+  }
   std::intptr_t result = 0;
   if (g_w32t_env.installed_product == kProductKaironServer && s.ntp_server_enabled && w32t_kairon_serves_ntp()) {
     reg_set_bool(defaults::kKaironProtocolsKey, ProtocolName(1), 0);
@@ -244,7 +252,8 @@ std::intptr_t applet_apply(platform::Dialog& page) {
 
 std::intptr_t applet_apply_notification(platform::Dialog& page) {
   applet_apply(page);
-  return 0;
+  // Saved: the sheet may close, whatever the resync said. Not saved: the page stays open.
+  return g_applet.save_status ? platform::kPsnRetInvalidNoChangePage : 0;
 }
 
 namespace {
@@ -284,7 +293,8 @@ std::intptr_t run_sheet(void* window, std::uint32_t mode, bool remote) {
     if (installed) {
       w32t_load(s);
       w32t_apply_coexistence(s);
-      w32t_save(s, 1);
+      // A store that refuses it: the pages show what was loaded, and Apply says what failed.
+      (void)w32t_save(s, 1);
       g_applet_services.restart(nullptr, g_applet.target, "W32Time");
     }
   }

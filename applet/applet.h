@@ -50,6 +50,7 @@ struct AppletState {
   std::uint32_t pages_shown[5];  // template ids of the last sheet's pages, in order (0: none)
   platform::Dialog* helper;      // a window the pages opened (the drift graph), closed with the sheet
   W32tSettings settings;         // the shared settings record the pages edit
+  std::uint32_t save_status;     // the last Apply's save: 0, or the registry's error of the first write that failed
 };
 extern AppletState g_applet;
 

@@ -198,7 +198,12 @@ int InstallModule(platform::Dialog* progress) {
   if (std::memcmp(&s, &untouched, sizeof s) != 0) {
     if (!stopped && g_applet_services.control(progress, target, kServiceOpQuery, 0))
       stopped = g_applet_services.control(progress, target, kServiceOpStop, show_error()) != 0;
-    w32t_save(s, 1);
+    if (const std::uint32_t st = w32t_save(s, 1)) {
+      applet_message(progress, 0x30, "Could not save the time service settings on %s; %s",
+                     target[0] ? target : g_w32t_env.computer_name, error_text(st).c_str());
+      copied = 0;
+      err = st;
+    }
   }
   step(progress);
   if (stopped) g_applet_services.control(progress, target, kServiceOpStart, show_error());
@@ -213,9 +218,10 @@ int RemoveModule(platform::Dialog* progress) {
   W32tSettings s{};
   w32t_load(s);
   reg_delete_key(defaults::kUninstallKey);
-  w32t_save(s, 0);
+  const std::uint32_t saved = w32t_save(s, 0);
   step(progress);
   int started = g_applet_services.control(progress, target, kServiceOpStart, show_error());
+  if (saved) return finish(progress, 0, saved);
   return finish(progress, started, platform::LastError());
 }
 

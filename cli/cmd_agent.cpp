@@ -168,9 +168,12 @@ int Set(AgentSession& session, std::vector<std::pair<const Field*, std::string>>
     session.sheet.Apply();
   } else {
     d.SendNotify(platform::kPsnKillActive);
-    w32t_save(g_applet.settings, 1);
+    if (const std::uint32_t st = w32t_save(g_applet.settings, 1)) {
+      char text[512];
+      return CliFailure("agent", std::string("the settings were not saved: ") + SystemErrorText(st, text, sizeof text));
+    }
   }
-  if (g_messages) return kExitFailed;
+  if (g_messages) return kExitFailed;   // (a save the store refused on Apply is one of them)
   std::printf("Agent settings saved%s%s.\n", g_applet.target[0] ? " on " : "", g_applet.target);
   return kExitOk;
 }

@@ -177,6 +177,14 @@ bool Apply(W32tSettings& s, std::string_view field, std::string_view value, std:
   return why = "unknown field", false;
 }
 
+// The system's text of an error, without its line end.
+std::string Reason(std::uint32_t code) {
+  char text[256];
+  std::string reason = SystemErrorText(code, text, sizeof text);
+  while (!reason.empty() && (reason.back() == ' ' || reason.back() == '\n' || reason.back() == '\r')) reason.pop_back();
+  return reason;
+}
+
 // The KR2 commands the provider refuses ("Prohibited KR2 Commands", beside the settings record):
 // "default" while the value is missing (102, 150, 160 and 180 refused), "none", or the codes.
 using Kr2Table = std::array<std::uint8_t, 256>;
@@ -280,21 +288,17 @@ int CmdConfig(CommandArgs args) {
     if (!Apply(s, field, value, why))
       return UsageError("config", why == "unknown field" ? "unknown field '" + field + "'" : "bad value for " + field + ": " + why);
   }
-  w32t_save(s, 1);
-  if (set_prohibited) {
-    if (prohibited)
-      reg_set_binary(defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value, prohibited->data(), prohibited->size());
-    else
-      reg_delete_value(defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value);
-  }
+  // Nothing is called saved that the store did not keep.
+  if (const std::uint32_t st = w32t_save(s, 1)) return CliFailure("config", "the settings were not saved: " + Reason(st));
+  const std::uint32_t ntp_client = platform::LastError();   // locally the save ends with the NTP client (chrony on Linux)
+  if (set_prohibited && !(prohibited ? reg_set_binary(defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value,
+                                                      prohibited->data(), prohibited->size())
+                                     : reg_delete_value(defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value)) &&
+      platform::LastError() != platform::kErrorFileNotFound)
+    return CliFailure("config", "kr2_prohibited was not saved: " + Reason(platform::LastError()));
   std::printf("Settings saved%s.\n", machine.empty() ? "" : (" on " + machine).c_str());
-  // Locally the save ends with the NTP client's own configuration (chrony on Linux).
-  if (machine.empty() && platform::LastError() != 0) {
-    char text[256];
-    std::string reason = SystemErrorText(platform::LastError(), text, sizeof text);
-    while (!reason.empty() && (reason.back() == ' ' || reason.back() == '\n' || reason.back() == '\r')) reason.pop_back();
-    return CliFailure("config", "the NTP client did not take the servers: " + reason);
-  }
+  if (machine.empty() && ntp_client != 0)
+    return CliFailure("config", "the NTP client did not take the servers: " + Reason(ntp_client));
   if (!apply) return kExitOk;
   return NotifyTimeService(machine.c_str()) ? kExitOk : kExitFailed;
 }

@@ -167,14 +167,14 @@ void reg_set_string_fmt(const char* path, const char* name, const char* format, 
 
 int reg_delete_value(const char* path, const char* name) { return reg_write_value(path, name, nullptr, 0, 0); }
 
-void reg_set_binary(const char* path, const char* name, const void* data, std::uint32_t size) {
-  reg_write_value(path, name, data, platform::kRegBinary, size);
+int reg_set_binary(const char* path, const char* name, const void* data, std::uint32_t size) {
+  return reg_write_value(path, name, data, platform::kRegBinary, size);
 }
 
-void reg_set_dword(const char* path, const char* name, std::uint32_t value) {
+int reg_set_dword(const char* path, const char* name, std::uint32_t value) {
   const std::array<std::uint8_t, 4> le{static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8),
                                        static_cast<std::uint8_t>(value >> 16), static_cast<std::uint8_t>(value >> 24)};
-  reg_write_value(path, name, le.data(), platform::kRegDword, 4);
+  return reg_write_value(path, name, le.data(), platform::kRegDword, 4);
 }
 
 int reg_set_bool(const char* path, const char* name, int flag) {

@@ -47,8 +47,9 @@ int reg_set_string(const char* path, const char* name, const char* value);   // 
 void reg_set_string_fmt(const char* path, const char* name, const char* format, ...)
     __attribute__((format(printf, 3, 4)));                                   // printf-style into 32,767 characters, REG_SZ
 int reg_delete_value(const char* path, const char* name);                      // creates the key if it was missing
-void reg_set_binary(const char* path, const char* name, const void* data, std::uint32_t size);  // REG_BINARY
-void reg_set_dword(const char* path, const char* name, std::uint32_t value);                    // REG_DWORD, 4 bytes
+// Each write returns 1 when stored, 0 with the last error set.
+int reg_set_binary(const char* path, const char* name, const void* data, std::uint32_t size);  // REG_BINARY
+int reg_set_dword(const char* path, const char* name, std::uint32_t value);                    // REG_DWORD, 4 bytes
 int reg_set_bool(const char* path, const char* name, int flag);              // REG_SZ "True" / "False"
 
 // Clears buf, then reads at most size bytes of the value.

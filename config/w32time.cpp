@@ -13,6 +13,7 @@
 #include "config/chrony_sources.h"
 #include "config/defaults.h"
 #include "config/registry.h"
+#include "platform/error.h"
 #include "platform/file.h"
 #include "platform/os.h"
 #include "platform/paths.h"
@@ -208,59 +209,66 @@ std::uint32_t w32t_load(W32tSettings& s) {
   return 0;
 }
 
-void w32t_save(const W32tSettings& s, int register_flag) {
+std::uint32_t w32t_save(const W32tSettings& s, int register_flag) {
+  // Every value is written even after one failed; the first failure is what the save reports.
+  std::uint32_t first = 0;
+  const auto kept = [&first](int stored) {
+    if (!stored && !first) first = platform::LastError() ? platform::LastError() : platform::kErrorWriteFault;
+  };
   const std::uint32_t level = g_w32t_env.level;
-  reg_set_dword(kLanmanKey, "TimeSource", s.lanman_time_source);
-  reg_set_string(kParametersKey, "Type", w32t_type_text(s.sync_type));
-  reg_set_dword(kW32TimeKey, "Start", s.service_start);
+  kept(reg_set_dword(kLanmanKey, "TimeSource", s.lanman_time_source));
+  kept(reg_set_string(kParametersKey, "Type", w32t_type_text(s.sync_type)));
+  kept(reg_set_dword(kW32TimeKey, "Start", s.service_start));
 
-  reg_set_string(kParametersKey, "NTPServer", w32t_server_list_text(s, level).c_str());
+  kept(reg_set_string(kParametersKey, "NTPServer", w32t_server_list_text(s, level).c_str()));
 
   if (level == kOsWin2000) {
-    reg_set_dword(kParametersKey, "LocalNTP", s.local_ntp);
-    reg_set_dword(kParametersKey, "ReliableTimeSource", s.reliable_time_source);
+    kept(reg_set_dword(kParametersKey, "LocalNTP", s.local_ntp));
+    kept(reg_set_dword(kParametersKey, "ReliableTimeSource", s.reliable_time_source));
   } else if (level >= kOsWinXp) {
-    reg_set_dword(kConfigKey, "AnnounceFlags", s.announce_flags);
+    kept(reg_set_dword(kConfigKey, "AnnounceFlags", s.announce_flags));
     if (s.file_logging_on) {
-      reg_set_dword(kConfigKey, "FileLogSize", s.file_log_size);
-      reg_set_string(kConfigKey, "FileLogEntries", s.file_log_entries);
-      reg_set_string(kConfigKey, "FileLogName", s.file_log_name);
+      kept(reg_set_dword(kConfigKey, "FileLogSize", s.file_log_size));
+      kept(reg_set_string(kConfigKey, "FileLogEntries", s.file_log_entries));
+      kept(reg_set_string(kConfigKey, "FileLogName", s.file_log_name));
     } else {
       reg_delete_value(kConfigKey, "FileLogSize");
       reg_delete_value(kConfigKey, "FileLogEntries");
       reg_delete_value(kConfigKey, "FileLogName");
     }
-    reg_set_dword(kNtpClientKey, "Enabled", s.ntp_client_enabled);
-    reg_set_dword(kNtpClientKey, "InputProvider", s.ntp_client_input_provider);
-    reg_set_dword(kNtpClientKey, "SpecialPollInterval", s.ntp_client_poll_interval);
-    reg_set_dword(kNtpServerKey, "Enabled", s.ntp_server_enabled);
+    kept(reg_set_dword(kNtpClientKey, "Enabled", s.ntp_client_enabled));
+    kept(reg_set_dword(kNtpClientKey, "InputProvider", s.ntp_client_input_provider));
+    kept(reg_set_dword(kNtpClientKey, "SpecialPollInterval", s.ntp_client_poll_interval));
+    kept(reg_set_dword(kNtpServerKey, "Enabled", s.ntp_server_enabled));
 
     if (register_flag) {
-      reg_set_bool(kProviderKey, "Service Installed", 1);
-      reg_set_bool(kProviderKey, "DNS Lookups Enabled", s.dns_lookups_enabled != 0);
-      reg_set_string(kProviderKey, "Current Version", defaults::kProductVersion);
-      reg_set_dword(kProviderKey, "OEMID", defaults::kProviderOemId);
-      reg_set_dword(kProviderKey, "Enabled", s.provider_enabled);
-      reg_set_dword(kProviderKey, "InputProvider", s.provider_input_provider);
-      reg_set_dword(kProviderKey, "SpecialPollInterval", s.check_interval);
-      reg_set_string(kProviderKey, "DllName", defaults::kModuleFileName);
-      reg_set_string(kProviderKey, "Reference Clock", s.reference_clock);
-      reg_set_string(kProviderKey, defaults::kKr2ManagersValue, s.kr2_managers);
-      reg_set_dword(kProviderKey, defaults::kKr2RateLimitValue, s.kr2_rate_limit);
-      reg_set_dword(kProviderKey, defaults::kKr2RateBurstValue, s.kr2_rate_burst);
-      reg_set_dword(kProviderKey, "Alert if Unsynchronized", s.alert_if_unsynchronized);
-      reg_set_dword(kProviderKey, "Alert if Unverified", s.alert_if_unverified);
-      reg_set_dword(kProviderKey, "Alert Threshhold (seconds)", s.alert_threshold);
-      reg_set_dword(kCategoryKey1, defaults::kCplCategoryValue, defaults::kCplCategory);
-      reg_set_dword(kCategoryKey2, defaults::kCplCategoryValue, defaults::kCplCategory);
+      kept(reg_set_bool(kProviderKey, "Service Installed", 1));
+      kept(reg_set_bool(kProviderKey, "DNS Lookups Enabled", s.dns_lookups_enabled != 0));
+      kept(reg_set_string(kProviderKey, "Current Version", defaults::kProductVersion));
+      kept(reg_set_dword(kProviderKey, "OEMID", defaults::kProviderOemId));
+      kept(reg_set_dword(kProviderKey, "Enabled", s.provider_enabled));
+      kept(reg_set_dword(kProviderKey, "InputProvider", s.provider_input_provider));
+      kept(reg_set_dword(kProviderKey, "SpecialPollInterval", s.check_interval));
+      kept(reg_set_string(kProviderKey, "DllName", defaults::kModuleFileName));
+      kept(reg_set_string(kProviderKey, "Reference Clock", s.reference_clock));
+      kept(reg_set_string(kProviderKey, defaults::kKr2ManagersValue, s.kr2_managers));
+      kept(reg_set_dword(kProviderKey, defaults::kKr2RateLimitValue, s.kr2_rate_limit));
+      kept(reg_set_dword(kProviderKey, defaults::kKr2RateBurstValue, s.kr2_rate_burst));
+      kept(reg_set_dword(kProviderKey, "Alert if Unsynchronized", s.alert_if_unsynchronized));
+      kept(reg_set_dword(kProviderKey, "Alert if Unverified", s.alert_if_unverified));
+      kept(reg_set_dword(kProviderKey, "Alert Threshhold (seconds)", s.alert_threshold));
+      kept(reg_set_dword(kCategoryKey1, defaults::kCplCategoryValue, defaults::kCplCategory));
+      kept(reg_set_dword(kCategoryKey2, defaults::kCplCategoryValue, defaults::kCplCategory));
     } else {
       reg_delete_key(kProviderKey);
       reg_delete_value(kCategoryKey1, defaults::kCplCategoryValue);
       reg_delete_value(kCategoryKey2, defaults::kCplCategoryValue);
     }
   }
-  // On the local machine the NTP client follows at once (chrony on Linux; nothing on Windows).
+  // On the local machine the NTP client follows at once (chrony on Linux; nothing on Windows); its
+  // outcome is the last error (0 when it took them or there is none to tell).
   if (!g_target_machine[0]) chrony_apply_settings(s);
+  return first;
 }
 
 void w32t_secure_keys() {

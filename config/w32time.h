@@ -87,7 +87,10 @@ extern W32tEnvironment g_w32t_env;
 // Fills every field from the registry (defaults for values that are missing): 0, or the registry's
 // error when the store cannot be read (a damaged store is never taken for defaults: s is untouched).
 std::uint32_t w32t_load(W32tSettings& s);
-void w32t_save(const W32tSettings& s, int register_flag);  // writes back; 1 (re)registers the provider, 0 removes it
+// Writes every value back (register_flag 1 also (re)registers the provider, 0 removes it): 0, or the
+// registry's error of the first write that failed (the others are still tried). Locally the NTP
+// client then takes the servers; its outcome is left in the last error.
+[[nodiscard]] std::uint32_t w32t_save(const W32tSettings& s, int register_flag);
 // The "NTPServer" text: servers separated by spaces or commas, each optionally followed by its mode
 // flags token ("0xH" or "0xHH"); at most six servers, names cut to 63 characters, flags 1 when absent.
 void w32t_parse_servers(const char* list, W32tSettings& s);

@@ -85,6 +85,7 @@ inline constexpr int kCbnSelChange = 1;     // CBN_SELCHANGE (and LBN_SELCHANGE)
 inline constexpr int kPsnSetActive = -200;  // PSN_SETACTIVE
 inline constexpr int kPsnKillActive = -201; // PSN_KILLACTIVE
 inline constexpr int kPsnApply = -202;      // PSN_APPLY
+inline constexpr std::intptr_t kPsnRetInvalidNoChangePage = 2;   // PSNRET_INVALID_NOCHANGEPAGE: the page stays
 inline constexpr int kPsnReset = -203;      // PSN_RESET
 // Scroll-bar request codes (WM_HSCROLL).
 inline constexpr int kSbLineLeft = 0, kSbLineRight = 1, kSbPageLeft = 2, kSbPageRight = 3, kSbThumbPosition = 4,

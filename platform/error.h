@@ -13,6 +13,7 @@ inline constexpr std::uint32_t kErrorAccessDenied = 5;          // ERROR_ACCESS_
 inline constexpr std::uint32_t kErrorInvalidHandle = 6;         // ERROR_INVALID_HANDLE
 inline constexpr std::uint32_t kErrorNotEnoughMemory = 8;       // ERROR_NOT_ENOUGH_MEMORY
 inline constexpr std::uint32_t kErrorWriteProtect = 19;         // ERROR_WRITE_PROTECT
+inline constexpr std::uint32_t kErrorWriteFault = 29;           // ERROR_WRITE_FAULT
 inline constexpr std::uint32_t kErrorReadFault = 30;            // ERROR_READ_FAULT
 inline constexpr std::uint32_t kErrorGenFailure = 31;           // ERROR_GEN_FAILURE
 inline constexpr std::uint32_t kErrorSharingViolation = 32;     // ERROR_SHARING_VIOLATION

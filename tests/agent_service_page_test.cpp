@@ -104,6 +104,29 @@ TEST_F(AgentPageTest, AnIntervalLeftAsShownKeepsItsSeconds) {
   }
 }
 
+// A store that refuses the settings on Apply: the user is told, the sheet stays open and changed,
+// and the time service is not told of settings it would not find.
+TEST_F(AgentPageTest, ASaveTheStoreRefusesKeepsTheSheetOpenAndSaysWhy) {
+  g_applet.settings.provider_enabled = 1;
+  Open({IDD_AGENT});
+  Agent().Type(IDC_REF_SERVER, "ref3.example");
+  Agent().SendNotify(kPsnKillActive);
+  platform::fake::FailRegistryWrite("Reference Clock", 5);
+  EXPECT_EQ(Agent().SendNotify(kPsnApply), platform::kPsnRetInvalidNoChangePage);
+  platform::fake::FailRegistryWrite("Reference Clock", 0);
+  ASSERT_EQ(memory_ui::Boxes().size(), 1u);
+  EXPECT_NE(memory_ui::Boxes()[0].text.find("Could not save the time service settings on "), std::string::npos);
+  EXPECT_NE(memory_ui::Boxes()[0].text.find("Access is denied."), std::string::npos) << memory_ui::Boxes()[0].text;
+  EXPECT_TRUE(sheet_->changed);
+  EXPECT_EQ(RecordedServices::calls.size(), 0u);
+  // Once the store takes it, Apply saves and lets the sheet go.
+  EXPECT_EQ(Agent().SendNotify(kPsnApply), 0);
+  EXPECT_EQ(g_applet.save_status, 0u);
+  char ref[64];
+  reg_get_string(kProviderKey, "Reference Clock", ref, sizeof ref, "");
+  EXPECT_STREQ(ref, "ref3.example");
+}
+
 // A resync that fails after the settings were saved does not keep the sheet open: the first OK
 // closes it.
 TEST_F(AgentPageTest, AFailedResyncOnOkStillClosesTheSheet) {

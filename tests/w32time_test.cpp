@@ -9,6 +9,7 @@
 
 #include "applet/os_identify.h"
 #include "config/w32time.h"
+#include "platform/fake.h"
 #include "tests/registry_fixture.h"
 
 namespace {
@@ -112,7 +113,7 @@ TEST_F(W32tTest, TwoServersWithFlagsLoadAndSaveBackTheSameText) {
   EXPECT_EQ(s.servers[1].flags, 9u);
   for (const auto& e : s.servers) EXPECT_EQ(e.work, -1);
   for (int i = 2; i < 6; ++i) EXPECT_STREQ(s.servers[i].name, "");
-  w32t_save(s, 1);
+  ASSERT_EQ(w32t_save(s, 1), 0u);
   EXPECT_EQ(Str(kParams, "NTPServer"), "a.example,0x1 b.example,0x9");
 }
 
@@ -204,7 +205,7 @@ TEST(W32tText, TheListTextParsesBackAsTheSameServers) {
 TEST_F(W32tTest, MissingServerListLoadsEmptyAndSavesAnEmptyString) {
   W32tSettings s = Load();
   EXPECT_EQ(s.server_count, 0u);
-  w32t_save(s, 1);
+  ASSERT_EQ(w32t_save(s, 1), 0u);
   EXPECT_EQ(Str(kParams, "NTPServer"), "");
 }
 
@@ -214,7 +215,7 @@ TEST_F(W32tTest, SavingSkipsEmptyNames) {
   std::strcpy(s.servers[0].name, "x");
   std::strcpy(s.servers[2].name, "z");
   s.servers[2].flags = 0xA;
-  w32t_save(s, 1);
+  ASSERT_EQ(w32t_save(s, 1), 0u);
   EXPECT_EQ(Str(kParams, "NTPServer"), "x,0x1 z,0xa");
 }
 
@@ -223,7 +224,7 @@ TEST_F(W32tTest, Windows2000SavesNamesWithoutFlags) {
   reg_set_string(kParams, "NTPServer", "a.example,0x1 b.example,0x9");
   W32tSettings s = Load();
   EXPECT_EQ(s.servers[1].flags, 9u);
-  w32t_save(s, 1);
+  ASSERT_EQ(w32t_save(s, 1), 0u);
   EXPECT_EQ(Str(kParams, "NTPServer"), "a.example b.example");
 }
 
@@ -263,7 +264,7 @@ TEST_F(W32tTest, SavingWithTheRegisterFlagWritesTheRegistration) {
   s.provider_enabled = 1;
   s.check_interval = 900;
   std::strcpy(s.reference_clock, "ref.example");
-  w32t_save(s, 1);
+  ASSERT_EQ(w32t_save(s, 1), 0u);
   EXPECT_EQ(Str(kProvider, "Service Installed"), "True");
   EXPECT_EQ(Str(kProvider, "DNS Lookups Enabled"), "True");
   EXPECT_EQ(Str(kProvider, "Current Version"), "4.2.b.20081210R");
@@ -276,11 +277,29 @@ TEST_F(W32tTest, SavingWithTheRegisterFlagWritesTheRegistration) {
   EXPECT_EQ(reg_get_dword(kCategory2, kCategoryValue, 0), 6u);
 }
 
+// A store that refuses a write: the save says so with the first refusal's error, and still
+// writes every other value.
+TEST_F(W32tTest, ASaveTheStoreRefusesReportsTheFirstFailureAndWritesTheRest) {
+  W32tSettings s = Load();
+  std::strcpy(s.reference_clock, "ref.example");
+  s.check_interval = 900;
+  platform::fake::Enable();
+  platform::fake::FailRegistryWrite("Reference Clock", 5);
+  EXPECT_EQ(w32t_save(s, 1), 5u);
+  platform::fake::FailRegistryWrite("Reference Clock", 0);
+  platform::fake::Disable();
+  EXPECT_EQ(Str(kProvider, "Reference Clock"), "<missing>");   // not stored
+  EXPECT_EQ(reg_get_dword(kProvider, "SpecialPollInterval", 0), 900u);   // the others are
+  EXPECT_EQ(reg_get_dword(kProvider, "Alert Threshhold (seconds)", 0), 2u);
+  EXPECT_EQ(w32t_save(s, 1), 0u);
+  EXPECT_EQ(Str(kProvider, "Reference Clock"), "ref.example");
+}
+
 TEST_F(W32tTest, SavingWithTheRegisterFlagClearRemovesTheRegistration) {
   W32tSettings s = Load();
-  w32t_save(s, 1);
+  ASSERT_EQ(w32t_save(s, 1), 0u);
   ASSERT_TRUE(reg_key_exists(kProvider));
-  w32t_save(s, 0);
+  ASSERT_EQ(w32t_save(s, 0), 0u);
   EXPECT_FALSE(reg_key_exists(kProvider));
   EXPECT_TRUE(reg_key_exists(kProviders));
   EXPECT_FALSE(Has(kCategory1, kCategoryValue));
@@ -289,9 +308,9 @@ TEST_F(W32tTest, SavingWithTheRegisterFlagClearRemovesTheRegistration) {
 
 TEST_F(W32tTest, AProviderKeyWithSubkeysIsNotRemoved) {
   W32tSettings s = Load();
-  w32t_save(s, 1);
+  ASSERT_EQ(w32t_save(s, 1), 0u);
   reg_set_dword((std::string(kProvider) + "\\Sub").c_str(), "V", 1);
-  w32t_save(s, 0);
+  ASSERT_EQ(w32t_save(s, 0), 0u);
   EXPECT_TRUE(reg_key_exists(kProvider));
 }
 
@@ -302,7 +321,7 @@ TEST_F(W32tTest, FileLoggingOffDeletesItsValues) {
   W32tSettings s = Load();
   EXPECT_EQ(s.file_logging_on, 1u);
   s.file_logging_on = 0;
-  w32t_save(s, 1);
+  ASSERT_EQ(w32t_save(s, 1), 0u);
   EXPECT_FALSE(Has(kConfig, "FileLogSize"));
   EXPECT_FALSE(Has(kConfig, "FileLogEntries"));
   EXPECT_FALSE(Has(kConfig, "FileLogName"));
@@ -354,7 +373,7 @@ TEST_F(W32tTest, EveryFieldRoundTripsOnLevels4096And32768) {
     g_w32t_env.level = level;
     reg_set_dword(kConfig, "MaxAllowedPhaseOffset", 300);
     const W32tSettings in = Filled();
-    w32t_save(in, 1);
+    ASSERT_EQ(w32t_save(in, 1), 0u);
     W32tSettings out = Load();
     EXPECT_EQ(out.ntp_client_enabled, 1u);
     EXPECT_EQ(out.ntp_client_input_provider, 1u);
@@ -390,7 +409,7 @@ TEST_F(W32tTest, EveryFieldRoundTripsOnLevels4096And32768) {
     // Never written back.
     W32tSettings changed = in;
     changed.max_allowed_phase_offset = 1;
-    w32t_save(changed, 1);
+    ASSERT_EQ(w32t_save(changed, 1), 0u);
     EXPECT_EQ(reg_get_dword(kConfig, "MaxAllowedPhaseOffset", 0), 300u);
     DeleteRegTree(platform::RegLocalMachine(), std::string(kW32Time).substr(2));
   }
@@ -399,7 +418,7 @@ TEST_F(W32tTest, EveryFieldRoundTripsOnLevels4096And32768) {
 TEST_F(W32tTest, EveryFieldRoundTripsOnLevel2048) {
   g_w32t_env.level = kOsWin2000;
   const W32tSettings in = Filled();
-  w32t_save(in, 1);
+  ASSERT_EQ(w32t_save(in, 1), 0u);
   EXPECT_FALSE(reg_key_exists(kProvider));   // no provider on Windows 2000
   EXPECT_FALSE(reg_key_exists(kConfig));
   EXPECT_FALSE(reg_key_exists(kNtpClient));
@@ -421,7 +440,7 @@ TEST_F(W32tTest, EveryFieldRoundTripsOnLevel2048) {
 
 TEST_F(W32tTest, OtherLevelsGetOnlyTheCommonPart) {
   g_w32t_env.level = kOsNt4;
-  w32t_save(Filled(), 1);
+  ASSERT_EQ(w32t_save(Filled(), 1), 0u);
   EXPECT_FALSE(reg_key_exists(kProvider));
   EXPECT_FALSE(Has(kParams, "LocalNTP"));
   W32tSettings out = Load();

@@ -128,7 +128,7 @@ class ChronyTest : public RegistryTest {
 };
 
 TEST_F(ChronyTest, SavingTheSettingsMakesThemChronySources) {
-  w32t_save(Two(), 1);
+  ASSERT_EQ(w32t_save(Two(), 1), 0u);
   EXPECT_EQ(platform::LastError(), 0u);
   const std::string text = Read(File());
   EXPECT_NE(text.find("\nserver 127.0.0.11 iburst minpoll 10 maxpoll 10\nserver 127.0.0.12 iburst\n"), std::string::npos)
@@ -174,7 +174,7 @@ TEST_F(ChronyTest, AMissingSourceIsAddedBack) {
 }
 
 TEST_F(ChronyTest, ResyncAsksChronyForABurst) {
-  w32t_save(Two(), 1);
+  ASSERT_EQ(w32t_save(Two(), 1), 0u);
   std::uint32_t result = 99;
   ASSERT_TRUE(platform::TimeSyncNow(nullptr, 0, 0, result));
   EXPECT_EQ(result, 0u);
