@@ -39,6 +39,12 @@ cleanup() {
   if [ -n "$ws_pid" ]; then kill "$ws_pid" 2>/dev/null || true; wait "$ws_pid" 2>/dev/null || true; fi
   chronwarden service stop >/dev/null 2>&1 || true
   sh "$source_dir/scripts/ntp-peers.sh" stop "$work/ntp" || true
+  # The bridge's session starts a D-Bus daemon and an ssh-agent in its runtime folder, which outlive
+  # cockpit-ws: whatever still runs in the test's folders ends with the test.
+  for p in /proc/[0-9]*; do
+    [ "${p#/proc/}" = "$$" ] && continue
+    case "$(readlink "$p/cwd" 2>/dev/null)" in "$work"|"$work"/*) kill "${p#/proc/}" 2>/dev/null || true ;; esac
+  done
 }
 trap cleanup EXIT
 
