@@ -4,8 +4,6 @@
 #include <algorithm>
 
 #include "config/defaults.h"
-#include "platform/timeprov.h"
-#include "provider/provider.h"
 
 namespace {
 
@@ -18,20 +16,16 @@ bool Kr2ChangesMachine(std::uint8_t code) { return code == 3 || code == 204 || c
 
 Kr2Guard::Kr2Guard() { Configure(defaults::kKr2ManagersDefault, defaults::kKr2RateLimitBytes, defaults::kKr2RateBurstBytes); }
 
-void Kr2Guard::Configure(const char* managers, std::uint32_t rate_bytes_per_s, std::uint32_t burst_bytes) {
+std::vector<std::string> Kr2Guard::Configure(const char* managers, std::uint32_t rate_bytes_per_s,
+                                             std::uint32_t burst_bytes) {
   rate_ = rate_bytes_per_s;
   burst_ = burst_bytes;
   const std::string text = managers ? managers : "";
-  if (configured_ && text == managers_text_) return;
-  const bool first = !configured_;
+  if (configured_ && text == managers_text_) return {};
   configured_ = true;
   managers_text_ = text;
   managers_ = ParseAddressList(text);
-  if (first) return;   // the built-in default: nothing to tell
-  for (const std::string& bad : managers_.rejected)
-    LogEvent(kProviderName, platform::kEventLogWarning,
-             "The KR2 managers' entry \"%s\" is neither an address, a prefix nor \"any\"; it is ignored",
-             bad.c_str());
+  return managers_.rejected;
 }
 
 bool Kr2Guard::MayChange(std::uint32_t address) const {

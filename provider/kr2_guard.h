@@ -19,8 +19,8 @@
 // sources costs a fixed amount of memory, and a well-behaved source pushed out simply starts again
 // with a full bucket. Rate 0 turns the limit off.
 //
-// Refusals and limited requests are counted and logged once per source an hour (at most
-// kKr2NoticesPerInterval lines an hour in all), as warnings through the time service.
+// Refusals and limited requests are counted, and the guard tells its caller (the responder, which
+// logs) when one is worth a line: once per source an hour, at most kKr2NoticesPerInterval in all.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -36,8 +36,9 @@ bool Kr2ChangesMachine(std::uint8_t code);
 class Kr2Guard {
  public:
   // Takes these settings (a managers text as the registry holds it, rate and burst in bytes);
-  // parses the text only when it changed, and logs each entry it cannot take, once.
-  void Configure(const char* managers, std::uint32_t rate_bytes_per_s, std::uint32_t burst_bytes);
+  // parses the text only when it changed. Returns the entries of a changed text that it cannot
+  // take (none when the text is the one it already had), for the caller to report once.
+  std::vector<std::string> Configure(const char* managers, std::uint32_t rate_bytes_per_s, std::uint32_t burst_bytes);
   // Whether address (network order) may change the machine: loopback or on the managers' list.
   bool MayChange(std::uint32_t address) const;
   // Whether a request of address (network order) may be answered now (ms, monotonic); a refusal

@@ -379,11 +379,17 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
   return Kr2Outcome::Answered;
 }
 
+void Kr2ConfigureGuard(const char* managers, std::uint32_t rate_bytes_per_s, std::uint32_t burst_bytes) {
+  for (const std::string& bad : g_kr2.guard.Configure(managers, rate_bytes_per_s, burst_bytes))
+    LogEvent(kProviderName, platform::kEventLogWarning,
+             "The KR2 managers' entry \"%s\" is neither an address, a prefix nor \"any\"; it is ignored", bad.c_str());
+}
+
 void HandleRequest(platform::SocketHandle socket) {
   Kr2SocketOn transport(socket);
   Kr2SystemMachine machine;
   const W32tSettings& settings = g_provider.settings;
-  g_kr2.guard.Configure(settings.kr2_managers, settings.kr2_rate_limit, settings.kr2_rate_burst);
+  Kr2ConfigureGuard(settings.kr2_managers, settings.kr2_rate_limit, settings.kr2_rate_burst);
   g_kr2.in_batch = true;
   g_kr2.zone_read = false;
   do HandleRequestWith(transport, machine);

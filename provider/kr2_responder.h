@@ -141,6 +141,9 @@ void Kr2BuildProducts(Kr2Machine& machine);
 // A new listen socket: zeroes the responder block and forgets the last request.
 void Kr2ForgetLastRequest();
 
+// Gives the guard these settings (managers text, rate and burst in bytes) and logs each managers'
+// entry it cannot take, once per changed text.
+void Kr2ConfigureGuard(const char* managers, std::uint32_t rate_bytes_per_s, std::uint32_t burst_bytes);
 // Reads and answers the datagrams waiting on socket, up to kKr2Batch, each as HandleRequestWith
 // does, and sends the replies together (the provider's entry, on the agent thread).
 void HandleRequest(platform::SocketHandle socket);

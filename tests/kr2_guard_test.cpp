@@ -259,8 +259,8 @@ TEST_F(Kr2GuardResponderTest, ManagersAndLoopbackMayChangeTheMachine) {
 }
 
 TEST_F(Kr2GuardResponderTest, BadManagerEntriesAreLoggedOnceAndIgnored) {
-  g_kr2.guard.Configure("192.0.2.9 ntp.example 10.0.0.0/40", 2048, 16384);
-  g_kr2.guard.Configure("192.0.2.9 ntp.example 10.0.0.0/40", 2048, 16384);   // the same text: nothing new
+  Kr2ConfigureGuard("192.0.2.9 ntp.example 10.0.0.0/40", 2048, 16384);
+  Kr2ConfigureGuard("192.0.2.9 ntp.example 10.0.0.0/40", 2048, 16384);   // the same text: nothing new
   const auto events = TimeServiceFake::Events();
   ASSERT_EQ(events.size(), 2u);
   EXPECT_EQ(events[0].text, "The KR2 managers' entry \"ntp.example\" is neither an address, a prefix nor \"any\"; it is ignored\r\n");
