@@ -27,7 +27,6 @@
 namespace {
 
 constexpr int kRefreshTimer = 1;
-constexpr std::uint32_t kRefreshMs = 2000;
 constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 // The option controls the coexistence rule hides, and those that follow the enable box.
 constexpr int kOptionControls[] = {IDC_ALERT_OFF,   IDC_ALERT_UNVERIFIED, IDC_THRESHOLD,     IDC_REF_SERVER,
@@ -176,7 +175,7 @@ std::intptr_t AgentPage::notify(platform::Dialog& d, int code) {
     case platform::kPsnSetActive:
       FillHistory(d);
       UpdateControls(d);
-      d.SetTimer(kRefreshTimer, kRefreshMs);
+      d.SetTimer(kRefreshTimer, defaults::kPageRefreshMs);
       return 0;
     case platform::kPsnKillActive: {
       d.KillTimer(kRefreshTimer);

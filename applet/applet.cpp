@@ -9,6 +9,7 @@
 
 #include "applet/install.h"
 #include "applet/os_identify.h"
+#include "config/chrony_sources.h"
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "config/service_control.h"
@@ -233,6 +234,10 @@ std::intptr_t applet_apply(platform::Dialog& page) {
                    target[0] ? target : g_w32t_env.computer_name, error_text(g_applet.save_status).c_str());
     return std::intptr_t(g_applet.save_status);
   }
+  // On the local machine the NTP client (chrony on Linux) takes the servers at once.
+  if (!target[0] && !chrony_apply_settings(s))
+    applet_message(&page, 0x30, "The NTP client did not take the time servers; %s",
+                   error_text(platform::LastError()).c_str());
   std::intptr_t result = 0;
   if (g_w32t_env.installed_product == kProductKaironServer && s.ntp_server_enabled && w32t_kairon_serves_ntp()) {
     reg_set_bool(defaults::kKaironProtocolsKey, ProtocolName(1), 0);
@@ -294,7 +299,7 @@ std::intptr_t run_sheet(void* window, std::uint32_t mode, bool remote) {
       w32t_load(s);
       w32t_apply_coexistence(s);
       // A store that refuses it: the pages show what was loaded, and Apply says what failed.
-      (void)w32t_save(s, 1);
+      if (!w32t_save(s, 1) && !remote) (void)chrony_apply_settings(s);   // this machine's NTP client, as Apply does
       g_applet_services.restart(nullptr, g_applet.target, "W32Time");
     }
   }

@@ -203,6 +203,8 @@ int InstallModule(platform::Dialog* progress) {
                      target[0] ? target : g_w32t_env.computer_name, error_text(st).c_str());
       copied = 0;
       err = st;
+    } else if (!target[0]) {
+      (void)chrony_apply_settings(s);   // this machine's NTP client takes the servers (chrony on Linux)
     }
   }
   step(progress);

@@ -7,6 +7,7 @@
 
 #include "applet/applet.h"
 #include "applet/os_identify.h"
+#include "config/defaults.h"
 #include "config/service_control.h"
 #include "config/w32time.h"
 #include "drift/drift_graph_window.h"
@@ -20,7 +21,6 @@
 namespace {
 
 constexpr int kRefreshTimer = 1;
-constexpr std::uint32_t kRefreshMs = 2000;
 constexpr std::uint32_t kAfterControlMs = 500;   // pause between a start or stop and the status read
 constexpr std::uint32_t kDefaultLogMegabytes = 3;
 constexpr const char* kDefaultLogEntries = "0-300";
@@ -187,7 +187,7 @@ std::intptr_t ServicePage::notify(platform::Dialog& d, int code) {
   switch (code) {
     case platform::kPsnSetActive:
       RefreshStatus(d);
-      d.SetTimer(kRefreshTimer, kRefreshMs);
+      d.SetTimer(kRefreshTimer, defaults::kPageRefreshMs);
       return 0;
     case platform::kPsnKillActive:
       d.KillTimer(kRefreshTimer);

@@ -12,6 +12,7 @@
 #include "cli/commands.h"
 #include "cli/service_cli.h"
 #include "config/address_list.h"
+#include "config/chrony_sources.h"
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "config/w32time.h"
@@ -42,54 +43,6 @@ constexpr const char* kHelp =
     "Options:\n"
     "  --machine NAME  the settings of NAME (\\\\NAME or NAME) instead of the local machine\n"
     "  --json          one JSON object of all fields\n";
-
-enum class Kind { Number, Flag, String, Addresses, SyncType, Start, ReadOnly };
-
-struct Field {
-  const char* name;
-  Kind kind;
-  std::size_t offset;   // into W32tSettings
-  std::size_t size;     // strings: the array's size
-};
-
-#define CW_FIELD(n, k) Field{#n, k, offsetof(W32tSettings, n), sizeof(W32tSettings::n)}
-constexpr Field kFields[] = {
-    CW_FIELD(sync_type, Kind::SyncType),
-    CW_FIELD(service_start, Kind::Start),
-    CW_FIELD(ntp_client_enabled, Kind::Flag),
-    CW_FIELD(ntp_client_input_provider, Kind::Flag),
-    CW_FIELD(ntp_client_poll_interval, Kind::Number),
-    CW_FIELD(ntp_server_enabled, Kind::Flag),
-    CW_FIELD(announce_flags, Kind::Number),
-    CW_FIELD(max_allowed_phase_offset, Kind::ReadOnly),
-    CW_FIELD(lanman_time_source, Kind::Flag),
-    CW_FIELD(local_ntp, Kind::Number),
-    CW_FIELD(reliable_time_source, Kind::Number),
-    CW_FIELD(file_logging_on, Kind::Flag),
-    CW_FIELD(file_log_size, Kind::Number),
-    CW_FIELD(file_log_entries, Kind::String),
-    CW_FIELD(file_log_name, Kind::String),
-    CW_FIELD(provider_enabled, Kind::Flag),
-    CW_FIELD(provider_input_provider, Kind::Flag),
-    CW_FIELD(check_interval, Kind::Number),
-    CW_FIELD(alert_threshold, Kind::Number),
-    CW_FIELD(alert_if_unverified, Kind::Flag),
-    CW_FIELD(alert_if_unsynchronized, Kind::Flag),
-    CW_FIELD(dns_lookups_enabled, Kind::Flag),
-    CW_FIELD(reference_clock, Kind::String),
-    CW_FIELD(kr2_managers, Kind::Addresses),
-    CW_FIELD(kr2_rate_limit, Kind::Number),
-    CW_FIELD(kr2_rate_burst, Kind::Number),
-    CW_FIELD(service_installed, Kind::ReadOnly),
-    CW_FIELD(module_present, Kind::ReadOnly),
-    CW_FIELD(server_count, Kind::ReadOnly),
-};
-#undef CW_FIELD
-
-std::uint32_t& U32(W32tSettings& s, const Field& f) {
-  return *reinterpret_cast<std::uint32_t*>(reinterpret_cast<char*>(&s) + f.offset);
-}
-char* Chars(W32tSettings& s, const Field& f) { return reinterpret_cast<char*>(&s) + f.offset; }
 
 const char* StartText(std::uint32_t start) {
   return start == 2 ? "automatic" : start == 3 ? "manual" : start == 4 ? "disabled" : start < 2 ? "boot" : "unknown";
@@ -135,28 +88,27 @@ bool Apply(W32tSettings& s, std::string_view field, std::string_view value, std:
       if (s.servers[k].name[0]) s.server_count = k + 1;
     return true;
   }
-  for (const auto& f : kFields) {
+  for (const W32tField& f : w32t_fields()) {
     if (field != f.name) continue;
+    if (f.read_only) return why = "the field is read only", false;
     std::uint32_t n = 0;
-    switch (f.kind) {
-      case Kind::ReadOnly:
-        return why = "the field is read only", false;
-      case Kind::Addresses:
+    switch (f.text) {
+      case W32tText::Addresses:
         if (const AddressList list = ParseAddressList(value); !list.rejected.empty())
           return why = "\"" + list.rejected.front() + "\" is neither an address (a.b.c.d), a prefix (a.b.c.d/N) nor \"any\"", false;
         [[fallthrough]];
-      case Kind::String:
+      case W32tText::String:
         if (value.size() >= f.size) return why = "at most " + std::to_string(f.size - 1) + " characters", false;
-        std::memset(Chars(s, f), 0, f.size);
-        std::memcpy(Chars(s, f), value.data(), value.size());
+        std::memset(w32t_chars(s, f), 0, f.size);
+        std::memcpy(w32t_chars(s, f), value.data(), value.size());
         return true;
-      case Kind::Flag:
+      case W32tText::Flag:
         if (!ParseFlag(value, n)) return why = "expected 0 or 1", false;
         break;
-      case Kind::Number:
+      case W32tText::Number:
         if (!ParseU32(value, n)) return why = "expected a number", false;
         break;
-      case Kind::SyncType: {
+      case W32tText::SyncType: {
         const std::string text(value);
         n = w32t_type_from_text(text.c_str());
         if (!ParseU32(value, n) && (n == kW32tUnknownType || n == kW32tNotTouched || n == kW32tDisabled))
@@ -164,14 +116,14 @@ bool Apply(W32tSettings& s, std::string_view field, std::string_view value, std:
         if (n < kW32tNoSync || n > kW32tNtp) return why = "expected NoSync, NT5DS, AllSync or NTP", false;
         break;
       }
-      case Kind::Start:
+      case W32tText::Start:
         if (value == "automatic" || value == "auto") n = 2;
         else if (value == "manual") n = 3;
         else if (value == "disabled") n = 4;
         else if (!ParseU32(value, n) || n < 2 || n > 4) return why = "expected automatic, manual or disabled", false;
         break;
     }
-    U32(s, f) = n;
+    w32t_number(s, f) = n;
     return true;
   }
   return why = "unknown field", false;
@@ -217,18 +169,19 @@ bool ParseProhibited(std::string_view v, std::optional<Kr2Table>& table, std::st
   return true;
 }
 
-std::string ValueText(W32tSettings& s, const Field& f, bool json) {
-  if (f.kind == Kind::String || f.kind == Kind::Addresses) return json ? JsonString(Chars(s, f)) : Chars(s, f);
-  const std::uint32_t n = U32(s, f);
-  if (f.kind == Kind::SyncType) return json ? std::to_string(n) : std::string(w32t_type_text(n)) + " (" + std::to_string(n) + ")";
-  if (f.kind == Kind::Start) return json ? std::to_string(n) : std::string(StartText(n)) + " (" + std::to_string(n) + ")";
+std::string ValueText(const W32tSettings& s, const W32tField& f, bool json) {
+  if (f.text == W32tText::String || f.text == W32tText::Addresses)
+    return json ? JsonString(w32t_chars(s, f)) : w32t_chars(s, f);
+  const std::uint32_t n = w32t_number(s, f);
+  if (f.text == W32tText::SyncType) return json ? std::to_string(n) : std::string(w32t_type_text(n)) + " (" + std::to_string(n) + ")";
+  if (f.text == W32tText::Start) return json ? std::to_string(n) : std::string(StartText(n)) + " (" + std::to_string(n) + ")";
   return std::to_string(n);
 }
 
-void Show(W32tSettings& s, bool json) {
+void Show(const W32tSettings& s, bool json) {
   if (json) {
     std::printf("{\"machine\": %s, \"os_level\": %u", JsonString(g_target_machine).c_str(), g_w32t_env.level);
-    for (const auto& f : kFields) std::printf(", \"%s\": %s", f.name, ValueText(s, f, true).c_str());
+    for (const W32tField& f : w32t_fields()) std::printf(", \"%s\": %s", f.name, ValueText(s, f, true).c_str());
     std::printf(", \"servers\": [");
     for (std::uint32_t i = 0; i < s.server_count; ++i)
       std::printf("%s{\"name\": %s, \"flags\": %u}", i ? ", " : "", JsonString(s.servers[i].name).c_str(),
@@ -238,8 +191,8 @@ void Show(W32tSettings& s, bool json) {
   }
   std::printf("Windows Time settings of %s (OS level %u)\n", g_target_machine[0] ? g_target_machine : "the local machine",
               g_w32t_env.level);
-  for (const auto& f : kFields)
-    std::printf("  %-26s %s%s\n", f.name, ValueText(s, f, false).c_str(), f.kind == Kind::ReadOnly ? "  (read only)" : "");
+  for (const W32tField& f : w32t_fields())
+    std::printf("  %-26s %s%s\n", f.name, ValueText(s, f, false).c_str(), f.read_only ? "  (read only)" : "");
   for (std::uint32_t i = 0; i < s.server_count; ++i)
     std::printf("  server%-20u %s  flags 0x%x\n", i + 1, s.servers[i].name, s.servers[i].flags);
   std::printf("  %-26s %s\n", "kr2_prohibited", ProhibitedText().c_str());
@@ -290,7 +243,8 @@ int CmdConfig(CommandArgs args) {
   }
   // Nothing is called saved that the store did not keep.
   if (const std::uint32_t st = w32t_save(s, 1)) return CliFailure("config", "the settings were not saved: " + Reason(st));
-  const std::uint32_t ntp_client = platform::LastError();   // locally the save ends with the NTP client (chrony on Linux)
+  // On the local machine the NTP client (chrony on Linux) takes the servers at once.
+  const std::uint32_t ntp_client = machine.empty() && !chrony_apply_settings(s) ? platform::LastError() : 0;
   if (set_prohibited && !(prohibited ? reg_set_binary(defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value,
                                                       prohibited->data(), prohibited->size())
                                      : reg_delete_value(defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value)) &&

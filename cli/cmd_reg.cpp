@@ -12,6 +12,7 @@
 #include "config/registry.h"
 #include "platform/error.h"
 #include "platform/registry.h"
+#include "platform/text.h"
 #include "timing/error_text.h"
 
 namespace {
@@ -139,13 +140,6 @@ std::uint32_t ReadValues(platform::RegKey key, std::vector<Value>& out) {
   }
 }
 
-bool SameName(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i)
-    if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i]))) return false;
-  return true;
-}
-
 std::vector<std::string> Subkeys(platform::RegKey key) {
   std::vector<std::string> subs;
   char name[1024];
@@ -195,7 +189,7 @@ int Query(const Options& o) {
   if (const std::uint32_t st = ReadValues(key.h, values)) return Fail(st);
   if (o.has_value) {
     // One value, under the name it is stored with (names ignore case).
-    std::erase_if(values, [&](const Value& v) { return !SameName(v.name, o.value); });
+    std::erase_if(values, [&](const Value& v) { return !platform::EqualsNoCase(v.name, o.value); });
     if (values.empty()) return Fail(platform::kErrorFileNotFound);
     values.resize(1);
   }

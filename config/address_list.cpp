@@ -3,6 +3,8 @@
 
 #include <charconv>
 
+#include "platform/text.h"
+
 namespace {
 
 // A whole number of at most max from all of text; false when text is anything else.
@@ -25,14 +27,6 @@ bool DottedAddress(std::string_view text, std::uint32_t& out) {
   return true;
 }
 
-bool IsAnyWord(std::string_view word) {
-  constexpr std::string_view kAny = "any";
-  if (word.size() != kAny.size()) return false;
-  for (std::size_t i = 0; i < word.size(); ++i)
-    if ((word[i] | 0x20) != kAny[i]) return false;
-  return true;
-}
-
 std::uint32_t HostOrder(std::uint32_t network_order) {
   const auto* b = reinterpret_cast<const unsigned char*>(&network_order);
   return std::uint32_t{b[0]} << 24 | std::uint32_t{b[1]} << 16 | std::uint32_t{b[2]} << 8 | b[3];
@@ -50,7 +44,7 @@ AddressList ParseAddressList(std::string_view text) {
     const std::size_t end = std::min(text.find_first_of(kSeparators), text.size());
     const std::string_view entry = text.substr(0, end);
     text.remove_prefix(end);
-    if (IsAnyWord(entry)) {
+    if (platform::EqualsNoCase(entry, "any")) {
       list.any = true;
       continue;
     }

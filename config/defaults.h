@@ -110,6 +110,7 @@ inline constexpr std::uint32_t kStatusCheckPeriodMs = 8'000;                 // 
 inline constexpr std::uint32_t kStatusQueryTimeoutMs = 500;                  // each question of a status check, NTP or KR2 (ms)
 inline constexpr std::uint32_t kStatusRowPauseMs = 150;                      // pause after each server row (ms)
 inline constexpr std::uint32_t kServerTestPauseMs = 500;                     // Test Server: pause after an answer (ms)
+inline constexpr std::uint32_t kPageRefreshMs = 2'000;                      // the Agent and Service pages refresh this often (ms)
 }  // namespace defaults
 
 // Service control of the time service.

@@ -13,6 +13,7 @@
 #include "config/defaults.h"
 #include "platform/error.h"
 #include "platform/os.h"
+#include "platform/text.h"
 
 platform::RegKey g_reg_root = platform::RegLocalMachine();
 char g_target_machine[128] = {};
@@ -76,12 +77,7 @@ int reg_connect_target(const char* machine) {
   if (machine[0] == '\\' && machine[1] == '\\') std::snprintf(unc, sizeof unc, "%s", machine);
   else std::snprintf(unc, sizeof unc, "\\\\%s", machine);
   const std::string local = "\\\\" + platform::ComputerName();
-  if (local.size() == std::strlen(unc)) {
-    bool same = true;
-    for (std::size_t i = 0; i < local.size() && same; ++i)
-      same = std::tolower(static_cast<unsigned char>(local[i])) == std::tolower(static_cast<unsigned char>(unc[i]));
-    if (same) return Done(0), 1;
-  }
+  if (platform::EqualsNoCase(local, unc)) return Done(0), 1;
 
   RegKey remote = nullptr;
   const std::uint32_t status = platform::RegConnectRegistry(unc, platform::IsNtFamily(), remote);

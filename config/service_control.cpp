@@ -13,6 +13,7 @@
 #include "platform/error.h"
 #include "platform/service.h"
 #include "platform/sync.h"
+#include "platform/text.h"
 #include "timing/error_text.h"
 
 namespace {
@@ -164,7 +165,7 @@ bool HostLoadsProviderModule(const char* dll_name) {
   const char* file = dll_name ? dll_name : "";
   for (const char* c = file; *c; ++c)
     if (*c == '\\' || *c == '/') file = c + 1;
-  return *file && strcasecmp(file, "w32time.dll") != 0;
+  return *file && !platform::EqualsNoCase(file, "w32time.dll");
 }
 
 std::vector<std::string> TimeProviderNames() {

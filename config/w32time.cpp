@@ -10,13 +10,13 @@
 #include <string_view>
 
 #include "applet/os_identify.h"
-#include "config/chrony_sources.h"
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "platform/error.h"
 #include "platform/file.h"
 #include "platform/os.h"
 #include "platform/paths.h"
+#include "platform/text.h"
 
 W32tEnvironment g_w32t_env{};
 
@@ -61,14 +61,6 @@ std::string_view Trimmed(std::string_view t) {
   return t;
 }
 
-bool SameText(const char* a, const char* b, std::size_t n) {
-  for (std::size_t i = 0; i < n; ++i, ++a, ++b) {
-    if (std::tolower(static_cast<unsigned char>(*a)) != std::tolower(static_cast<unsigned char>(*b))) return false;
-    if (!*a) return true;
-  }
-  return true;
-}
-
 // "0xH" or "0xHH": true with the value.
 bool ModeToken(const char* t, std::size_t len, std::uint32_t& value) {
   if ((len != 3 && len != 4) || t[0] != '0' || (t[1] != 'x' && t[1] != 'X')) return false;
@@ -82,18 +74,124 @@ void LoadModuleProbe(W32tSettings& s) {
   char name[256];
   reg_get_string(kComputerNameKey, "ComputerName", name, sizeof name, g_w32t_env.computer_name);
   char path[512];
-  if (!SameText(name, g_w32t_env.computer_name, sizeof name))
+  if (!platform::EqualsNoCase(name, g_w32t_env.computer_name))
     std::snprintf(path, sizeof path, "\\\\%s\\admin$\\system32\\%s", name, defaults::kModuleFileName);
   else
     std::snprintf(path, sizeof path, "%s%s", g_w32t_env.system_dir, defaults::kModuleFileName);
   s.module_present = platform::FileExists(path) ? kModulePresent : kModuleAbsent;
 }
 
+using T = W32tText;
+using S = W32tStore;
+using W = W32tWhen;
+#define CW_FIELD(field, text, store, when, read_only, key, value, def, def_text)                                  \
+  W32tField {                                                                                                     \
+    #field, T::text, S::store, W::when, read_only, offsetof(W32tSettings, field), sizeof(W32tSettings::field), key, \
+        value, def, def_text                                                                                      \
+  }
+// Every field once: the order is config show's; loading and saving go through it in this order.
+constexpr W32tField kFields[] = {
+    CW_FIELD(sync_type, SyncType, TypeText, Always, false, kParametersKey, "Type", kW32tNtp, ""),
+    CW_FIELD(service_start, Start, Dword, Always, false, kW32TimeKey, "Start", defaults::kW32tServiceStart, nullptr),
+    CW_FIELD(ntp_client_enabled, Flag, Dword, XpUp, false, kNtpClientKey, "Enabled", 0, nullptr),
+    CW_FIELD(ntp_client_input_provider, Flag, Dword, XpUp, false, kNtpClientKey, "InputProvider", 0, nullptr),
+    CW_FIELD(ntp_client_poll_interval, Number, Dword, XpUp, false, kNtpClientKey, "SpecialPollInterval", 0, nullptr),
+    CW_FIELD(ntp_server_enabled, Flag, Dword, XpUp, false, kNtpServerKey, "Enabled", 0, nullptr),
+    CW_FIELD(announce_flags, Number, Dword, XpUp, false, kConfigKey, "AnnounceFlags", 0, nullptr),
+    CW_FIELD(max_allowed_phase_offset, Number, Dword, XpUp, true, kConfigKey, "MaxAllowedPhaseOffset", 0, nullptr),
+    CW_FIELD(lanman_time_source, Flag, Dword, Always, false, kLanmanKey, "TimeSource", 0, nullptr),
+    CW_FIELD(local_ntp, Number, Dword, Win2000, false, kParametersKey, "LocalNTP", 0, nullptr),
+    CW_FIELD(reliable_time_source, Number, Dword, Win2000, false, kParametersKey, "ReliableTimeSource", 0, nullptr),
+    CW_FIELD(file_logging_on, Flag, None, XpUp, false, nullptr, nullptr, 0, nullptr),
+    CW_FIELD(file_log_size, Number, Dword, FileLog, false, kConfigKey, "FileLogSize", 0, nullptr),
+    CW_FIELD(file_log_entries, String, String, FileLog, false, kConfigKey, "FileLogEntries", 0, ""),
+    CW_FIELD(file_log_name, String, String, FileLog, false, kConfigKey, "FileLogName", 0, ""),
+    CW_FIELD(provider_enabled, Flag, Dword, Registered, false, kProviderKey, "Enabled", 0, nullptr),
+    CW_FIELD(provider_input_provider, Flag, Dword, Registered, false, kProviderKey, "InputProvider", 0, nullptr),
+    CW_FIELD(check_interval, Number, Dword, Registered, false, kProviderKey, "SpecialPollInterval",
+             defaults::kCheckIntervalS, nullptr),
+    CW_FIELD(alert_threshold, Number, Dword, Registered, false, kProviderKey, "Alert Threshhold (seconds)",
+             defaults::kAlertThresholdS, nullptr),
+    CW_FIELD(alert_if_unverified, Flag, Dword, Registered, false, kProviderKey, "Alert if Unverified", 1, nullptr),
+    CW_FIELD(alert_if_unsynchronized, Flag, Dword, Registered, false, kProviderKey, "Alert if Unsynchronized", 1,
+             nullptr),
+    CW_FIELD(dns_lookups_enabled, Flag, Bool, Registered, false, kProviderKey, "DNS Lookups Enabled", 1, nullptr),
+    CW_FIELD(reference_clock, String, String, Registered, false, kProviderKey, "Reference Clock", 0, ""),
+    CW_FIELD(kr2_managers, Addresses, String, Registered, false, kProviderKey, defaults::kKr2ManagersValue, 0,
+             defaults::kKr2ManagersDefault),
+    CW_FIELD(kr2_rate_limit, Number, Dword, Registered, false, kProviderKey, defaults::kKr2RateLimitValue,
+             defaults::kKr2RateLimitBytes, nullptr),
+    CW_FIELD(kr2_rate_burst, Number, Dword, Registered, false, kProviderKey, defaults::kKr2RateBurstValue,
+             defaults::kKr2RateBurstBytes, nullptr),
+    // Read only: registration writes "Service Installed" itself (True), the module is looked for.
+    CW_FIELD(service_installed, Flag, Bool, Registered, true, kProviderKey, "Service Installed", 0, nullptr),
+    CW_FIELD(module_present, Number, None, XpUp, true, nullptr, nullptr, kModuleNotProbed, nullptr),
+    CW_FIELD(server_count, Number, ServerList, Always, true, kParametersKey, "NTPServer", 0, ""),
+};
+#undef CW_FIELD
+
+// Whether the OS level holds the field's value.
+bool LevelHolds(W32tWhen when, std::uint32_t level) {
+  if (when == W32tWhen::Always) return true;
+  if (when == W32tWhen::Win2000) return level == kOsWin2000;
+  return level >= kOsWinXp;
+}
+
+void LoadField(W32tSettings& s, const W32tField& f) {
+  switch (f.store) {
+    case W32tStore::Dword:
+      w32t_number(s, f) = reg_get_dword(f.key, f.value, f.def);
+      break;
+    case W32tStore::Bool:
+      w32t_number(s, f) = reg_get_bool(f.key, f.value, int(f.def));
+      break;
+    case W32tStore::String:
+      reg_get_string(f.key, f.value, w32t_chars(s, f), std::uint32_t(f.size), f.def_text);
+      break;
+    case W32tStore::TypeText: {
+      char type[260];
+      reg_get_string(f.key, f.value, type, sizeof type, f.def_text);
+      s.sync_type = w32t_type_from_text(type);
+      if (s.sync_type == kW32tNotTouched || s.sync_type == kW32tDisabled || s.sync_type == kW32tUnknownType)
+        s.sync_type = f.def;
+      break;
+    }
+    case W32tStore::ServerList: {
+      char empty[1] = {};
+      char* list = reg_get_string_alloc(f.key, f.value, empty);
+      w32t_parse_servers(list, s);
+      reg_free_string(list, empty);
+      break;
+    }
+    case W32tStore::None:
+      break;
+  }
+}
+
+// 1 when stored (a field that is not written counts as stored), 0 with the last error.
+int SaveField(const W32tSettings& s, const W32tField& f, std::uint32_t level) {
+  switch (f.store) {
+    case W32tStore::Dword:
+      return reg_set_dword(f.key, f.value, w32t_number(s, f));
+    case W32tStore::Bool:
+      return reg_set_bool(f.key, f.value, w32t_number(s, f) != 0);
+    case W32tStore::String:
+      return reg_set_string(f.key, f.value, w32t_chars(s, f));
+    case W32tStore::TypeText:
+      return reg_set_string(f.key, f.value, w32t_type_text(s.sync_type));
+    case W32tStore::ServerList:
+      return reg_set_string(f.key, f.value, w32t_server_list_text(s, level).c_str());
+    case W32tStore::None:
+      break;
+  }
+  return 1;
+}
+
 }  // namespace
 
 std::uint32_t w32t_type_from_text(const char* text) {
   for (const auto& t : kTypeNames)
-    if (SameText(text, t.text, 3)) return t.code;
+    if (platform::StartsWithNoCase(text, std::string_view(t.text).substr(0, 3))) return t.code;
   return kW32tUnknownType;
 }
 
@@ -150,61 +248,32 @@ std::string w32t_server_list_text(const W32tSettings& s, std::uint32_t level) {
   return list;
 }
 
+std::span<const W32tField> w32t_fields() { return kFields; }
+
+std::uint32_t& w32t_number(W32tSettings& s, const W32tField& f) {
+  return *reinterpret_cast<std::uint32_t*>(reinterpret_cast<char*>(&s) + f.offset);
+}
+
+char* w32t_chars(W32tSettings& s, const W32tField& f) { return reinterpret_cast<char*>(&s) + f.offset; }
+
+std::uint32_t w32t_number(const W32tSettings& s, const W32tField& f) {
+  return w32t_number(const_cast<W32tSettings&>(s), f);
+}
+
+const char* w32t_chars(const W32tSettings& s, const W32tField& f) { return w32t_chars(const_cast<W32tSettings&>(s), f); }
+
 std::uint32_t w32t_load(W32tSettings& s) {
   if (const std::uint32_t st = reg_readable(kW32TimeKey)) {
     platform::SetLastError(st);
     return st;
   }
-  s.module_present = kModuleNotProbed;
-  s.lanman_time_source = reg_get_dword(kLanmanKey, "TimeSource", 0);
-  s.service_start = reg_get_dword(kW32TimeKey, "Start", defaults::kW32tServiceStart);
-
-  char type[260];
-  reg_get_string(kParametersKey, "Type", type, sizeof type, "");
-  s.sync_type = w32t_type_from_text(type);
-  if (s.sync_type == kW32tNotTouched || s.sync_type == kW32tDisabled || s.sync_type == kW32tUnknownType)
-    s.sync_type = kW32tNtp;
-
-  char empty[1] = {};
-  char* list = reg_get_string_alloc(kParametersKey, "NTPServer", empty);
-  w32t_parse_servers(list, s);
-  reg_free_string(list, empty);
-
   const std::uint32_t level = g_w32t_env.level;
-  if (level == kOsWin2000) {
-    s.local_ntp = reg_get_dword(kParametersKey, "LocalNTP", 0);
-    s.reliable_time_source = reg_get_dword(kParametersKey, "ReliableTimeSource", 0);
-    s.service_installed = 0;
-    return 0;
-  }
+  s.module_present = kModuleNotProbed;
+  for (const W32tField& f : kFields)
+    if (LevelHolds(f.when, level) && f.store != W32tStore::None) LoadField(s, f);
+  if (level == kOsWin2000) s.service_installed = 0;
   if (level < kOsWinXp) return 0;
-
-  reg_get_string(kConfigKey, "FileLogEntries", s.file_log_entries, sizeof s.file_log_entries, "");
-  reg_get_string(kConfigKey, "FileLogName", s.file_log_name, sizeof s.file_log_name, "");
-  s.announce_flags = reg_get_dword(kConfigKey, "AnnounceFlags", 0);
-  s.max_allowed_phase_offset = reg_get_dword(kConfigKey, "MaxAllowedPhaseOffset", 0);
-  s.file_log_size = reg_get_dword(kConfigKey, "FileLogSize", 0);
   s.file_logging_on = s.file_log_size != 0 && s.file_log_entries[0] && s.file_log_name[0];
-
-  s.ntp_client_enabled = reg_get_dword(kNtpClientKey, "Enabled", 0);
-  s.ntp_client_input_provider = reg_get_dword(kNtpClientKey, "InputProvider", 0);
-  s.ntp_client_poll_interval = reg_get_dword(kNtpClientKey, "SpecialPollInterval", 0);
-  s.ntp_server_enabled = reg_get_dword(kNtpServerKey, "Enabled", 0);
-
-  s.service_installed = reg_get_bool(kProviderKey, "Service Installed", 0);
-  s.provider_enabled = reg_get_dword(kProviderKey, "Enabled", 0);
-  s.provider_input_provider = reg_get_dword(kProviderKey, "InputProvider", 0);
-  s.check_interval = reg_get_dword(kProviderKey, "SpecialPollInterval", defaults::kCheckIntervalS);
-  s.alert_if_unverified = reg_get_dword(kProviderKey, "Alert if Unverified", 1);
-  s.alert_if_unsynchronized = reg_get_dword(kProviderKey, "Alert if Unsynchronized", 1);
-  s.dns_lookups_enabled = reg_get_bool(kProviderKey, "DNS Lookups Enabled", 1);
-  s.alert_threshold = reg_get_dword(kProviderKey, "Alert Threshhold (seconds)", defaults::kAlertThresholdS);
-  reg_get_string(kProviderKey, "Reference Clock", s.reference_clock, sizeof s.reference_clock, "");
-  reg_get_string(kProviderKey, defaults::kKr2ManagersValue, s.kr2_managers, sizeof s.kr2_managers,
-                 defaults::kKr2ManagersDefault);
-  s.kr2_rate_limit = reg_get_dword(kProviderKey, defaults::kKr2RateLimitValue, defaults::kKr2RateLimitBytes);
-  s.kr2_rate_burst = reg_get_dword(kProviderKey, defaults::kKr2RateBurstValue, defaults::kKr2RateBurstBytes);
-
   LoadModuleProbe(s);
   return 0;
 }
@@ -216,58 +285,28 @@ std::uint32_t w32t_save(const W32tSettings& s, int register_flag) {
     if (!stored && !first) first = platform::LastError() ? platform::LastError() : platform::kErrorWriteFault;
   };
   const std::uint32_t level = g_w32t_env.level;
-  kept(reg_set_dword(kLanmanKey, "TimeSource", s.lanman_time_source));
-  kept(reg_set_string(kParametersKey, "Type", w32t_type_text(s.sync_type)));
-  kept(reg_set_dword(kW32TimeKey, "Start", s.service_start));
-
-  kept(reg_set_string(kParametersKey, "NTPServer", w32t_server_list_text(s, level).c_str()));
-
-  if (level == kOsWin2000) {
-    kept(reg_set_dword(kParametersKey, "LocalNTP", s.local_ntp));
-    kept(reg_set_dword(kParametersKey, "ReliableTimeSource", s.reliable_time_source));
+  if (level >= kOsWinXp && register_flag) {
+    kept(reg_set_bool(kProviderKey, "Service Installed", 1));
+    kept(reg_set_string(kProviderKey, "Current Version", defaults::kProductVersion));
+    kept(reg_set_dword(kProviderKey, "OEMID", defaults::kProviderOemId));
+    kept(reg_set_string(kProviderKey, "DllName", defaults::kModuleFileName));
+    kept(reg_set_dword(kCategoryKey1, defaults::kCplCategoryValue, defaults::kCplCategory));
+    kept(reg_set_dword(kCategoryKey2, defaults::kCplCategoryValue, defaults::kCplCategory));
   } else if (level >= kOsWinXp) {
-    kept(reg_set_dword(kConfigKey, "AnnounceFlags", s.announce_flags));
-    if (s.file_logging_on) {
-      kept(reg_set_dword(kConfigKey, "FileLogSize", s.file_log_size));
-      kept(reg_set_string(kConfigKey, "FileLogEntries", s.file_log_entries));
-      kept(reg_set_string(kConfigKey, "FileLogName", s.file_log_name));
-    } else {
-      reg_delete_value(kConfigKey, "FileLogSize");
-      reg_delete_value(kConfigKey, "FileLogEntries");
-      reg_delete_value(kConfigKey, "FileLogName");
-    }
-    kept(reg_set_dword(kNtpClientKey, "Enabled", s.ntp_client_enabled));
-    kept(reg_set_dword(kNtpClientKey, "InputProvider", s.ntp_client_input_provider));
-    kept(reg_set_dword(kNtpClientKey, "SpecialPollInterval", s.ntp_client_poll_interval));
-    kept(reg_set_dword(kNtpServerKey, "Enabled", s.ntp_server_enabled));
-
-    if (register_flag) {
-      kept(reg_set_bool(kProviderKey, "Service Installed", 1));
-      kept(reg_set_bool(kProviderKey, "DNS Lookups Enabled", s.dns_lookups_enabled != 0));
-      kept(reg_set_string(kProviderKey, "Current Version", defaults::kProductVersion));
-      kept(reg_set_dword(kProviderKey, "OEMID", defaults::kProviderOemId));
-      kept(reg_set_dword(kProviderKey, "Enabled", s.provider_enabled));
-      kept(reg_set_dword(kProviderKey, "InputProvider", s.provider_input_provider));
-      kept(reg_set_dword(kProviderKey, "SpecialPollInterval", s.check_interval));
-      kept(reg_set_string(kProviderKey, "DllName", defaults::kModuleFileName));
-      kept(reg_set_string(kProviderKey, "Reference Clock", s.reference_clock));
-      kept(reg_set_string(kProviderKey, defaults::kKr2ManagersValue, s.kr2_managers));
-      kept(reg_set_dword(kProviderKey, defaults::kKr2RateLimitValue, s.kr2_rate_limit));
-      kept(reg_set_dword(kProviderKey, defaults::kKr2RateBurstValue, s.kr2_rate_burst));
-      kept(reg_set_dword(kProviderKey, "Alert if Unsynchronized", s.alert_if_unsynchronized));
-      kept(reg_set_dword(kProviderKey, "Alert if Unverified", s.alert_if_unverified));
-      kept(reg_set_dword(kProviderKey, "Alert Threshhold (seconds)", s.alert_threshold));
-      kept(reg_set_dword(kCategoryKey1, defaults::kCplCategoryValue, defaults::kCplCategory));
-      kept(reg_set_dword(kCategoryKey2, defaults::kCplCategoryValue, defaults::kCplCategory));
-    } else {
-      reg_delete_key(kProviderKey);
-      reg_delete_value(kCategoryKey1, defaults::kCplCategoryValue);
-      reg_delete_value(kCategoryKey2, defaults::kCplCategoryValue);
-    }
+    reg_delete_key(kProviderKey);
+    reg_delete_value(kCategoryKey1, defaults::kCplCategoryValue);
+    reg_delete_value(kCategoryKey2, defaults::kCplCategoryValue);
   }
-  // On the local machine the NTP client follows at once (chrony on Linux; nothing on Windows); its
-  // outcome is the last error (0 when it took them or there is none to tell).
-  if (!g_target_machine[0]) chrony_apply_settings(s);
+  for (const W32tField& f : kFields) {
+    if (f.read_only && f.store != W32tStore::ServerList) continue;   // the servers change through their names
+    if (!LevelHolds(f.when, level)) continue;
+    if (f.when == W32tWhen::Registered && !register_flag) continue;
+    if (f.when == W32tWhen::FileLog && !s.file_logging_on) {
+      reg_delete_value(f.key, f.value);
+      continue;
+    }
+    kept(SaveField(s, f, level));
+  }
   return first;
 }
 

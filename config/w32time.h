@@ -7,7 +7,9 @@
 // above (Windows XP and every later system, Linux included) have everything; other levels only the
 // common part (start type, sync type, servers, LAN Manager time source).
 #pragma once
+#include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 
 // Sync type codes (the service's "Type" value).
@@ -73,6 +75,43 @@ struct W32tSettings {
   W32tServer servers[kW32tMaxServers];       // Parameters "NTPServer", parsed
   std::uint32_t lanman_time_source;          // LanmanServer "TimeSource"
 };
+
+// One setting of the record: how it reads as text (config show / set), where it lies in the registry
+// and at which OS levels. w32t_fields() lists them once for loading, saving, showing and setting.
+enum class W32tText : std::uint8_t { Number, Flag, String, Addresses, SyncType, Start };
+enum class W32tStore : std::uint8_t {
+  Dword,       // REG_DWORD
+  Bool,        // REG_SZ "True" / "False" (read also as a number, a letter or a word), 0/1 in the record
+  String,      // REG_SZ into the field's character array
+  TypeText,    // the "Type" text of the sync type code
+  ServerList,  // the "NTPServer" text of servers[] (the field is server_count)
+  None,        // not stored: worked out on loading (file_logging_on, module_present)
+};
+enum class W32tWhen : std::uint8_t {
+  Always,      // every OS level
+  Win2000,     // level 2048 only
+  XpUp,        // 4096 and above
+  FileLog,     // 4096 and above; written while file logging is on, removed otherwise
+  Registered,  // 4096 and above, the provider's key: written while the provider is registered
+};
+struct W32tField {
+  const char* name;          // the field's name in config show / set
+  W32tText text;
+  W32tStore store;
+  W32tWhen when;
+  bool read_only;            // config set cannot change it; saving skips it (server_count's list aside)
+  std::size_t offset;        // into W32tSettings
+  std::size_t size;          // bytes; a string's array size
+  const char* key;           // registry path (config/registry.h form); nullptr when not stored
+  const char* value;         // the registry value's name
+  std::uint32_t def;         // a missing number reads as this
+  const char* def_text;      // a missing string reads as this
+};
+std::span<const W32tField> w32t_fields();                           // every field, in the order config show lists them
+std::uint32_t& w32t_number(W32tSettings& s, const W32tField& f);    // a number field of s (not String stores)
+char* w32t_chars(W32tSettings& s, const W32tField& f);              // a string field of s (String stores)
+std::uint32_t w32t_number(const W32tSettings& s, const W32tField& f);
+const char* w32t_chars(const W32tSettings& s, const W32tField& f);
 
 // The process-wide environment, filled by w32t_environment_init.
 struct W32tEnvironment {

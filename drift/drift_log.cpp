@@ -9,6 +9,7 @@
 
 #include "config/defaults.h"
 #include "platform/error.h"
+#include "platform/text.h"
 #include "timing/error_text.h"
 
 namespace {
@@ -17,13 +18,6 @@ namespace {
 void CopyText(char* out, std::size_t size, std::string_view text) {
   std::memset(out, 0, size);
   std::memcpy(out, text.data(), text.size() < size - 1 ? text.size() : size - 1);
-}
-
-bool EqualsNoCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i)
-    if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i]))) return false;
-  return true;
 }
 
 std::string_view WithoutExtension(std::string_view name) {
@@ -110,7 +104,7 @@ void DriftLogDisplayName(DriftLog& log) {
   if (sep == std::string_view::npos) sep = path.rfind('/');
   std::string_view name;
   if (sep == std::string_view::npos) name = WithoutExtension(path);
-  else if (EqualsNoCase(path.substr(sep + 1), defaults::kDriftFileName)) name = path;
+  else if (platform::EqualsNoCase(path.substr(sep + 1), defaults::kDriftFileName)) name = path;
   else name = WithoutExtension(path.substr(sep + 1));
   CopyText(log.display_name, sizeof log.display_name, name);
 }

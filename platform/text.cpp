@@ -1,7 +1,22 @@
-// UTF-16 to UTF-8 (the same on every target).
+// UTF-16 to UTF-8 and case-insensitive names (the same on every target).
 #include "platform/text.h"
 
 namespace platform {
+
+namespace {
+char Lower(char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; }
+}  // namespace
+
+bool EqualsNoCase(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && StartsWithNoCase(a, b);
+}
+
+bool StartsWithNoCase(std::string_view text, std::string_view prefix) {
+  if (text.size() < prefix.size()) return false;
+  for (std::size_t i = 0; i < prefix.size(); ++i)
+    if (Lower(text[i]) != Lower(prefix[i])) return false;
+  return true;
+}
 
 std::string WideToUtf8(const char16_t* text) {
   std::string out;

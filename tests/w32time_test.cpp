@@ -5,6 +5,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <string>
 
 #include "applet/os_identify.h"
@@ -366,6 +367,25 @@ W32tSettings Filled() {
   }
   s.lanman_time_source = 1;
   return s;
+}
+
+// One table serves loading, saving, config show and config set: a setting added to the record
+// without a row of its own would be neither stored nor shown.
+TEST(W32tFields, TheTableNamesEverySettingOfTheRecordOnce) {
+  std::size_t bytes = sizeof(W32tSettings::servers);   // the server_count row stands for the list
+  std::set<std::string> names;
+  std::set<std::size_t> offsets;
+  for (const W32tField& f : w32t_fields()) {
+    EXPECT_TRUE(names.insert(f.name).second) << f.name;
+    EXPECT_TRUE(offsets.insert(f.offset).second) << f.name;
+    EXPECT_EQ(f.key == nullptr, f.store == W32tStore::None) << f.name;
+    EXPECT_EQ(f.store == W32tStore::String, f.text == W32tText::String || f.text == W32tText::Addresses) << f.name;
+    if (f.store != W32tStore::String) {
+      EXPECT_EQ(f.size, sizeof(std::uint32_t)) << f.name;
+    }
+    bytes += f.size;
+  }
+  EXPECT_EQ(bytes, sizeof(W32tSettings));
 }
 
 TEST_F(W32tTest, EveryFieldRoundTripsOnLevels4096And32768) {

@@ -127,8 +127,16 @@ class ChronyTest : public RegistryTest {
   std::uint32_t saved_level_ = 0;
 };
 
-TEST_F(ChronyTest, SavingTheSettingsMakesThemChronySources) {
+// The settings' save only stores them; the callers (config set, Apply, install) hand them to chrony.
+TEST_F(ChronyTest, SavingTheSettingsLeavesChronyAlone) {
   ASSERT_EQ(w32t_save(Two(), 1), 0u);
+  EXPECT_FALSE(std::filesystem::exists(File()));
+  EXPECT_EQ(Sources().find("127.0.0.11"), std::string::npos);
+}
+
+TEST_F(ChronyTest, ApplyingTheSettingsMakesThemChronySources) {
+  ASSERT_EQ(w32t_save(Two(), 1), 0u);
+  ASSERT_EQ(chrony_apply_settings(Two()), 1);
   EXPECT_EQ(platform::LastError(), 0u);
   const std::string text = Read(File());
   EXPECT_NE(text.find("\nserver 127.0.0.11 iburst minpoll 10 maxpoll 10\nserver 127.0.0.12 iburst\n"), std::string::npos)
@@ -174,7 +182,7 @@ TEST_F(ChronyTest, AMissingSourceIsAddedBack) {
 }
 
 TEST_F(ChronyTest, ResyncAsksChronyForABurst) {
-  ASSERT_EQ(w32t_save(Two(), 1), 0u);
+  ASSERT_EQ(chrony_apply_settings(Two()), 1);
   std::uint32_t result = 99;
   ASSERT_TRUE(platform::TimeSyncNow(nullptr, 0, 0, result));
   EXPECT_EQ(result, 0u);
