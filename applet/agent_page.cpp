@@ -37,7 +37,7 @@ constexpr int kOptionControls[] = {IDC_ALERT_OFF,   IDC_ALERT_UNVERIFIED, IDC_TH
 
 SourceHistory agent_read_source_history() {
   SourceHistory h{};
-  if (!reg_get_binary(defaults::kProviderKey, defaults::kLastUsedTimeSourceValue, h.data(), std::uint32_t(h.size())))
+  if (!reg_get_binary(g_applet.reg, defaults::kProviderKey, defaults::kLastUsedTimeSourceValue, h.data(), std::uint32_t(h.size())))
     h.fill(0);
   return h;
 }
@@ -86,7 +86,7 @@ void agent_clear_history(const char* machine) {
     platform::FileSetEnd(f);
     platform::FileClose(f);
   }
-  reg_delete_value(defaults::kProviderKey, defaults::kLastUsedTimeSourceValue);
+  reg_delete_value(g_applet.reg, defaults::kProviderKey, defaults::kLastUsedTimeSourceValue);
 }
 
 bool agent_kairon_monitors() { return g_w32t_env.installed_product != kProductNone; }
@@ -104,7 +104,7 @@ bool AgentPage::init(platform::Dialog& d) {
     stop_ = false;
   }
   W32tSettings& s = g_applet.settings;
-  if (w32t_apply_coexistence(s)) applet_mark_changed(d);
+  if (w32t_apply_coexistence(g_applet.reg, s)) applet_mark_changed(d);
   applet_setup_link(d);
   d.SetTabStops(IDC_HISTORY, {90, 160});
   shown_interval_minutes_ = s.check_interval / 60;

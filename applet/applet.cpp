@@ -18,6 +18,7 @@
 #include "platform/error.h"
 #include "platform/machine.h"
 #include "platform/net.h"
+#include "platform/text.h"
 #include "resources/resources.h"
 #include "timing/error_text.h"
 
@@ -54,6 +55,11 @@ std::uint32_t real_resync(platform::Dialog* owner, const char* machine, std::uin
 const char* bare_name(const char* name) {
   while (*name == '\\') ++name;
   return name;
+}
+
+// This computer under any of its names is the local machine ("" target).
+void forget_own_name() {
+  if (platform::EqualsNoCase(bare_name(g_applet.target), g_w32t_env.computer_name)) g_applet.target[0] = '\0';
 }
 
 std::string error_text(std::uint32_t code) {
@@ -99,7 +105,7 @@ int applet_access_test(platform::Dialog*, const char* machine, const char* key, 
   const char* shown = given ? key : kAccessTestShownKey;   // the texts name the Parameters key on purpose
   const char* where = machine && *machine ? machine : "this";
   message[0] = '\0';
-  if (!reg_set_string(path, name, "Access Test")) {
+  if (!reg_set_string(g_applet.reg, path, name, "Access Test")) {
     std::uint32_t e = platform::LastError();
     std::snprintf(message, 512, "Could not write test value to %s key on %s machine's registry; %s", shown, where,
                   error_text(e).c_str());
@@ -107,7 +113,7 @@ int applet_access_test(platform::Dialog*, const char* machine, const char* key, 
     return 0;
   }
   char def[] = "";
-  char* read = reg_get_string_alloc(path, name, def);
+  char* read = reg_get_string_alloc(g_applet.reg, path, name, def);
   std::uint32_t e = platform::LastError();
   bool same = read != def && std::memcmp(read, "Access Test", 12) == 0;
   reg_free_string(read, def);
@@ -118,7 +124,7 @@ int applet_access_test(platform::Dialog*, const char* machine, const char* key, 
     platform::SetLastError(e);
     return 0;
   }
-  if (!reg_delete_value(path, name)) {
+  if (!reg_delete_value(g_applet.reg, path, name)) {
     e = platform::LastError();
     std::snprintf(message, 512, "Could not delete test value from %s key on %s machine's registry; %s", shown, where,
                   error_text(e).c_str());
@@ -126,6 +132,15 @@ int applet_access_test(platform::Dialog*, const char* machine, const char* key, 
     return 0;
   }
   platform::SetLastError(0);
+  return 1;
+}
+
+int applet_open_target(const char* machine) {
+  applet_entry(nullptr, kCplSetMachine, reinterpret_cast<std::intptr_t>(machine), 0);
+  w32t_environment_init(reg_local());
+  forget_own_name();
+  if (!reg_open_target(g_applet.target, g_applet.reg)) return 0;
+  w32t_environment_init(g_applet.reg);
   return 1;
 }
 
@@ -226,7 +241,7 @@ std::intptr_t applet_apply(platform::Dialog& page) {
   W32tSettings& s = g_applet.settings;
   const char* target = g_applet.target;
   // A store that refuses the settings keeps the sheet changed and says so; the service is not told.
-  g_applet.save_status = w32t_save(s, 1);
+  g_applet.save_status = w32t_save(g_applet.reg, s, 1);
   if (g_applet.save_status) {
     page.SetSheetChanged(true);
     applet_wait_cursor(0);
@@ -239,9 +254,9 @@ std::intptr_t applet_apply(platform::Dialog& page) {
     applet_message(&page, 0x30, "The NTP client did not take the time servers; %s",
                    error_text(platform::LastError()).c_str());
   std::intptr_t result = 0;
-  if (g_w32t_env.installed_product == kProductKaironServer && s.ntp_server_enabled && w32t_kairon_serves_ntp()) {
-    reg_set_bool(defaults::kKaironProtocolsKey, ProtocolName(1), 0);
-    reg_set_bool(defaults::kKaironServerParamsKey, "Skip Splash Once", 1);
+  if (g_w32t_env.installed_product == kProductKaironServer && s.ntp_server_enabled && w32t_kairon_serves_ntp(g_applet.reg)) {
+    reg_set_bool(g_applet.reg, defaults::kKaironProtocolsKey, ProtocolName(1), 0);
+    reg_set_bool(g_applet.reg, defaults::kKaironServerParamsKey, "Skip Splash Once", 1);
     g_applet_services.control(&page, target, kServiceOpStop, 0);
     g_applet_services.restart(&page, target, "Kairon Server");
     g_applet_services.control(&page, target, kServiceOpStart, 1);
@@ -275,11 +290,11 @@ std::intptr_t run_sheet(void* window, std::uint32_t mode, bool remote) {
   g_applet.win2k_target = g_os.level > kOsWin2000 && remote && g_applet.target_level == kOsWin2000;
   if (remote) {
     g_w32t_env.level = g_applet.target_level;
-    g_w32t_env.installed_product = w32t_installed_product();
+    g_w32t_env.installed_product = w32t_installed_product(g_applet.reg);
   }
   W32tSettings& s = g_applet.settings;
   // Settings that cannot be read are said so, never shown as pages of defaults.
-  if (const std::uint32_t st = w32t_load(s)) {
+  if (const std::uint32_t st = w32t_load(g_applet.reg, s)) {
     settings_unreadable(remote ? g_applet.target : "this", st);
     SetLastError(st);
     return 0;
@@ -288,7 +303,7 @@ std::intptr_t run_sheet(void* window, std::uint32_t mode, bool remote) {
   g_applet.status_check = CreateSyncEvent(false, false);
   g_applet.status_thread = g_status_thread_fn ? CreateThreadSuspended(g_status_thread_fn, nullptr) : nullptr;
   char registered[32];
-  reg_get_string(kProviderKey, "Current Version", registered, sizeof registered, "");
+  reg_get_string(g_applet.reg, kProviderKey, "Current Version", registered, sizeof registered, "");
   if (mode == kCplDblClk && g_w32t_env.level > kOsWin2000 &&
       applet_needs_upgrade(registered, defaults::kProductVersion, int(s.service_installed))) {
     int quiet = g_applet.quiet;
@@ -296,10 +311,10 @@ std::intptr_t run_sheet(void* window, std::uint32_t mode, bool remote) {
     int installed = InstallModule(nullptr);
     g_applet.quiet = quiet;
     if (installed) {
-      w32t_load(s);
-      w32t_apply_coexistence(s);
+      w32t_load(g_applet.reg, s);
+      w32t_apply_coexistence(g_applet.reg, s);
       // A store that refuses it: the pages show what was loaded, and Apply says what failed.
-      if (!w32t_save(s, 1) && !remote) (void)chrony_apply_settings(s);   // this machine's NTP client, as Apply does
+      if (!w32t_save(g_applet.reg, s, 1) && !remote) (void)chrony_apply_settings(s);   // this machine's NTP client, as Apply does
       g_applet_services.restart(nullptr, g_applet.target, "W32Time");
     }
   }
@@ -339,8 +354,8 @@ std::intptr_t applet_launch(void* window, std::uint32_t mode) {
   using namespace platform;
   resources::RegisterDialogs();
   InitDialogSystem();
-  w32t_environment_init();
-  if (strcasecmp(bare_name(g_applet.target), g_w32t_env.computer_name) == 0) g_applet.target[0] = '\0';
+  w32t_environment_init(g_applet.reg);
+  forget_own_name();
   const bool remote = g_applet.target[0] != '\0';
   const char* name = remote ? g_applet.target : g_w32t_env.computer_name;
   bool winsock = false;
@@ -353,7 +368,7 @@ std::intptr_t applet_launch(void* window, std::uint32_t mode) {
     bool& winsock;
     std::uint32_t& err;
     ~Cleanup() {
-      reg_connect_target(nullptr);
+      g_applet.reg = RegTarget();
       if (winsock) NetCleanup();
       SetLastError(err);
     }
@@ -402,7 +417,7 @@ std::intptr_t applet_launch(void* window, std::uint32_t mode) {
     return 0;
   }
   winsock = true;
-  if (remote && !reg_connect_target(g_applet.target)) {
+  if (remote && !reg_open_target(g_applet.target, g_applet.reg)) {
     err = LastError();
     applet_message(nullptr, 0, "Cannot set focus to remote machine; %s", error_text(err).c_str());
     return 0;
@@ -423,7 +438,7 @@ std::intptr_t applet_launch(void* window, std::uint32_t mode) {
   }
   if (mode == kCplInstall || mode == kCplRemove) {
     if (mode == kCplInstall && remote) {
-      std::uint32_t arch = reg_target_architecture();
+      std::uint32_t arch = reg_target_architecture(g_applet.reg);
       if (arch != g_os.arch) {
         err = kErrorUnsupported;
         applet_message(nullptr, 0, "%s is %s. You cannot install to a different machine architecture remotely.", name,
@@ -433,7 +448,7 @@ std::intptr_t applet_launch(void* window, std::uint32_t mode) {
     }
     if (remote) {
       g_w32t_env.level = g_applet.target_level;
-      g_w32t_env.installed_product = w32t_installed_product();
+      g_w32t_env.installed_product = w32t_installed_product(g_applet.reg);
     }
     if (g_applet.quiet) result = mode == kCplInstall ? InstallModule(nullptr) : RemoveModule(nullptr);
     else result = RunWaitDialog(mode);

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "config/registry.h"
 #include "config/w32time.h"
 #include "platform/dialog.h"
 #include "platform/sync.h"
@@ -35,6 +36,7 @@ struct CplInfo {
 // Process-wide state of the applet (one launch at a time).
 struct AppletState {
   char target[256];              // target machine argument: trimmed, upper-cased; "" the local machine
+  RegTarget reg;                 // the target's registry, opened by the launch, local between launches
   int quiet;                     // message boxes show nothing and answer 1
   void* module;                  // the module's own handle (resources)
   int win2k_target;              // 1: a system above 2048 configures a remote 2048 target
@@ -70,6 +72,10 @@ platform::DialogLogic& applet_page_logic(int template_id);
 
 // The entry: Control Panel and private messages. window is the caller's window (may be null).
 std::intptr_t applet_entry(void* window, std::uint32_t message, std::intptr_t first, std::intptr_t second);
+// Makes machine the applet's target as CPL_SETMACHINE names it (trimmed, upper-cased; this computer
+// under any of its names is "") and opens its registry into g_applet.reg, with the environment
+// read from it. 1, or 0 with the registry's error as the last error.
+int applet_open_target(const char* machine);
 
 // Message box with the caption "Chronwarden" (text formatted into 509 characters); style 0 means
 // 0x42040 (information, task-modal, topmost). Quiet: shows nothing and returns 1.

@@ -64,9 +64,9 @@ int client_mode_position(std::uint32_t flag) {
 }
 
 bool client_kairon_server_is_slave() {
-  if (reg_get_bool(defaults::kKaironServerParamsKey, "Slave Mode", 0)) return true;
+  if (reg_get_bool(g_applet.reg, defaults::kKaironServerParamsKey, "Slave Mode", 0)) return true;
   std::uint8_t settings[defaults::kKaironServerSettingsSize] = {};
-  if (!reg_get_binary(defaults::kKaironServerParamsKey, "Server Settings", settings, sizeof settings)) return false;
+  if (!reg_get_binary(g_applet.reg, defaults::kKaironServerParamsKey, "Server Settings", settings, sizeof settings)) return false;
   std::uint32_t slave = 0;
   std::memcpy(&slave, settings + 4, sizeof slave);
   return slave != 0;

@@ -190,7 +190,7 @@ void ShowCurrentTimeSource(platform::Dialog& page) {
     text = "Unknown - Agent applet not installed";
   } else if (s.provider_enabled) {
     char partner[256];
-    reg_get_string(defaults::kProviderKey, defaults::kPartnerValue, partner, sizeof partner, "Unknown: no record");
+    reg_get_string(g_applet.reg, defaults::kProviderKey, defaults::kPartnerValue, partner, sizeof partner, "Unknown: no record");
     text = partner;
   } else {
     text = "Unknown - Agent disabled";

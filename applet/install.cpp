@@ -47,7 +47,7 @@ std::string error_text(std::uint32_t code) {
 // "<SystemRoot>\system32\" of the target (the local machine when the layer is local).
 std::string target_system_dir() {
   char root[260];
-  reg_get_string(kVersionKey, "SystemRoot", root, sizeof root, "c:\\windows");
+  reg_get_string(g_applet.reg, kVersionKey, "SystemRoot", root, sizeof root, "c:\\windows");
   return std::string(root) + "\\system32\\";
 }
 
@@ -56,24 +56,24 @@ int show_error() { return g_applet.quiet ? 0 : 1; }
 void write_uninstall_entry() {
   const char* key = defaults::kUninstallKey;
   std::string dir = target_system_dir();
-  reg_set_string(key, "DisplayName", "Chronwarden Control Panel Applet");
-  reg_set_string_fmt(key, "UninstallString", "rundll32.exe %s%s,RunDll -remove", dir.c_str(), defaults::kModuleFileName);
-  reg_set_string_fmt(key, "DisplayIcon", "%s%s,0", dir.c_str(), defaults::kModuleFileName);
-  reg_set_string(key, "PublisherName", "Selvox, Inc.");
-  reg_set_string(key, "Publisher", "Selvox, Inc.");
-  reg_set_string(key, "URLInfoAbout", defaults::kDocumentationHost);
-  reg_set_dword(key, "NoModify", 1);
-  reg_set_dword(key, "NoRepair", 1);
-  reg_set_dword(key, "TSAware", 0);
-  reg_set_dword(key, "WindowsInstaller", 0);
-  reg_set_dword(key, "VersionMajor", 4);
-  reg_set_dword(key, "VerMinor", 2);
-  reg_set_string(key, "DisplayVersion", defaults::kProductVersion);
-  reg_set_string(key, "HelpTelephone", "+1 555 0142 7700");
-  reg_set_string(key, "Contact", "support@selvox.example");
-  reg_set_string_fmt(key, "HelpLink", "http://%s/support", defaults::kDocumentationHost);
-  reg_set_string_fmt(key, "URLInfoAbout", "http://%s/", defaults::kDocumentationHost);
-  reg_set_string_fmt(key, "URLUpdateInfo", "http://%s/downloads", defaults::kDocumentationHost);
+  reg_set_string(g_applet.reg, key, "DisplayName", "Chronwarden Control Panel Applet");
+  reg_set_string_fmt(g_applet.reg, key, "UninstallString", "rundll32.exe %s%s,RunDll -remove", dir.c_str(), defaults::kModuleFileName);
+  reg_set_string_fmt(g_applet.reg, key, "DisplayIcon", "%s%s,0", dir.c_str(), defaults::kModuleFileName);
+  reg_set_string(g_applet.reg, key, "PublisherName", "Selvox, Inc.");
+  reg_set_string(g_applet.reg, key, "Publisher", "Selvox, Inc.");
+  reg_set_string(g_applet.reg, key, "URLInfoAbout", defaults::kDocumentationHost);
+  reg_set_dword(g_applet.reg, key, "NoModify", 1);
+  reg_set_dword(g_applet.reg, key, "NoRepair", 1);
+  reg_set_dword(g_applet.reg, key, "TSAware", 0);
+  reg_set_dword(g_applet.reg, key, "WindowsInstaller", 0);
+  reg_set_dword(g_applet.reg, key, "VersionMajor", 4);
+  reg_set_dword(g_applet.reg, key, "VerMinor", 2);
+  reg_set_string(g_applet.reg, key, "DisplayVersion", defaults::kProductVersion);
+  reg_set_string(g_applet.reg, key, "HelpTelephone", "+1 555 0142 7700");
+  reg_set_string(g_applet.reg, key, "Contact", "support@selvox.example");
+  reg_set_string_fmt(g_applet.reg, key, "HelpLink", "http://%s/support", defaults::kDocumentationHost);
+  reg_set_string_fmt(g_applet.reg, key, "URLInfoAbout", "http://%s/", defaults::kDocumentationHost);
+  reg_set_string_fmt(g_applet.reg, key, "URLUpdateInfo", "http://%s/downloads", defaults::kDocumentationHost);
 }
 
 // The coexistence adjustments and the first-install values.
@@ -81,12 +81,12 @@ void adjust_settings(W32tSettings& s, bool servers_from_chrony) {
   std::uint8_t value[kProductSettingsSize] = {};
   bool have_value = false;
   const std::uint32_t product = g_w32t_env.installed_product;
-  const bool serves_ntp = product == kProductKaironServer && w32t_kairon_serves_ntp();
+  const bool serves_ntp = product == kProductKaironServer && w32t_kairon_serves_ntp(g_applet.reg);
   if (product == kProductKaironServer) {
-    have_value = reg_get_binary(kKaironServerParams, "Server Settings", value, sizeof value);
+    have_value = reg_get_binary(g_applet.reg, kKaironServerParams, "Server Settings", value, sizeof value);
     std::uint32_t slave_flag = 0;
     std::memcpy(&slave_flag, value + 4, 4);
-    if (reg_get_bool(kKaironServerParams, "Slave Mode", 0) || slave_flag || serves_ntp) {
+    if (reg_get_bool(g_applet.reg, kKaironServerParams, "Slave Mode", 0) || slave_flag || serves_ntp) {
       s.ntp_client_enabled = 0;
       s.ntp_client_input_provider = 0;
       s.sync_type = kW32tNoSync;
@@ -95,7 +95,7 @@ void adjust_settings(W32tSettings& s, bool servers_from_chrony) {
       s.ntp_client_input_provider = 1;
     }
   } else if (product == kProductKaironClient || product == kProductKaironThinClient || product == kProductKaironUltraThinClient) {
-    have_value = reg_get_binary(kKaironClientParams, "Client Settings", value, sizeof value);
+    have_value = reg_get_binary(g_applet.reg, kKaironClientParams, "Client Settings", value, sizeof value);
     s.ntp_client_enabled = 0;
     s.ntp_client_input_provider = 0;
     s.sync_type = kW32tNoSync;
@@ -114,7 +114,7 @@ void adjust_settings(W32tSettings& s, bool servers_from_chrony) {
   if (!s.service_installed) {
     // First installation: the agent on with its defaults, and on a domain controller that runs a
     // Kairon Server that does not serve NTP itself, Windows Time serves and announces time.
-    s.provider_enabled = w32t_forced_disable() ? 0 : 1;
+    s.provider_enabled = w32t_forced_disable(g_applet.reg) ? 0 : 1;
     s.check_interval = defaults::kCheckIntervalS;
     s.alert_threshold = defaults::kAlertThresholdS;
     s.alert_if_unverified = 1;
@@ -168,12 +168,12 @@ int InstallModule(platform::Dialog* progress) {
   DriftFileOpen(g_applet.target);
   DriftFileClose();
   step(progress);
-  w32t_secure_keys();
+  w32t_secure_keys(g_applet.reg);
   step(progress);
   write_uninstall_entry();
   step(progress);
   W32tSettings s{};
-  w32t_load(s);
+  w32t_load(g_applet.reg, s);
   const W32tSettings untouched = s;
   step(progress);
   int copied = CopyModuleToTarget();
@@ -198,7 +198,7 @@ int InstallModule(platform::Dialog* progress) {
   if (std::memcmp(&s, &untouched, sizeof s) != 0) {
     if (!stopped && g_applet_services.control(progress, target, kServiceOpQuery, 0))
       stopped = g_applet_services.control(progress, target, kServiceOpStop, show_error()) != 0;
-    if (const std::uint32_t st = w32t_save(s, 1)) {
+    if (const std::uint32_t st = w32t_save(g_applet.reg, s, 1)) {
       applet_message(progress, 0x30, "Could not save the time service settings on %s; %s",
                      target[0] ? target : g_w32t_env.computer_name, error_text(st).c_str());
       copied = 0;
@@ -218,9 +218,9 @@ int RemoveModule(platform::Dialog* progress) {
   g_applet_services.control(progress, target, kServiceOpStop, show_error());
   step(progress);
   W32tSettings s{};
-  w32t_load(s);
-  reg_delete_key(defaults::kUninstallKey);
-  const std::uint32_t saved = w32t_save(s, 0);
+  w32t_load(g_applet.reg, s);
+  reg_delete_key(g_applet.reg, defaults::kUninstallKey);
+  const std::uint32_t saved = w32t_save(g_applet.reg, s, 0);
   step(progress);
   int started = g_applet_services.control(progress, target, kServiceOpStart, show_error());
   if (saved) return finish(progress, 0, saved);
@@ -229,7 +229,7 @@ int RemoveModule(platform::Dialog* progress) {
 
 int RetireModuleFile() {
   char root[260];
-  reg_get_string(kVersionKey, "SystemRoot", root, sizeof root, "c:\\windows");
+  reg_get_string(g_applet.reg, kVersionKey, "SystemRoot", root, sizeof root, "c:\\windows");
   std::string cpl = std::string(root) + "\\system32\\" + defaults::kModuleFileName;
   std::string old = std::string(root) + "\\system32\\w32tmkr.old";
   auto attempt = [&] {
@@ -314,7 +314,7 @@ std::intptr_t applet_rundll(void*, const char* command_line) {
     SetResourceModule(m);
   }
   os_identify();
-  w32t_environment_init();
+  w32t_environment_init(g_applet.reg);
   g_applet.target[0] = '\0';
   const std::uint32_t exclamation = kMbIconExclamation;
   if (g_os.level < kOsWin2000)

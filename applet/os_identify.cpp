@@ -116,7 +116,7 @@ void os_identify() {
   if (v.platform_id == 1) {
     g_os.arch = kArchNoProductType;
   } else if (v.platform_id == 2) {
-    g_os.arch = reg_target_architecture();
+    g_os.arch = reg_target_architecture(reg_local());
     g_os.wow64 = os_is_wow64();
     if (g_os.wow64) g_os.view64 = platform::kKeyWow64_64Key;
     else if (g_os.arch == kArchAmd64) g_os.view32 = platform::kKeyWow64_32Key;

@@ -63,7 +63,7 @@ bool ServerPage::init(platform::Dialog& d) {
     d.Show(id, !Win2000());
   d.Show(IDC_RELIABLE_W2K, Win2000());
   d.SetText(IDC_SERVE_DISABLED, !KaironServerInstalled()    ? "&Disabled"
-                                : w32t_kairon_serves_ntp() ? "&Disabled - Let Kairon II serve NTP time"
+                                : w32t_kairon_serves_ntp(g_applet.reg) ? "&Disabled - Let Kairon II serve NTP time"
                                 : "&Disabled - The Windows Time NtpClient owns port UDP/123");
   return true;
 }
@@ -122,7 +122,7 @@ void ServerPage::Read(platform::Dialog& d) {
 void ServerPage::RadioClicked(platform::Dialog& d, int id) {
   if (!Win2000()) {
     const bool enabling = id == IDC_SERVE_ENABLED || id == IDC_SERVE_AUTO;
-    if (enabling && warn_ && w32t_kairon_serves_ntp() &&
+    if (enabling && warn_ && w32t_kairon_serves_ntp(g_applet.reg) &&
         applet_message(&d, platform::kMbYesNo | platform::kMbIconQuestion, "%s", kServerTakeoverQuestion) !=
             platform::kIdYes) {
       d.SetChecked(id, false);

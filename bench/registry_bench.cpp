@@ -17,7 +17,6 @@ class FreshRoot {
   FreshRoot() : root_(std::filesystem::temp_directory_path() / "cw-registry-bench") {
     std::filesystem::remove_all(root_);
     platform::SetEnvironmentValue("CHRONWARDEN_ROOT", root_.string().c_str());
-    reg_connect_target(nullptr);
   }
   ~FreshRoot() {
     std::filesystem::remove_all(root_);
@@ -30,28 +29,28 @@ class FreshRoot {
 
 void BM_GetDword(benchmark::State& state) {
   FreshRoot root;
-  reg_set_dword("", "Value", 42);
-  for (auto _ : state) benchmark::DoNotOptimize(reg_get_dword("", "Value", 0));
+  reg_set_dword(reg_local(), "", "Value", 42);
+  for (auto _ : state) benchmark::DoNotOptimize(reg_get_dword(reg_local(), "", "Value", 0));
 }
 BENCHMARK(BM_GetDword);
 
 void BM_GetBoolOfAWord(benchmark::State& state) {
   FreshRoot root;
-  reg_set_bool("", "Flag", 1);
-  for (auto _ : state) benchmark::DoNotOptimize(reg_get_bool("", "Flag", 0));
+  reg_set_bool(reg_local(), "", "Flag", 1);
+  for (auto _ : state) benchmark::DoNotOptimize(reg_get_bool(reg_local(), "", "Flag", 0));
 }
 BENCHMARK(BM_GetBoolOfAWord);
 
 void BM_SetDword(benchmark::State& state) {
   FreshRoot root;
   std::uint32_t n = 0;
-  for (auto _ : state) reg_set_dword("", "Value", ++n);
+  for (auto _ : state) reg_set_dword(reg_local(), "", "Value", ++n);
 }
 BENCHMARK(BM_SetDword);
 
 void BM_SetStringDeepKey(benchmark::State& state) {
   FreshRoot root;
-  for (auto _ : state) reg_set_string("\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden", "Service Running", "True");
+  for (auto _ : state) reg_set_string(reg_local(), "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden", "Service Running", "True");
 }
 BENCHMARK(BM_SetStringDeepKey);
 

@@ -115,11 +115,8 @@ struct AgentSession {
 // Connects to machine's registry and loads its settings: "" or what failed.
 std::string Connect(const std::string& machine) {
   applet_entry(nullptr, kCplInit, 0, 0);
-  if (!reg_connect_target(machine.c_str())) return "cannot reach the registry of " + machine;
-  w32t_environment_init();
-  applet_entry(nullptr, kCplSetMachine, reinterpret_cast<std::intptr_t>(machine.c_str()), 0);
-  if (strcasecmp(g_applet.target, g_w32t_env.computer_name) == 0) g_applet.target[0] = '\0';
-  if (const std::uint32_t st = w32t_load(g_applet.settings)) {
+  if (!applet_open_target(machine.c_str())) return "cannot reach the registry of " + machine;
+  if (const std::uint32_t st = w32t_load(g_applet.reg, g_applet.settings)) {
     char text[512];
     return SystemErrorText(st, text, sizeof text);
   }
@@ -168,7 +165,7 @@ int Set(AgentSession& session, std::vector<std::pair<const Field*, std::string>>
     session.sheet.Apply();
   } else {
     d.SendNotify(platform::kPsnKillActive);
-    if (const std::uint32_t st = w32t_save(g_applet.settings, 1)) {
+    if (const std::uint32_t st = w32t_save(g_applet.reg, g_applet.settings, 1)) {
       char text[512];
       return CliFailure("agent", std::string("the settings were not saved: ") + SystemErrorText(st, text, sizeof text));
     }

@@ -140,9 +140,9 @@ std::string Reason(std::uint32_t code) {
 // The KR2 commands the provider refuses ("Prohibited KR2 Commands", beside the settings record):
 // "default" while the value is missing (102, 150, 160 and 180 refused), "none", or the codes.
 using Kr2Table = std::array<std::uint8_t, 256>;
-std::string ProhibitedText() {
+std::string ProhibitedText(const RegTarget& target) {
   Kr2Table t{};
-  if (!reg_get_binary(defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value, t.data(), t.size())) return "default";
+  if (!reg_get_binary(target, defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value, t.data(), t.size())) return "default";
   std::string out;
   for (std::size_t code = 0; code < t.size(); ++code) {
     if (!t[code]) continue;
@@ -178,24 +178,24 @@ std::string ValueText(const W32tSettings& s, const W32tField& f, bool json) {
   return std::to_string(n);
 }
 
-void Show(const W32tSettings& s, bool json) {
+void Show(const RegTarget& target, const W32tSettings& s, bool json) {
   if (json) {
-    std::printf("{\"machine\": %s, \"os_level\": %u", JsonString(g_target_machine).c_str(), g_w32t_env.level);
+    std::printf("{\"machine\": %s, \"os_level\": %u", JsonString(target.name().c_str()).c_str(), g_w32t_env.level);
     for (const W32tField& f : w32t_fields()) std::printf(", \"%s\": %s", f.name, ValueText(s, f, true).c_str());
     std::printf(", \"servers\": [");
     for (std::uint32_t i = 0; i < s.server_count; ++i)
       std::printf("%s{\"name\": %s, \"flags\": %u}", i ? ", " : "", JsonString(s.servers[i].name).c_str(),
                   s.servers[i].flags);
-    std::printf("], \"kr2_prohibited\": %s}\n", JsonString(ProhibitedText().c_str()).c_str());
+    std::printf("], \"kr2_prohibited\": %s}\n", JsonString(ProhibitedText(target).c_str()).c_str());
     return;
   }
-  std::printf("Windows Time settings of %s (OS level %u)\n", g_target_machine[0] ? g_target_machine : "the local machine",
+  std::printf("Windows Time settings of %s (OS level %u)\n", target.local() ? "the local machine" : target.name().c_str(),
               g_w32t_env.level);
   for (const W32tField& f : w32t_fields())
     std::printf("  %-26s %s%s\n", f.name, ValueText(s, f, false).c_str(), f.read_only ? "  (read only)" : "");
   for (std::uint32_t i = 0; i < s.server_count; ++i)
     std::printf("  server%-20u %s  flags 0x%x\n", i + 1, s.servers[i].name, s.servers[i].flags);
-  std::printf("  %-26s %s\n", "kr2_prohibited", ProhibitedText().c_str());
+  std::printf("  %-26s %s\n", "kr2_prohibited", ProhibitedText(target).c_str());
 }
 
 }  // namespace
@@ -220,14 +220,15 @@ int CmdConfig(CommandArgs args) {
   }
   if (verb == "set" && edits.empty()) return UsageError("config", "set needs FIELD=VALUE");
 
-  if (!reg_connect_target(machine.c_str())) return CliFailure("config", "cannot reach the registry of " + machine);
-  w32t_environment_init();
+  RegTarget target;
+  if (!reg_open_target(machine.c_str(), target)) return CliFailure("config", "cannot reach the registry of " + machine);
+  w32t_environment_init(target);
   W32tSettings s{};
-  if (const std::uint32_t st = w32t_load(s)) {
+  if (const std::uint32_t st = w32t_load(target, s)) {
     char text[512];
     return CliFailure("config", SystemErrorText(st, text, sizeof text));
   }
-  if (verb == "show") return Show(s, json), kExitOk;
+  if (verb == "show") return Show(target, s, json), kExitOk;
 
   bool set_prohibited = false;
   std::optional<Kr2Table> prohibited;
@@ -242,12 +243,12 @@ int CmdConfig(CommandArgs args) {
       return UsageError("config", why == "unknown field" ? "unknown field '" + field + "'" : "bad value for " + field + ": " + why);
   }
   // Nothing is called saved that the store did not keep.
-  if (const std::uint32_t st = w32t_save(s, 1)) return CliFailure("config", "the settings were not saved: " + Reason(st));
+  if (const std::uint32_t st = w32t_save(target, s, 1)) return CliFailure("config", "the settings were not saved: " + Reason(st));
   // On the local machine the NTP client (chrony on Linux) takes the servers at once.
   const std::uint32_t ntp_client = machine.empty() && !chrony_apply_settings(s) ? platform::LastError() : 0;
-  if (set_prohibited && !(prohibited ? reg_set_binary(defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value,
+  if (set_prohibited && !(prohibited ? reg_set_binary(target, defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value,
                                                       prohibited->data(), prohibited->size())
-                                     : reg_delete_value(defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value)) &&
+                                     : reg_delete_value(target, defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value)) &&
       platform::LastError() != platform::kErrorFileNotFound)
     return CliFailure("config", "kr2_prohibited was not saved: " + Reason(platform::LastError()));
   std::printf("Settings saved%s.\n", machine.empty() ? "" : (" on " + machine).c_str());

@@ -27,16 +27,18 @@ namespace {
 bool RegisterHostAsTimeService(const std::string& machine) {
   const std::string program = platform::TimeServiceProgram();
   if (program.empty()) return true;
-  if (!reg_connect_target(machine.empty() ? nullptr : machine.c_str())) return false;
+  RegTarget target;
+  if (!reg_open_target(machine.c_str(), target)) return false;
   char image[512];
-  reg_get_string(defaults::kW32TimeServiceKey, "ImagePath", image, sizeof image, "");
-  return image[0] || RegisterTimeServiceProgram(program.c_str(), true);
+  reg_get_string(target, defaults::kW32TimeServiceKey, "ImagePath", image, sizeof image, "");
+  return image[0] || RegisterTimeServiceProgram(target, program.c_str(), true);
 }
 
 // "KR2 Managers" under the provider key of machine.
 bool SetManagers(const std::string& machine, const std::string& list) {
-  if (!reg_connect_target(machine.empty() ? nullptr : machine.c_str())) return false;
-  return reg_set_string(defaults::kProviderKey, defaults::kKr2ManagersValue, list.c_str()) != 0;
+  RegTarget target;
+  if (!reg_open_target(machine.c_str(), target)) return false;
+  return reg_set_string(target, defaults::kProviderKey, defaults::kKr2ManagersValue, list.c_str()) != 0;
 }
 
 // This machine's web console gets the applet's page with the provider, and loses it with it
@@ -125,8 +127,8 @@ int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
   if (ok && message == kCplRemove && machine.empty()) RetireModuleFile();
   // What install started, remove stops: the host daemon install made the time service, once it
   // hosts no other provider, is stopped and unregistered (Windows Time is the system's own).
-  if (ok && !err && message == kCplRemove && reg_connect_target(machine.empty() ? nullptr : machine.c_str()) &&
-      UnregisterTimeServiceProgram(nullptr, machine.c_str()) < 0)
+  if (RegTarget target; ok && !err && message == kCplRemove && reg_open_target(machine.c_str(), target) &&
+                       UnregisterTimeServiceProgram(nullptr, target) < 0)
     err = platform::LastError();
   // A time service that already ran reads the new managers now.
   if (ok && !err && managers && ControlTimeService(nullptr, machine.c_str(), kServiceOpQuery, 0))

@@ -49,6 +49,7 @@ constexpr std::uint32_t kNameSize = 16384;
 struct Options {
   std::string verb, key, value, type = "sz", data, machine;
   bool has_value = false, has_data = false, json = false, has_type = false;
+  RegTarget target;   // the machine's registry, opened once the command line is read
 };
 
 int Fail(std::uint32_t code) {
@@ -66,11 +67,11 @@ std::string JoinKey(const std::string& parent, std::string_view child) {
   return parent.ends_with('\\') ? parent + std::string(child) : parent + "\\" + std::string(child);
 }
 
-std::string KeyTitle(const std::string& path) {
+std::string KeyTitle(const RegTarget& t, const std::string& path) {
   char translated[1024];
   reg_key_path(path.c_str(), translated, sizeof translated);
   std::string title;
-  if (g_target_machine[0]) title = (g_target_machine[0] == '\\' ? "" : "\\\\") + std::string(g_target_machine) + "\\";
+  if (!t.local()) title = (t.name()[0] == '\\' ? "" : "\\\\") + t.name() + "\\";
   return JoinKey(title + "HKEY_LOCAL_MACHINE", translated);
 }
 
@@ -184,7 +185,7 @@ void PrintValue(const Value& v) {
 
 int Query(const Options& o) {
   OpenKey key;
-  if (const std::uint32_t st = reg_open_read(o.key.c_str(), key.h)) return Fail(st);
+  if (const std::uint32_t st = reg_open_read(o.target, o.key.c_str(), key.h)) return Fail(st);
   std::vector<Value> values;
   if (const std::uint32_t st = ReadValues(key.h, values)) return Fail(st);
   if (o.has_value) {
@@ -194,7 +195,7 @@ int Query(const Options& o) {
     values.resize(1);
   }
   if (o.json) return PrintJson(values), kExitOk;
-  const std::string title = KeyTitle(o.key);
+  const std::string title = KeyTitle(o.target, o.key);
   std::printf("\n%s\n", title.c_str());
   for (const auto& v : values) PrintValue(v);
   if (!o.has_value) {
@@ -250,7 +251,7 @@ int Set(const Options& o) {
   }
   // Empty binary data is stored as an empty value rather than deleting it.
   OpenKey key;
-  if (const std::uint32_t st = reg_open_write(o.key.c_str(), key.h)) return Fail(st);
+  if (const std::uint32_t st = reg_open_write(o.target, o.key.c_str(), key.h)) return Fail(st);
   if (const std::uint32_t st = platform::RegSetValue(key.h, o.value.c_str(), type, bytes.data(),
                                                      static_cast<std::uint32_t>(bytes.size())))
     return Fail(st);
@@ -258,9 +259,9 @@ int Set(const Options& o) {
 }
 
 int Delete(const Options& o) {
-  if (!o.has_value) return reg_delete_key(o.key.c_str()) ? kExitOk : Fail(platform::LastError());
-  if (!reg_key_exists(o.key.c_str())) return Fail(platform::LastError());
-  return reg_delete_value(o.key.c_str(), o.value.c_str()) ? kExitOk : Fail(platform::LastError());
+  if (!o.has_value) return reg_delete_key(o.target, o.key.c_str()) ? kExitOk : Fail(platform::LastError());
+  if (!reg_key_exists(o.target, o.key.c_str())) return Fail(platform::LastError());
+  return reg_delete_value(o.target, o.key.c_str(), o.value.c_str()) ? kExitOk : Fail(platform::LastError());
 }
 
 std::string RegQuote(std::string_view s) {
@@ -272,9 +273,9 @@ std::string RegQuote(std::string_view s) {
   return out + "\"";
 }
 
-std::uint32_t ExportKey(const std::string& path, const std::string& title) {
+std::uint32_t ExportKey(const RegTarget& t, const std::string& path, const std::string& title) {
   OpenKey key;
-  if (const std::uint32_t st = reg_open_read(path.c_str(), key.h)) return st;
+  if (const std::uint32_t st = reg_open_read(t, path.c_str(), key.h)) return st;
   std::vector<Value> values;
   if (const std::uint32_t st = ReadValues(key.h, values)) return st;
   std::printf("[%s]\n", title.c_str());
@@ -296,7 +297,7 @@ std::uint32_t ExportKey(const std::string& path, const std::string& title) {
   reg_key_path(path.c_str(), translated, sizeof translated);
   const std::string absolute = path.starts_with("\\\\") ? path : "\\\\" + std::string(translated);
   for (const auto& s : Subkeys(key.h))
-    if (const std::uint32_t st = ExportKey(JoinKey(absolute, s), JoinKey(title, s))) return st;
+    if (const std::uint32_t st = ExportKey(t, JoinKey(absolute, s), JoinKey(title, s))) return st;
   return 0;
 }
 
@@ -316,7 +317,7 @@ int Check(const Options& o) {
 
 int Export(const Options& o) {
   std::printf("Windows Registry Editor Version 5.00\n\n");
-  const std::uint32_t st = ExportKey(o.key, KeyTitle(o.key));
+  const std::uint32_t st = ExportKey(o.target, o.key, KeyTitle(o.target, o.key));
   return st ? Fail(st) : kExitOk;
 }
 
@@ -358,7 +359,7 @@ int CmdReg(CommandArgs args) {
   if (set && (!o.has_value || !o.has_data)) return UsageError("reg", "set needs KEY, VALUE and --data");
   if (exp && o.has_value) return UsageError("reg", "export takes a KEY only");
   if (o.json && !query) return UsageError("reg", "--json goes with query");
-  if (!o.machine.empty() && !reg_connect_target(o.machine.c_str())) return Fail(platform::LastError());
+  if (!reg_open_target(o.machine.c_str(), o.target)) return Fail(platform::LastError());
   if (query) return Query(o);
   if (set) return Set(o);
   if (del) return Delete(o);

@@ -72,14 +72,12 @@ void Print(const platform::MemoryDialog& page, bool json) {
 std::unique_ptr<platform::MemoryDialog> OpenStatusPage(std::string_view command, const std::string& machine) {
   static platform::DialogLogic plain;
   applet_entry(nullptr, kCplInit, 0, 0);
-  if (!reg_connect_target(machine.c_str())) {
+  if (!applet_open_target(machine.c_str())) {
     std::fprintf(stderr, "chronwarden %s: cannot reach the registry of %s\n", std::string(command).c_str(),
                  machine.c_str());
     return nullptr;
   }
-  w32t_environment_init();
-  applet_entry(nullptr, kCplSetMachine, reinterpret_cast<std::intptr_t>(machine.c_str()), 0);
-  if (const std::uint32_t st = w32t_load(g_applet.settings)) {
+  if (const std::uint32_t st = w32t_load(g_applet.reg, g_applet.settings)) {
     char text[512];
     std::fprintf(stderr, "chronwarden %s: %s\n", std::string(command).c_str(), SystemErrorText(st, text, sizeof text));
     return nullptr;

@@ -26,7 +26,7 @@ bool IsPool(const std::string& name) { return name.rfind("pool.", 0) == 0 || nam
 
 std::string Setting(const char* value, const std::string& fallback) {
   char buf[1024];
-  reg_get_string(defaults::kW32TimeParametersKey, value, buf, sizeof buf, "\x01");
+  reg_get_string(reg_local(), defaults::kW32TimeParametersKey, value, buf, sizeof buf, "\x01");
   return buf[0] == '\x01' ? fallback : buf;
 }
 

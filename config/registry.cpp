@@ -15,8 +15,6 @@
 #include "platform/os.h"
 #include "platform/text.h"
 
-platform::RegKey g_reg_root = platform::RegLocalMachine();
-char g_target_machine[128] = {};
 std::uint32_t g_reg_extra_access = 0;
 
 namespace {
@@ -53,41 +51,49 @@ bool IsStringType(std::uint32_t type) {
   return type == platform::kRegSz || type == platform::kRegExpandSz || type == platform::kRegMultiSz;
 }
 
-void SecureKey(const std::string& path, std::span<const platform::RegAce> dacl) {
+void SecureKey(const RegTarget& t, const std::string& path, std::span<const platform::RegAce> dacl) {
   Key key;
-  if (platform::RegCreateKey(g_reg_root, path, platform::kMaximumAllowed | g_reg_extra_access, key.h) != 0) return;
+  if (platform::RegCreateKey(t.root(), path, platform::kMaximumAllowed | g_reg_extra_access, key.h) != 0) return;
   platform::RegSetKeySecurity(key.h, dacl);
   std::array<char, kSubkeyNameSize> sub{};
   for (std::uint32_t i = 0; platform::RegEnumKey(key.h, i, sub.data(), static_cast<std::uint32_t>(sub.size())) == 0; ++i)
-    SecureKey(path + "\\" + sub.data(), dacl);
+    SecureKey(t, path + "\\" + sub.data(), dacl);
 }
 
 }  // namespace
 
-int reg_connect_target(const char* machine) {
-  if (g_reg_root != platform::RegLocalMachine()) {
-    platform::RegCloseKey(g_reg_root);
-    g_reg_root = platform::RegLocalMachine();
+RegTarget& RegTarget::operator=(RegTarget&& other) noexcept {
+  if (this != &other) {
+    if (root_ != platform::RegLocalMachine()) platform::RegCloseKey(root_);
+    root_ = std::exchange(other.root_, platform::RegLocalMachine());
+    name_ = std::exchange(other.name_, std::string());
   }
-  std::memset(g_target_machine, 0, sizeof g_target_machine);
+  return *this;
+}
+
+RegTarget::~RegTarget() {
+  if (root_ != platform::RegLocalMachine()) platform::RegCloseKey(root_);
+}
+
+const RegTarget& reg_local() {
+  static const RegTarget local;
+  return local;
+}
+
+int reg_open_target(const char* machine, RegTarget& target) {
+  target = RegTarget();
   if (!machine || !*machine) return Done(0), 1;
-  std::snprintf(g_target_machine, sizeof g_target_machine, "%s", machine);
-
-  char unc[128] = {};
-  if (machine[0] == '\\' && machine[1] == '\\') std::snprintf(unc, sizeof unc, "%s", machine);
-  else std::snprintf(unc, sizeof unc, "\\\\%s", machine);
-  const std::string local = "\\\\" + platform::ComputerName();
-  if (platform::EqualsNoCase(local, unc)) return Done(0), 1;
-
+  const std::string unc = machine[0] == '\\' && machine[1] == '\\' ? std::string(machine) : "\\\\" + std::string(machine);
+  target.name_ = machine;
+  if (platform::EqualsNoCase(unc, "\\\\" + platform::ComputerName())) return Done(0), 1;
   RegKey remote = nullptr;
   const std::uint32_t status = platform::RegConnectRegistry(unc, platform::IsNtFamily(), remote);
-  if (status == 0) {
-    g_reg_root = remote;
-    return Done(0), 1;
+  if (status != 0) {
+    target.name_.clear();
+    return Done(status), 0;
   }
-  std::memset(g_target_machine, 0, sizeof g_target_machine);
-  platform::SetLastError(status);
-  return 0;
+  target.root_ = remote;
+  return Done(0), 1;
 }
 
 char* reg_key_path(const char* path, char* buf, std::uint32_t size) {
@@ -107,86 +113,86 @@ char* reg_key_path(const char* path, char* buf, std::uint32_t size) {
   return buf;
 }
 
-std::uint32_t reg_open_read(const char* path, platform::RegKey& key) {
+std::uint32_t reg_open_read(const RegTarget& t, const char* path, platform::RegKey& key) {
   key = nullptr;
   std::string p;
   if (!Translate(path, p)) return platform::LastError();
-  const std::uint32_t st = platform::RegOpenKey(g_reg_root, p, platform::kKeyRead | g_reg_extra_access, key);
+  const std::uint32_t st = platform::RegOpenKey(t.root(), p, platform::kKeyRead | g_reg_extra_access, key);
   platform::SetLastError(st);
   return st;
 }
 
-std::uint32_t reg_open_write(const char* path, platform::RegKey& key) {
+std::uint32_t reg_open_write(const RegTarget& t, const char* path, platform::RegKey& key) {
   key = nullptr;
   std::string p;
   if (!Translate(path, p)) return platform::LastError();
-  const std::uint32_t st = platform::RegCreateKey(g_reg_root, p, kAccessWrite | g_reg_extra_access, key);
+  const std::uint32_t st = platform::RegCreateKey(t.root(), p, kAccessWrite | g_reg_extra_access, key);
   platform::SetLastError(st);
   return st;
 }
 
-int reg_key_exists(const char* path) {
+int reg_key_exists(const RegTarget& t, const char* path) {
   Key key;
-  return reg_open_read(path, key.h) == 0 ? 1 : 0;
+  return reg_open_read(t, path, key.h) == 0 ? 1 : 0;
 }
 
-std::uint32_t reg_readable(const char* path) {
+std::uint32_t reg_readable(const RegTarget& t, const char* path) {
   Key key;
-  const std::uint32_t st = reg_open_read(path, key.h);
+  const std::uint32_t st = reg_open_read(t, path, key.h);
   if (st != 0 && st != platform::kErrorFileNotFound && st != platform::kErrorPathNotFound) return st;
   // Keys that open do not make a sound store: a damaged page elsewhere would read as defaults.
   platform::RegistryStoreReport report;
-  const std::uint32_t check = platform::RegistryStoreCheck(g_target_machine, true, report);
+  const std::uint32_t check = platform::RegistryStoreCheck(t.name().c_str(), true, report);
   return check == platform::kErrorRegistryCorrupt ? check : 0;
 }
 
-int reg_write_value(const char* path, const char* name, const void* data, std::uint32_t type, std::uint32_t size) {
+int reg_write_value(const RegTarget& t, const char* path, const char* name, const void* data, std::uint32_t type, std::uint32_t size) {
   Key key;
-  if (reg_open_write(path, key.h) != 0) return 0;
+  if (reg_open_write(t, path, key.h) != 0) return 0;
   if (data && size) return Done(platform::RegSetValue(key.h, name, type, data, size));
   return Done(platform::RegDeleteValue(key.h, name));
 }
 
-int reg_set_string(const char* path, const char* name, const char* value) {
-  if (!value) return reg_write_value(path, name, nullptr, platform::kRegSz, 0);
-  return reg_write_value(path, name, value, platform::kRegSz, static_cast<std::uint32_t>(std::strlen(value) + 1));
+int reg_set_string(const RegTarget& t, const char* path, const char* name, const char* value) {
+  if (!value) return reg_write_value(t, path, name, nullptr, platform::kRegSz, 0);
+  return reg_write_value(t, path, name, value, platform::kRegSz, static_cast<std::uint32_t>(std::strlen(value) + 1));
 }
 
-void reg_set_string_fmt(const char* path, const char* name, const char* format, ...) {
+void reg_set_string_fmt(const RegTarget& t, const char* path, const char* name, const char* format, ...) {
   std::vector<char> buf(defaults::kRegFormatSize + 1, '\0');
   va_list args;
   va_start(args, format);
   std::vsnprintf(buf.data(), buf.size(), format, args);
   va_end(args);
-  reg_set_string(path, name, buf.data());
+  reg_set_string(t, path, name, buf.data());
 }
 
-int reg_delete_value(const char* path, const char* name) { return reg_write_value(path, name, nullptr, 0, 0); }
+int reg_delete_value(const RegTarget& t, const char* path, const char* name) { return reg_write_value(t, path, name, nullptr, 0, 0); }
 
-int reg_set_binary(const char* path, const char* name, const void* data, std::uint32_t size) {
-  return reg_write_value(path, name, data, platform::kRegBinary, size);
+int reg_set_binary(const RegTarget& t, const char* path, const char* name, const void* data, std::uint32_t size) {
+  return reg_write_value(t, path, name, data, platform::kRegBinary, size);
 }
 
-int reg_set_dword(const char* path, const char* name, std::uint32_t value) {
+int reg_set_dword(const RegTarget& t, const char* path, const char* name, std::uint32_t value) {
   const std::array<std::uint8_t, 4> le{static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8),
                                        static_cast<std::uint8_t>(value >> 16), static_cast<std::uint8_t>(value >> 24)};
-  return reg_write_value(path, name, le.data(), platform::kRegDword, 4);
+  return reg_write_value(t, path, name, le.data(), platform::kRegDword, 4);
 }
 
-int reg_set_bool(const char* path, const char* name, int flag) {
-  return flag ? reg_write_value(path, name, "True", platform::kRegSz, 5)
-              : reg_write_value(path, name, "False", platform::kRegSz, 6);
+int reg_set_bool(const RegTarget& t, const char* path, const char* name, int flag) {
+  return flag ? reg_write_value(t, path, name, "True", platform::kRegSz, 5)
+              : reg_write_value(t, path, name, "False", platform::kRegSz, 6);
 }
 
-int reg_get_binary(const char* path, const char* name, void* buf, std::uint32_t size) {
+int reg_get_binary(const RegTarget& t, const char* path, const char* name, void* buf, std::uint32_t size) {
   if (buf && size) std::memset(buf, 0, size);
   Key key;
-  if (reg_open_read(path, key.h) != 0) return 0;
+  if (reg_open_read(t, path, key.h) != 0) return 0;
   std::uint32_t n = size;
   return Done(platform::RegQueryValue(key.h, name, nullptr, buf, &n));
 }
 
-int reg_get_string(const char* path, const char* name, char* buf, std::uint32_t size, const char* def) {
+int reg_get_string(const RegTarget& t, const char* path, const char* name, char* buf, std::uint32_t size, const char* def) {
   if (!buf || size == 0) return Done(87), 0;
   const auto fill_default = [&] {
     std::memset(buf, 0, size);
@@ -195,7 +201,7 @@ int reg_get_string(const char* path, const char* name, char* buf, std::uint32_t 
   };
   fill_default();
   Key key;
-  if (reg_open_read(path, key.h) != 0) return 0;
+  if (reg_open_read(t, path, key.h) != 0) return 0;
   std::uint32_t n = size - 1;
   const std::uint32_t st = platform::RegQueryValue(key.h, name, nullptr, buf, &n);
   if (st != 0) {
@@ -207,9 +213,9 @@ int reg_get_string(const char* path, const char* name, char* buf, std::uint32_t 
   return Done(0), 1;
 }
 
-char* reg_get_string_alloc(const char* path, const char* name, char* def) {
+char* reg_get_string_alloc(const RegTarget& t, const char* path, const char* name, char* def) {
   Key key;
-  if (reg_open_read(path, key.h) != 0) return def;
+  if (reg_open_read(t, path, key.h) != 0) return def;
   std::uint32_t size = 0;
   std::uint32_t st = platform::RegQueryValue(key.h, name, nullptr, nullptr, &size);
   if (st != 0 && st != platform::kErrorMoreData) return platform::SetLastError(st), def;
@@ -235,46 +241,46 @@ void reg_free_string(char* s, const char* def) {
   if (s && s != def) std::free(s);
 }
 
-std::uint32_t reg_get_dword(const char* path, const char* name, std::uint32_t def) {
+std::uint32_t reg_get_dword(const RegTarget& t, const char* path, const char* name, std::uint32_t def) {
   Key key;
-  if (reg_open_read(path, key.h) != 0) return def;
+  if (reg_open_read(t, path, key.h) != 0) return def;
   std::array<std::uint8_t, 4> le{};
   std::uint32_t n = 4;
   if (!Done(platform::RegQueryValue(key.h, name, nullptr, le.data(), &n))) return def;
   return le[0] | (le[1] << 8) | (le[2] << 16) | (static_cast<std::uint32_t>(le[3]) << 24);
 }
 
-int reg_get_bool(const char* path, const char* name, int def) {
-  const std::uint32_t v = reg_get_dword(path, name, kBoolSentinel);
+int reg_get_bool(const RegTarget& t, const char* path, const char* name, int def) {
+  const std::uint32_t v = reg_get_dword(t, path, name, kBoolSentinel);
   if (v == 0 || v == '0' || v == 'F' || v == 'N' || v == 'f' || v == 'n') return 0;
   if (v != kBoolSentinel) return 1;
-  char* text = reg_get_string_alloc(path, name, nullptr);
+  char* text = reg_get_string_alloc(t, path, name, nullptr);
   if (!text) return def;
   const char c = text[0];
   reg_free_string(text, nullptr);
   return c == 't' || c == 'T' || c == '1' || c == 'y' || c == 'Y' ? 1 : 0;
 }
 
-int reg_enum_value(const char* path, char* name, std::uint32_t name_size, void* data, std::uint32_t data_size,
+int reg_enum_value(const RegTarget& t, const char* path, char* name, std::uint32_t name_size, void* data, std::uint32_t data_size,
                    std::uint32_t* type, std::uint32_t index) {
   if (name && name_size) std::memset(name, 0, name_size);
   if (data && data_size) std::memset(data, 0, data_size);
   if (!name || !name_size) return Done(87), 0;
   Key key;
-  if (reg_open_read(path, key.h) != 0) return 0;
-  std::uint32_t n = name_size, d = data_size, t = 0;
-  const std::uint32_t st = platform::RegEnumValue(key.h, index, name, &n, &t, data, data ? &d : nullptr);
+  if (reg_open_read(t, path, key.h) != 0) return 0;
+  std::uint32_t n = name_size, d = data_size, found = 0;
+  const std::uint32_t st = platform::RegEnumValue(key.h, index, name, &n, &found, data, data ? &d : nullptr);
   if (!Done(st)) return 0;
   name[n < name_size ? n : name_size - 1] = '\0';
-  if (type) *type = t;
-  if (data && data_size && IsStringType(t)) static_cast<char*>(data)[d < data_size ? d : data_size - 1] = '\0';
+  if (type) *type = found;
+  if (data && data_size && IsStringType(found)) static_cast<char*>(data)[d < data_size ? d : data_size - 1] = '\0';
   return 1;
 }
 
-int reg_delete_key(const char* path) {
+int reg_delete_key(const RegTarget& t, const char* path) {
   std::string p;
   if (!Translate(path, p)) return 0;
-  return Done(platform::RegDeleteKey(g_reg_root, p)) ? 1 : 0;
+  return Done(platform::RegDeleteKey(t.root(), p)) ? 1 : 0;
 }
 
 bool reg_sid_text(const void* sid, std::uint32_t extra_rid, char* text, std::uint32_t size) {
@@ -304,7 +310,7 @@ bool reg_sid_text(const void* sid, std::uint32_t extra_rid, char* text, std::uin
   return true;
 }
 
-void reg_secure_tree(const char* path, const void* domain_sid, int everyone_full) {
+void reg_secure_tree(const RegTarget& t, const char* path, const void* domain_sid, int everyone_full) {
   if (!platform::IsNtFamily()) return;
   using platform::RegAce;
   std::vector<RegAce> dacl;
@@ -317,18 +323,18 @@ void reg_secure_tree(const char* path, const void* domain_sid, int everyone_full
     dacl.push_back(RegAce{platform::kAceAccessAllowed, platform::kAceInherit, platform::kGenericAll, sid});
   std::string p;
   if (!Translate(path, p)) return;
-  SecureKey(p, dacl);
+  SecureKey(t, p, dacl);
 }
 
-std::uint32_t reg_target_architecture() {
-  char* type = reg_get_string_alloc("\\\\System\\CurrentControlSet\\Control\\ProductOptions", "ProductType", nullptr);
+std::uint32_t reg_target_architecture(const RegTarget& t) {
+  char* type = reg_get_string_alloc(t, "\\\\System\\CurrentControlSet\\Control\\ProductOptions", "ProductType", nullptr);
   if (!type || !*type) {
     const std::uint32_t err = platform::LastError();
     reg_free_string(type, nullptr);
     return err == platform::kErrorFileNotFound || err == platform::kErrorPathNotFound ? kArchNoProductType : kArchUnknown;
   }
   reg_free_string(type, nullptr);
-  char* arch = reg_get_string_alloc("\\\\System\\CurrentControlSet\\Control\\Session Manager\\Environment",
+  char* arch = reg_get_string_alloc(t, "\\\\System\\CurrentControlSet\\Control\\Session Manager\\Environment",
                                     "PROCESSOR_ARCHITECTURE", nullptr);
   if (!arch) return kArchUnknown;
   for (char* c = arch; *c; ++c) *c = static_cast<char>(std::tolower(static_cast<unsigned char>(*c)));

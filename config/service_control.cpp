@@ -153,12 +153,12 @@ std::uint32_t TriggerResync(const ServiceOwner*, const char* machine, std::uint3
   return result;
 }
 
-int RegisterTimeServiceProgram(const char* program, bool by_install) {
+int RegisterTimeServiceProgram(const RegTarget& t, const char* program, bool by_install) {
   const char* key = defaults::kW32TimeServiceKey;
-  if (!reg_set_string(key, "ImagePath", program)) return 0;
-  if (reg_get_dword(key, "Start", 0) == 0) reg_set_dword(key, "Start", 2);
-  if (!reg_set_string(key, "SystemdUnit", defaults::kHostSystemdUnit)) return 0;
-  return by_install ? reg_set_string(key, defaults::kHostInstalledMark, defaults::kHostInstalledBy) : 1;
+  if (!reg_set_string(t, key, "ImagePath", program)) return 0;
+  if (reg_get_dword(t, key, "Start", 0) == 0) reg_set_dword(t, key, "Start", 2);
+  if (!reg_set_string(t, key, "SystemdUnit", defaults::kHostSystemdUnit)) return 0;
+  return by_install ? reg_set_string(t, key, defaults::kHostInstalledMark, defaults::kHostInstalledBy) : 1;
 }
 
 bool HostLoadsProviderModule(const char* dll_name) {
@@ -168,12 +168,12 @@ bool HostLoadsProviderModule(const char* dll_name) {
   return *file && !platform::EqualsNoCase(file, "w32time.dll");
 }
 
-std::vector<std::string> TimeProviderNames() {
+std::vector<std::string> TimeProviderNames(const RegTarget& t) {
   std::vector<std::string> names;
   platform::RegKey key = nullptr;
   char path[512];
   reg_key_path(defaults::kTimeProvidersKey, path, sizeof path);
-  if (platform::RegOpenKey(g_reg_root, path, platform::kKeyRead, key) != 0) return names;
+  if (platform::RegOpenKey(t.root(), path, platform::kKeyRead, key) != 0) return names;
   char name[260];
   for (std::uint32_t i = 0; platform::RegEnumKey(key, i, name, sizeof name) == 0; ++i) names.emplace_back(name);
   platform::RegCloseKey(key);
@@ -182,24 +182,25 @@ std::vector<std::string> TimeProviderNames() {
 
 namespace {
 
-// Whether an enabled provider of the connected registry is one the host loads.
-bool HostHasProviders() {
-  for (const std::string& n : TimeProviderNames()) {
+// Whether an enabled provider of the target is one the host loads.
+bool HostHasProviders(const RegTarget& t) {
+  for (const std::string& n : TimeProviderNames(t)) {
     const std::string provider = std::string(defaults::kTimeProvidersKey) + "\\" + n;
     char dll[260];
-    reg_get_string(provider.c_str(), "DllName", dll, sizeof dll, "");
-    if (reg_get_dword(provider.c_str(), "Enabled", 0) != 0 && HostLoadsProviderModule(dll)) return true;
+    reg_get_string(t, provider.c_str(), "DllName", dll, sizeof dll, "");
+    if (reg_get_dword(t, provider.c_str(), "Enabled", 0) != 0 && HostLoadsProviderModule(dll)) return true;
   }
   return false;
 }
 
 }  // namespace
 
-int UnregisterTimeServiceProgram(const ServiceOwner* owner, const char* machine) {
+int UnregisterTimeServiceProgram(const ServiceOwner* owner, const RegTarget& t) {
+  const char* machine = t.name().c_str();
   const char* key = defaults::kW32TimeServiceKey;
   char mark[64];
-  reg_get_string(key, defaults::kHostInstalledMark, mark, sizeof mark, "");
-  if (std::strcmp(mark, defaults::kHostInstalledBy) != 0 || HostHasProviders()) return 0;
+  reg_get_string(t, key, defaults::kHostInstalledMark, mark, sizeof mark, "");
+  if (std::strcmp(mark, defaults::kHostInstalledBy) != 0 || HostHasProviders(t)) return 0;
   if (!ControlTimeService(owner, machine, kServiceOpStop, 1)) {
     // A service that is not running has nothing to stop.
     const std::uint32_t err = platform::LastError();
@@ -213,7 +214,7 @@ int UnregisterTimeServiceProgram(const ServiceOwner* owner, const char* machine)
       return -1;
   }
   for (const char* value : {"ImagePath", "SystemdUnit", defaults::kHostInstalledMark})
-    if (!reg_set_string(key, value, nullptr)) return -1;
+    if (!reg_set_string(t, key, value, nullptr)) return -1;
   platform::SetLastError(0);
   return 1;
 }

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "config/registry.h"
+
 // Operation codes of ControlTimeService (any other code is sent unchanged as a control code).
 inline constexpr std::uint32_t kServiceOpStop = 1;               // stop and wait until stopped
 inline constexpr std::uint32_t kServiceOpQuery = 4;              // success if running; nothing sent
@@ -36,24 +38,24 @@ int ControlTimeService(const ServiceOwner* owner, const char* machine, std::uint
 // Stops (up to 100 polls of 100 ms) and starts (likewise) the named service. 1 if it ends up running.
 int RestartService(const ServiceOwner* owner, const char* machine, const char* service);
 // Makes program (a command line: the Linux host daemon and its arguments) the time service
-// "W32Time" of the machine the registry is connected to: its ImagePath (the supervisor runs it),
+// "W32Time" of the target machine: its ImagePath (the supervisor runs it),
 // its SystemdUnit (systemd starts that unit) and, when it has none, start type automatic. by_install
 // also marks it as install's doing, for remove to undo. Windows has its own time service and never
 // calls this. 1 success / 0 failure (last error: the code).
-int RegisterTimeServiceProgram(const char* program, bool by_install = false);
-// The names of the time providers registered under W32Time\TimeProviders of the connected registry
+int RegisterTimeServiceProgram(const RegTarget& t, const char* program, bool by_install = false);
+// The names of the time providers registered under W32Time\TimeProviders of the target
 // (none when the key cannot be read).
-std::vector<std::string> TimeProviderNames();
+std::vector<std::string> TimeProviderNames(const RegTarget& t);
 // Whether the Linux host loads a time provider registered with this "DllName": a module of its own;
 // the time service's built-in providers (no module, or w32time.dll) are chronyd's part.
 bool HostLoadsProviderModule(const char* dll_name);
-// Undoes install's RegisterTimeServiceProgram on machine (connected in the registry layer) once the
+// Undoes install's RegisterTimeServiceProgram on the target machine once the
 // host serves nothing: when the W32Time key carries install's mark and no enabled provider under
 // TimeProviders is one the host loads, stops the service (waiting as kServiceOpStop does), makes it
 // start manually (systemd: disables the unit) and removes ImagePath, SystemdUnit and the mark.
 // Returns 1 when it did, 0 when there was nothing to undo, -1 on a failure (last error: the code;
 // the registration stays, so that remove can be run again).
-int UnregisterTimeServiceProgram(const ServiceOwner* owner, const char* machine);
+int UnregisterTimeServiceProgram(const ServiceOwner* owner, const RegTarget& t);
 // Asks the time service of machine to synchronise now (W32TimeSyncNow; Linux: chrony's burst, and
 // with sync flags bit 0x1, a hard resync, also makestep). wait non-zero waits for the outcome.
 // Returns what the service answered (0 accepted), or 1 when it could not be asked at all.

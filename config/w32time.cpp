@@ -70,9 +70,9 @@ bool ModeToken(const char* t, std::size_t len, std::uint32_t& value) {
   return true;
 }
 
-void LoadModuleProbe(W32tSettings& s) {
+void LoadModuleProbe(const RegTarget& t, W32tSettings& s) {
   char name[256];
-  reg_get_string(kComputerNameKey, "ComputerName", name, sizeof name, g_w32t_env.computer_name);
+  reg_get_string(t, kComputerNameKey, "ComputerName", name, sizeof name, g_w32t_env.computer_name);
   char path[512];
   if (!platform::EqualsNoCase(name, g_w32t_env.computer_name))
     std::snprintf(path, sizeof path, "\\\\%s\\admin$\\system32\\%s", name, defaults::kModuleFileName);
@@ -137,20 +137,20 @@ bool LevelHolds(W32tWhen when, std::uint32_t level) {
   return level >= kOsWinXp;
 }
 
-void LoadField(W32tSettings& s, const W32tField& f) {
+void LoadField(const RegTarget& t, W32tSettings& s, const W32tField& f) {
   switch (f.store) {
     case W32tStore::Dword:
-      w32t_number(s, f) = reg_get_dword(f.key, f.value, f.def);
+      w32t_number(s, f) = reg_get_dword(t, f.key, f.value, f.def);
       break;
     case W32tStore::Bool:
-      w32t_number(s, f) = reg_get_bool(f.key, f.value, int(f.def));
+      w32t_number(s, f) = reg_get_bool(t, f.key, f.value, int(f.def));
       break;
     case W32tStore::String:
-      reg_get_string(f.key, f.value, w32t_chars(s, f), std::uint32_t(f.size), f.def_text);
+      reg_get_string(t, f.key, f.value, w32t_chars(s, f), std::uint32_t(f.size), f.def_text);
       break;
     case W32tStore::TypeText: {
       char type[260];
-      reg_get_string(f.key, f.value, type, sizeof type, f.def_text);
+      reg_get_string(t, f.key, f.value, type, sizeof type, f.def_text);
       s.sync_type = w32t_type_from_text(type);
       if (s.sync_type == kW32tNotTouched || s.sync_type == kW32tDisabled || s.sync_type == kW32tUnknownType)
         s.sync_type = f.def;
@@ -158,7 +158,7 @@ void LoadField(W32tSettings& s, const W32tField& f) {
     }
     case W32tStore::ServerList: {
       char empty[1] = {};
-      char* list = reg_get_string_alloc(f.key, f.value, empty);
+      char* list = reg_get_string_alloc(t, f.key, f.value, empty);
       w32t_parse_servers(list, s);
       reg_free_string(list, empty);
       break;
@@ -169,18 +169,18 @@ void LoadField(W32tSettings& s, const W32tField& f) {
 }
 
 // 1 when stored (a field that is not written counts as stored), 0 with the last error.
-int SaveField(const W32tSettings& s, const W32tField& f, std::uint32_t level) {
+int SaveField(const RegTarget& t, const W32tSettings& s, const W32tField& f, std::uint32_t level) {
   switch (f.store) {
     case W32tStore::Dword:
-      return reg_set_dword(f.key, f.value, w32t_number(s, f));
+      return reg_set_dword(t, f.key, f.value, w32t_number(s, f));
     case W32tStore::Bool:
-      return reg_set_bool(f.key, f.value, w32t_number(s, f) != 0);
+      return reg_set_bool(t, f.key, f.value, w32t_number(s, f) != 0);
     case W32tStore::String:
-      return reg_set_string(f.key, f.value, w32t_chars(s, f));
+      return reg_set_string(t, f.key, f.value, w32t_chars(s, f));
     case W32tStore::TypeText:
-      return reg_set_string(f.key, f.value, w32t_type_text(s.sync_type));
+      return reg_set_string(t, f.key, f.value, w32t_type_text(s.sync_type));
     case W32tStore::ServerList:
-      return reg_set_string(f.key, f.value, w32t_server_list_text(s, level).c_str());
+      return reg_set_string(t, f.key, f.value, w32t_server_list_text(s, level).c_str());
     case W32tStore::None:
       break;
   }
@@ -262,23 +262,23 @@ std::uint32_t w32t_number(const W32tSettings& s, const W32tField& f) {
 
 const char* w32t_chars(const W32tSettings& s, const W32tField& f) { return w32t_chars(const_cast<W32tSettings&>(s), f); }
 
-std::uint32_t w32t_load(W32tSettings& s) {
-  if (const std::uint32_t st = reg_readable(kW32TimeKey)) {
+std::uint32_t w32t_load(const RegTarget& t, W32tSettings& s) {
+  if (const std::uint32_t st = reg_readable(t, kW32TimeKey)) {
     platform::SetLastError(st);
     return st;
   }
   const std::uint32_t level = g_w32t_env.level;
   s.module_present = kModuleNotProbed;
   for (const W32tField& f : kFields)
-    if (LevelHolds(f.when, level) && f.store != W32tStore::None) LoadField(s, f);
+    if (LevelHolds(f.when, level) && f.store != W32tStore::None) LoadField(t, s, f);
   if (level == kOsWin2000) s.service_installed = 0;
   if (level < kOsWinXp) return 0;
   s.file_logging_on = s.file_log_size != 0 && s.file_log_entries[0] && s.file_log_name[0];
-  LoadModuleProbe(s);
+  LoadModuleProbe(t, s);
   return 0;
 }
 
-std::uint32_t w32t_save(const W32tSettings& s, int register_flag) {
+std::uint32_t w32t_save(const RegTarget& t, const W32tSettings& s, int register_flag) {
   // Every value is written even after one failed; the first failure is what the save reports.
   std::uint32_t first = 0;
   const auto kept = [&first](int stored) {
@@ -286,62 +286,62 @@ std::uint32_t w32t_save(const W32tSettings& s, int register_flag) {
   };
   const std::uint32_t level = g_w32t_env.level;
   if (level >= kOsWinXp && register_flag) {
-    kept(reg_set_bool(kProviderKey, "Service Installed", 1));
-    kept(reg_set_string(kProviderKey, "Current Version", defaults::kProductVersion));
-    kept(reg_set_dword(kProviderKey, "OEMID", defaults::kProviderOemId));
-    kept(reg_set_string(kProviderKey, "DllName", defaults::kModuleFileName));
-    kept(reg_set_dword(kCategoryKey1, defaults::kCplCategoryValue, defaults::kCplCategory));
-    kept(reg_set_dword(kCategoryKey2, defaults::kCplCategoryValue, defaults::kCplCategory));
+    kept(reg_set_bool(t, kProviderKey, "Service Installed", 1));
+    kept(reg_set_string(t, kProviderKey, "Current Version", defaults::kProductVersion));
+    kept(reg_set_dword(t, kProviderKey, "OEMID", defaults::kProviderOemId));
+    kept(reg_set_string(t, kProviderKey, "DllName", defaults::kModuleFileName));
+    kept(reg_set_dword(t, kCategoryKey1, defaults::kCplCategoryValue, defaults::kCplCategory));
+    kept(reg_set_dword(t, kCategoryKey2, defaults::kCplCategoryValue, defaults::kCplCategory));
   } else if (level >= kOsWinXp) {
-    reg_delete_key(kProviderKey);
-    reg_delete_value(kCategoryKey1, defaults::kCplCategoryValue);
-    reg_delete_value(kCategoryKey2, defaults::kCplCategoryValue);
+    reg_delete_key(t, kProviderKey);
+    reg_delete_value(t, kCategoryKey1, defaults::kCplCategoryValue);
+    reg_delete_value(t, kCategoryKey2, defaults::kCplCategoryValue);
   }
   for (const W32tField& f : kFields) {
     if (f.read_only && f.store != W32tStore::ServerList) continue;   // the servers change through their names
     if (!LevelHolds(f.when, level)) continue;
     if (f.when == W32tWhen::Registered && !register_flag) continue;
     if (f.when == W32tWhen::FileLog && !s.file_logging_on) {
-      reg_delete_value(f.key, f.value);
+      reg_delete_value(t, f.key, f.value);
       continue;
     }
-    kept(SaveField(s, f, level));
+    kept(SaveField(t, s, f, level));
   }
   return first;
 }
 
-void w32t_secure_keys() {
+void w32t_secure_keys(const RegTarget& t) {
   for (const char* key : {kW32TimeKey, kParametersKey, kConfigKey, kTimeProvidersKey, kNtpClientKey, kNtpServerKey,
                           kProviderKey})
-    if (reg_key_exists(key)) reg_secure_tree(key, nullptr, 1);
+    if (reg_key_exists(t, key)) reg_secure_tree(t, key, nullptr, 1);
 }
 
-std::uint32_t w32t_installed_product() {
-  if (reg_get_bool(kKaironServerKey, "Service Installed", 0)) return kProductKaironServer;
-  if (!reg_get_bool(kKaironClientKey, "Service Installed", 0)) return kProductNone;
-  if (reg_get_bool(kKaironClientKey, "Thin Client", 0)) return kProductKaironThinClient;
-  if (reg_get_bool(kKaironClientKey, "Ultra Thin Client", 0)) return kProductKaironUltraThinClient;
+std::uint32_t w32t_installed_product(const RegTarget& t) {
+  if (reg_get_bool(t, kKaironServerKey, "Service Installed", 0)) return kProductKaironServer;
+  if (!reg_get_bool(t, kKaironClientKey, "Service Installed", 0)) return kProductNone;
+  if (reg_get_bool(t, kKaironClientKey, "Thin Client", 0)) return kProductKaironThinClient;
+  if (reg_get_bool(t, kKaironClientKey, "Ultra Thin Client", 0)) return kProductKaironUltraThinClient;
   return kProductKaironClient;
 }
 
-int w32t_kairon_service_disabled() {
-  return reg_get_dword(kKaironServerService, "Start", 2) == kServiceDisabled ||
-         reg_get_dword(kKaironClientService, "Start", 2) == kServiceDisabled;
+int w32t_kairon_service_disabled(const RegTarget& t) {
+  return reg_get_dword(t, kKaironServerService, "Start", 2) == kServiceDisabled ||
+         reg_get_dword(t, kKaironClientService, "Start", 2) == kServiceDisabled;
 }
 
-int w32t_kairon_serves_ntp() {
-  if (w32t_kairon_service_disabled()) return 0;
-  if (w32t_installed_product() != kProductKaironServer) return 0;
-  return reg_get_bool(kKaironProtocolsKey, "NTP/SNTP (RFC 1769)", 0);
+int w32t_kairon_serves_ntp(const RegTarget& t) {
+  if (w32t_kairon_service_disabled(t)) return 0;
+  if (w32t_installed_product(t) != kProductKaironServer) return 0;
+  return reg_get_bool(t, kKaironProtocolsKey, "NTP/SNTP (RFC 1769)", 0);
 }
 
-int w32t_forced_disable() {
-  return reg_get_bool(kKaironClientKey, "Force Chronwarden Disable", 0) ||
-         reg_get_bool(kKaironServerKey, "Force Chronwarden Disable", 0);
+int w32t_forced_disable(const RegTarget& t) {
+  return reg_get_bool(t, kKaironClientKey, "Force Chronwarden Disable", 0) ||
+         reg_get_bool(t, kKaironServerKey, "Force Chronwarden Disable", 0);
 }
 
-int w32t_apply_coexistence(W32tSettings& s) {
-  if (w32t_forced_disable()) {
+int w32t_apply_coexistence(const RegTarget& t, W32tSettings& s) {
+  if (w32t_forced_disable(t)) {
     if (s.provider_enabled == 0) return 0;
     s.provider_enabled = 0;
     return 1;
@@ -353,11 +353,11 @@ int w32t_apply_coexistence(W32tSettings& s) {
   return 0;
 }
 
-void w32t_environment_init() {
+void w32t_environment_init(const RegTarget& t) {
   if (g_os.level == 0) os_identify();
   g_w32t_env.level = g_os.level;
-  g_w32t_env.installed_product = w32t_installed_product();
-  g_w32t_env.kairon_disabled = g_w32t_env.installed_product != kProductNone && w32t_kairon_service_disabled();
+  g_w32t_env.installed_product = w32t_installed_product(t);
+  g_w32t_env.kairon_disabled = g_w32t_env.installed_product != kProductNone && w32t_kairon_service_disabled(t);
   if (!g_w32t_env.system_dir[0]) {
     std::snprintf(g_w32t_env.system_dir, 129, "%.127s\\", platform::SystemDirectory().c_str());
     std::snprintf(g_w32t_env.computer_name, 129, "%.127s", platform::ComputerName().c_str());

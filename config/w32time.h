@@ -12,6 +12,8 @@
 #include <span>
 #include <string>
 
+#include "config/registry.h"
+
 // Sync type codes (the service's "Type" value).
 inline constexpr std::uint32_t kW32tNotTouched = 0;
 inline constexpr std::uint32_t kW32tNoSync = 1;
@@ -125,11 +127,11 @@ extern W32tEnvironment g_w32t_env;
 
 // Fills every field from the registry (defaults for values that are missing): 0, or the registry's
 // error when the store cannot be read (a damaged store is never taken for defaults: s is untouched).
-std::uint32_t w32t_load(W32tSettings& s);
-// Writes every value back (register_flag 1 also (re)registers the provider, 0 removes it): 0, or the
-// registry's error of the first write that failed (the others are still tried). Locally the NTP
-// client then takes the servers; its outcome is left in the last error.
-[[nodiscard]] std::uint32_t w32t_save(const W32tSettings& s, int register_flag);
+std::uint32_t w32t_load(const RegTarget& t, W32tSettings& s);
+// Writes every value back to the target (register_flag 1 also (re)registers the provider, 0 removes it): 0, or the
+// registry's error of the first write that failed (the others are still tried). The NTP client is
+// not told: callers hand the servers to it (chrony_apply_settings) on the local machine.
+[[nodiscard]] std::uint32_t w32t_save(const RegTarget& t, const W32tSettings& s, int register_flag);
 // The "NTPServer" text: servers separated by spaces or commas, each optionally followed by its mode
 // flags token ("0xH" or "0xHH"); at most six servers, names cut to 63 characters, flags 1 when absent.
 void w32t_parse_servers(const char* list, W32tSettings& s);
@@ -138,10 +140,10 @@ std::string w32t_server_list_text(const W32tSettings& s, std::uint32_t level);
 std::uint32_t w32t_type_from_text(const char* text);    // sync type code of a "Type" text; 255 when unknown
 const char* w32t_type_text(std::uint32_t type);         // "Type" text of a code; unknown codes give "NTP"
 int w32t_hex_digit(int c);                              // value 0-15 of a hexadecimal digit; other characters unchanged
-void w32t_secure_keys();                                // Everyone full access on the existing W32Time keys
-std::uint32_t w32t_installed_product();                 // kProduct... code of the target machine
-int w32t_kairon_service_disabled();                     // 1 if a Kairon service's "Start" is 4 (disabled)
-int w32t_kairon_serves_ntp();                           // 1 if Kairon Server is installed, enabled and serves NTP/SNTP
-int w32t_forced_disable();                              // 1 if a Kairon product forces this provider off
-int w32t_apply_coexistence(W32tSettings& s);            // 1 if it changed provider_enabled (the caller saves)
-void w32t_environment_init();                           // OS level, installed product, kairon_disabled, directories
+void w32t_secure_keys(const RegTarget& t);              // Everyone full access on the existing W32Time keys
+std::uint32_t w32t_installed_product(const RegTarget& t); // kProduct... code of the target machine
+int w32t_kairon_service_disabled(const RegTarget& t);   // 1 if a Kairon service's "Start" is 4 (disabled)
+int w32t_kairon_serves_ntp(const RegTarget& t);         // 1 if Kairon Server is installed, enabled and serves NTP/SNTP
+int w32t_forced_disable(const RegTarget& t);            // 1 if a Kairon product forces this provider off
+int w32t_apply_coexistence(const RegTarget& t, W32tSettings& s);   // 1 if it changed provider_enabled (the caller saves)
+void w32t_environment_init(const RegTarget& t);         // OS level, installed product, kairon_disabled, directories

@@ -474,9 +474,9 @@ bool OpenInNotepad(const DriftUi* owner, const char* path, bool delete_later) {
     constexpr long long kLargestName = std::numeric_limits<long long>::max() - 1;   // + 1 cannot overflow
     long long largest = 0;
     char name[32];
-    for (std::uint32_t i = 0; reg_enum_value(defaults::kNotepadTempKey, name, sizeof name, nullptr, 0, nullptr, i); ++i)
+    for (std::uint32_t i = 0; reg_enum_value(reg_local(), defaults::kNotepadTempKey, name, sizeof name, nullptr, 0, nullptr, i); ++i)
       largest = std::clamp(std::strtoll(name, nullptr, 10), largest, kLargestName);
-    reg_set_string(defaults::kNotepadTempKey, std::to_string(largest + 1).c_str(), path);
+    reg_set_string(reg_local(), defaults::kNotepadTempKey, std::to_string(largest + 1).c_str(), path);
   }
   return true;
 }
@@ -487,9 +487,9 @@ void DeleteNotepadTemps() {
   char name[32];
   char path[defaults::kNotepadTempPathSize];
   std::uint32_t type = 0;
-  for (std::uint32_t i = 0; reg_enum_value(defaults::kNotepadTempKey, name, sizeof name, path, sizeof path, &type, i); ++i)
+  for (std::uint32_t i = 0; reg_enum_value(reg_local(), defaults::kNotepadTempKey, name, sizeof name, path, sizeof path, &type, i); ++i)
     if (type == platform::kRegSz) platform::FileDelete(path);
-  reg_delete_key(defaults::kNotepadTempKey);
+  reg_delete_key(reg_local(), defaults::kNotepadTempKey);
 }
 
 const char* ProtocolName(std::uint8_t code) {

@@ -81,9 +81,8 @@ int Parse(int argc, char** argv, Options& o) {
 // Both Linux service backends start the program the W32Time key names: the supervisor runs its
 // ImagePath, systemd its SystemdUnit.
 int Register() {
-  reg_connect_target(nullptr);
   const std::string image = std::string(platform::host::ProgramPath()) + " --foreground";
-  if (!RegisterTimeServiceProgram(image.c_str())) {
+  if (!RegisterTimeServiceProgram(reg_local(), image.c_str())) {
     std::fprintf(stderr, "chronwarden-host: cannot write the W32Time service key (error %u)\n",
                  static_cast<unsigned>(platform::LastError()));
     return 1;
@@ -111,9 +110,8 @@ int main(int argc, char** argv) {
     HostLog(kLogError, "cannot watch signals and clock steps: %s", std::strerror(errno));
     return 1;
   }
-  reg_connect_target(nullptr);
   // A store that cannot be read is no list of providers: the host has no settings to run on.
-  if (const std::uint32_t st = reg_readable(kTimeProvidersKey)) {
+  if (const std::uint32_t st = reg_readable(reg_local(), kTimeProvidersKey)) {
     char text[512];
     HostLog(kLogError, "cannot read the time providers' settings, not starting: %s", ErrorText(st, text, sizeof text));
     return 1;
@@ -125,7 +123,7 @@ int main(int argc, char** argv) {
   }
   if (options.chrony_socket.empty()) {
     char path[512];
-    reg_get_string(defaults::kW32TimeParametersKey, defaults::kChronySocketValue, path, sizeof path,
+    reg_get_string(reg_local(), defaults::kW32TimeParametersKey, defaults::kChronySocketValue, path, sizeof path,
                    defaults::kChronySocket);
     options.chrony_socket = path;
   }
@@ -144,7 +142,7 @@ int main(int argc, char** argv) {
         running = false;
         break;
       case platform::host::Wake::Reload:
-        if (const std::uint32_t st = reg_readable(kTimeProvidersKey)) {
+        if (const std::uint32_t st = reg_readable(reg_local(), kTimeProvidersKey)) {
           char text[512];
           HostLog(kLogError, "settings changed, but they cannot be read; the settings last read stay in use: %s",
                   ErrorText(st, text, sizeof text));

@@ -152,11 +152,11 @@ platform::TimeProvSysCallbacks HostCallbacks() {
 
 std::vector<LoadedProvider> HostLoadProviders() {
   std::vector<LoadedProvider> loaded;
-  for (const std::string& n : TimeProviderNames()) {
+  for (const std::string& n : TimeProviderNames(reg_local())) {
     const std::string provider_key = std::string(kTimeProvidersKey) + "\\" + n;
-    if (reg_get_dword(provider_key.c_str(), "Enabled", 0) == 0) continue;
+    if (reg_get_dword(reg_local(), provider_key.c_str(), "Enabled", 0) == 0) continue;
     char dll[260];
-    reg_get_string(provider_key.c_str(), "DllName", dll, sizeof dll, "");
+    reg_get_string(reg_local(), provider_key.c_str(), "DllName", dll, sizeof dll, "");
     // The time service's built-in providers (NtpClient, NtpServer: no module, or its own
     // w32time.dll) are chronyd's part here.
     if (!HostLoadsProviderModule(dll)) {

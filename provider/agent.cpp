@@ -113,7 +113,7 @@ void ReportRunning() {
 // The 64 entries of "Last Used Time Source" (missing bytes read as 0).
 std::array<std::uint32_t, kSourceEntries * 2> ReadSources() {
   std::array<std::uint32_t, kSourceEntries * 2> words{};
-  reg_get_binary(kProviderKey, defaults::kLastUsedTimeSourceValue, words.data(), kSourceBytes);
+  reg_get_binary(reg_local(), kProviderKey, defaults::kLastUsedTimeSourceValue, words.data(), kSourceBytes);
   return words;
 }
 
@@ -165,7 +165,7 @@ void StatusNotified() {
 void WritePartnerText(const char* text) {
   const bool replaceable = std::strcmp(text, kTextStopped) != 0 &&
                            (std::strncmp(text, "Unknown - ", 10) == 0 || std::strncmp(text, "Checking", 8) == 0);
-  reg_set_string(kProviderKey, defaults::kPartnerValue,
+  reg_set_string(reg_local(), kProviderKey, defaults::kPartnerValue,
                  replaceable && !ManagesClock() ? kTextNotManaging : text);
 }
 
@@ -174,7 +174,7 @@ void RememberTimeSource(std::uint32_t reference_id, std::uint32_t when) {
   std::copy(words.begin() + 2, words.end(), words.begin());
   words[words.size() - 2] = reference_id;
   words[words.size() - 1] = when;
-  reg_set_binary(kProviderKey, defaults::kLastUsedTimeSourceValue, words.data(), kSourceBytes);
+  reg_set_binary(reg_local(), kProviderKey, defaults::kLastUsedTimeSourceValue, words.data(), kSourceBytes);
 }
 
 bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason, std::uint32_t triggered) {

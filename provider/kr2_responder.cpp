@@ -51,7 +51,7 @@ void CopyText(char (&field)[N], const char* text) {
 std::uint32_t Now() { return PreciseClockUnixSeconds(); }
 
 std::uint16_t InstalledBit(const char* key, std::uint16_t bit) {
-  return reg_get_bool(key, "Service Installed", 0) ? bit : 0;
+  return reg_get_bool(reg_local(), key, "Service Installed", 0) ? bit : 0;
 }
 
 }  // namespace
@@ -68,10 +68,10 @@ std::string g_server_answer_ip;   // kept while the socket exists
 }  // namespace
 
 void BuildIdentityRecord() {
-  std::uint32_t first_start = reg_get_dword(kProviderKey, "Ephemerides", 0);
+  std::uint32_t first_start = reg_get_dword(reg_local(), kProviderKey, "Ephemerides", 0);
   if (first_start == 0) {
     first_start = PreciseClockUnixSeconds();
-    reg_set_dword(kProviderKey, "Ephemerides", first_start);
+    reg_set_dword(reg_local(), kProviderKey, "Ephemerides", first_start);
   }
   g_identity = {};
   g_identity.ephemerides = first_start;
@@ -118,7 +118,7 @@ namespace {
 // The local address to bind: "Server Answer IP" when it names one of this machine's addresses.
 std::uint32_t AnswerAddress() {
   char text[256] = {};
-  reg_get_string("", kServerAnswerIpValue, text, sizeof text, "");
+  reg_get_string(reg_local(), "", kServerAnswerIpValue, text, sizeof text, "");
   g_server_answer_ip = text;
   if (!*text) return 0;
   std::uint32_t a = platform::InetAddr(text);
@@ -452,7 +452,7 @@ void Kr2SystemMachine::RequestResync() {
 
 void Kr2SystemMachine::ClearHistory() {
   DriftFileClear();
-  reg_delete_value(kProviderKey, defaults::kLastUsedTimeSourceValue);
+  reg_delete_value(reg_local(), kProviderKey, defaults::kLastUsedTimeSourceValue);
 }
 
 bool Kr2SystemMachine::DriftAfter(DriftRecord& out, std::uint32_t after) { return DriftFileReadAfter(out, after); }
@@ -471,9 +471,9 @@ std::uint16_t Kr2SystemMachine::InstalledProducts() {
   bits |= InstalledBit("\\\\Software\\Morvane\\Kairon II Audit Server\\Parameters", kKr2InstalledAuditServer);
   bits |= InstalledBit(kProviderKey, kKr2InstalledChronwarden);
   constexpr const char* kClient = "\\\\Software\\Morvane\\Kairon Client\\Parameters";
-  if (reg_get_bool(kClient, "Service Installed", 0)) {
-    if (reg_get_bool(kClient, "Thin Client", 0)) bits |= kKr2InstalledThinClient;
-    else if (reg_get_bool(kClient, "Ultra Thin Client", 0)) bits |= kKr2InstalledUltraThinClient;
+  if (reg_get_bool(reg_local(), kClient, "Service Installed", 0)) {
+    if (reg_get_bool(reg_local(), kClient, "Thin Client", 0)) bits |= kKr2InstalledThinClient;
+    else if (reg_get_bool(reg_local(), kClient, "Ultra Thin Client", 0)) bits |= kKr2InstalledUltraThinClient;
     else bits |= kKr2InstalledClient;
   }
   return bits;
@@ -482,5 +482,5 @@ std::uint16_t Kr2SystemMachine::InstalledProducts() {
 std::uint32_t Kr2SystemMachine::DaylightDisabled() {
   constexpr const char* kZoneKey = "\\\\System\\CurrentControlSet\\Control\\TimeZoneInformation";
   const char* name = g_kr2.os_level < kLevelVista ? "DisableAutoDaylightTimeSet" : "DynamicDaylightTimeDisabled";
-  return reg_get_dword(kZoneKey, name, 0);
+  return reg_get_dword(reg_local(), kZoneKey, name, 0);
 }

@@ -74,7 +74,7 @@ bool IsKnownKr2Command(std::uint32_t code) {
 
 void BuildProhibitedTable(std::array<std::uint8_t, kKr2CommandCount>& table) {
   table.fill(0);
-  if (!reg_get_binary(kW32TimeParametersKey, defaults::kProhibitedKr2Value, table.data(), kKr2CommandCount))
+  if (!reg_get_binary(reg_local(), kW32TimeParametersKey, defaults::kProhibitedKr2Value, table.data(), kKr2CommandCount))
     for (std::uint8_t code : kProhibitedByDefault) table[code] = 1;
   for (std::uint32_t code = 0; code < kKr2CommandCount; ++code)
     if (!IsKnownKr2Command(code)) table[code] = kUnknownCommand;
@@ -97,21 +97,21 @@ void LogEvent(const char* source, std::uint16_t type, const char* format, ...) {
 bool ProviderStartup() {
   ProviderGlobals& p = g_provider;
   char text[kErrorTextSize];
-  w32t_secure_keys();                                   // 1
-  w32t_environment_init();                              // 2
+  w32t_secure_keys(reg_local());                                   // 1
+  w32t_environment_init(reg_local());                              // 2
   // The responder answers for this system: its OS level and family (the installed-product
   // record's bits, the time-zone value's name, resync refused on Windows 2000).
   g_kr2.os_level = g_w32t_env.level;
   g_kr2.nt_family = g_os.version.platform_id == 2;
   g_kr2.win9x_family = g_os.version.platform_id == 1;
-  if (const std::uint32_t st = w32t_load(p.settings)) {   // 3: a damaged store is no set of defaults
+  if (const std::uint32_t st = w32t_load(reg_local(), p.settings)) {   // 3: a damaged store is no set of defaults
     LogEvent(kProviderName, platform::kEventLogError, "Could not read the time service settings; %s",
              SystemErrorText(st, text, sizeof text));
     return false;
   }
-  reg_set_string(kProviderKey, "Current Version", defaults::kProductVersion);   // 4
-  reg_set_bool(kProviderKey, "Service Running", 0);
-  if (w32t_forced_disable()) return false;              // 5: a product of the family takes over, silently
+  reg_set_string(reg_local(), kProviderKey, "Current Version", defaults::kProductVersion);   // 4
+  reg_set_bool(reg_local(), kProviderKey, "Service Running", 0);
+  if (w32t_forced_disable(reg_local())) return false;              // 5: a product of the family takes over, silently
   if (!p.winsock_started) {                             // 6
     const int code = platform::NetStartup();
     if (code != 0) {
@@ -158,7 +158,7 @@ bool ProviderStartup() {
     }
     platform::ResumeThread(p.agent_thread);
   }
-  reg_set_bool(kProviderKey, "Service Running", 1);     // 23
+  reg_set_bool(reg_local(), kProviderKey, "Service Running", 1);     // 23
   return true;
 }
 
@@ -215,7 +215,7 @@ void ProviderShutdown() {
     platform::NetCleanup();
     p.winsock_started = false;
   }
-  reg_set_bool(kProviderKey, "Service Running", 0);     // 9
+  reg_set_bool(reg_local(), kProviderKey, "Service Running", 0);     // 9
 }
 
 platform::HResult TimeProvOpen(char16_t* name, platform::TimeProvSysCallbacks* callbacks,
@@ -239,7 +239,7 @@ platform::HResult TimeProvCommand(platform::TimeProvHandle, platform::TimeProvCm
     case platform::TPC_UpdateConfig: {
       // A store that cannot be read keeps the settings last loaded, and says why.
       W32tSettings loaded = g_provider.settings;
-      if (const std::uint32_t st = w32t_load(loaded)) {
+      if (const std::uint32_t st = w32t_load(reg_local(), loaded)) {
         char text[kErrorTextSize];
         LogEvent(kProviderName, platform::kEventLogError,
                  "Could not read the time service settings; the last ones read stay in use. %s",

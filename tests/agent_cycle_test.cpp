@@ -137,7 +137,7 @@ class AgentNtpTest : public ::testing::Test {
     g_kr2 = Kr2State{};
     InitLocalStatusRecord();
     // Windows keeps one registry for every test: start from an empty source list.
-    reg_delete_value(kProviderKey, defaults::kLastUsedTimeSourceValue);
+    reg_delete_value(reg_local(), kProviderKey, defaults::kLastUsedTimeSourceValue);
     drift_ = (sandbox_.root() / "drift.kr").string();
     std::filesystem::create_directories(sandbox_.root());
     ASSERT_TRUE(DriftFileOpenPath(drift_));
@@ -153,7 +153,7 @@ class AgentNtpTest : public ::testing::Test {
   }
   static std::string Partner() {
     char text[256];
-    reg_get_string(kProviderKey, defaults::kPartnerValue, text, sizeof text, "(missing)");
+    reg_get_string(reg_local(), kProviderKey, defaults::kPartnerValue, text, sizeof text, "(missing)");
     return text;
   }
   static std::vector<DriftRecord> Records() {
@@ -264,7 +264,7 @@ TEST_F(AgentNtpTest, WholeCycleTextsAndReasonsInOrder) {
 // nothing of the checks (start-up, new synchronization, scheduled), their records or the sample.
 TEST_F(AgentNtpTest, RefusedPartnerAndSourceWritesDoNotStopTheChecks) {
   FakeNtpServer reference(kReference, Offset(3 * kMs + kMs / 2));
-  reg_delete_value(kProviderKey, defaults::kPartnerValue);
+  reg_delete_value(reg_local(), kProviderKey, defaults::kPartnerValue);
   platform::fake::FailRegistryWrite(defaults::kPartnerValue, platform::kErrorAccessDenied);
   platform::fake::FailRegistryWrite(defaults::kLastUsedTimeSourceValue, platform::kErrorAccessDenied);
   AgentStart(cycle_);
@@ -286,7 +286,7 @@ TEST_F(AgentNtpTest, RefusedPartnerAndSourceWritesDoNotStopTheChecks) {
   // Neither value reached the store.
   EXPECT_EQ(Partner(), "(missing)");
   std::uint32_t words[128] = {};
-  EXPECT_EQ(reg_get_binary(kProviderKey, defaults::kLastUsedTimeSourceValue, words, sizeof words), 0);
+  EXPECT_EQ(reg_get_binary(reg_local(), kProviderKey, defaults::kLastUsedTimeSourceValue, words, sizeof words), 0);
 }
 
 TEST_F(AgentNtpTest, FailedDemandResyncLogsAndKeepsTheReason) {
@@ -427,7 +427,7 @@ TEST_F(AgentNtpTest, RepeatedSourceIsCheckedOncePerSearch) {
 TEST_F(AgentNtpTest, LastUsedSourceRingKeepsTheNewest64) {
   for (std::uint32_t i = 1; i <= 70; ++i) RememberTimeSource(i, 1000 + i);
   std::uint32_t words[128] = {};
-  ASSERT_EQ(reg_get_binary(kProviderKey, defaults::kLastUsedTimeSourceValue, words, sizeof words), 1);
+  ASSERT_EQ(reg_get_binary(reg_local(), kProviderKey, defaults::kLastUsedTimeSourceValue, words, sizeof words), 1);
   EXPECT_EQ(words[0], 7u);   // entries 1..6 fell out
   EXPECT_EQ(words[1], 1007u);
   EXPECT_EQ(words[126], 70u);
@@ -476,7 +476,7 @@ TEST_F(AgentNtpTest, WithoutTheResponderNoCheckButPartnerAndSourcesKept) {
   EXPECT_TRUE(reference.Requests().empty());
   EXPECT_EQ(Partner(), "10.3.3.3 (no name)");
   std::uint32_t words[128] = {};
-  reg_get_binary(kProviderKey, defaults::kLastUsedTimeSourceValue, words, sizeof words);
+  reg_get_binary(reg_local(), kProviderKey, defaults::kLastUsedTimeSourceValue, words, sizeof words);
   EXPECT_EQ(words[126], Addr("10.3.3.3"));
 }
 

@@ -57,7 +57,7 @@ class AgentPageTest : public PageTest {
       std::memcpy(value + i * 8, &address, 4);
       for (int k = 0; k < 4; ++k) value[i * 8 + 4 + k] = std::uint8_t(time >> (8 * k));
     }
-    reg_set_binary(kProviderKey, "Last Used Time Source", value, sizeof value);
+    reg_set_binary(g_applet.reg, kProviderKey, "Last Used Time Source", value, sizeof value);
   }
   MemoryDialog& Agent() { return sheet_->Page(0); }
   AgentPage& Logic() { return static_cast<AgentPage&>(applet_page_logic(IDD_AGENT)); }
@@ -83,7 +83,7 @@ TEST_F(AgentPageTest, IntervalOf1799SecondsShowsAs29MinutesAndTyping30Stores1800
   EXPECT_TRUE(sheet_->page_changed[IDD_AGENT]);
   ASSERT_TRUE(sheet_->Apply());
   EXPECT_EQ(g_applet.settings.check_interval, 1800u);
-  EXPECT_EQ(reg_get_dword(kProviderKey, "SpecialPollInterval", 0), 1800u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kProviderKey, "SpecialPollInterval", 0), 1800u);
   EXPECT_FALSE(sheet_->page_changed[IDD_AGENT]);
 }
 
@@ -127,7 +127,7 @@ TEST_F(AgentPageTest, ASaveTheStoreRefusesKeepsTheSheetOpenAndSaysWhy) {
   EXPECT_EQ(Agent().SendNotify(kPsnApply), 0);
   EXPECT_EQ(g_applet.save_status, 0u);
   char ref[64];
-  reg_get_string(kProviderKey, "Reference Clock", ref, sizeof ref, "");
+  reg_get_string(reg_local(), kProviderKey, "Reference Clock", ref, sizeof ref, "");
   EXPECT_STREQ(ref, "ref3.example");
 }
 
@@ -139,7 +139,7 @@ TEST_F(AgentPageTest, AFailedResyncOnOkStillClosesTheSheet) {
   Agent().Type(IDC_INTERVAL, "45");
   ASSERT_TRUE(sheet_->Apply(true));
   EXPECT_TRUE(sheet_->HasEnded());
-  EXPECT_EQ(reg_get_dword(kProviderKey, "SpecialPollInterval", 0), 2700u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kProviderKey, "SpecialPollInterval", 0), 2700u);
   EXPECT_EQ(RecordedServices::calls.back(), "resync  0 1");
 }
 
@@ -199,8 +199,8 @@ TEST_F(AgentPageTest, TheKr2ManagersFieldShowsTheListAndLeavingStoresWhatWasType
 }
 
 TEST_F(AgentPageTest, WithTheFullProductTheOptionsAreHiddenButTheHistoryStaysUsable) {
-  reg_set_bool("\\\\Software\\Morvane\\Kairon Client\\Parameters", "Service Installed", 1);
-  w32t_environment_init();
+  reg_set_bool(reg_local(), "\\\\Software\\Morvane\\Kairon Client\\Parameters", "Service Installed", 1);
+  w32t_environment_init(reg_local());
   g_applet.settings.provider_enabled = 0;
   WriteHistory({{63, Address(10, 0, 0, 1), 1'700'000'000}});
   DriftFileWith(3);
@@ -224,7 +224,7 @@ TEST_F(AgentPageTest, WithTheFullProductTheOptionsAreHiddenButTheHistoryStaysUsa
 }
 
 TEST_F(AgentPageTest, AForcedDisableTurnsTheAgentOff) {
-  reg_set_bool("\\\\Software\\Morvane\\Kairon Server\\Parameters", "Force Chronwarden Disable", 1);
+  reg_set_bool(reg_local(), "\\\\Software\\Morvane\\Kairon Server\\Parameters", "Force Chronwarden Disable", 1);
   g_applet.settings.provider_enabled = 1;
   Open({IDD_AGENT});
   EXPECT_FALSE(Agent().Checked(IDC_AGENT_ENABLED));
@@ -330,7 +330,7 @@ TEST_F(AgentPageTest, ClearingEmptiesTheListDisablesTheButtonAndClearsFileAndVal
   EXPECT_FALSE(d.Enabled(IDC_CLEAR_HISTORY));
   EXPECT_EQ(std::filesystem::file_size(sysdir_ / "drift.kr"), 0u);
   std::uint8_t buf[512];
-  EXPECT_EQ(reg_get_binary(kProviderKey, "Last Used Time Source", buf, sizeof buf), 0);
+  EXPECT_EQ(reg_get_binary(reg_local(), kProviderKey, "Last Used Time Source", buf, sizeof buf), 0);
   // The list stays empty until the agent writes a new entry.
   EXPECT_TRUE(d.FireTimer(1));
   EXPECT_EQ(d.ItemCount(IDC_HISTORY), 0);
@@ -375,7 +375,7 @@ TEST_F(AgentPageTest, ClearingOnAnotherMachineCutsItsDriftFileAndDeletesItsValue
   std::filesystem::create_directories(network / "M" / "system32");
   SetEnvironmentValue("CHRONWARDEN_NETWORK_ROOT", network.string().c_str());
   WriteBytes(network / "M" / "system32" / "drift.kr", RecordBytes({MakeRecord(1'700'000'000, 3)}));
-  ASSERT_EQ(reg_connect_target("\\\\M"), 1);
+  ASSERT_EQ(reg_open_target("\\\\M", g_applet.reg), 1);
   WriteHistory({{63, Address(10, 0, 0, 1), 1'700'000'000}});
   std::snprintf(g_applet.target, sizeof g_applet.target, "\\\\M");
   EXPECT_EQ(agent_drift_path(g_applet.target), "\\\\M\\admin$\\system32\\drift.kr");
@@ -385,8 +385,8 @@ TEST_F(AgentPageTest, ClearingOnAnotherMachineCutsItsDriftFileAndDeletesItsValue
   EXPECT_TRUE(Agent().Click(IDC_CLEAR_HISTORY));
   EXPECT_EQ(std::filesystem::file_size(network / "M" / "system32" / "drift.kr"), 0u);
   std::uint8_t buf[512];
-  EXPECT_EQ(reg_get_binary(kProviderKey, "Last Used Time Source", buf, sizeof buf), 0);
-  reg_connect_target(nullptr);
+  EXPECT_EQ(reg_get_binary(g_applet.reg, kProviderKey, "Last Used Time Source", buf, sizeof buf), 0);
+  g_applet.reg = RegTarget();
   SetEnvironmentValue("CHRONWARDEN_NETWORK_ROOT", nullptr);
 }
 #endif
@@ -509,7 +509,7 @@ TEST_F(ServicePageTest, LogSizeIsStoredInBytesAndShownInWholeMegabytes) {
   ASSERT_TRUE(sheet_->Apply());
   EXPECT_EQ(s.file_log_size, 5'242'880u);
   EXPECT_EQ(s.file_logging_on, 1u);
-  EXPECT_EQ(reg_get_dword(kConfigKey, "FileLogSize", 0), 5'242'880u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kConfigKey, "FileLogSize", 0), 5'242'880u);
   EXPECT_STREQ(s.file_log_entries, "0-100");
 }
 
@@ -524,7 +524,7 @@ TEST_F(ServicePageTest, ClearingTheEntriesLeavesTheLogDisabled) {
   ASSERT_TRUE(sheet_->Apply());
   EXPECT_EQ(s.file_logging_on, 0u);
   EXPECT_TRUE(memory_ui::Boxes().empty());
-  EXPECT_EQ(reg_get_dword(kConfigKey, "FileLogSize", 0), 0u);   // the values are gone
+  EXPECT_EQ(reg_get_dword(reg_local(), kConfigKey, "FileLogSize", 0), 0u);   // the values are gone
   // A path and entries are read trimmed.
   Service().Type(IDC_LOG_ENTRIES, " 0-50 ");
   Service().Type(IDC_LOG_PATH, "\tC:\\logs\\t.log  ");

@@ -50,9 +50,9 @@ struct FakeServices {
   }
 };
 
-std::string Str(const char* path, const char* name) {
+std::string Str(const char* path, const char* name, const RegTarget& t = reg_local()) {
   char buf[1024];
-  reg_get_string(path, name, buf, sizeof buf, "<missing>");
+  reg_get_string(t, path, name, buf, sizeof buf, "<missing>");
   return buf;
 }
 
@@ -102,7 +102,7 @@ class AppletTest : public RegistryTest {
     SetAdministratorOverride(1);
     applet_entry(nullptr, kCplInit, 0, 0);
     g_w32t_env.system_dir[0] = '\0';
-    w32t_environment_init();
+    w32t_environment_init(reg_local());
     sysdir_ = std::filesystem::temp_directory_path() / ("cw-sys-" + sandbox_->unique());
     std::filesystem::create_directories(sysdir_);
     std::snprintf(g_w32t_env.system_dir, sizeof g_w32t_env.system_dir, "%s%c", sysdir_.string().c_str(),
@@ -224,7 +224,7 @@ TEST_F(AppletTest, DoubleClickWithNothingRegisteredInstallsSilentlyAndRestartsTh
   EXPECT_NE(std::find(FakeServices::calls.begin(), FakeServices::calls.end(), "restart  W32Time"), FakeServices::calls.end());
   EXPECT_TRUE(memory_ui::Boxes().empty());
   // Launched by the private message instead, nothing is installed.
-  reg_delete_value(kProvider, "Current Version");
+  reg_delete_value(reg_local(), kProvider, "Current Version");
   std::filesystem::remove(Installed());
   LaunchSheet(kCplSheet, [](MemorySheet&) {});
   EXPECT_FALSE(std::filesystem::exists(Installed()));
@@ -318,7 +318,7 @@ TEST_F(AppletTest, AccessTestWritesReadsAndDeletesItsValue) {
   char name[256];
   std::uint8_t data[64];
   std::uint32_t type = 0;
-  for (std::uint32_t i = 0; reg_enum_value("\\\\System\\CurrentControlSet\\Services\\LanmanServer", name, sizeof name, data,
+  for (std::uint32_t i = 0; reg_enum_value(reg_local(), "\\\\System\\CurrentControlSet\\Services\\LanmanServer", name, sizeof name, data,
                                            sizeof data, &type, i);
        ++i)
     EXPECT_EQ(std::string(name).rfind("morvane-test-", 0), std::string::npos) << name;
@@ -341,7 +341,7 @@ TEST_F(AppletTest, ApplyStepSavesTellsTheServiceAndTriggersAResync) {
   page.Start();
   EXPECT_EQ(applet_apply(page), 0);   // nothing changed
   EXPECT_TRUE(FakeServices::calls.empty());
-  w32t_load(g_applet.settings);
+  w32t_load(reg_local(), g_applet.settings);
   g_applet.settings.check_interval = 1234;
   page.SetSheetChanged(true);   // no sheet: the flag stays clear, so use a sheet below
   SheetPage pages[] = {{IDD_ABOUT, &about}};
@@ -352,7 +352,7 @@ TEST_F(AppletTest, ApplyStepSavesTellsTheServiceAndTriggersAResync) {
   EXPECT_EQ(applet_apply(sheet.Page(0)), 0);
   EXPECT_FALSE(sheet.changed);
   EXPECT_FALSE(sheet.page_changed[IDD_ABOUT]);
-  EXPECT_EQ(reg_get_dword(kProvider, "SpecialPollInterval", 0), 1234u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kProvider, "SpecialPollInterval", 0), 1234u);
   EXPECT_EQ(FakeServices::calls, (std::vector<std::string>{"control  4 0", "control  6 1", "resync  0 1"}));
   EXPECT_EQ(memory_ui::SystemCursor(), CursorShape::Arrow);
   // On Windows 2000 the service is restarted instead; a stopped service is left alone.
@@ -428,7 +428,7 @@ TEST_F(AppletTest, InstallRegistersWritesTheUninstallEntryAndCopiesTheModule) {
   EXPECT_EQ(LastError(), 0u);
   EXPECT_EQ(ReadFile(Installed()), ReadFile(ThisModuleFile()));
   char root[260];
-  reg_get_string("\\\\Software\\Microsoft\\Windows NT\\CurrentVersion", "SystemRoot", root, sizeof root, "c:\\windows");
+  reg_get_string(reg_local(), "\\\\Software\\Microsoft\\Windows NT\\CurrentVersion", "SystemRoot", root, sizeof root, "c:\\windows");
   std::string dir = std::string(root) + "\\system32\\";
   EXPECT_EQ(Str(kUninstall, "DisplayName"), "Chronwarden Control Panel Applet");
   EXPECT_EQ(Str(kUninstall, "UninstallString"), "rundll32.exe " + dir + "w32tmkr.cpl,RunDll -remove");
@@ -436,15 +436,15 @@ TEST_F(AppletTest, InstallRegistersWritesTheUninstallEntryAndCopiesTheModule) {
   EXPECT_EQ(Str(kUninstall, "Publisher"), "Selvox, Inc.");
   EXPECT_EQ(Str(kUninstall, "PublisherName"), "Selvox, Inc.");
   EXPECT_EQ(Str(kUninstall, "DisplayVersion"), "4.2.b.20081210R");
-  EXPECT_EQ(reg_get_dword(kUninstall, "NoModify", 0), 1u);
-  EXPECT_EQ(reg_get_dword(kUninstall, "NoRepair", 0), 1u);
-  EXPECT_EQ(reg_get_dword(kUninstall, "TSAware", 9), 0u);
-  EXPECT_EQ(reg_get_dword(kUninstall, "WindowsInstaller", 9), 0u);
-  EXPECT_EQ(reg_get_dword(kUninstall, "VersionMajor", 0), 4u);
-  EXPECT_EQ(reg_get_dword(kUninstall, "VerMinor", 0), 2u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kUninstall, "NoModify", 0), 1u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kUninstall, "NoRepair", 0), 1u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kUninstall, "TSAware", 9), 0u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kUninstall, "WindowsInstaller", 9), 0u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kUninstall, "VersionMajor", 0), 4u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kUninstall, "VerMinor", 0), 2u);
   EXPECT_EQ(Str(kProvider, "Current Version"), "4.2.b.20081210R");
   W32tSettings s{};
-  w32t_load(s);
+  w32t_load(reg_local(), s);
   EXPECT_EQ(s.service_installed, 1u);
   ASSERT_GE(s.server_count, 2u);
   EXPECT_STREQ(s.servers[s.server_count - 2].name, "pool.ntp.org");
@@ -479,11 +479,11 @@ TEST_F(AppletTest, InstallAddsTheKaironClientServersAndStopsAtSix) {
   std::memcpy(value + 43, "kc-one", 6);
   std::memcpy(value + 43 + 66, "POOL.NTP.ORG", 12);   // already listed later: added once
   std::memcpy(value + 43 + 132, "kc-three", 8);
-  reg_set_binary("\\\\Software\\Morvane\\Kairon Client\\Parameters", "Client Settings", value, sizeof value);
+  reg_set_binary(reg_local(), "\\\\Software\\Morvane\\Kairon Client\\Parameters", "Client Settings", value, sizeof value);
   g_w32t_env.installed_product = kProductKaironClient;
   ASSERT_EQ(InstallModule(nullptr), 1);
   W32tSettings s{};
-  w32t_load(s);
+  w32t_load(reg_local(), s);
   std::vector<std::string> names;
   for (std::uint32_t i = 0; i < s.server_count; ++i) names.push_back(s.servers[i].name);
   EXPECT_NE(std::find(names.begin(), names.end(), "kc-one"), names.end());
@@ -509,8 +509,8 @@ TEST_F(AppletTest, RemoveUndoesTheRegistrationAndTheUninstallEntry) {
   FakeServices::calls.clear();
   EXPECT_EQ(RemoveModule(nullptr), 1);
   EXPECT_EQ(Str(kUninstall, "DisplayName"), "<missing>");
-  EXPECT_FALSE(reg_key_exists(kUninstall));
-  EXPECT_FALSE(reg_key_exists(kProvider));
+  EXPECT_FALSE(reg_key_exists(reg_local(), kUninstall));
+  EXPECT_FALSE(reg_key_exists(reg_local(), kProvider));
   EXPECT_EQ(FakeServices::calls, (std::vector<std::string>{"control  1 0", "control  16 0"}));
 }
 
@@ -540,7 +540,7 @@ TEST_F(AppletTest, RunDllReadsItsCommandLineInAnyCase) {
   EXPECT_EQ(boxes[0].text, "Was expecting a command like -remove or -install.");
   EXPECT_EQ(boxes[1].text, "Was expecting either -remove or -install on the command line.");
   EXPECT_EQ(boxes[1].style, kMbIconExclamation);
-  w32t_environment_init();
+  w32t_environment_init(reg_local());
   EXPECT_EQ(applet_rundll(nullptr, "/INSTALL"), 0);
   EXPECT_EQ(LastError(), 0u);
   EXPECT_EQ(Str(kUninstall, "DisplayName"), "Chronwarden Control Panel Applet");
@@ -559,12 +559,12 @@ TEST_F(AppletTest, RemoteInstallLeavesTheLocalMachineUntouched) {
   EXPECT_EQ(applet_entry(nullptr, kCplInstall, 0, 0), 1) << LastError();
   EXPECT_TRUE(std::filesystem::exists(net / "HOSTB" / "system32" / "w32tmkr.cpl"));
   EXPECT_EQ(Str(kUninstall, "DisplayName"), "<missing>");   // the layer is local again
-  EXPECT_FALSE(reg_key_exists(kProvider));
+  EXPECT_FALSE(reg_key_exists(reg_local(), kProvider));
   EXPECT_FALSE(std::filesystem::exists(Installed()));
-  ASSERT_EQ(reg_connect_target("\\\\HOSTB"), 1);
-  EXPECT_EQ(Str(kUninstall, "DisplayName"), "Chronwarden Control Panel Applet");
-  EXPECT_EQ(Str(kProvider, "Current Version"), "4.2.b.20081210R");
-  reg_connect_target(nullptr);
+  RegTarget hostb;
+  ASSERT_EQ(reg_open_target("\\\\HOSTB", hostb), 1);
+  EXPECT_EQ(Str(kUninstall, "DisplayName", hostb), "Chronwarden Control Panel Applet");
+  EXPECT_EQ(Str(kProvider, "Current Version", hostb), "4.2.b.20081210R");
   SetEnvironmentValue("CHRONWARDEN_NETWORK_ROOT", nullptr);
   std::filesystem::remove_all(net);
 }
@@ -573,11 +573,13 @@ TEST_F(AppletTest, RemoteWindows2000TargetGetsItsOwnClientPage) {
   auto net = root_.parent_path() / ("cw-net-" + sandbox_->unique());
   std::filesystem::create_directories(net / "OLDBOX");
   SetEnvironmentValue("CHRONWARDEN_NETWORK_ROOT", net.string().c_str());
-  ASSERT_EQ(reg_connect_target("\\\\OLDBOX"), 1);
-  reg_set_dword("\\\\Software\\Microsoft\\Windows NT\\CurrentVersion", "CurrentMajorVersionNumber", 5);
-  reg_set_dword("\\\\Software\\Microsoft\\Windows NT\\CurrentVersion", "CurrentMinorVersionNumber", 0);
-  reg_set_string("\\\\System\\CurrentControlSet\\Control\\ProductOptions", "ProductType", "WinNT");
-  reg_connect_target(nullptr);
+  {
+    RegTarget oldbox;
+    ASSERT_EQ(reg_open_target("\\\\OLDBOX", oldbox), 1);
+    reg_set_dword(oldbox, "\\\\Software\\Microsoft\\Windows NT\\CurrentVersion", "CurrentMajorVersionNumber", 5);
+    reg_set_dword(oldbox, "\\\\Software\\Microsoft\\Windows NT\\CurrentVersion", "CurrentMinorVersionNumber", 0);
+    reg_set_string(oldbox, "\\\\System\\CurrentControlSet\\Control\\ProductOptions", "ProductType", "WinNT");
+  }
   applet_entry(nullptr, kCplSetMachine, reinterpret_cast<std::intptr_t>("\\\\oldbox"), 0);
   std::vector<int> ids;
   EXPECT_EQ(LaunchSheet(kCplSheet, [&](MemorySheet& sheet) {

@@ -222,7 +222,7 @@ TEST_F(ClientPageTest, AKaironServerThatIsASlaveTakesTheClockAndOneThatIsNotLeav
   SetSync(1, 1, kW32tNtp);
   // Not a slave: no "Slave Mode" and a zero slave word.
   std::uint8_t settings[335] = {};
-  reg_set_binary(defaults::kKaironServerParamsKey, "Server Settings", settings, sizeof settings);
+  reg_set_binary(reg_local(), defaults::kKaironServerParamsKey, "Server Settings", settings, sizeof settings);
   Open({IDD_CLIENT});
   EXPECT_EQ(Client().Text(IDC_CLIENT_NOTE), kClientNoteKaironServer);
   EXPECT_TRUE(Client().Enabled(IDC_SYNC_NTP));
@@ -230,7 +230,7 @@ TEST_F(ClientPageTest, AKaironServerThatIsASlaveTakesTheClockAndOneThatIsNotLeav
   EXPECT_EQ(Settings().sync_type, kW32tNtp);
   // The slave word at byte 4 makes it a slave.
   settings[5] = 1;
-  reg_set_binary(defaults::kKaironServerParamsKey, "Server Settings", settings, sizeof settings);
+  reg_set_binary(reg_local(), defaults::kKaironServerParamsKey, "Server Settings", settings, sizeof settings);
   EXPECT_TRUE(client_kairon_server_is_slave());
   Open({IDD_CLIENT});
   EXPECT_EQ(Client().Text(IDC_CLIENT_NOTE), kClientNoteKaironSlave);
@@ -240,9 +240,9 @@ TEST_F(ClientPageTest, AKaironServerThatIsASlaveTakesTheClockAndOneThatIsNotLeav
   EXPECT_EQ(Settings().ntp_client_enabled, 0u);
   // "Slave Mode" alone makes it one too.
   settings[5] = 0;
-  reg_set_binary(defaults::kKaironServerParamsKey, "Server Settings", settings, sizeof settings);
+  reg_set_binary(reg_local(), defaults::kKaironServerParamsKey, "Server Settings", settings, sizeof settings);
   EXPECT_FALSE(client_kairon_server_is_slave());
-  reg_set_bool(defaults::kKaironServerParamsKey, "Slave Mode", 1);
+  reg_set_bool(reg_local(), defaults::kKaironServerParamsKey, "Slave Mode", 1);
   EXPECT_TRUE(client_kairon_server_is_slave());
 }
 
@@ -323,7 +323,7 @@ TEST_F(ClientPageTest, SyncNowAnsweredWithCancelLeavesEverythingAsItWas) {
   EXPECT_FALSE(d.TimerRunning(1));
   EXPECT_EQ(Settings().server_count, 1u);   // the edit did not reach the record
   char servers[256];
-  reg_get_string("\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters", "NtpServer", servers, sizeof servers, "");
+  reg_get_string(reg_local(), "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters", "NtpServer", servers, sizeof servers, "");
   EXPECT_EQ(std::string(servers).find("b.example"), std::string::npos);
 }
 
@@ -341,7 +341,7 @@ TEST_F(ClientPageTest, SyncNowAnsweredWithYesAppliesTheEditsAndTheApplyStepResyn
   ASSERT_EQ(Settings().server_count, 2u);
   EXPECT_STREQ(Settings().servers[1].name, "b.example");
   char servers[256];
-  reg_get_string("\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters", "NtpServer", servers, sizeof servers, "");
+  reg_get_string(reg_local(), "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters", "NtpServer", servers, sizeof servers, "");
   EXPECT_NE(std::string(servers).find("b.example,0x8"), std::string::npos) << servers;
   // One resynchronization, the apply step's, after "parameters changed".
   int resyncs = 0;
@@ -362,7 +362,7 @@ TEST_F(ClientPageTest, ApplyWritesTheServersAndTheSyncTypeToTheRegistry) {
   d.Choose(IDC_MODE1, 1);
   ASSERT_TRUE(sheet_->Apply());
   W32tSettings loaded{};
-  w32t_load(loaded);
+  w32t_load(reg_local(), loaded);
   EXPECT_EQ(loaded.sync_type, kW32tAllSync);
   ASSERT_EQ(loaded.server_count, 1u);
   EXPECT_STREQ(loaded.servers[0].name, "one.example");
@@ -390,9 +390,9 @@ TEST_F(ClientPageTest, TheWindows2000PageKeepsTheSpecialIntervalOfTheRecord) {
 // A record loaded at level 2048 (where "ntp client enabled" is no setting and stays 0) shows its
 // sync type on the Windows 2000 page, and an Apply that changed nothing there keeps "Type".
 TEST_F(ClientPageTest, TheWindows2000PageShowsTheTypeOfARecordLoadedAtItsLevelAndApplyKeepsIt) {
-  reg_set_string("\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters", "Type", "NT5DS");
+  reg_set_string(reg_local(), "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters", "Type", "NT5DS");
   g_w32t_env.level = kOsWin2000;
-  w32t_load(Settings());
+  w32t_load(reg_local(), Settings());
   ASSERT_EQ(Settings().sync_type, kW32tNt5ds);
   Open({IDD_CLIENT_W2K});
   MemoryDialog& d = Client();
@@ -403,7 +403,7 @@ TEST_F(ClientPageTest, TheWindows2000PageShowsTheTypeOfARecordLoadedAtItsLevelAn
   d.SetSheetChanged(true);   // another page's change
   ASSERT_TRUE(sheet_->Apply());
   char type[16] = {};
-  reg_get_string("\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters", "Type", type, sizeof type, "");
+  reg_get_string(reg_local(), "\\\\System\\CurrentControlSet\\Services\\W32Time\\Parameters", "Type", type, sizeof type, "");
   EXPECT_STREQ(type, "NT5DS");
 }
 

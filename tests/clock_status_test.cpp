@@ -197,7 +197,7 @@ TEST_F(ClockStatusNtpTest, TheTimeSourceComesFromTheAgentWhenItIsInstalledAndEna
   g_applet.settings.provider_enabled = 1;
   ShowCurrentTimeSource(*page_);
   EXPECT_EQ(page_->Text(IDC_TIME_SOURCE), "Unknown: no record");
-  reg_set_string(kProviderKey, "Current Inbound Time Partner", "ntp.example");
+  reg_set_string(reg_local(), kProviderKey, "Current Inbound Time Partner", "ntp.example");
   ShowCurrentTimeSource(*page_);
   EXPECT_EQ(page_->Text(IDC_TIME_SOURCE), "ntp.example");
 }

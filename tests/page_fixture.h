@@ -65,11 +65,11 @@ class PageTest : public RegistryTest {
     g_applet.quiet = 0;
     g_applet.helper = nullptr;
     g_w32t_env.system_dir[0] = '\0';
-    w32t_environment_init();
+    w32t_environment_init(reg_local());
     sysdir_ = std::filesystem::temp_directory_path() / ("cw-sys-" + sandbox_->unique());
     std::filesystem::create_directories(sysdir_);
     SetSystemDir(sysdir_.string() + char(std::filesystem::path::preferred_separator));
-    w32t_load(g_applet.settings);
+    w32t_load(reg_local(), g_applet.settings);
   }
   void TearDown() override {
     sheet_.reset();

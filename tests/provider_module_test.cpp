@@ -33,7 +33,7 @@ class ProviderModuleTest : public RegistryTest {
   }
   static std::string Running() {
     char text[16];
-    reg_get_string(kProviderKeyPath, "Service Running", text, sizeof text, "(missing)");
+    reg_get_string(reg_local(), kProviderKeyPath, "Service Running", text, sizeof text, "(missing)");
     return text;
   }
   SharedObjectNamespace ns_;

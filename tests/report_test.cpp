@@ -76,12 +76,12 @@ class ReportTest : public DriftFolderTest {
   std::map<std::string, std::string> Temps() {
     std::map<std::string, std::string> values;
     char name[256], path[4096];
-    for (std::uint32_t i = 0; reg_enum_value(defaults::kNotepadTempKey, name, sizeof name, path, sizeof path, nullptr, i); ++i)
+    for (std::uint32_t i = 0; reg_enum_value(reg_local(), defaults::kNotepadTempKey, name, sizeof name, path, sizeof path, nullptr, i); ++i)
       values[name] = path;
     return values;
   }
   void Remember(const char* name, const std::string& path) {
-    ASSERT_EQ(reg_set_string(defaults::kNotepadTempKey, name, path.c_str()), 1);
+    ASSERT_EQ(reg_set_string(reg_local(), defaults::kNotepadTempKey, name, path.c_str()), 1);
   }
   RegistrySandbox registry_;
   DriftLog log_;
@@ -364,7 +364,7 @@ TEST_F(ReportTest, WithAnOwnerTheReportGoesToATemporaryFileThatIsOpenedAndRememb
   EXPECT_EQ(Temps(), (std::map<std::string, std::string>{{"1", opened[0]}}));
   DeleteNotepadTemps();
   EXPECT_FALSE(std::filesystem::exists(opened[0]));
-  EXPECT_EQ(reg_key_exists(defaults::kNotepadTempKey), 0);
+  EXPECT_EQ(reg_key_exists(reg_local(), defaults::kNotepadTempKey), 0);
   EXPECT_TRUE(n.shown.empty());
 }
 
@@ -376,7 +376,7 @@ TEST_F(ReportTest, CreationFailureIsReturned) {
   EXPECT_EQ(WriteDriftReport(nullptr, log_), 3u);
   EXPECT_EQ(WriteDriftReportFile(log_, (PathOf("missing") + "/x.txt").c_str(), "UTC"), 3u);
   EXPECT_TRUE(platform::fake::ViewerOpened().empty());
-  EXPECT_EQ(reg_key_exists(defaults::kNotepadTempKey), 0);
+  EXPECT_EQ(reg_key_exists(reg_local(), defaults::kNotepadTempKey), 0);
 }
 
 TEST_F(ReportTest, AReportBeingWrittenCannotBeOpenedTwice) {
@@ -419,12 +419,12 @@ TEST_F(ReportTest, DeleteNotepadTempsIgnoresMissingFilesAndForgetsTheList) {
   WriteBytes(b, {2});
   Remember("1", a);
   Remember("2", PathOf("gone.tmp"));
-  reg_set_dword(defaults::kNotepadTempKey, "3", 5);   // not a path: skipped
+  reg_set_dword(reg_local(), defaults::kNotepadTempKey, "3", 5);   // not a path: skipped
   Remember("4", b);
   DeleteNotepadTemps();
   EXPECT_FALSE(std::filesystem::exists(a));
   EXPECT_FALSE(std::filesystem::exists(b));
-  EXPECT_EQ(reg_key_exists(defaults::kNotepadTempKey), 0);
+  EXPECT_EQ(reg_key_exists(reg_local(), defaults::kNotepadTempKey), 0);
 }
 
 TEST_F(ReportTest, DeleteNotepadTempsStopsAtTheFirstValueItCannotRead) {
@@ -437,12 +437,12 @@ TEST_F(ReportTest, DeleteNotepadTempsStopsAtTheFirstValueItCannotRead) {
   EXPECT_FALSE(std::filesystem::exists(a));
   EXPECT_TRUE(std::filesystem::exists(b));
   EXPECT_TRUE(std::filesystem::exists(c));
-  EXPECT_EQ(reg_key_exists(defaults::kNotepadTempKey), 0);
+  EXPECT_EQ(reg_key_exists(reg_local(), defaults::kNotepadTempKey), 0);
 }
 
 TEST_F(ReportTest, DeleteNotepadTempsWithoutAListDoesNothing) {
   DeleteNotepadTemps();
-  EXPECT_EQ(reg_key_exists(defaults::kNotepadTempKey), 0);
+  EXPECT_EQ(reg_key_exists(reg_local(), defaults::kNotepadTempKey), 0);
 }
 
 TEST(ReportNamesTest, ProtocolNames) {

@@ -54,9 +54,9 @@ class ServerPageTest : public PageTest {
     return checked;
   }
   static void InstallKaironServer(bool serves_ntp) {
-    reg_set_bool("\\\\Software\\Morvane\\Kairon Server\\Parameters", "Service Installed", 1);
-    reg_set_bool("\\\\Software\\Morvane\\Kairon Server\\Enabled Protocols", "NTP/SNTP (RFC 1769)", serves_ntp);
-    w32t_environment_init();
+    reg_set_bool(reg_local(), "\\\\Software\\Morvane\\Kairon Server\\Parameters", "Service Installed", 1);
+    reg_set_bool(reg_local(), "\\\\Software\\Morvane\\Kairon Server\\Enabled Protocols", "NTP/SNTP (RFC 1769)", serves_ntp);
+    w32t_environment_init(reg_local());
   }
 
   ServerPage logic_;
@@ -146,8 +146,8 @@ TEST_F(ServerPageTest, ChoosingDisabledStoresAnnounceFlags0AndDisablesTheProvide
   ASSERT_TRUE(sheet_->Apply());
   EXPECT_EQ(g_applet.settings.announce_flags, 0u);
   EXPECT_EQ(g_applet.settings.ntp_server_enabled, 0u);
-  EXPECT_EQ(reg_get_dword(kConfigKey, "AnnounceFlags", 99), 0u);
-  EXPECT_EQ(reg_get_dword(kNtpServerKey, "Enabled", 99), 0u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kConfigKey, "AnnounceFlags", 99), 0u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kNtpServerKey, "Enabled", 99), 0u);
 }
 
 TEST_F(ServerPageTest, ServingAndReliabilityChoicesMakeTheFlags) {
@@ -165,8 +165,8 @@ TEST_F(ServerPageTest, ServingAndReliabilityChoicesMakeTheFlags) {
   ASSERT_TRUE(d.Click(IDC_SERVE_ENABLED));
   ASSERT_TRUE(d.Click(IDC_RELIABLE_NEVER));
   ASSERT_TRUE(sheet_->Apply());
-  EXPECT_EQ(reg_get_dword(kConfigKey, "AnnounceFlags", 99), 1u);
-  EXPECT_EQ(reg_get_dword(kNtpServerKey, "Enabled", 99), 1u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kConfigKey, "AnnounceFlags", 99), 1u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kNtpServerKey, "Enabled", 99), 1u);
 }
 
 TEST_F(ServerPageTest, RefusingTheTakeoverQuestionLeavesDisabledAndTheSheetUnchanged) {

@@ -132,7 +132,7 @@ TEST_F(ServiceTest, StoppingARunningServiceWaitsUntilItHasStopped) {
 
 TEST_F(ServiceTest, AStopPendingServiceWithWaitHint10000IsPolledEvery500msUntil1237) {
   Run("hang 10000");
-  reg_set_dword("\\\\System\\CurrentControlSet\\Services\\W32Time", "StopWaitHint", 10000);   // the supervisor's hint
+  reg_set_dword(reg_local(), "\\\\System\\CurrentControlSet\\Services\\W32Time", "StopWaitHint", 10000);   // the supervisor's hint
   platform::fake::Enable();
   EXPECT_EQ(ControlTimeService(&owner_, nullptr, kServiceOpStop, 1), 0);
   EXPECT_EQ(platform::LastError(), 1237u);

@@ -34,10 +34,10 @@ constexpr const char* kKClient = "\\\\Software\\Morvane\\Kairon Client\\Paramete
 
 std::string Str(const char* path, const char* name) {
   char buf[1024];
-  reg_get_string(path, name, buf, sizeof buf, "<missing>");
+  reg_get_string(reg_local(), path, name, buf, sizeof buf, "<missing>");
   return buf;
 }
-bool Has(const char* path, const char* name) { return Str(path, name) != "<missing>" || reg_get_dword(path, name, 7) != 7; }
+bool Has(const char* path, const char* name) { return Str(path, name) != "<missing>" || reg_get_dword(reg_local(), path, name, 7) != 7; }
 
 class W32tTest : public RegistryTest {
  protected:
@@ -50,21 +50,21 @@ class W32tTest : public RegistryTest {
     sandbox_->Clear("\\\\System\\CurrentControlSet\\Services\\Kairon Client");
     sandbox_->Clear(kCategory1);
     sandbox_->Clear(kCategory2);
-    saved_lanman_ = reg_get_dword(kLanman, "TimeSource", 0xFFFFFFFF);
+    saved_lanman_ = reg_get_dword(reg_local(), kLanman, "TimeSource", 0xFFFFFFFF);
     saved_env_ = g_w32t_env;
     g_w32t_env.level = kOsWinXp;
     std::snprintf(g_w32t_env.computer_name, sizeof g_w32t_env.computer_name, "%s", platform::ComputerName().c_str());
   }
   void TearDown() override {
-    if (saved_lanman_ == 0xFFFFFFFF) reg_delete_value(kLanman, "TimeSource");
-    else reg_set_dword(kLanman, "TimeSource", saved_lanman_);
+    if (saved_lanman_ == 0xFFFFFFFF) reg_delete_value(reg_local(), kLanman, "TimeSource");
+    else reg_set_dword(reg_local(), kLanman, "TimeSource", saved_lanman_);
     g_w32t_env = saved_env_;
     RegistryTest::TearDown();
   }
   W32tSettings Load() {
     W32tSettings s;
     std::memset(&s, 0x5A, sizeof s);
-    w32t_load(s);
+    w32t_load(reg_local(), s);
     return s;
   }
   std::uint32_t saved_lanman_ = 0;
@@ -105,7 +105,7 @@ TEST(W32tText, HexDigit) {
 }
 
 TEST_F(W32tTest, TwoServersWithFlagsLoadAndSaveBackTheSameText) {
-  reg_set_string(kParams, "NTPServer", "a.example,0x1 b.example,0x9");
+  reg_set_string(reg_local(), kParams, "NTPServer", "a.example,0x1 b.example,0x9");
   W32tSettings s = Load();
   ASSERT_EQ(s.server_count, 2u);
   EXPECT_STREQ(s.servers[0].name, "a.example");
@@ -114,19 +114,19 @@ TEST_F(W32tTest, TwoServersWithFlagsLoadAndSaveBackTheSameText) {
   EXPECT_EQ(s.servers[1].flags, 9u);
   for (const auto& e : s.servers) EXPECT_EQ(e.work, -1);
   for (int i = 2; i < 6; ++i) EXPECT_STREQ(s.servers[i].name, "");
-  ASSERT_EQ(w32t_save(s, 1), 0u);
+  ASSERT_EQ(w32t_save(reg_local(), s, 1), 0u);
   EXPECT_EQ(Str(kParams, "NTPServer"), "a.example,0x1 b.example,0x9");
 }
 
 TEST_F(W32tTest, SevenNamesLoadTheFirstSix) {
-  reg_set_string(kParams, "NTPServer", "s1 s2 s3 s4 s5 s6 s7");
+  reg_set_string(reg_local(), kParams, "NTPServer", "s1 s2 s3 s4 s5 s6 s7");
   W32tSettings s = Load();
   ASSERT_EQ(s.server_count, 6u);
   EXPECT_STREQ(s.servers[5].name, "s6");
 }
 
 TEST_F(W32tTest, TheSixthServerAlwaysLoadsWithFlagsOne) {
-  reg_set_string(kParams, "NTPServer", "s1,0x9 s2,0x9 s3,0x9 s4,0x9 s5,0x9 s6,0x9");
+  reg_set_string(reg_local(), kParams, "NTPServer", "s1,0x9 s2,0x9 s3,0x9 s4,0x9 s5,0x9 s6,0x9");
   W32tSettings s = Load();
   ASSERT_EQ(s.server_count, 6u);
   for (int i = 0; i < 5; ++i) EXPECT_EQ(s.servers[i].flags, 9u) << i;
@@ -134,7 +134,7 @@ TEST_F(W32tTest, TheSixthServerAlwaysLoadsWithFlagsOne) {
 }
 
 TEST_F(W32tTest, AModeTokenBeforeAnyServerIsAServerName) {
-  reg_set_string(kParams, "NTPServer", "0x9 a.example");
+  reg_set_string(reg_local(), kParams, "NTPServer", "0x9 a.example");
   W32tSettings s = Load();
   ASSERT_EQ(s.server_count, 2u);
   EXPECT_STREQ(s.servers[0].name, "0x9");
@@ -142,7 +142,7 @@ TEST_F(W32tTest, AModeTokenBeforeAnyServerIsAServerName) {
 }
 
 TEST_F(W32tTest, ModeTokensOfOneOrTwoDigitsOnlyAndTokensAreTrimmed) {
-  reg_set_string(kParams, "NTPServer", "a,0x100 b,,0XaB\t c,0xg \r\n");
+  reg_set_string(reg_local(), kParams, "NTPServer", "a,0x100 b,,0XaB\t c,0xg \r\n");
   W32tSettings s = Load();
   ASSERT_EQ(s.server_count, 5u);
   EXPECT_STREQ(s.servers[0].name, "a");
@@ -154,7 +154,7 @@ TEST_F(W32tTest, ModeTokensOfOneOrTwoDigitsOnlyAndTokensAreTrimmed) {
 }
 
 TEST_F(W32tTest, ATokenOfOnlyTabsEndsTheList) {
-  reg_set_string(kParams, "NTPServer", "a \t b");
+  reg_set_string(reg_local(), kParams, "NTPServer", "a \t b");
   W32tSettings s = Load();
   ASSERT_EQ(s.server_count, 1u);
   EXPECT_STREQ(s.servers[0].name, "a");
@@ -162,7 +162,7 @@ TEST_F(W32tTest, ATokenOfOnlyTabsEndsTheList) {
 
 TEST_F(W32tTest, LongNamesAreCutTo63Characters) {
   const std::string longname(80, 'n');
-  reg_set_string(kParams, "NTPServer", (longname + ",0x8").c_str());
+  reg_set_string(reg_local(), kParams, "NTPServer", (longname + ",0x8").c_str());
   W32tSettings s = Load();
   ASSERT_EQ(s.server_count, 1u);
   EXPECT_EQ(std::string(s.servers[0].name), std::string(63, 'n'));
@@ -206,7 +206,7 @@ TEST(W32tText, TheListTextParsesBackAsTheSameServers) {
 TEST_F(W32tTest, MissingServerListLoadsEmptyAndSavesAnEmptyString) {
   W32tSettings s = Load();
   EXPECT_EQ(s.server_count, 0u);
-  ASSERT_EQ(w32t_save(s, 1), 0u);
+  ASSERT_EQ(w32t_save(reg_local(), s, 1), 0u);
   EXPECT_EQ(Str(kParams, "NTPServer"), "");
 }
 
@@ -216,16 +216,16 @@ TEST_F(W32tTest, SavingSkipsEmptyNames) {
   std::strcpy(s.servers[0].name, "x");
   std::strcpy(s.servers[2].name, "z");
   s.servers[2].flags = 0xA;
-  ASSERT_EQ(w32t_save(s, 1), 0u);
+  ASSERT_EQ(w32t_save(reg_local(), s, 1), 0u);
   EXPECT_EQ(Str(kParams, "NTPServer"), "x,0x1 z,0xa");
 }
 
 TEST_F(W32tTest, Windows2000SavesNamesWithoutFlags) {
   g_w32t_env.level = kOsWin2000;
-  reg_set_string(kParams, "NTPServer", "a.example,0x1 b.example,0x9");
+  reg_set_string(reg_local(), kParams, "NTPServer", "a.example,0x1 b.example,0x9");
   W32tSettings s = Load();
   EXPECT_EQ(s.servers[1].flags, 9u);
-  ASSERT_EQ(w32t_save(s, 1), 0u);
+  ASSERT_EQ(w32t_save(reg_local(), s, 1), 0u);
   EXPECT_EQ(Str(kParams, "NTPServer"), "a.example b.example");
 }
 
@@ -235,10 +235,10 @@ TEST_F(W32tTest, TypeTextsLoadAsCodes) {
     std::uint32_t code;
   } cases[] = {{"nt5ds", 2}, {"Disabled", 4}, {"Not Touched", 4}, {"", 4}, {"foo", 4}, {"NoSync", 1}, {"allsync", 3}};
   for (const auto& c : cases) {
-    reg_set_string(kParams, "Type", c.text);
+    reg_set_string(reg_local(), kParams, "Type", c.text);
     EXPECT_EQ(Load().sync_type, c.code) << c.text;
   }
-  reg_delete_value(kParams, "Type");
+  reg_delete_value(reg_local(), kParams, "Type");
   EXPECT_EQ(Load().sync_type, 4u);
 }
 
@@ -265,17 +265,17 @@ TEST_F(W32tTest, SavingWithTheRegisterFlagWritesTheRegistration) {
   s.provider_enabled = 1;
   s.check_interval = 900;
   std::strcpy(s.reference_clock, "ref.example");
-  ASSERT_EQ(w32t_save(s, 1), 0u);
+  ASSERT_EQ(w32t_save(reg_local(), s, 1), 0u);
   EXPECT_EQ(Str(kProvider, "Service Installed"), "True");
   EXPECT_EQ(Str(kProvider, "DNS Lookups Enabled"), "True");
   EXPECT_EQ(Str(kProvider, "Current Version"), "4.2.b.20081210R");
-  EXPECT_EQ(reg_get_dword(kProvider, "OEMID", 0), 288u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kProvider, "OEMID", 0), 288u);
   EXPECT_EQ(Str(kProvider, "DllName"), "w32tmkr.cpl");
-  EXPECT_EQ(reg_get_dword(kProvider, "SpecialPollInterval", 0), 900u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kProvider, "SpecialPollInterval", 0), 900u);
   EXPECT_EQ(Str(kProvider, "Reference Clock"), "ref.example");
-  EXPECT_EQ(reg_get_dword(kProvider, "Alert Threshhold (seconds)", 0), 2u);
-  EXPECT_EQ(reg_get_dword(kCategory1, kCategoryValue, 0), 6u);
-  EXPECT_EQ(reg_get_dword(kCategory2, kCategoryValue, 0), 6u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kProvider, "Alert Threshhold (seconds)", 0), 2u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kCategory1, kCategoryValue, 0), 6u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kCategory2, kCategoryValue, 0), 6u);
 }
 
 // A store that refuses a write: the save says so with the first refusal's error, and still
@@ -286,48 +286,48 @@ TEST_F(W32tTest, ASaveTheStoreRefusesReportsTheFirstFailureAndWritesTheRest) {
   s.check_interval = 900;
   platform::fake::Enable();
   platform::fake::FailRegistryWrite("Reference Clock", 5);
-  EXPECT_EQ(w32t_save(s, 1), 5u);
+  EXPECT_EQ(w32t_save(reg_local(), s, 1), 5u);
   platform::fake::FailRegistryWrite("Reference Clock", 0);
   platform::fake::Disable();
   EXPECT_EQ(Str(kProvider, "Reference Clock"), "<missing>");   // not stored
-  EXPECT_EQ(reg_get_dword(kProvider, "SpecialPollInterval", 0), 900u);   // the others are
-  EXPECT_EQ(reg_get_dword(kProvider, "Alert Threshhold (seconds)", 0), 2u);
-  EXPECT_EQ(w32t_save(s, 1), 0u);
+  EXPECT_EQ(reg_get_dword(reg_local(), kProvider, "SpecialPollInterval", 0), 900u);   // the others are
+  EXPECT_EQ(reg_get_dword(reg_local(), kProvider, "Alert Threshhold (seconds)", 0), 2u);
+  EXPECT_EQ(w32t_save(reg_local(), s, 1), 0u);
   EXPECT_EQ(Str(kProvider, "Reference Clock"), "ref.example");
 }
 
 TEST_F(W32tTest, SavingWithTheRegisterFlagClearRemovesTheRegistration) {
   W32tSettings s = Load();
-  ASSERT_EQ(w32t_save(s, 1), 0u);
-  ASSERT_TRUE(reg_key_exists(kProvider));
-  ASSERT_EQ(w32t_save(s, 0), 0u);
-  EXPECT_FALSE(reg_key_exists(kProvider));
-  EXPECT_TRUE(reg_key_exists(kProviders));
+  ASSERT_EQ(w32t_save(reg_local(), s, 1), 0u);
+  ASSERT_TRUE(reg_key_exists(reg_local(), kProvider));
+  ASSERT_EQ(w32t_save(reg_local(), s, 0), 0u);
+  EXPECT_FALSE(reg_key_exists(reg_local(), kProvider));
+  EXPECT_TRUE(reg_key_exists(reg_local(), kProviders));
   EXPECT_FALSE(Has(kCategory1, kCategoryValue));
   EXPECT_FALSE(Has(kCategory2, kCategoryValue));
 }
 
 TEST_F(W32tTest, AProviderKeyWithSubkeysIsNotRemoved) {
   W32tSettings s = Load();
-  ASSERT_EQ(w32t_save(s, 1), 0u);
-  reg_set_dword((std::string(kProvider) + "\\Sub").c_str(), "V", 1);
-  ASSERT_EQ(w32t_save(s, 0), 0u);
-  EXPECT_TRUE(reg_key_exists(kProvider));
+  ASSERT_EQ(w32t_save(reg_local(), s, 1), 0u);
+  reg_set_dword(reg_local(), (std::string(kProvider) + "\\Sub").c_str(), "V", 1);
+  ASSERT_EQ(w32t_save(reg_local(), s, 0), 0u);
+  EXPECT_TRUE(reg_key_exists(reg_local(), kProvider));
 }
 
 TEST_F(W32tTest, FileLoggingOffDeletesItsValues) {
-  reg_set_dword(kConfig, "FileLogSize", 1000);
-  reg_set_string(kConfig, "FileLogEntries", "0-300");
-  reg_set_string(kConfig, "FileLogName", "C:\\w32time.log");
+  reg_set_dword(reg_local(), kConfig, "FileLogSize", 1000);
+  reg_set_string(reg_local(), kConfig, "FileLogEntries", "0-300");
+  reg_set_string(reg_local(), kConfig, "FileLogName", "C:\\w32time.log");
   W32tSettings s = Load();
   EXPECT_EQ(s.file_logging_on, 1u);
   s.file_logging_on = 0;
-  ASSERT_EQ(w32t_save(s, 1), 0u);
+  ASSERT_EQ(w32t_save(reg_local(), s, 1), 0u);
   EXPECT_FALSE(Has(kConfig, "FileLogSize"));
   EXPECT_FALSE(Has(kConfig, "FileLogEntries"));
   EXPECT_FALSE(Has(kConfig, "FileLogName"));
-  reg_set_dword(kConfig, "FileLogSize", 1000);
-  reg_set_string(kConfig, "FileLogName", "C:\\w32time.log");
+  reg_set_dword(reg_local(), kConfig, "FileLogSize", 1000);
+  reg_set_string(reg_local(), kConfig, "FileLogName", "C:\\w32time.log");
   EXPECT_EQ(Load().file_logging_on, 0u);   // one string empty
 }
 
@@ -391,9 +391,9 @@ TEST(W32tFields, TheTableNamesEverySettingOfTheRecordOnce) {
 TEST_F(W32tTest, EveryFieldRoundTripsOnLevels4096And32768) {
   for (std::uint32_t level : {kOsWinXp, kOsWin2008}) {
     g_w32t_env.level = level;
-    reg_set_dword(kConfig, "MaxAllowedPhaseOffset", 300);
+    reg_set_dword(reg_local(), kConfig, "MaxAllowedPhaseOffset", 300);
     const W32tSettings in = Filled();
-    ASSERT_EQ(w32t_save(in, 1), 0u);
+    ASSERT_EQ(w32t_save(reg_local(), in, 1), 0u);
     W32tSettings out = Load();
     EXPECT_EQ(out.ntp_client_enabled, 1u);
     EXPECT_EQ(out.ntp_client_input_provider, 1u);
@@ -429,8 +429,8 @@ TEST_F(W32tTest, EveryFieldRoundTripsOnLevels4096And32768) {
     // Never written back.
     W32tSettings changed = in;
     changed.max_allowed_phase_offset = 1;
-    ASSERT_EQ(w32t_save(changed, 1), 0u);
-    EXPECT_EQ(reg_get_dword(kConfig, "MaxAllowedPhaseOffset", 0), 300u);
+    ASSERT_EQ(w32t_save(reg_local(), changed, 1), 0u);
+    EXPECT_EQ(reg_get_dword(reg_local(), kConfig, "MaxAllowedPhaseOffset", 0), 300u);
     DeleteRegTree(platform::RegLocalMachine(), std::string(kW32Time).substr(2));
   }
 }
@@ -438,10 +438,10 @@ TEST_F(W32tTest, EveryFieldRoundTripsOnLevels4096And32768) {
 TEST_F(W32tTest, EveryFieldRoundTripsOnLevel2048) {
   g_w32t_env.level = kOsWin2000;
   const W32tSettings in = Filled();
-  ASSERT_EQ(w32t_save(in, 1), 0u);
-  EXPECT_FALSE(reg_key_exists(kProvider));   // no provider on Windows 2000
-  EXPECT_FALSE(reg_key_exists(kConfig));
-  EXPECT_FALSE(reg_key_exists(kNtpClient));
+  ASSERT_EQ(w32t_save(reg_local(), in, 1), 0u);
+  EXPECT_FALSE(reg_key_exists(reg_local(), kProvider));   // no provider on Windows 2000
+  EXPECT_FALSE(reg_key_exists(reg_local(), kConfig));
+  EXPECT_FALSE(reg_key_exists(reg_local(), kNtpClient));
   W32tSettings out = Load();
   EXPECT_EQ(out.local_ntp, 1u);
   EXPECT_EQ(out.reliable_time_source, 1u);
@@ -460,8 +460,8 @@ TEST_F(W32tTest, EveryFieldRoundTripsOnLevel2048) {
 
 TEST_F(W32tTest, OtherLevelsGetOnlyTheCommonPart) {
   g_w32t_env.level = kOsNt4;
-  ASSERT_EQ(w32t_save(Filled(), 1), 0u);
-  EXPECT_FALSE(reg_key_exists(kProvider));
+  ASSERT_EQ(w32t_save(reg_local(), Filled(), 1), 0u);
+  EXPECT_FALSE(reg_key_exists(reg_local(), kProvider));
   EXPECT_FALSE(Has(kParams, "LocalNTP"));
   W32tSettings out = Load();
   EXPECT_EQ(out.server_count, 6u);
@@ -481,10 +481,10 @@ TEST_F(W32tTest, ModuleProbeLooksInTheSystemDirectory) {
 }
 
 TEST_F(W32tTest, SecureKeysOpensExistingKeysToEveryoneAndCreatesNone) {
-  reg_set_dword(kParams, "X", 1);
-  w32t_secure_keys();
-  EXPECT_FALSE(reg_key_exists(kConfig));
-  EXPECT_FALSE(reg_key_exists(kProvider));
+  reg_set_dword(reg_local(), kParams, "X", 1);
+  w32t_secure_keys(reg_local());
+  EXPECT_FALSE(reg_key_exists(reg_local(), kConfig));
+  EXPECT_FALSE(reg_key_exists(reg_local(), kProvider));
   for (const char* key : {kW32Time, kParams}) {
     platform::RegKey h = nullptr;
     ASSERT_EQ(platform::RegOpenKey(platform::RegLocalMachine(), std::string(key).substr(2), platform::kKeyRead, h), 0u);
@@ -499,74 +499,74 @@ TEST_F(W32tTest, SecureKeysOpensExistingKeysToEveryoneAndCreatesNone) {
 }
 
 TEST_F(W32tTest, InstalledProductCodes) {
-  EXPECT_EQ(w32t_installed_product(), kProductNone);
-  reg_set_bool(kKClient, "Service Installed", 1);
-  EXPECT_EQ(w32t_installed_product(), kProductKaironClient);
-  reg_set_bool(kKClient, "Ultra Thin Client", 1);
-  EXPECT_EQ(w32t_installed_product(), kProductKaironUltraThinClient);
-  reg_set_string(kKClient, "Thin Client", "yes");
-  EXPECT_EQ(w32t_installed_product(), kProductKaironThinClient);
-  reg_set_bool(kKServer, "Service Installed", 1);
-  EXPECT_EQ(w32t_installed_product(), kProductKaironServer);
-  reg_set_bool(kKServer, "Service Installed", 0);
-  reg_set_bool(kKClient, "Service Installed", 0);
-  EXPECT_EQ(w32t_installed_product(), kProductNone);
+  EXPECT_EQ(w32t_installed_product(reg_local()), kProductNone);
+  reg_set_bool(reg_local(), kKClient, "Service Installed", 1);
+  EXPECT_EQ(w32t_installed_product(reg_local()), kProductKaironClient);
+  reg_set_bool(reg_local(), kKClient, "Ultra Thin Client", 1);
+  EXPECT_EQ(w32t_installed_product(reg_local()), kProductKaironUltraThinClient);
+  reg_set_string(reg_local(), kKClient, "Thin Client", "yes");
+  EXPECT_EQ(w32t_installed_product(reg_local()), kProductKaironThinClient);
+  reg_set_bool(reg_local(), kKServer, "Service Installed", 1);
+  EXPECT_EQ(w32t_installed_product(reg_local()), kProductKaironServer);
+  reg_set_bool(reg_local(), kKServer, "Service Installed", 0);
+  reg_set_bool(reg_local(), kKClient, "Service Installed", 0);
+  EXPECT_EQ(w32t_installed_product(reg_local()), kProductNone);
 }
 
 TEST_F(W32tTest, KaironServiceDisabledAndServingNtp) {
   const char* ks = "\\\\System\\CurrentControlSet\\Services\\Kairon Server";
   const char* kc = "\\\\System\\CurrentControlSet\\Services\\Kairon Client";
   const char* protocols = "\\\\Software\\Morvane\\Kairon Server\\Enabled Protocols";
-  EXPECT_EQ(w32t_kairon_service_disabled(), 0);
-  reg_set_bool(kKServer, "Service Installed", 1);
-  EXPECT_EQ(w32t_kairon_serves_ntp(), 0);   // protocol value missing
-  reg_set_bool(protocols, "NTP/SNTP (RFC 1769)", 1);
-  EXPECT_EQ(w32t_kairon_serves_ntp(), 1);
-  reg_set_dword(kc, "Start", 4);
-  EXPECT_EQ(w32t_kairon_service_disabled(), 1);
-  EXPECT_EQ(w32t_kairon_serves_ntp(), 0);
-  reg_set_dword(kc, "Start", 3);
-  reg_set_dword(ks, "Start", 4);
-  EXPECT_EQ(w32t_kairon_service_disabled(), 1);
-  reg_set_dword(ks, "Start", 2);
-  reg_set_bool(kKServer, "Service Installed", 0);
-  reg_set_bool(kKClient, "Service Installed", 1);
-  EXPECT_EQ(w32t_kairon_serves_ntp(), 0);   // a client does not serve
+  EXPECT_EQ(w32t_kairon_service_disabled(reg_local()), 0);
+  reg_set_bool(reg_local(), kKServer, "Service Installed", 1);
+  EXPECT_EQ(w32t_kairon_serves_ntp(reg_local()), 0);   // protocol value missing
+  reg_set_bool(reg_local(), protocols, "NTP/SNTP (RFC 1769)", 1);
+  EXPECT_EQ(w32t_kairon_serves_ntp(reg_local()), 1);
+  reg_set_dword(reg_local(), kc, "Start", 4);
+  EXPECT_EQ(w32t_kairon_service_disabled(reg_local()), 1);
+  EXPECT_EQ(w32t_kairon_serves_ntp(reg_local()), 0);
+  reg_set_dword(reg_local(), kc, "Start", 3);
+  reg_set_dword(reg_local(), ks, "Start", 4);
+  EXPECT_EQ(w32t_kairon_service_disabled(reg_local()), 1);
+  reg_set_dword(reg_local(), ks, "Start", 2);
+  reg_set_bool(reg_local(), kKServer, "Service Installed", 0);
+  reg_set_bool(reg_local(), kKClient, "Service Installed", 1);
+  EXPECT_EQ(w32t_kairon_serves_ntp(reg_local()), 0);   // a client does not serve
 }
 
 TEST_F(W32tTest, CoexistenceTurnsTheProviderOffOrOn) {
   W32tSettings s = Load();
   g_w32t_env.installed_product = kProductNone;
   s.provider_enabled = 1;
-  EXPECT_EQ(w32t_apply_coexistence(s), 0);
-  reg_set_bool(kKServer, "Force Chronwarden Disable", 1);
-  EXPECT_EQ(w32t_forced_disable(), 1);
-  EXPECT_EQ(w32t_apply_coexistence(s), 1);
+  EXPECT_EQ(w32t_apply_coexistence(reg_local(), s), 0);
+  reg_set_bool(reg_local(), kKServer, "Force Chronwarden Disable", 1);
+  EXPECT_EQ(w32t_forced_disable(reg_local()), 1);
+  EXPECT_EQ(w32t_apply_coexistence(reg_local(), s), 1);
   EXPECT_EQ(s.provider_enabled, 0u);
-  EXPECT_EQ(w32t_apply_coexistence(s), 0);
-  reg_set_bool(kKServer, "Force Chronwarden Disable", 0);
-  reg_set_bool(kKClient, "Force Chronwarden Disable", 1);
-  EXPECT_EQ(w32t_forced_disable(), 1);
-  reg_set_bool(kKClient, "Force Chronwarden Disable", 0);
-  EXPECT_EQ(w32t_apply_coexistence(s), 0);   // no product installed
+  EXPECT_EQ(w32t_apply_coexistence(reg_local(), s), 0);
+  reg_set_bool(reg_local(), kKServer, "Force Chronwarden Disable", 0);
+  reg_set_bool(reg_local(), kKClient, "Force Chronwarden Disable", 1);
+  EXPECT_EQ(w32t_forced_disable(reg_local()), 1);
+  reg_set_bool(reg_local(), kKClient, "Force Chronwarden Disable", 0);
+  EXPECT_EQ(w32t_apply_coexistence(reg_local(), s), 0);   // no product installed
   g_w32t_env.installed_product = kProductKaironClient;
-  EXPECT_EQ(w32t_apply_coexistence(s), 1);
+  EXPECT_EQ(w32t_apply_coexistence(reg_local(), s), 1);
   EXPECT_EQ(s.provider_enabled, 1u);
 }
 
 TEST_F(W32tTest, EnvironmentInitTakesTheLevelProductAndDirectories) {
   g_w32t_env = W32tEnvironment{};
-  reg_set_bool(kKClient, "Service Installed", 1);
-  reg_set_dword("\\\\System\\CurrentControlSet\\Services\\Kairon Client", "Start", 4);
-  w32t_environment_init();
+  reg_set_bool(reg_local(), kKClient, "Service Installed", 1);
+  reg_set_dword(reg_local(), "\\\\System\\CurrentControlSet\\Services\\Kairon Client", "Start", 4);
+  w32t_environment_init(reg_local());
   os_identify();
   EXPECT_EQ(g_w32t_env.level, g_os.level);
   EXPECT_EQ(g_w32t_env.installed_product, kProductKaironClient);
   EXPECT_EQ(g_w32t_env.kairon_disabled, 1);
   EXPECT_EQ(std::string(g_w32t_env.system_dir), platform::SystemDirectory() + "\\");
   EXPECT_EQ(std::string(g_w32t_env.computer_name), platform::ComputerName());
-  reg_set_dword("\\\\System\\CurrentControlSet\\Services\\Kairon Client", "Start", 2);
-  w32t_environment_init();
+  reg_set_dword(reg_local(), "\\\\System\\CurrentControlSet\\Services\\Kairon Client", "Start", 2);
+  w32t_environment_init(reg_local());
   EXPECT_EQ(g_w32t_env.kairon_disabled, 0);
 }
 

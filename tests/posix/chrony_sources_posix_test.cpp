@@ -95,8 +95,8 @@ class ChronyTest : public RegistryTest {
     for (int i = 0; i < 100 && !fs::exists(dir_ / "chronyd.sock"); ++i)
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     ASSERT_TRUE(fs::exists(dir_ / "chronyd.sock")) << Read(dir_ / "chronyd.log");
-    reg_set_string(kParams, "ChronySourcesFile", File().c_str());
-    reg_set_string(kParams, "ChronyCommandSocket", (dir_ / "chronyd.sock").string().c_str());
+    reg_set_string(reg_local(), kParams, "ChronySourcesFile", File().c_str());
+    reg_set_string(reg_local(), kParams, "ChronyCommandSocket", (dir_ / "chronyd.sock").string().c_str());
     saved_level_ = g_w32t_env.level;
     g_w32t_env.level = kOsWin2008;
   }
@@ -129,13 +129,13 @@ class ChronyTest : public RegistryTest {
 
 // The settings' save only stores them; the callers (config set, Apply, install) hand them to chrony.
 TEST_F(ChronyTest, SavingTheSettingsLeavesChronyAlone) {
-  ASSERT_EQ(w32t_save(Two(), 1), 0u);
+  ASSERT_EQ(w32t_save(reg_local(), Two(), 1), 0u);
   EXPECT_FALSE(std::filesystem::exists(File()));
   EXPECT_EQ(Sources().find("127.0.0.11"), std::string::npos);
 }
 
 TEST_F(ChronyTest, ApplyingTheSettingsMakesThemChronySources) {
-  ASSERT_EQ(w32t_save(Two(), 1), 0u);
+  ASSERT_EQ(w32t_save(reg_local(), Two(), 1), 0u);
   ASSERT_EQ(chrony_apply_settings(Two()), 1);
   EXPECT_EQ(platform::LastError(), 0u);
   const std::string text = Read(File());
@@ -221,7 +221,7 @@ TEST(ChronyConfigSources, ReadsTheConfigurationAndTheFilesItNamesButNotOurs) {
 }
 
 TEST_F(ChronyTest, InstallTakesTheMachinesSourcesAndNeverDoublesOrRewritesThem) {
-  reg_set_string(kParams, "ChronyConfigFile", (dir_ / "chrony.conf").string().c_str());
+  reg_set_string(reg_local(), kParams, "ChronyConfigFile", (dir_ / "chrony.conf").string().c_str());
   const std::string admin = "# the administrator's\nserver 127.0.0.21 iburst minpoll 4\npeer 127.0.0.22\n";
   std::ofstream(dir_ / "sources.d" / "admin.sources") << admin;
   std::string out;
@@ -250,7 +250,7 @@ TEST_F(ChronyTest, InstallTakesTheMachinesSourcesAndNeverDoublesOrRewritesThem) 
 }
 
 TEST_F(ChronyTest, WithoutAnAnsweringChronydTheApplyFails) {
-  reg_set_string(kParams, "ChronyCommandSocket", (dir_ / "nobody.sock").string().c_str());
+  reg_set_string(reg_local(), kParams, "ChronyCommandSocket", (dir_ / "nobody.sock").string().c_str());
   EXPECT_EQ(chrony_apply_settings(Two()), 0);
   EXPECT_EQ(platform::LastError(), 1722u);
 }

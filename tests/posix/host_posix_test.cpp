@@ -185,11 +185,11 @@ class HostProcessTest : public RegistryTest {
     fs::create_directories(root_ / "system32");
     fs::copy_file(W32TMKR_PATH, root_ / "system32" / "w32tmkr.cpl", fs::copy_options::overwrite_existing);
     const std::string provider = std::string(kTimeProvidersKey) + "\\Chronwarden";
-    reg_set_dword(provider.c_str(), "Enabled", 1);
-    reg_set_string(provider.c_str(), "DllName", "w32tmkr.cpl");
+    reg_set_dword(reg_local(), provider.c_str(), "Enabled", 1);
+    reg_set_string(reg_local(), provider.c_str(), "DllName", "w32tmkr.cpl");
     const std::string ntp_client = std::string(kTimeProvidersKey) + "\\NtpClient";
-    reg_set_dword(ntp_client.c_str(), "Enabled", 1);
-    reg_set_string(ntp_client.c_str(), "DllName", "%SystemRoot%\\System32\\w32time.dll");
+    reg_set_dword(reg_local(), ntp_client.c_str(), "Enabled", 1);
+    reg_set_string(reg_local(), ntp_client.c_str(), "DllName", "%SystemRoot%\\System32\\w32time.dll");
     log_ = (root_ / "host.log").string();
   }
   void TearDown() override {
@@ -230,7 +230,7 @@ class HostProcessTest : public RegistryTest {
   }
   static std::string Running() {
     char text[16];
-    reg_get_string("\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden", "Service Running",
+    reg_get_string(reg_local(), "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Chronwarden", "Service Running",
                    text, sizeof text, "(missing)");
     return text;
   }
@@ -373,9 +373,9 @@ TEST_F(HostProcessTest, RegisteredItRunsAsTheW32TimeServiceUnderTheSupervisor) {
   waitpid(reg, &status, 0);
   ASSERT_EQ(WEXITSTATUS(status), 0);
   char image[1024];
-  reg_get_string("\\\\System\\CurrentControlSet\\Services\\W32Time", "ImagePath", image, sizeof image, "");
+  reg_get_string(reg_local(), "\\\\System\\CurrentControlSet\\Services\\W32Time", "ImagePath", image, sizeof image, "");
   EXPECT_EQ(std::string(image), std::string(CHRONWARDEN_HOST_PATH) + " --foreground");
-  EXPECT_EQ(reg_get_dword("\\\\System\\CurrentControlSet\\Services\\W32Time", "Start", 0), 2u);
+  EXPECT_EQ(reg_get_dword(reg_local(), "\\\\System\\CurrentControlSet\\Services\\W32Time", "Start", 0), 2u);
 
   platform::SetEnvironmentValue("CHRONWARDEN_SERVICE_BACKEND", "supervisor");
   platform::SetEnvironmentValue("CHRONWARDEN_SHM_NAMESPACE", ns_.c_str());

@@ -19,13 +19,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string ReadString(const char* path, const char* name) {
+std::string ReadString(const char* path, const char* name, const RegTarget& t = reg_local()) {
   char buf[512];
-  return reg_get_string(path, name, buf, sizeof buf, "<missing>") ? buf : "<missing>";
+  return reg_get_string(t, path, name, buf, sizeof buf, "<missing>") ? buf : "<missing>";
 }
 
 TEST_F(RegistryTest, StoreLivesInTheMachineRootAndStartsWithTheMachineIdentity) {
-  reg_set_dword("", "Touch", 1);
+  reg_set_dword(reg_local(), "", "Touch", 1);
   EXPECT_TRUE(fs::exists(root_ / "registry.db"));
   EXPECT_EQ(ReadString("\\\\SYSTEM\\CurrentControlSet\\Control\\ProductOptions", "ProductType"), "ServerNT");
   utsname u{};
@@ -40,26 +40,26 @@ TEST_F(RegistryTest, StoreLivesInTheMachineRootAndStartsWithTheMachineIdentity) 
             platform::ComputerName());
   EXPECT_EQ(ReadString("\\\\SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "SystemRoot"), root_.string());
   // Filled once: a changed identity value stays changed when the store is opened again.
-  ASSERT_EQ(reg_set_string("\\\\SYSTEM\\CurrentControlSet\\Control\\ProductOptions", "ProductType", "WinNT"), 1);
+  ASSERT_EQ(reg_set_string(reg_local(), "\\\\SYSTEM\\CurrentControlSet\\Control\\ProductOptions", "ProductType", "WinNT"), 1);
   EXPECT_EQ(ReadString("\\\\System\\CurrentControlSet\\Control\\ProductOptions", "ProductType"), "WinNT");
 }
 
 TEST_P(RegistryStoreTest, MissingProductTypeGivesArchitectureCodeOne) {
-  ASSERT_EQ(reg_delete_value("\\\\SYSTEM\\CurrentControlSet\\Control\\ProductOptions", "ProductType"), 1);
-  EXPECT_EQ(reg_target_architecture(), kArchNoProductType);
-  ASSERT_EQ(reg_set_string("\\\\SYSTEM\\CurrentControlSet\\Control\\ProductOptions", "ProductType", "WinNT"), 1);
+  ASSERT_EQ(reg_delete_value(reg_local(), "\\\\SYSTEM\\CurrentControlSet\\Control\\ProductOptions", "ProductType"), 1);
+  EXPECT_EQ(reg_target_architecture(reg_local()), kArchNoProductType);
+  ASSERT_EQ(reg_set_string(reg_local(), "\\\\SYSTEM\\CurrentControlSet\\Control\\ProductOptions", "ProductType", "WinNT"), 1);
   const char* env = "\\\\SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment";
   const std::pair<const char*, std::uint32_t> cases[] = {{"x86", kArchX86},     {"AMD64", kArchAmd64}, {"IA64", kArchIa64},
                                                          {"Alpha", kArchAlpha}, {"MIPS", kArchMips},   {"PPC", kArchPpc},
                                                          {"ARM64", kArchUnknown}};
   for (const auto& [name, code] : cases) {
-    ASSERT_EQ(reg_set_string(env, "PROCESSOR_ARCHITECTURE", name), 1);
-    EXPECT_EQ(reg_target_architecture(), code) << name;
+    ASSERT_EQ(reg_set_string(reg_local(), env, "PROCESSOR_ARCHITECTURE", name), 1);
+    EXPECT_EQ(reg_target_architecture(reg_local()), code) << name;
   }
-  ASSERT_EQ(reg_delete_value(env, "PROCESSOR_ARCHITECTURE"), 1);
-  EXPECT_EQ(reg_target_architecture(), kArchUnknown);
-  ASSERT_EQ(reg_set_string("\\\\SYSTEM\\CurrentControlSet\\Control\\ProductOptions", "ProductType", ""), 1);
-  EXPECT_EQ(reg_target_architecture(), kArchUnknown);
+  ASSERT_EQ(reg_delete_value(reg_local(), env, "PROCESSOR_ARCHITECTURE"), 1);
+  EXPECT_EQ(reg_target_architecture(reg_local()), kArchUnknown);
+  ASSERT_EQ(reg_set_string(reg_local(), "\\\\SYSTEM\\CurrentControlSet\\Control\\ProductOptions", "ProductType", ""), 1);
+  EXPECT_EQ(reg_target_architecture(reg_local()), kArchUnknown);
 }
 
 class RemoteRegistryTest : public RegistryTest {
@@ -80,31 +80,34 @@ class RemoteRegistryTest : public RegistryTest {
 };
 
 TEST_F(RemoteRegistryTest, ARemoteTargetUsesThatMachinesStore) {
-  ASSERT_EQ(reg_connect_target("\\\\hostb"), 1);
-  EXPECT_STREQ(g_target_machine, "\\\\hostb");
-  EXPECT_NE(g_reg_root, platform::RegLocalMachine());
-  ASSERT_EQ(reg_set_string("", "Where", "remote"), 1);
+  RegTarget hostb;
+  ASSERT_EQ(reg_open_target("\\\\hostb", hostb), 1);
+  EXPECT_EQ(hostb.name(), "\\\\hostb");
+  EXPECT_NE(hostb.root(), platform::RegLocalMachine());
+  ASSERT_EQ(reg_set_string(hostb, "", "Where", "remote"), 1);
   EXPECT_TRUE(fs::exists(net_ + "/HOSTB/registry.db"));
-  EXPECT_EQ(ReadString("\\\\SYSTEM\\CurrentControlSet\\Control\\ComputerName\\ComputerName", "ComputerName"), "HOSTB");
+  EXPECT_EQ(ReadString("\\\\SYSTEM\\CurrentControlSet\\Control\\ComputerName\\ComputerName", "ComputerName", hostb),
+            "HOSTB");
+  EXPECT_EQ(ReadString("", "Where"), "<missing>");   // the local machine is another target
 
-  ASSERT_EQ(reg_connect_target(nullptr), 1);
-  EXPECT_EQ(g_reg_root, platform::RegLocalMachine());
-  EXPECT_EQ(ReadString("", "Where"), "<missing>");
-  ASSERT_EQ(reg_connect_target("HOSTB"), 1);
-  EXPECT_EQ(ReadString("", "Where"), "remote");
-  // A failed connection afterwards drops back to the local registry.
-  EXPECT_EQ(reg_connect_target("HOSTC"), 0);
+  RegTarget again;
+  ASSERT_EQ(reg_open_target("HOSTB", again), 1);
+  EXPECT_EQ(ReadString("", "Where", again), "remote");
+  // A failed opening leaves the target on the local registry.
+  EXPECT_EQ(reg_open_target("HOSTC", again), 0);
   EXPECT_EQ(platform::LastError(), 53u);
-  EXPECT_STREQ(g_target_machine, "");
-  EXPECT_EQ(g_reg_root, platform::RegLocalMachine());
-  EXPECT_EQ(ReadString("", "Where"), "<missing>");
+  EXPECT_TRUE(again.local());
+  EXPECT_EQ(again.root(), platform::RegLocalMachine());
+  EXPECT_EQ(ReadString("", "Where", again), "<missing>");
+  EXPECT_EQ(ReadString("", "Where", hostb), "remote");   // another target's key stays open
 }
 
 TEST_F(RemoteRegistryTest, AnUnreachableMachineGivesBadNetPath) {
   for (const char* name : {"\\\\NOSUCH", "NOSUCH", "\\\\..", "\\\\a/b"}) {
-    EXPECT_EQ(reg_connect_target(name), 0) << name;
+    RegTarget target;
+    EXPECT_EQ(reg_open_target(name, target), 0) << name;
     EXPECT_EQ(platform::LastError(), 53u) << name;
-    EXPECT_STREQ(g_target_machine, "");
+    EXPECT_TRUE(target.local());
   }
 }
 
@@ -119,8 +122,8 @@ TEST_F(RegistryTest, TwoProcessesWritingAtOnceLoseNothing) {
       bool ok = true;
       for (int i = 0; i < kEach; ++i) {
         const std::string name = "p" + std::to_string(p) + "_" + std::to_string(i);
-        ok = reg_set_string(("Proc\\K" + std::to_string(i % 7)).c_str(), name.c_str(), name.c_str()) == 1 && ok;
-        reg_set_dword("Proc", name.c_str(), static_cast<std::uint32_t>(i));
+        ok = reg_set_string(reg_local(), ("Proc\\K" + std::to_string(i % 7)).c_str(), name.c_str(), name.c_str()) == 1 && ok;
+        reg_set_dword(reg_local(), "Proc", name.c_str(), static_cast<std::uint32_t>(i));
         ok = platform::LastError() == 0 && ok;
       }
       _exit(ok ? 0 : 1);
@@ -135,18 +138,18 @@ TEST_F(RegistryTest, TwoProcessesWritingAtOnceLoseNothing) {
     for (int i = 0; i < kEach; ++i) {
       const std::string name = "p" + std::to_string(p) + "_" + std::to_string(i);
       EXPECT_EQ(ReadString(("Proc\\K" + std::to_string(i % 7)).c_str(), name.c_str()), name);
-      EXPECT_EQ(reg_get_dword("Proc", name.c_str(), 9999), static_cast<std::uint32_t>(i));
+      EXPECT_EQ(reg_get_dword(reg_local(), "Proc", name.c_str(), 9999), static_cast<std::uint32_t>(i));
     }
   char name[64];
   std::uint32_t count = 0;
-  while (reg_enum_value("Proc", name, sizeof name, nullptr, 0, nullptr, count)) ++count;
+  while (reg_enum_value(reg_local(), "Proc", name, sizeof name, nullptr, 0, nullptr, count)) ++count;
   EXPECT_EQ(count, 2u * kEach);
 }
 
 TEST_P(RegistryStoreTest, NewSubkeysInheritTheSecuredTreesEntries) {
-  reg_set_dword("\\\\Secured", "V", 1);
-  reg_secure_tree("\\\\Secured", nullptr, 0);
-  reg_set_dword("\\\\Secured\\Later", "V", 1);
+  reg_set_dword(reg_local(), "\\\\Secured", "V", 1);
+  reg_secure_tree(reg_local(), "\\\\Secured", nullptr, 0);
+  reg_set_dword(reg_local(), "\\\\Secured\\Later", "V", 1);
   std::vector<platform::RegAce> dacl;
   platform::RegKey key = nullptr;
   ASSERT_EQ(platform::RegOpenKey(platform::RegLocalMachine(), "Secured\\Later", platform::kKeyRead, key), 0u);
@@ -159,10 +162,10 @@ TEST_P(RegistryStoreTest, NewSubkeysInheritTheSecuredTreesEntries) {
 }
 
 TEST_P(RegistryStoreTest, AKeyDeletedUnderAnOpenHandleReportsIt) {
-  reg_set_dword("Gone", "V", 1);
+  reg_set_dword(reg_local(), "Gone", "V", 1);
   platform::RegKey key = nullptr;
-  ASSERT_EQ(reg_open_write("Gone", key), 0u);
-  ASSERT_EQ(reg_delete_key("Gone"), 1);
+  ASSERT_EQ(reg_open_write(reg_local(), "Gone", key), 0u);
+  ASSERT_EQ(reg_delete_key(reg_local(), "Gone"), 1);
   const std::uint32_t v = 2;
   EXPECT_EQ(platform::RegSetValue(key, "V", platform::kRegDword, &v, 4), platform::kErrorKeyDeleted);
   platform::RegCloseKey(key);
@@ -188,9 +191,9 @@ TEST_P(RegistryStoreTest, AKeyMadeAfterTheNewestWasDeletedIsAnotherKey) {
 TEST_F(RegistryTest, ADamagedStoreFileGivesAnErrorNotACrash) {
   fs::create_directories(root_);
   std::ofstream(root_ / "registry.db") << std::string(8192, 'Z');
-  EXPECT_EQ(reg_get_dword("", "V", 77), 77u);
+  EXPECT_EQ(reg_get_dword(reg_local(), "", "V", 77), 77u);
   EXPECT_EQ(platform::LastError(), platform::kErrorRegistryCorrupt);
-  EXPECT_EQ(reg_set_string("", "V", "x"), 0);
+  EXPECT_EQ(reg_set_string(reg_local(), "", "V", "x"), 0);
   EXPECT_NE(platform::LastError(), 0u);
 }
 

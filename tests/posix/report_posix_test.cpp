@@ -56,7 +56,7 @@ TEST_F(ReportOwnerTest, CreationFailureIsShownToTheOwner) {
   SystemErrorText(error, reason, 129);
   EXPECT_EQ(shown[0], "Could not create file " + nowhere + " for output of raw drift data; " + reason);
   EXPECT_TRUE(platform::fake::ViewerOpened().empty());
-  EXPECT_EQ(reg_key_exists(defaults::kNotepadTempKey), 0);
+  EXPECT_EQ(reg_key_exists(reg_local(), defaults::kNotepadTempKey), 0);
 }
 
 }  // namespace

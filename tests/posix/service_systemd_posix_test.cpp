@@ -112,7 +112,7 @@ class SystemdTest : public ::testing::Test {
     platform::SetEnvironmentValue("DBUS_SYSTEM_BUS_ADDRESS", address.c_str());
     platform::SetEnvironmentValue("CHRONWARDEN_SERVICE_BACKEND", "systemd");
     // The time service is the unit that the service key names.
-    reg_set_string("\\\\System\\CurrentControlSet\\Services\\W32Time", "SystemdUnit", "chronwarden-host.service");
+    reg_set_string(reg_local(), "\\\\System\\CurrentControlSet\\Services\\W32Time", "SystemdUnit", "chronwarden-host.service");
 
     ASSERT_GE(sd_bus_new(&server_), 0);
     sd_bus_set_address(server_, address.c_str());
@@ -248,31 +248,31 @@ namespace {
 // or another provider still needs the host.
 TEST_F(SystemdTest, UnregisteringStopsAndDisablesTheUnitInstallMade) {
   const char* key = "\\\\System\\CurrentControlSet\\Services\\W32Time";
-  ASSERT_EQ(RegisterTimeServiceProgram("/usr/local/sbin/chronwarden-host --foreground", false), 1);
+  ASSERT_EQ(RegisterTimeServiceProgram(reg_local(), "/usr/local/sbin/chronwarden-host --foreground", false), 1);
   Script("active");
   {
     std::lock_guard lock(fake_.mu);
     fake_.file_state = "enabled";
   }
   platform::fake::Enable();
-  EXPECT_EQ(UnregisterTimeServiceProgram(nullptr, nullptr), 0);   // registered by hand
+  EXPECT_EQ(UnregisterTimeServiceProgram(nullptr, reg_local()), 0);   // registered by hand
   EXPECT_FALSE(Called("StopUnit"));
-  ASSERT_EQ(RegisterTimeServiceProgram("/usr/local/sbin/chronwarden-host --foreground", true), 1);
+  ASSERT_EQ(RegisterTimeServiceProgram(reg_local(), "/usr/local/sbin/chronwarden-host --foreground", true), 1);
   const std::string other = "\\\\System\\CurrentControlSet\\Services\\W32Time\\TimeProviders\\Other";
-  reg_set_dword(other.c_str(), "Enabled", 1);
-  reg_set_string(other.c_str(), "DllName", "other-provider.so");
-  EXPECT_EQ(UnregisterTimeServiceProgram(nullptr, nullptr), 0);   // the host still serves Other
+  reg_set_dword(reg_local(), other.c_str(), "Enabled", 1);
+  reg_set_string(reg_local(), other.c_str(), "DllName", "other-provider.so");
+  EXPECT_EQ(UnregisterTimeServiceProgram(nullptr, reg_local()), 0);   // the host still serves Other
   EXPECT_FALSE(Called("StopUnit"));
-  reg_set_dword(other.c_str(), "Enabled", 0);
-  EXPECT_EQ(UnregisterTimeServiceProgram(nullptr, nullptr), 1) << platform::LastError();
+  reg_set_dword(reg_local(), other.c_str(), "Enabled", 0);
+  EXPECT_EQ(UnregisterTimeServiceProgram(nullptr, reg_local()), 1) << platform::LastError();
   EXPECT_TRUE(Called("StopUnit"));
   EXPECT_TRUE(Called("DisableUnitFiles"));
   EXPECT_EQ(fake_.file_state, "disabled");
   EXPECT_EQ(fake_.active, "inactive");
   char text[256];
   for (const char* value : {"ImagePath", "SystemdUnit", "Installed By"})
-    EXPECT_STREQ((reg_get_string(key, value, text, sizeof text, "(missing)"), text), "(missing)") << value;
-  EXPECT_EQ(UnregisterTimeServiceProgram(nullptr, nullptr), 0);   // nothing left to undo
+    EXPECT_STREQ((reg_get_string(reg_local(), key, value, text, sizeof text, "(missing)"), text), "(missing)") << value;
+  EXPECT_EQ(UnregisterTimeServiceProgram(nullptr, reg_local()), 0);   // nothing left to undo
 }
 
 }  // namespace

@@ -110,7 +110,7 @@ class StoreDamageTest : public RegistryTest {
 };
 
 TEST_F(StoreDamageTest, ASoundStoreChecksOk) {
-  ASSERT_EQ(reg_set_string("", "Touch", "1"), 1);
+  ASSERT_EQ(reg_set_string(reg_local(), "", "Touch", "1"), 1);
   platform::RegistryStoreReport report;
   EXPECT_EQ(platform::RegistryStoreCheck(nullptr, false, report), 0u);
   EXPECT_TRUE(report.checked);
@@ -141,7 +141,7 @@ TEST_F(StoreDamageTest, ADamagedPageIsFoundThoughTheSettingsStillRead) {
   MakeStoreWithABigValue();
   DamageAPage();
   // Every key and value but the big one still reads: only the check tells.
-  EXPECT_EQ(reg_set_string("", "Touch", "1"), 1);
+  EXPECT_EQ(reg_set_string(reg_local(), "", "Touch", "1"), 1);
   platform::RegistryStoreReport report;
   EXPECT_EQ(platform::RegistryStoreCheck("", false, report), platform::kErrorRegistryCorrupt);
   ASSERT_GE(report.problems.size(), 2u);
@@ -153,7 +153,7 @@ TEST_F(StoreDamageTest, ADamagedPageIsFoundThoughTheSettingsStillRead) {
   EXPECT_EQ(out.rfind(Expected({"*** in database main ***"}), 0), 0u) << out;
   EXPECT_NE(out.find("invalid page number -1"), std::string::npos) << out;
   // The settings' readers take the check's word: a damaged store, not defaults.
-  EXPECT_EQ(reg_readable(defaults::kW32TimeServiceKey), platform::kErrorRegistryCorrupt);
+  EXPECT_EQ(reg_readable(reg_local(), defaults::kW32TimeServiceKey), platform::kErrorRegistryCorrupt);
   EXPECT_EQ(Run("config show", &out), 1);
   char text[512];
   EXPECT_EQ(out, "chronwarden config: " + std::string(SystemErrorText(platform::kErrorRegistryCorrupt, text, sizeof text)) +
@@ -185,7 +185,7 @@ TEST_F(StoreDamageTest, CheckTakesNoKeyNorOtherOptions) {
 // Rollback journal, not WAL (the file header's read and write versions are 1, WAL's 2): a store an
 // earlier build left in WAL mode changes when it is next opened alone.
 TEST_F(StoreDamageTest, TheStoreKeepsARollbackJournal) {
-  ASSERT_EQ(reg_set_string("", "Touch", "1"), 1);
+  ASSERT_EQ(reg_set_string(reg_local(), "", "Touch", "1"), 1);
   std::string bytes = ReadAll(Store());
   EXPECT_EQ(bytes.substr(18, 2), std::string("\x01\x01", 2));
   EXPECT_FALSE(fs::exists(Store().string() + "-wal"));
@@ -270,7 +270,7 @@ class HostProcessInstallRemoveTest : public StoreDamageTest {
   }
   std::string ServiceValue(const char* name) {
     char text[512];
-    reg_get_string(defaults::kW32TimeServiceKey, name, text, sizeof text, "(missing)");
+    reg_get_string(reg_local(), defaults::kW32TimeServiceKey, name, text, sizeof text, "(missing)");
     return text;
   }
   std::string ns_;
@@ -289,7 +289,7 @@ TEST_F(HostProcessInstallRemoveTest, RemoveStopsAndUnregistersTheHostInstallStar
   EXPECT_TRUE(HostsOfThisRoot().empty());
   for (const char* value : {"ImagePath", "SystemdUnit", defaults::kHostInstalledMark})
     EXPECT_EQ(ServiceValue(value), "(missing)") << value;
-  EXPECT_EQ(reg_get_dword(defaults::kW32TimeServiceKey, "Start", 0), 3u);
+  EXPECT_EQ(reg_get_dword(reg_local(), defaults::kW32TimeServiceKey, "Start", 0), 3u);
   std::string status;
   EXPECT_EQ(Run("service status", &status), 0);
   EXPECT_NE(status.find("W32Time: stopped"), std::string::npos) << status;
@@ -304,9 +304,9 @@ TEST_F(HostProcessInstallRemoveTest, AHostThatServesAnotherProviderStays) {
   ASSERT_EQ(Run("install --quiet"), 0);
   ASSERT_TRUE(Within(20, [&] { return HostsOfThisRoot().size() == 1; }));
   const std::string other = std::string(defaults::kTimeProvidersKey) + "\\Other";
-  reg_set_dword(other.c_str(), "Enabled", 1);
-  ASSERT_EQ(reg_get_dword(other.c_str(), "Enabled", 0), 1u);
-  ASSERT_EQ(reg_set_string(other.c_str(), "DllName", "other-provider.so"), 1);
+  reg_set_dword(reg_local(), other.c_str(), "Enabled", 1);
+  ASSERT_EQ(reg_get_dword(reg_local(), other.c_str(), "Enabled", 0), 1u);
+  ASSERT_EQ(reg_set_string(reg_local(), other.c_str(), "DllName", "other-provider.so"), 1);
   ASSERT_EQ(Run("remove --quiet"), 0);
   EXPECT_TRUE(Within(20, [&] { return HostsOfThisRoot().size() == 1; }));
   EXPECT_EQ(ServiceValue("ImagePath"), std::string(CHRONWARDEN_HOST_PATH) + " --foreground");

@@ -16,18 +16,18 @@ TEST_F(RegistryTest, TheModuleProbeOfAnotherMachineLooksUnderItsAdminShare) {
   const W32tEnvironment saved = g_w32t_env;
   g_w32t_env.level = 32768;
   std::snprintf(g_w32t_env.computer_name, sizeof g_w32t_env.computer_name, "THISBOX");
-  reg_set_string("\\\\System\\CurrentControlSet\\Control\\ComputerName\\ComputerName", "ComputerName", "otherbox");
+  reg_set_string(reg_local(), "\\\\System\\CurrentControlSet\\Control\\ComputerName\\ComputerName", "ComputerName", "otherbox");
   W32tSettings s{};
-  w32t_load(s);
+  w32t_load(reg_local(), s);
   EXPECT_EQ(s.module_present, kModuleAbsent);
   std::filesystem::create_directories(net / "otherbox" / "system32");
   std::ofstream(net / "otherbox" / "system32" / "w32tmkr.cpl") << "MZ";
-  w32t_load(s);
+  w32t_load(reg_local(), s);
   EXPECT_EQ(s.module_present, kModulePresent);
   // The same name in another case is this machine: its own system directory is probed.
-  reg_set_string("\\\\System\\CurrentControlSet\\Control\\ComputerName\\ComputerName", "ComputerName", "thisbox");
+  reg_set_string(reg_local(), "\\\\System\\CurrentControlSet\\Control\\ComputerName\\ComputerName", "ComputerName", "thisbox");
   std::snprintf(g_w32t_env.system_dir, sizeof g_w32t_env.system_dir, "%s/", (root_ / "empty").string().c_str());
-  w32t_load(s);
+  w32t_load(reg_local(), s);
   EXPECT_EQ(s.module_present, kModuleAbsent);
   g_w32t_env = saved;
   platform::SetEnvironmentValue("CHRONWARDEN_NETWORK_ROOT", nullptr);
