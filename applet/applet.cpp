@@ -8,8 +8,8 @@
 #include <string>
 
 #include "applet/install.h"
-#include "applet/os_identify.h"
 #include "config/defaults.h"
+#include "config/os_identify.h"
 #include "config/registry.h"
 #include "config/service_control.h"
 #include "drift/report.h"

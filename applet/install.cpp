@@ -7,7 +7,7 @@
 #include <string>
 
 #include "applet/applet.h"
-#include "applet/os_identify.h"
+#include "config/os_identify.h"
 #include "config/defaults.h"
 #include "config/chrony_sources.h"
 #include "config/registry.h"

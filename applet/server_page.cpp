@@ -3,8 +3,8 @@
 
 #include "applet/applet.h"
 #include "applet/clock_status.h"
-#include "applet/os_identify.h"
 #include "config/defaults.h"
+#include "config/os_identify.h"
 #include "config/w32time.h"
 #include "platform/error.h"
 #include "platform/sync.h"

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "applet/applet.h"
-#include "applet/os_identify.h"
+#include "config/os_identify.h"
 #include "config/service_control.h"
 #include "config/w32time.h"
 #include "drift/drift_graph_window.h"

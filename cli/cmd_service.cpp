@@ -4,10 +4,10 @@
 #include <cstdio>
 #include <string>
 
-#include "applet/os_identify.h"
 #include "cli/commands.h"
 #include "cli/service_cli.h"
 #include "config/defaults.h"
+#include "config/os_identify.h"
 #include "config/service_control.h"
 #include "config/w32time.h"
 #include "platform/error.h"

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <string>
 
-#include "applet/os_identify.h"
 #include "config/defaults.h"
+#include "config/os_identify.h"
 #include "config/registry.h"
 #include "drift/drift_file.h"
 #include "platform/clock.h"

@@ -8,8 +8,8 @@
 #include <fstream>
 
 #include "applet/agent_page.h"
-#include "applet/os_identify.h"
 #include "applet/service_page.h"
+#include "config/os_identify.h"
 #include "config/registry.h"
 #include "drift/drift_graph_window.h"
 #include "platform/clock.h"

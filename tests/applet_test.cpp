@@ -12,7 +12,7 @@
 #include "applet/about_page.h"
 #include "applet/applet.h"
 #include "applet/install.h"
-#include "applet/os_identify.h"
+#include "config/os_identify.h"
 #include "config/service_control.h"
 #include "config/w32time.h"
 #include "platform/dialog_memory.h"

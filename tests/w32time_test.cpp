@@ -7,7 +7,7 @@
 #include <fstream>
 #include <string>
 
-#include "applet/os_identify.h"
+#include "config/os_identify.h"
 #include "config/w32time.h"
 #include "platform/fake.h"
 #include "tests/registry_fixture.h"

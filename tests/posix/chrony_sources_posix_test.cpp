@@ -14,8 +14,8 @@
 #include <thread>
 #include <vector>
 
-#include "applet/os_identify.h"
 #include "config/chrony_sources.h"
+#include "config/os_identify.h"
 #include "config/registry.h"
 #include "config/w32time.h"
 #include "platform/error.h"
