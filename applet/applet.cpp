@@ -15,10 +15,10 @@
 #include "drift/report.h"
 #include "platform/clock.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/machine.h"
 #include "platform/net.h"
 #include "resources/resources.h"
-#include "timing/error_text.h"
 
 AppletState g_applet;
 platform::ThreadFunction g_status_thread_fn = nullptr;

@@ -17,7 +17,7 @@
 #include "platform/machine.h"
 #include "platform/thread.h"
 #include "resources/resources.h"
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 
 namespace {
 

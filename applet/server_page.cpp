@@ -7,9 +7,9 @@
 #include "config/os_identify.h"
 #include "config/w32time.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/sync.h"
 #include "resources/resources.h"
-#include "timing/error_text.h"
 #include "timing/ntp_client.h"
 
 namespace {

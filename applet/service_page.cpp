@@ -12,10 +12,10 @@
 #include "drift/drift_graph_window.h"
 #include "drift/report.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/file.h"
 #include "platform/sync.h"
 #include "resources/resources.h"
-#include "timing/error_text.h"
 
 namespace {
 

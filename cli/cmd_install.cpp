@@ -16,7 +16,7 @@
 #include "platform/paths.h"
 #include "platform/dialog_memory.h"
 #include "platform/error.h"
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 
 namespace {
 

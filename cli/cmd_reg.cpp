@@ -11,8 +11,8 @@
 #include "cli/commands.h"
 #include "config/registry.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/registry.h"
-#include "timing/error_text.h"
 
 namespace {
 

@@ -11,9 +11,9 @@
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/service.h"
 #include "platform/sync.h"
-#include "timing/error_text.h"
 
 namespace {
 

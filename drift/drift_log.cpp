@@ -9,7 +9,7 @@
 
 #include "config/defaults.h"
 #include "platform/error.h"
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 
 namespace {
 

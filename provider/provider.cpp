@@ -14,11 +14,11 @@
 #include "drift/drift_file.h"
 #include "platform/clock.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/net.h"
 #include "platform/text.h"
 #include "provider/agent.h"
 #include "provider/kr2_responder.h"
-#include "timing/error_text.h"
 #include "timing/precise_clock.h"
 
 ProviderGlobals g_provider{};
