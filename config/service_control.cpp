@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "config/chrony_sources.h"
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "platform/error.h"
@@ -148,7 +149,7 @@ int RestartService(const ServiceOwner*, const char* machine, const char* service
 
 std::uint32_t TriggerResync(const ServiceOwner*, const char* machine, std::uint32_t wait, std::uint32_t flags) {
   std::uint32_t result = 1;
-  if (!platform::TimeSyncNow(machine, wait, flags, result)) return 1;
+  if (!platform::TimeSyncNow(machine, chrony_command_socket(machine), wait, flags, result)) return 1;
   return result;
 }
 
