@@ -122,7 +122,7 @@ int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
   }
   std::intptr_t ok = applet_entry(nullptr, message, 0, 0);
   std::uint32_t err = platform::LastError();
-  if (ok && message == kCplRemove && machine.empty()) RetireModuleFile();
+  if (ok && message == kCplRemove && machine.empty()) RetireModuleFile(applet_install_context());
   // What install started, remove stops: the host daemon install made the time service, once it
   // hosts no other provider, is stopped and unregistered (Windows Time is the system's own).
   if (ok && !err && message == kCplRemove && reg_connect_target(machine.empty() ? nullptr : machine.c_str()) &&
