@@ -7,20 +7,19 @@
 #include <cstring>
 #include <string>
 
-#include "applet/install.h"
-#include "applet/os_identify.h"
 #include "config/chrony_sources.h"
 #include "config/defaults.h"
+#include "config/os_identify.h"
 #include "config/registry.h"
 #include "config/service_control.h"
 #include "drift/report.h"
 #include "platform/clock.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/machine.h"
 #include "platform/net.h"
 #include "platform/text.h"
 #include "resources/resources.h"
-#include "timing/error_text.h"
 
 AppletState g_applet;
 platform::ThreadFunction g_status_thread_fn = nullptr;
@@ -37,6 +36,10 @@ void service_message(void* owner, const char* text, const char*, std::uint32_t s
   applet_message(static_cast<platform::Dialog*>(owner), style, "%s", text);
 }
 ServiceOwner owner_of(platform::Dialog* d) { return ServiceOwner{d, service_message}; }
+// Install's and remove's messages likewise.
+void install_message(platform::Dialog* owner, std::uint32_t style, const char* text) {
+  applet_message(owner, style, "%s", text);
+}
 
 int real_control(platform::Dialog* owner, const char* machine, std::uint32_t code, std::uint32_t show_error) {
   ServiceOwner o = owner_of(owner);
@@ -70,6 +73,11 @@ std::string error_text(std::uint32_t code) {
 }  // namespace
 
 AppletServices g_applet_services{real_control, real_restart, real_resync};
+
+InstallContext applet_install_context() {
+  return InstallContext{g_applet.target, g_applet.reg, g_applet.target_type, g_applet.quiet != 0, g_applet_services.control,
+                        install_message};
+}
 
 int applet_message(platform::Dialog* owner, std::uint32_t style, const char* format, ...) {
   if (g_applet.quiet) return 1;
@@ -308,7 +316,7 @@ std::intptr_t run_sheet(void* window, std::uint32_t mode, bool remote) {
       applet_needs_upgrade(registered, defaults::kProductVersion, int(s.service_installed))) {
     int quiet = g_applet.quiet;
     g_applet.quiet = 1;
-    int installed = InstallModule(nullptr);
+    int installed = InstallModule(applet_install_context(), nullptr);
     g_applet.quiet = quiet;
     if (installed) {
       w32t_load(g_applet.reg, s);
@@ -348,6 +356,112 @@ std::intptr_t run_sheet(void* window, std::uint32_t mode, bool remote) {
   return shown >= 0 ? 1 : 0;
 }
 
+// The launch's steps. Each says what stops the launch and leaves its code in err (false: stop).
+
+bool check_administrator(std::uint32_t& err) {
+  if (applet_is_admin()) return true;
+  err = platform::kErrorAccessDenied;
+  applet_message(nullptr, 0, "Sorry, you must have administrative privileges in order to run this applet.");
+  return false;
+}
+
+// The target's OS level and server type: a remote target's from its server information.
+bool identify_target(bool remote, std::uint32_t& err) {
+  platform::ServerInfo info{};
+  if (!remote) {
+    g_applet.target_level = g_os.level;
+    g_applet.target_type = platform::GetServerInfo("", info) == 0 ? info.type : 4097;
+    return true;
+  }
+  if (std::uint32_t st = platform::GetServerInfo(bare_name(g_applet.target), info)) {
+    err = st;
+    applet_message(nullptr, 0, "Could not retrieve operating system version information for %s; %s", g_applet.target,
+                   error_text(st).c_str());
+    return false;
+  }
+  g_applet.target_type = info.type;
+  g_applet.target_level = os_level_from_server(info.type, info.major, info.minor);
+  return true;
+}
+
+// Both systems are Windows 2000 or later, and this process is native to its system.
+bool check_systems(const char* name, std::uint32_t& err) {
+  char text[512];
+  if (g_os.level < kOsWin2000)
+    applet_message(nullptr, 0, "This program requires Windows 2000 or later. This machine is %s.", os_local_text(text, sizeof text));
+  else if (g_applet.target_level < kOsWin2000)
+    applet_message(nullptr, 0, "This program requires Windows 2000 or later. %s appears to be %s.", name,
+                   os_remote_text(kArchNoPrefix1, g_applet.target_level, text, sizeof text));
+  else if (os_is_wow64())
+    applet_message(nullptr, 0,
+                   "You have launched the 32-bit version of this program, but you are running a 64-bit operating "
+                   "system.\r\nPlease use the 64-bit version instead.");
+  else
+    return true;
+  err = platform::kErrorUnsupported;
+  return false;
+}
+
+bool start_winsock(bool& winsock, std::uint32_t& err) {
+  if (int st = platform::NetStartup()) {
+    char text[512];
+    err = std::uint32_t(st);
+    applet_message(nullptr, 0, "Unable to start the Winsock subsystem. %s", SocketErrorText(std::uint32_t(st), text, sizeof text));
+    return false;
+  }
+  winsock = true;
+  return true;
+}
+
+// The registry layer on the target, whose store is sound and may be written.
+bool open_target_store(bool remote, const char* name, std::uint32_t& err) {
+  using namespace platform;
+  if (remote && !reg_open_target(g_applet.target, g_applet.reg)) {
+    err = LastError();
+    applet_message(nullptr, 0, "Cannot set focus to remote machine; %s", error_text(err).c_str());
+    return false;
+  }
+  // A damaged store is never shown, installed over or removed from as if it held defaults: the
+  // store's own quick check must find it sound first (the system registry on Windows always is).
+  // A machine without a store yet gets a new one, as any first use makes it.
+  RegistryStoreReport report;
+  if (std::uint32_t st = RegistryStoreCheck(g_applet.target, true, report); st && st != kErrorFileNotFound) {
+    err = st;
+    settings_unreadable(remote ? name : "this", st);
+    return false;
+  }
+  char text[512];
+  if (!applet_access_test(nullptr, g_applet.target, "", text)) {
+    err = LastError();
+    applet_message(nullptr, 0, "%s", text);
+    return false;
+  }
+  return true;
+}
+
+// Install or remove (mode kCplInstall or kCplRemove) on the target: only to a machine of this
+// architecture; quiet runs it at once, else under the please-wait window.
+std::intptr_t run_install(std::uint32_t mode, bool remote, const char* name) {
+  using namespace platform;
+  if (mode == kCplInstall && remote) {
+    std::uint32_t arch = reg_target_architecture(g_applet.reg);
+    if (arch != g_os.arch) {
+      applet_message(nullptr, 0, "%s is %s. You cannot install to a different machine architecture remotely.", name,
+                     os_arch_name(arch));
+      SetLastError(kErrorUnsupported);
+      return 0;
+    }
+  }
+  if (remote) {
+    g_w32t_env.level = g_applet.target_level;
+    g_w32t_env.installed_product = w32t_installed_product(g_applet.reg);
+  }
+  const InstallContext context = applet_install_context();
+  const InstallOperation operation = mode == kCplInstall ? InstallOperation::kInstall : InstallOperation::kRemove;
+  if (!g_applet.quiet) return RunWaitDialog(context, operation);
+  return operation == InstallOperation::kInstall ? InstallModule(context, nullptr) : RemoveModule(context, nullptr);
+}
+
 }  // namespace
 
 std::intptr_t applet_launch(void* window, std::uint32_t mode) {
@@ -360,8 +474,6 @@ std::intptr_t applet_launch(void* window, std::uint32_t mode) {
   const char* name = remote ? g_applet.target : g_w32t_env.computer_name;
   bool winsock = false;
   std::uint32_t err = 0;
-  std::intptr_t result = 0;
-  char text[512];
 
   // Every way out disconnects the registry layer, cleans up Winsock and leaves the code.
   struct Cleanup {
@@ -374,88 +486,11 @@ std::intptr_t applet_launch(void* window, std::uint32_t mode) {
     }
   } cleanup{winsock, err};
 
-  if (!applet_is_admin()) {
-    err = platform::kErrorAccessDenied;
-    applet_message(nullptr, 0, "Sorry, you must have administrative privileges in order to run this applet.");
+  if (!check_administrator(err) || !identify_target(remote, err) || !check_systems(name, err) ||
+      !start_winsock(winsock, err) || !open_target_store(remote, name, err))
     return 0;
-  }
-  ServerInfo info{};
-  if (remote) {
-    if (std::uint32_t st = GetServerInfo(bare_name(g_applet.target), info)) {
-      err = st;
-      applet_message(nullptr, 0, "Could not retrieve operating system version information for %s; %s", g_applet.target,
-                     error_text(st).c_str());
-      return 0;
-    }
-    g_applet.target_type = info.type;
-    g_applet.target_level = os_level_from_server(info.type, info.major, info.minor);
-  } else {
-    g_applet.target_level = g_os.level;
-    g_applet.target_type = GetServerInfo("", info) == 0 ? info.type : 4097;
-  }
-  if (g_os.level < kOsWin2000) {
-    err = kErrorUnsupported;
-    applet_message(nullptr, 0, "This program requires Windows 2000 or later. This machine is %s.", os_local_text(text, sizeof text));
-    return 0;
-  }
-  if (g_applet.target_level < kOsWin2000) {
-    err = kErrorUnsupported;
-    applet_message(nullptr, 0, "This program requires Windows 2000 or later. %s appears to be %s.", name,
-                   os_remote_text(kArchNoPrefix1, g_applet.target_level, text, sizeof text));
-    return 0;
-  }
-  if (os_is_wow64()) {
-    err = kErrorUnsupported;
-    applet_message(nullptr, 0,
-                   "You have launched the 32-bit version of this program, but you are running a 64-bit operating "
-                   "system.\r\nPlease use the 64-bit version instead.");
-    return 0;
-  }
-  if (int st = NetStartup()) {
-    err = std::uint32_t(st);
-    applet_message(nullptr, 0, "Unable to start the Winsock subsystem. %s", SocketErrorText(std::uint32_t(st), text, sizeof text));
-    return 0;
-  }
-  winsock = true;
-  if (remote && !reg_open_target(g_applet.target, g_applet.reg)) {
-    err = LastError();
-    applet_message(nullptr, 0, "Cannot set focus to remote machine; %s", error_text(err).c_str());
-    return 0;
-  }
-  // A damaged store is never shown, installed over or removed from as if it held defaults: the
-  // store's own quick check must find it sound first (the system registry on Windows always is).
-  // A machine without a store yet gets a new one, as any first use makes it.
-  platform::RegistryStoreReport report;
-  if (std::uint32_t st = RegistryStoreCheck(g_applet.target, true, report); st && st != kErrorFileNotFound) {
-    err = st;
-    settings_unreadable(remote ? name : "this", st);
-    return 0;
-  }
-  if (!applet_access_test(nullptr, g_applet.target, "", text)) {
-    err = LastError();
-    applet_message(nullptr, 0, "%s", text);
-    return 0;
-  }
-  if (mode == kCplInstall || mode == kCplRemove) {
-    if (mode == kCplInstall && remote) {
-      std::uint32_t arch = reg_target_architecture(g_applet.reg);
-      if (arch != g_os.arch) {
-        err = kErrorUnsupported;
-        applet_message(nullptr, 0, "%s is %s. You cannot install to a different machine architecture remotely.", name,
-                       os_arch_name(arch));
-        return 0;
-      }
-    }
-    if (remote) {
-      g_w32t_env.level = g_applet.target_level;
-      g_w32t_env.installed_product = w32t_installed_product(g_applet.reg);
-    }
-    if (g_applet.quiet) result = mode == kCplInstall ? InstallModule(nullptr) : RemoveModule(nullptr);
-    else result = RunWaitDialog(mode);
-    err = LastError();
-    return result;
-  }
-  result = run_sheet(window, mode, remote);
+  const std::intptr_t result =
+      mode == kCplInstall || mode == kCplRemove ? run_install(mode, remote, name) : run_sheet(window, mode, remote);
   err = LastError();
   return result;
 }
@@ -477,4 +512,42 @@ std::string applet_trimmed(std::string_view text, std::size_t at_most) {
   const auto b = text.find_first_not_of(blanks);
   if (b == std::string_view::npos) return {};
   return std::string(text.substr(b, text.find_last_not_of(blanks) - b + 1));
+}
+
+std::intptr_t applet_rundll(void*, const char* command_line) {
+  using namespace platform;
+  if (void* m = FindModuleHandle(defaults::kModuleFileName)) {
+    g_applet.module = m;
+    SetResourceModule(m);
+  }
+  os_identify();
+  w32t_environment_init(g_applet.reg);
+  g_applet.target[0] = '\0';
+  const std::uint32_t exclamation = kMbIconExclamation;
+  if (g_os.level < kOsWin2000)
+    return ShowMessageBox(nullptr, "Sorry, this program requires Windows 2000 or above.", defaults::kAppletCaption, exclamation);
+  std::string cmd = command_line ? command_line : "";
+  for (char& c : cmd) c = char(std::tolower(static_cast<unsigned char>(c)));
+  g_applet.quiet = cmd.find("-quiet") != std::string::npos || cmd.find("/quiet") != std::string::npos;
+  if (cmd.find_first_not_of(" \t") == std::string::npos) {
+    SetLastError(platform::kErrorInvalidParameter);
+    if (g_applet.quiet) return 0;
+    return ShowMessageBox(nullptr, "Was expecting a command like -remove or -install.", defaults::kAppletCaption, exclamation);
+  }
+  std::uint32_t err = 0;
+  if (cmd.find("-install") != std::string::npos || cmd.find("/install") != std::string::npos) {
+    RunWaitDialog(applet_install_context(), InstallOperation::kInstall);
+    err = LastError();
+  } else if (cmd.find("-remove") != std::string::npos || cmd.find("/remove") != std::string::npos) {
+    const InstallContext context = applet_install_context();
+    if (RunWaitDialog(context, InstallOperation::kRemove)) RetireModuleFile(context);
+    err = LastError();
+  } else {
+    if (g_applet.quiet) return 0;
+    return ShowMessageBox(nullptr, "Was expecting either -remove or -install on the command line.", defaults::kAppletCaption,
+                          exclamation);
+  }
+  SetLastError(err);
+  if (err == 0 || g_applet.quiet) return 0;
+  return ShowMessageBox(nullptr, error_text(err), defaults::kAppletCaption, exclamation);
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "applet/install.h"
 #include "config/registry.h"
 #include "config/w32time.h"
 #include "platform/dialog.h"
@@ -97,6 +98,12 @@ std::intptr_t applet_apply_notification(platform::Dialog& page);
 // The launch: mode is kCplDblClk, kCplSheet, kCplInstall or kCplRemove. Returns 1 or 0 (the code in
 // the last-error value).
 std::intptr_t applet_launch(void* window, std::uint32_t mode);
+// What install and remove work with in this process: the launch's target, its server type and
+// quiet flag, g_applet_services' control and applet_message.
+InstallContext applet_install_context();
+// rundll32 entry: the command line "-install" / "-remove" (also "/install", any case; "-quiet"
+// silences every message). Returns the message-box result, or 0.
+std::intptr_t applet_rundll(void* window, const char* command_line);
 // Whether a sheet launch brings the provider up to date: the registered version (may be empty),
 // this one, and whether the provider is installed.
 int applet_needs_upgrade(const char* registered, const char* mine, int service_installed);

@@ -20,7 +20,7 @@
 #include "platform/sync.h"
 #include "applet/kr2_client.h"
 #include "resources/resource_ids.h"
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 #include "timing/format.h"
 #include "timing/ntp_client.h"
 #include "timing/precise_clock.h"

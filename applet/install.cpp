@@ -1,23 +1,21 @@
 // Install and remove.
 #include "applet/install.h"
 
-#include <cctype>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
-#include "applet/applet.h"
-#include "applet/os_identify.h"
-#include "config/defaults.h"
 #include "config/chrony_sources.h"
+#include "config/defaults.h"
 #include "config/registry.h"
 #include "config/service_control.h"
 #include "drift/drift_file.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/machine.h"
 #include "platform/thread.h"
 #include "resources/resources.h"
-#include "timing/error_text.h"
 
 namespace {
 
@@ -28,9 +26,24 @@ constexpr std::uint32_t kProductSettingsSize = 335;   // "Server Settings" / "Cl
 constexpr std::uint32_t kNameSlotsOffset = 43, kNameSlotSize = 66, kNameSlots = 4;
 constexpr std::uint32_t kDomainControllerBits = 0x8 | 0x10;
 
-void step(platform::Dialog* progress) {
-  if (progress && !g_applet.quiet) progress->StepProgress(IDC_PROGRESS);
+void step(const InstallContext& c, platform::Dialog* progress) {
+  if (progress && !c.quiet) progress->StepProgress(IDC_PROGRESS);
 }
+
+// Tells the person (text formatted into 509 characters), unless the operation is quiet.
+__attribute__((format(printf, 4, 5))) void tell(const InstallContext& c, platform::Dialog* owner, std::uint32_t style,
+                                                const char* format, ...) {
+  if (c.quiet || !c.message) return;
+  char text[510];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  c.message(owner, style, text);
+}
+
+// Service control shows its errors unless the operation is quiet.
+std::uint32_t show_error(const InstallContext& c) { return c.quiet ? 0 : 1; }
 
 // The end of an operation: the completion message to the wait window, the code left.
 int finish(platform::Dialog* progress, int result, std::uint32_t err) {
@@ -45,48 +58,46 @@ std::string error_text(std::uint32_t code) {
 }
 
 // "<SystemRoot>\system32\" of the target (the local machine when the layer is local).
-std::string target_system_dir() {
+std::string target_system_dir(const InstallContext& c) {
   char root[260];
-  reg_get_string(g_applet.reg, kVersionKey, "SystemRoot", root, sizeof root, "c:\\windows");
+  reg_get_string(c.reg, kVersionKey, "SystemRoot", root, sizeof root, "c:\\windows");
   return std::string(root) + "\\system32\\";
 }
 
-int show_error() { return g_applet.quiet ? 0 : 1; }
-
-void write_uninstall_entry() {
+void write_uninstall_entry(const InstallContext& c) {
   const char* key = defaults::kUninstallKey;
-  std::string dir = target_system_dir();
-  reg_set_string(g_applet.reg, key, "DisplayName", "Chronwarden Control Panel Applet");
-  reg_set_string_fmt(g_applet.reg, key, "UninstallString", "rundll32.exe %s%s,RunDll -remove", dir.c_str(), defaults::kModuleFileName);
-  reg_set_string_fmt(g_applet.reg, key, "DisplayIcon", "%s%s,0", dir.c_str(), defaults::kModuleFileName);
-  reg_set_string(g_applet.reg, key, "PublisherName", "Selvox, Inc.");
-  reg_set_string(g_applet.reg, key, "Publisher", "Selvox, Inc.");
-  reg_set_string(g_applet.reg, key, "URLInfoAbout", defaults::kDocumentationHost);
-  reg_set_dword(g_applet.reg, key, "NoModify", 1);
-  reg_set_dword(g_applet.reg, key, "NoRepair", 1);
-  reg_set_dword(g_applet.reg, key, "TSAware", 0);
-  reg_set_dword(g_applet.reg, key, "WindowsInstaller", 0);
-  reg_set_dword(g_applet.reg, key, "VersionMajor", 4);
-  reg_set_dword(g_applet.reg, key, "VerMinor", 2);
-  reg_set_string(g_applet.reg, key, "DisplayVersion", defaults::kProductVersion);
-  reg_set_string(g_applet.reg, key, "HelpTelephone", "+1 555 0142 7700");
-  reg_set_string(g_applet.reg, key, "Contact", "support@selvox.example");
-  reg_set_string_fmt(g_applet.reg, key, "HelpLink", "http://%s/support", defaults::kDocumentationHost);
-  reg_set_string_fmt(g_applet.reg, key, "URLInfoAbout", "http://%s/", defaults::kDocumentationHost);
-  reg_set_string_fmt(g_applet.reg, key, "URLUpdateInfo", "http://%s/downloads", defaults::kDocumentationHost);
+  std::string dir = target_system_dir(c);
+  reg_set_string(c.reg, key, "DisplayName", "Chronwarden Control Panel Applet");
+  reg_set_string_fmt(c.reg, key, "UninstallString", "rundll32.exe %s%s,RunDll -remove", dir.c_str(), defaults::kModuleFileName);
+  reg_set_string_fmt(c.reg, key, "DisplayIcon", "%s%s,0", dir.c_str(), defaults::kModuleFileName);
+  reg_set_string(c.reg, key, "PublisherName", "Selvox, Inc.");
+  reg_set_string(c.reg, key, "Publisher", "Selvox, Inc.");
+  reg_set_string(c.reg, key, "URLInfoAbout", defaults::kDocumentationHost);
+  reg_set_dword(c.reg, key, "NoModify", 1);
+  reg_set_dword(c.reg, key, "NoRepair", 1);
+  reg_set_dword(c.reg, key, "TSAware", 0);
+  reg_set_dword(c.reg, key, "WindowsInstaller", 0);
+  reg_set_dword(c.reg, key, "VersionMajor", 4);
+  reg_set_dword(c.reg, key, "VerMinor", 2);
+  reg_set_string(c.reg, key, "DisplayVersion", defaults::kProductVersion);
+  reg_set_string(c.reg, key, "HelpTelephone", "+1 555 0142 7700");
+  reg_set_string(c.reg, key, "Contact", "support@selvox.example");
+  reg_set_string_fmt(c.reg, key, "HelpLink", "http://%s/support", defaults::kDocumentationHost);
+  reg_set_string_fmt(c.reg, key, "URLInfoAbout", "http://%s/", defaults::kDocumentationHost);
+  reg_set_string_fmt(c.reg, key, "URLUpdateInfo", "http://%s/downloads", defaults::kDocumentationHost);
 }
 
 // The coexistence adjustments and the first-install values.
-void adjust_settings(W32tSettings& s, bool servers_from_chrony) {
+void adjust_settings(const InstallContext& c, W32tSettings& s, bool servers_from_chrony) {
   std::uint8_t value[kProductSettingsSize] = {};
   bool have_value = false;
   const std::uint32_t product = g_w32t_env.installed_product;
-  const bool serves_ntp = product == kProductKaironServer && w32t_kairon_serves_ntp(g_applet.reg);
+  const bool serves_ntp = product == kProductKaironServer && w32t_kairon_serves_ntp(c.reg);
   if (product == kProductKaironServer) {
-    have_value = reg_get_binary(g_applet.reg, kKaironServerParams, "Server Settings", value, sizeof value);
+    have_value = reg_get_binary(c.reg, kKaironServerParams, "Server Settings", value, sizeof value);
     std::uint32_t slave_flag = 0;
     std::memcpy(&slave_flag, value + 4, 4);
-    if (reg_get_bool(g_applet.reg, kKaironServerParams, "Slave Mode", 0) || slave_flag || serves_ntp) {
+    if (reg_get_bool(c.reg, kKaironServerParams, "Slave Mode", 0) || slave_flag || serves_ntp) {
       s.ntp_client_enabled = 0;
       s.ntp_client_input_provider = 0;
       s.sync_type = kW32tNoSync;
@@ -95,7 +106,7 @@ void adjust_settings(W32tSettings& s, bool servers_from_chrony) {
       s.ntp_client_input_provider = 1;
     }
   } else if (product == kProductKaironClient || product == kProductKaironThinClient || product == kProductKaironUltraThinClient) {
-    have_value = reg_get_binary(g_applet.reg, kKaironClientParams, "Client Settings", value, sizeof value);
+    have_value = reg_get_binary(c.reg, kKaironClientParams, "Client Settings", value, sizeof value);
     s.ntp_client_enabled = 0;
     s.ntp_client_input_provider = 0;
     s.sync_type = kW32tNoSync;
@@ -114,13 +125,13 @@ void adjust_settings(W32tSettings& s, bool servers_from_chrony) {
   if (!s.service_installed) {
     // First installation: the agent on with its defaults, and on a domain controller that runs a
     // Kairon Server that does not serve NTP itself, Windows Time serves and announces time.
-    s.provider_enabled = w32t_forced_disable(g_applet.reg) ? 0 : 1;
+    s.provider_enabled = w32t_forced_disable(c.reg) ? 0 : 1;
     s.check_interval = defaults::kCheckIntervalS;
     s.alert_threshold = defaults::kAlertThresholdS;
     s.alert_if_unverified = 1;
     s.alert_if_unsynchronized = 1;
     s.dns_lookups_enabled = 1;
-    if (product == kProductKaironServer && (g_applet.target_type & kDomainControllerBits) && !serves_ntp) {
+    if (product == kProductKaironServer && (c.target_type & kDomainControllerBits) && !serves_ntp) {
       s.ntp_server_enabled = 1;
       s.announce_flags = 0x2 | 0x8;   // automatic time server, automatic reliable source
     }
@@ -140,10 +151,10 @@ void install_add_server(W32tSettings& s, const char* name) {
   e.work = -1;
 }
 
-int CopyModuleToTarget() {
+int CopyModuleToTarget(const char* target) {
   char dest[400];
-  if (g_applet.target[0]) {
-    const char* name = g_applet.target;
+  if (target[0]) {
+    const char* name = target;
     while (*name == '\\') ++name;
     std::snprintf(dest, sizeof dest, "\\\\%s\\admin$\\system32\\%s", name, defaults::kModuleFileName);
   } else {
@@ -162,44 +173,44 @@ int CopyModuleToTarget() {
   return 1;
 }
 
-int InstallModule(platform::Dialog* progress) {
-  const char* target = g_applet.target;
-  step(progress);
-  DriftFileOpen(g_applet.target);
+int InstallModule(const InstallContext& c, platform::Dialog* progress) {
+  const char* target = c.target;
+  step(c, progress);
+  DriftFileOpen(target);
   DriftFileClose();
-  step(progress);
-  w32t_secure_keys(g_applet.reg);
-  step(progress);
-  write_uninstall_entry();
-  step(progress);
+  step(c, progress);
+  w32t_secure_keys(c.reg);
+  step(c, progress);
+  write_uninstall_entry(c);
+  step(c, progress);
   W32tSettings s{};
-  w32t_load(g_applet.reg, s);
+  w32t_load(c.reg, s);
   const W32tSettings untouched = s;
-  step(progress);
-  int copied = CopyModuleToTarget();
+  step(c, progress);
+  int copied = CopyModuleToTarget(target);
   std::uint32_t err = copied ? 0 : platform::LastError();
-  step(progress);
+  step(c, progress);
   // A machine whose chrony already has sources: settings without servers take them, and the public
   // defaults are never added to what its administrator chose (nor at a later install).
-  adjust_settings(s, chrony_import_sources(s));
-  step(progress);
+  adjust_settings(c, s, chrony_import_sources(s));
+  step(c, progress);
   bool stopped = false;
   if (!copied) {
-    if (g_applet_services.control(progress, target, kServiceOpQuery, 0)) {
-      stopped = g_applet_services.control(progress, target, kServiceOpStop, show_error()) != 0;
-      copied = CopyModuleToTarget();
+    if (c.control(progress, target, kServiceOpQuery, 0)) {
+      stopped = c.control(progress, target, kServiceOpStop, show_error(c)) != 0;
+      copied = CopyModuleToTarget(target);
       err = copied ? 0 : platform::LastError();
     }
     if (!copied)
-      applet_message(progress, 0x30, "Could not install %s to the system32 folder on %s; %s", defaults::kModuleFileName,
+      tell(c, progress, 0x30, "Could not install %s to the system32 folder on %s; %s", defaults::kModuleFileName,
                      target[0] ? target : g_w32t_env.computer_name, error_text(err).c_str());
   }
-  step(progress);
+  step(c, progress);
   if (std::memcmp(&s, &untouched, sizeof s) != 0) {
-    if (!stopped && g_applet_services.control(progress, target, kServiceOpQuery, 0))
-      stopped = g_applet_services.control(progress, target, kServiceOpStop, show_error()) != 0;
-    if (const std::uint32_t st = w32t_save(g_applet.reg, s, 1)) {
-      applet_message(progress, 0x30, "Could not save the time service settings on %s; %s",
+    if (!stopped && c.control(progress, target, kServiceOpQuery, 0))
+      stopped = c.control(progress, target, kServiceOpStop, show_error(c)) != 0;
+    if (const std::uint32_t st = w32t_save(c.reg, s, 1)) {
+      tell(c, progress, 0x30, "Could not save the time service settings on %s; %s",
                      target[0] ? target : g_w32t_env.computer_name, error_text(st).c_str());
       copied = 0;
       err = st;
@@ -207,29 +218,29 @@ int InstallModule(platform::Dialog* progress) {
       (void)chrony_apply_settings(s);   // this machine's NTP client takes the servers (chrony on Linux)
     }
   }
-  step(progress);
-  if (stopped) g_applet_services.control(progress, target, kServiceOpStart, show_error());
+  step(c, progress);
+  if (stopped) c.control(progress, target, kServiceOpStart, show_error(c));
   return finish(progress, copied, err);
 }
 
-int RemoveModule(platform::Dialog* progress) {
-  const char* target = g_applet.target;
-  step(progress);
-  g_applet_services.control(progress, target, kServiceOpStop, show_error());
-  step(progress);
+int RemoveModule(const InstallContext& c, platform::Dialog* progress) {
+  const char* target = c.target;
+  step(c, progress);
+  c.control(progress, target, kServiceOpStop, show_error(c));
+  step(c, progress);
   W32tSettings s{};
-  w32t_load(g_applet.reg, s);
-  reg_delete_key(g_applet.reg, defaults::kUninstallKey);
-  const std::uint32_t saved = w32t_save(g_applet.reg, s, 0);
-  step(progress);
-  int started = g_applet_services.control(progress, target, kServiceOpStart, show_error());
+  w32t_load(c.reg, s);
+  reg_delete_key(c.reg, defaults::kUninstallKey);
+  const std::uint32_t saved = w32t_save(c.reg, s, 0);
+  step(c, progress);
+  int started = c.control(progress, target, kServiceOpStart, show_error(c));
   if (saved) return finish(progress, 0, saved);
   return finish(progress, started, platform::LastError());
 }
 
-int RetireModuleFile() {
+int RetireModuleFile(const InstallContext& c) {
   char root[260];
-  reg_get_string(g_applet.reg, kVersionKey, "SystemRoot", root, sizeof root, "c:\\windows");
+  reg_get_string(c.reg, kVersionKey, "SystemRoot", root, sizeof root, "c:\\windows");
   std::string cpl = std::string(root) + "\\system32\\" + defaults::kModuleFileName;
   std::string old = std::string(root) + "\\system32\\w32tmkr.old";
   auto attempt = [&] {
@@ -239,10 +250,10 @@ int RetireModuleFile() {
     return platform::MoveFileReplacing(cpl, old);
   };
   bool moved = attempt();
-  if (!moved && platform::LastError() == platform::kErrorAccessDenied && g_applet_services.control(nullptr, "", kServiceOpStop, 1)) {
+  if (!moved && platform::LastError() == platform::kErrorAccessDenied && c.control(nullptr, "", kServiceOpStop, 1)) {
     moved = attempt();
     std::uint32_t err = moved ? 0 : platform::LastError();
-    g_applet_services.control(nullptr, "", kServiceOpStart, 0);
+    c.control(nullptr, "", kServiceOpStart, 0);
     platform::SetLastError(err);
   }
   return moved ? 1 : 0;
@@ -252,24 +263,27 @@ namespace {
 
 // The please-wait window: a worker thread runs the operation and posts its end.
 struct WaitWindow : platform::DialogLogic {
-  std::uint32_t request;
+  const InstallContext& context;
+  InstallOperation operation;
   platform::ThreadHandle worker = nullptr;
   platform::Dialog* dialog = nullptr;
   int result = 0;
   std::uint32_t error = 0;
 
-  explicit WaitWindow(std::uint32_t r) : request(r) {}
+  WaitWindow(const InstallContext& c, InstallOperation o) : context(c), operation(o) {}
 
   static void run(void* self) {
     auto* w = static_cast<WaitWindow*>(self);
-    w->result = w->request == kCplInstall ? InstallModule(w->dialog) : RemoveModule(w->dialog);
+    w->result = w->operation == InstallOperation::kInstall ? InstallModule(w->context, w->dialog)
+                                                           : RemoveModule(w->context, w->dialog);
     w->error = platform::LastError();
   }
   bool init(platform::Dialog& d) override {
     dialog = &d;
     char text[400];
-    std::snprintf(text, sizeof text, "%s%s%s...", request == kCplInstall ? "Installing/Upgrading" : "Removing",
-                  g_applet.target[0] ? " on " : "", g_applet.target);
+    std::snprintf(text, sizeof text, "%s%s%s...",
+                  operation == InstallOperation::kInstall ? "Installing/Upgrading" : "Removing",
+                  context.target[0] ? " on " : "", context.target);
     d.SetText(IDC_WAIT_TEXT, text);
     d.SetProgressRange(IDC_PROGRESS, 0, 10, 1);
     worker = platform::CreateThreadSuspended(run, this);
@@ -290,10 +304,10 @@ struct WaitWindow : platform::DialogLogic {
 
 }  // namespace
 
-std::intptr_t RunWaitDialog(std::uint32_t request) {
+std::intptr_t RunWaitDialog(const InstallContext& context, InstallOperation operation) {
   resources::RegisterDialogs();
   platform::InitDialogSystem();
-  WaitWindow w(request);
+  WaitWindow w(context, operation);
   std::intptr_t r = platform::RunModalDialog(IDD_WAIT, nullptr, w);
   if (w.worker) {
     platform::WaitForThread(w.worker, 0xFFFFFFFF);
@@ -305,41 +319,4 @@ std::intptr_t RunWaitDialog(std::uint32_t request) {
   }
   platform::SetLastError(w.error);
   return w.result;
-}
-
-std::intptr_t applet_rundll(void*, const char* command_line) {
-  using namespace platform;
-  if (void* m = FindModuleHandle(defaults::kModuleFileName)) {
-    g_applet.module = m;
-    SetResourceModule(m);
-  }
-  os_identify();
-  w32t_environment_init(g_applet.reg);
-  g_applet.target[0] = '\0';
-  const std::uint32_t exclamation = kMbIconExclamation;
-  if (g_os.level < kOsWin2000)
-    return ShowMessageBox(nullptr, "Sorry, this program requires Windows 2000 or above.", defaults::kAppletCaption, exclamation);
-  std::string cmd = command_line ? command_line : "";
-  for (char& c : cmd) c = char(std::tolower(static_cast<unsigned char>(c)));
-  g_applet.quiet = cmd.find("-quiet") != std::string::npos || cmd.find("/quiet") != std::string::npos;
-  if (cmd.find_first_not_of(" \t") == std::string::npos) {
-    SetLastError(platform::kErrorInvalidParameter);
-    if (g_applet.quiet) return 0;
-    return ShowMessageBox(nullptr, "Was expecting a command like -remove or -install.", defaults::kAppletCaption, exclamation);
-  }
-  std::uint32_t err = 0;
-  if (cmd.find("-install") != std::string::npos || cmd.find("/install") != std::string::npos) {
-    RunWaitDialog(kCplInstall);
-    err = LastError();
-  } else if (cmd.find("-remove") != std::string::npos || cmd.find("/remove") != std::string::npos) {
-    if (RunWaitDialog(kCplRemove)) RetireModuleFile();
-    err = LastError();
-  } else {
-    if (g_applet.quiet) return 0;
-    return ShowMessageBox(nullptr, "Was expecting either -remove or -install on the command line.", defaults::kAppletCaption,
-                          exclamation);
-  }
-  SetLastError(err);
-  if (err == 0 || g_applet.quiet) return 0;
-  return ShowMessageBox(nullptr, error_text(err), defaults::kAppletCaption, exclamation);
 }

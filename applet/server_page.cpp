@@ -3,13 +3,13 @@
 
 #include "applet/applet.h"
 #include "applet/clock_status.h"
-#include "applet/os_identify.h"
 #include "config/defaults.h"
+#include "config/os_identify.h"
 #include "config/w32time.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/sync.h"
 #include "resources/resources.h"
-#include "timing/error_text.h"
 #include "timing/ntp_client.h"
 
 namespace {

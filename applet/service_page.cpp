@@ -6,17 +6,17 @@
 #include <cstring>
 
 #include "applet/applet.h"
-#include "applet/os_identify.h"
 #include "config/defaults.h"
+#include "config/os_identify.h"
 #include "config/service_control.h"
 #include "config/w32time.h"
 #include "drift/drift_graph_window.h"
 #include "drift/report.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/file.h"
 #include "platform/sync.h"
 #include "resources/resources.h"
-#include "timing/error_text.h"
 
 namespace {
 

@@ -16,8 +16,8 @@
 #include "config/registry.h"
 #include "config/w32time.h"
 #include "platform/dialog_memory.h"
+#include "platform/error_text.h"
 #include "resources/resources.h"
-#include "timing/error_text.h"
 
 namespace {
 

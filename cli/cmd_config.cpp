@@ -17,7 +17,7 @@
 #include "config/registry.h"
 #include "config/w32time.h"
 #include "platform/error.h"
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include "config/defaults.h"
 #include "exporter/exporter.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/net.h"
-#include "timing/error_text.h"
 #include "timing/ntp_client.h"
 
 namespace {

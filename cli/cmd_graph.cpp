@@ -12,7 +12,7 @@
 #include "drift/report.h"
 #include "platform/canvas.h"
 #include "platform/error.h"
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 
 bool LoadDriftFileForCli(const char* command, const std::string& file, bool local, DriftLog& log);
 

@@ -8,7 +8,7 @@
 #include "drift/drift_file.h"
 #include "drift/drift_log.h"
 #include "platform/clock.h"
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 #include "timing/format.h"
 #include "timing/precise_clock.h"
 

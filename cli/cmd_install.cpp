@@ -16,7 +16,7 @@
 #include "platform/paths.h"
 #include "platform/dialog_memory.h"
 #include "platform/error.h"
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 
 namespace {
 
@@ -124,7 +124,7 @@ int Run(std::string_view command, CommandArgs args, std::uint32_t message) {
   }
   std::intptr_t ok = applet_entry(nullptr, message, 0, 0);
   std::uint32_t err = platform::LastError();
-  if (ok && message == kCplRemove && machine.empty()) RetireModuleFile();
+  if (ok && message == kCplRemove && machine.empty()) RetireModuleFile(applet_install_context());
   // What install started, remove stops: the host daemon install made the time service, once it
   // hosts no other provider, is stopped and unregistered (Windows Time is the system's own).
   if (RegTarget target; ok && !err && message == kCplRemove && reg_open_target(machine.c_str(), target) &&

@@ -15,7 +15,7 @@
 #include "platform/error.h"
 #include "applet/kr2_client.h"
 #include "exporter/exporter.h"
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 #include "timing/format.h"
 #include "timing/ntp_client.h"
 #include "timing/precise_clock.h"

@@ -5,9 +5,9 @@
 #include <string>
 
 #include "cli/commands.h"
+#include "platform/error_text.h"
 #include "platform/net.h"
 #include "platform/sync.h"
-#include "timing/error_text.h"
 #include "timing/ntp_client.h"
 #include "timing/precise_clock.h"
 

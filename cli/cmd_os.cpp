@@ -2,8 +2,8 @@
 #include <cstdio>
 #include <string>
 
-#include "applet/os_identify.h"
 #include "cli/commands.h"
+#include "config/os_identify.h"
 
 namespace {
 

@@ -11,9 +11,9 @@
 #include "cli/commands.h"
 #include "config/registry.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/registry.h"
 #include "platform/text.h"
-#include "timing/error_text.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "drift/report.h"
 #include "platform/file.h"
 #include "platform/clock.h"
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 #include "timing/precise_clock.h"
 
 namespace {

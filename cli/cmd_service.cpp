@@ -4,16 +4,16 @@
 #include <cstdio>
 #include <string>
 
-#include "applet/os_identify.h"
 #include "cli/commands.h"
 #include "cli/service_cli.h"
 #include "config/defaults.h"
+#include "config/os_identify.h"
 #include "config/service_control.h"
 #include "config/w32time.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/service.h"
 #include "platform/sync.h"
-#include "timing/error_text.h"
 
 namespace {
 

@@ -13,10 +13,10 @@
 #include "config/registry.h"
 #include "config/w32time.h"
 #include "platform/dialog_memory.h"
+#include "platform/error_text.h"
 #include "platform/sync.h"
 #include "resources/resource_ids.h"
 #include "resources/resources.h"
-#include "timing/error_text.h"
 
 namespace {
 

@@ -14,6 +14,8 @@
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "platform/error.h"
+#include "platform/paths.h"
+#include "platform/registry.h"
 #include "platform/service.h"
 
 namespace {
@@ -123,9 +125,33 @@ std::vector<ChronySource> chrony_config_sources(const std::string& conf, const s
   return out;
 }
 
+std::string chrony_default_sources_file() {
+  return platform::MachineRoot() == defaults::kDefaultMachineRoot ? defaults::kChronySourcesFile : "";
+}
+
+std::string chrony_default_config_file() {
+  return platform::MachineRoot() == defaults::kDefaultMachineRoot ? defaults::kChronyConfigFile : "";
+}
+
+std::string chrony_command_socket(const char* machine) {
+  while (machine && *machine == '\\') ++machine;
+  std::string socket = defaults::kChronySocket;
+  if (machine && *machine) return socket;
+  platform::RegKey key = nullptr;
+  if (platform::RegOpenKey(platform::RegLocalMachine(), defaults::kChronyParametersKey, platform::kKeyRead, key) == 0) {
+    char buf[1024] = {};
+    std::uint32_t type = 0, size = sizeof buf - 1;
+    if (platform::RegQueryValue(key, defaults::kChronySocketValue, &type, buf, &size) == 0 && type == platform::kRegSz &&
+        buf[0])
+      socket = buf;
+    platform::RegCloseKey(key);
+  }
+  return socket;
+}
+
 std::vector<ChronySource> chrony_machine_sources() {
-  return chrony_config_sources(Setting(defaults::kChronyConfigValue, platform::DefaultChronyConfigFile()),
-                               Setting(defaults::kChronySourcesValue, platform::DefaultChronySourcesFile()));
+  return chrony_config_sources(Setting(defaults::kChronyConfigValue, chrony_default_config_file()),
+                               Setting(defaults::kChronySourcesValue, chrony_default_sources_file()));
 }
 
 bool chrony_import_sources(W32tSettings& s) {
@@ -157,7 +183,7 @@ std::string chrony_sources_text(const W32tSettings& s, const std::vector<ChronyS
 }
 
 int chrony_apply_settings(const W32tSettings& s) {
-  const std::string path = Setting(defaults::kChronySourcesValue, platform::DefaultChronySourcesFile());
+  const std::string path = Setting(defaults::kChronySourcesValue, chrony_default_sources_file());
   if (path.empty()) return platform::SetLastError(0), 1;
   const std::filesystem::path file(path);
   std::error_code ec;

@@ -38,6 +38,14 @@ struct ChronySource {
 // confdir *.conf, include patterns whose wildcards are in the file name), skipping the file skip.
 // Files that cannot be read add nothing.
 std::vector<ChronySource> chrony_config_sources(const std::string& conf, const std::string& skip);
+// Where the machine's own chrony keeps its sources file and its configuration when the store names
+// none: /etc/chrony's when the machine root is the system's own, else "" (a test's machine root,
+// and Windows, whose machine root is "").
+std::string chrony_default_sources_file();
+std::string chrony_default_config_file();
+// The command socket of machine's chronyd: for this machine its store's "ChronyCommandSocket", else
+// chrony's own; another machine (nullptr, "" or only backslashes: this one) is asked at chrony's own.
+std::string chrony_command_socket(const char* machine);
 // The machine's chrony sources that are not ours (none where no chrony is configured).
 std::vector<ChronySource> chrony_machine_sources();
 // Takes the machine's chrony sources into settings that have no servers (at most six; pools and

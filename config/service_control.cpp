@@ -8,13 +8,14 @@
 #include <string>
 #include <vector>
 
+#include "config/chrony_sources.h"
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/service.h"
 #include "platform/sync.h"
 #include "platform/text.h"
-#include "timing/error_text.h"
 
 namespace {
 
@@ -149,7 +150,7 @@ int RestartService(const ServiceOwner*, const char* machine, const char* service
 
 std::uint32_t TriggerResync(const ServiceOwner*, const char* machine, std::uint32_t wait, std::uint32_t flags) {
   std::uint32_t result = 1;
-  if (!platform::TimeSyncNow(machine, wait, flags, result)) return 1;
+  if (!platform::TimeSyncNow(machine, chrony_command_socket(machine), wait, flags, result)) return 1;
   return result;
 }
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
-#include "applet/os_identify.h"
 #include "config/defaults.h"
+#include "config/os_identify.h"
 #include "config/registry.h"
 #include "platform/error.h"
 #include "platform/file.h"

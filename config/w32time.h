@@ -2,7 +2,7 @@
 // the provider reads, loaded from and saved to the target machine's registry (through
 // config/registry.h), plus the coexistence rules with the Kairon Server and Kairon Client products.
 //
-// Which values are read and written depends on the OS level (applet/os_identify.h) kept in
+// Which values are read and written depends on the OS level (config/os_identify.h) kept in
 // g_w32t_env: 2048 (Windows 2000) has its own pair of server values and no provider key; 4096 and
 // above (Windows XP and every later system, Linux included) have everything; other levels only the
 // common part (start type, sync type, servers, LAN Manager time source).

@@ -9,8 +9,8 @@
 
 #include "config/defaults.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/text.h"
-#include "timing/error_text.h"
 
 namespace {
 

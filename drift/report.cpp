@@ -16,10 +16,10 @@
 #include "config/registry.h"
 #include "platform/clock.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/file.h"
 #include "platform/paths.h"
 #include "platform/timezone.h"
-#include "timing/error_text.h"
 #include "timing/format.h"
 #include "timing/precise_clock.h"
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "applet/os_identify.h"
+#include "config/os_identify.h"
 #include "config/w32time.h"
 
 namespace {

@@ -14,9 +14,9 @@
 #include "config/service_control.h"
 #include "host/time_service.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/host.h"
 #include "platform/paths.h"
-#include "timing/error_text.h"
 
 namespace {
 

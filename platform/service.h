@@ -72,17 +72,12 @@ bool DeleteService(ServiceHandle service);   // marks the service for deletion (
 std::string ServiceBackendName();
 
 // Asks the time service of machine to synchronise now: W32TimeSyncNow of w32time.dll (machine
-// converted to UTF-16 with the ANSI code page; nullptr or "" for none); Linux: chrony over its
-// command socket (burst, and makestep with flags bit 0x1). Returns false when the service could
-// not be asked at all (no library or export; Linux: no chronyc); result is its answer (0 accepted).
-bool TimeSyncNow(const char* machine, std::uint32_t wait, std::uint32_t flags, std::uint32_t& result);
-
-// The chrony sources file the time service's settings go to when none is configured: Linux, the
-// machine's own chrony folder when the machine root is the system's own (a test's root gets "");
-// Windows "".
-std::string DefaultChronySourcesFile();
-// chrony's own configuration file, under the same rule ("" for a machine root of its own, and on Windows).
-std::string DefaultChronyConfigFile();
+// converted to UTF-16 with the ANSI code page; nullptr or "" for none); Linux: chrony over the
+// command socket chrony_socket (burst, and makestep with flags bit 0x1; another machine's chronyc
+// over ssh). Returns false when the service could not be asked at all (no library or export; Linux:
+// no chronyc); result is its answer (0 accepted).
+bool TimeSyncNow(const char* machine, const std::string& chrony_socket, std::uint32_t wait, std::uint32_t flags,
+                 std::uint32_t& result);
 
 // Runs one chronyc command against the command socket (Linux; sources listed by their configured
 // names); output gets what it printed.

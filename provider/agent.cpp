@@ -16,7 +16,7 @@
 #include "provider/kr2_responder.h"
 #include "provider/provider.h"
 #include "provider/sync_status.h"
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 #include "timing/format.h"
 #include "timing/ntp_client.h"
 #include "timing/precise_clock.h"

@@ -16,7 +16,7 @@
 #include "platform/sync.h"
 #include "platform/timezone.h"
 #include "provider/provider.h"
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 #include "timing/format.h"
 #include "timing/activity.h"
 #include "timing/precise_clock.h"

@@ -8,17 +8,17 @@
 #include <cstring>
 #include <string>
 
-#include "applet/os_identify.h"
 #include "config/defaults.h"
+#include "config/os_identify.h"
 #include "config/registry.h"
 #include "drift/drift_file.h"
 #include "platform/clock.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/net.h"
 #include "platform/text.h"
 #include "provider/agent.h"
 #include "provider/kr2_responder.h"
-#include "timing/error_text.h"
 #include "timing/precise_clock.h"
 
 ProviderGlobals g_provider{};

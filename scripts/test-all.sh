@@ -7,6 +7,7 @@
 # of this machine's root (tests/install/deb-install-test.sh); it needs root.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+python3 scripts/check-layers.py   # every include runs down the floors (docs/architecture.md), before anything is built
 presets=("$@")
 ((${#presets[@]})) || presets=(fuzz linux linux-asan windows packages)
 # A run keeps to its build tree: temporary files go to a folder of its own, and at the end the

@@ -8,15 +8,15 @@
 #include <fstream>
 
 #include "applet/agent_page.h"
-#include "applet/os_identify.h"
 #include "applet/service_page.h"
+#include "config/os_identify.h"
 #include "config/registry.h"
 #include "drift/drift_graph_window.h"
 #include "platform/clock.h"
+#include "platform/error_text.h"
 #include "platform/paths.h"
 #include "tests/drift_test_util.h"
 #include "tests/page_fixture.h"
-#include "timing/error_text.h"
 #include "timing/precise_clock.h"
 
 namespace {

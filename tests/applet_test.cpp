@@ -12,7 +12,7 @@
 #include "applet/about_page.h"
 #include "applet/applet.h"
 #include "applet/install.h"
-#include "applet/os_identify.h"
+#include "config/os_identify.h"
 #include "config/service_control.h"
 #include "config/w32time.h"
 #include "platform/dialog_memory.h"
@@ -424,7 +424,7 @@ TEST_F(AppletTest, OnlyTheLinkOpensTheDocumentation) {
 
 TEST_F(AppletTest, InstallRegistersWritesTheUninstallEntryAndCopiesTheModule) {
   g_applet.quiet = 1;
-  ASSERT_EQ(InstallModule(nullptr), 1);
+  ASSERT_EQ(InstallModule(applet_install_context(), nullptr), 1);
   EXPECT_EQ(LastError(), 0u);
   EXPECT_EQ(ReadFile(Installed()), ReadFile(ThisModuleFile()));
   char root[260];
@@ -458,17 +458,17 @@ TEST_F(AppletTest, InstallOverAnEqualOrNewerVersionCopiesNothingAndStillRegister
   std::ofstream(Installed(), std::ios::binary) << "";
   WriteNewerModule(Installed());
   const std::string newer = ReadFile(Installed());
-  ASSERT_EQ(InstallModule(nullptr), 1);
+  ASSERT_EQ(InstallModule(applet_install_context(), nullptr), 1);
   EXPECT_EQ(ReadFile(Installed()), newer);
   EXPECT_EQ(Str(kProvider, "Current Version"), "4.2.b.20081210R");
   EXPECT_EQ(Str(kUninstall, "DisplayName"), "Chronwarden Control Panel Applet");
   // An equal version: still nothing copied.
   std::filesystem::remove(Installed());
-  ASSERT_TRUE(CopyModuleToTarget());
+  ASSERT_TRUE(CopyModuleToTarget(""));
   std::string copy = ReadFile(Installed());
   std::ofstream(Installed(), std::ios::binary | std::ios::app) << "tail";   // same version, other bytes
   FakeServices::calls.clear();
-  ASSERT_EQ(InstallModule(nullptr), 1);
+  ASSERT_EQ(InstallModule(applet_install_context(), nullptr), 1);
   EXPECT_EQ(ReadFile(Installed()), copy + "tail");
   EXPECT_EQ(FileVersion(Installed().string()), ThisFileVersion());
 }
@@ -481,7 +481,7 @@ TEST_F(AppletTest, InstallAddsTheKaironClientServersAndStopsAtSix) {
   std::memcpy(value + 43 + 132, "kc-three", 8);
   reg_set_binary(reg_local(), "\\\\Software\\Morvane\\Kairon Client\\Parameters", "Client Settings", value, sizeof value);
   g_w32t_env.installed_product = kProductKaironClient;
-  ASSERT_EQ(InstallModule(nullptr), 1);
+  ASSERT_EQ(InstallModule(applet_install_context(), nullptr), 1);
   W32tSettings s{};
   w32t_load(reg_local(), s);
   std::vector<std::string> names;
@@ -505,9 +505,9 @@ TEST_F(AppletTest, InstallAddsTheKaironClientServersAndStopsAtSix) {
 
 TEST_F(AppletTest, RemoveUndoesTheRegistrationAndTheUninstallEntry) {
   g_applet.quiet = 1;
-  ASSERT_EQ(InstallModule(nullptr), 1);
+  ASSERT_EQ(InstallModule(applet_install_context(), nullptr), 1);
   FakeServices::calls.clear();
-  EXPECT_EQ(RemoveModule(nullptr), 1);
+  EXPECT_EQ(RemoveModule(applet_install_context(), nullptr), 1);
   EXPECT_EQ(Str(kUninstall, "DisplayName"), "<missing>");
   EXPECT_FALSE(reg_key_exists(reg_local(), kUninstall));
   EXPECT_FALSE(reg_key_exists(reg_local(), kProvider));
@@ -522,11 +522,11 @@ TEST_F(AppletTest, WaitWindowStepsItsBarAndEndsWithTheResult) {
     text = d.Text(IDC_WAIT_TEXT);
     steps = d.Progress(IDC_PROGRESS);
   });
-  EXPECT_EQ(RunWaitDialog(kCplInstall), 1);
+  EXPECT_EQ(RunWaitDialog(applet_install_context(), InstallOperation::kInstall), 1);
   EXPECT_EQ(LastError(), 0u);
   EXPECT_EQ(text, "Installing/Upgrading...");
   EXPECT_EQ(steps, 9);
-  EXPECT_EQ(RunWaitDialog(kCplRemove), 1);
+  EXPECT_EQ(RunWaitDialog(applet_install_context(), InstallOperation::kRemove), 1);
   EXPECT_EQ(text, "Removing...");
   EXPECT_EQ(steps, 3);
 }
@@ -576,9 +576,9 @@ TEST_F(AppletTest, RemoteWindows2000TargetGetsItsOwnClientPage) {
   {
     RegTarget oldbox;
     ASSERT_EQ(reg_open_target("\\\\OLDBOX", oldbox), 1);
-    reg_set_dword(oldbox, "\\\\Software\\Microsoft\\Windows NT\\CurrentVersion", "CurrentMajorVersionNumber", 5);
-    reg_set_dword(oldbox, "\\\\Software\\Microsoft\\Windows NT\\CurrentVersion", "CurrentMinorVersionNumber", 0);
-    reg_set_string(oldbox, "\\\\System\\CurrentControlSet\\Control\\ProductOptions", "ProductType", "WinNT");
+    reg_set_dword(reg_local(), oldbox, "\\\\Software\\Microsoft\\Windows NT\\CurrentVersion", "CurrentMajorVersionNumber", 5);
+    reg_set_dword(reg_local(), oldbox, "\\\\Software\\Microsoft\\Windows NT\\CurrentVersion", "CurrentMinorVersionNumber", 0);
+    reg_set_string(reg_local(), oldbox, "\\\\System\\CurrentControlSet\\Control\\ProductOptions", "ProductType", "WinNT");
   }
   applet_entry(nullptr, kCplSetMachine, reinterpret_cast<std::intptr_t>("\\\\oldbox"), 0);
   std::vector<int> ids;
@@ -606,14 +606,14 @@ TEST_F(AppletTest, ModuleInUseIsMovedAsideOnlyAfterTheServiceStops) {
   std::ofstream(sys32 / "w32tmkr.cpl") << "module";
   std::ofstream(sys32 / "w32tmkr.old") << "older";
   FailMovesOf("w32tmkr.cpl", 1);
-  EXPECT_EQ(RetireModuleFile(), 1);
+  EXPECT_EQ(RetireModuleFile(applet_install_context()), 1);
   EXPECT_FALSE(std::filesystem::exists(sys32 / "w32tmkr.cpl"));
   EXPECT_EQ(ReadFile(sys32 / "w32tmkr.old"), "module");
   EXPECT_EQ(FakeServices::calls, (std::vector<std::string>{"control  1 1", "control  16 0"}));
   // Without the failure the move needs no stop.
   std::ofstream(sys32 / "w32tmkr.cpl") << "again";
   FakeServices::calls.clear();
-  EXPECT_EQ(RetireModuleFile(), 1);
+  EXPECT_EQ(RetireModuleFile(applet_install_context()), 1);
   EXPECT_TRUE(FakeServices::calls.empty());
 }
 #endif

@@ -2,7 +2,7 @@
 // server rows and their modes, the special interval, the Kairon notes and the forced NoSync, the
 // focus and enabling rules, Sync Now with its question, its messages and its timer.
 #include "applet/client_page.h"
-#include "applet/os_identify.h"
+#include "config/os_identify.h"
 
 #include <gtest/gtest.h>
 

@@ -6,8 +6,8 @@
 
 #include "drift/drift_log.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "tests/drift_test_util.h"
-#include "timing/error_text.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 
 #include <gtest/gtest.h>
 

@@ -8,12 +8,12 @@
 #include <vector>
 
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/fake.h"
 #include "platform/net.h"
 #include "platform/thread.h"
 #include "tests/fake_ntp_server.h"
 #include "timing/activity.h"
-#include "timing/error_text.h"
 #include "timing/precise_clock.h"
 
 // Peers, all on the loopback, port 123:

@@ -18,7 +18,7 @@
 #include <string>
 
 #include "applet/kr2_client.h"
-#include "applet/os_identify.h"
+#include "config/os_identify.h"
 #include "config/registry.h"
 #include "drift/drift_file.h"
 #include "platform/fake.h"

@@ -11,7 +11,7 @@
 #include <cstring>
 
 #include "applet/clock_status.h"
-#include "applet/os_identify.h"
+#include "config/os_identify.h"
 #include "config/registry.h"
 #include "platform/net.h"
 #include "tests/fake_ntp_server.h"

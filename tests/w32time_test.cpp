@@ -8,7 +8,7 @@
 #include <set>
 #include <string>
 
-#include "applet/os_identify.h"
+#include "config/os_identify.h"
 #include "config/w32time.h"
 #include "platform/fake.h"
 #include "tests/registry_fixture.h"

@@ -14,9 +14,9 @@
 
 #include "config/defaults.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/sync.h"
 #include "timing/activity.h"
-#include "timing/error_text.h"
 #include "timing/precise_clock.h"
 
 namespace {

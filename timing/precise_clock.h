@@ -25,7 +25,7 @@ inline constexpr std::uint32_t kPreciseClockMagic = 0x20081003;
 inline constexpr std::uint64_t kFileTimeOf1970 = 116444736000000000ULL;  // file time of 1970-01-01 00:00 UTC
 
 // True on an NT-family system; when false the clock is never used and reads fall back to the
-// system time. Set from the platform at load; the OS identification may set it again.
+// system time. Set from the platform at load (tests may set it).
 extern std::atomic<bool> g_nt_family;
 
 int PreciseClockStart(platform::EventHandle stop_event);  // nonzero on success; stop_event may be nullptr (own auto-reset event)

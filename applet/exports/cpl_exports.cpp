@@ -1,7 +1,6 @@
 // The module's applet entry points: the Control Panel's CPlApplet and rundll32's RunDll.
 #include "applet/applet.h"
 #include "applet/clock_status.h"
-#include "applet/install.h"
 #include "platform/export.h"
 
 // LONG CPlApplet(HWND, UINT, LPARAM, LPARAM).

@@ -16,7 +16,6 @@
 #include <string>
 #include <vector>
 
-#include "config/defaults.h"
 #include "platform/error.h"
 #include "platform/paths.h"
 #include "platform/posix/service_systemd.h"
@@ -267,18 +266,6 @@ int Run(std::vector<std::string> args, std::string& output) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-std::string ChronySocket() {
-  std::string socket = defaults::kChronySocket;
-  RegKey key = nullptr;
-  if (RegOpenKey(RegLocalMachine(), defaults::kChronyParametersKey, kKeyRead, key) == 0) {
-    char buf[1024] = {};
-    std::uint32_t type = 0, size = sizeof buf - 1;
-    if (RegQueryValue(key, defaults::kChronySocketValue, &type, buf, &size) == 0 && type == kRegSz && buf[0]) socket = buf;
-    RegCloseKey(key);
-  }
-  return socket;
-}
-
 }  // namespace
 
 ServiceHandle OpenServiceManager(const char* machine, std::uint32_t) {
@@ -403,21 +390,13 @@ int ChronyCommand(const std::string& socket_path, const std::string& command, st
   return Run({"chronyc", "-n", "-N", "-h", socket_path, command}, output);
 }
 
-std::string DefaultChronySourcesFile() {
-  return MachineRoot() == defaults::kDefaultMachineRoot ? defaults::kChronySourcesFile : "";
-}
-
-std::string DefaultChronyConfigFile() {
-  return MachineRoot() == defaults::kDefaultMachineRoot ? defaults::kChronyConfigFile : "";
-}
-
-bool TimeSyncNow(const char* machine, std::uint32_t wait, std::uint32_t flags, std::uint32_t& result) {
+bool TimeSyncNow(const char* machine, const std::string& chrony_socket, std::uint32_t wait, std::uint32_t flags,
+                 std::uint32_t& result) {
   std::vector<std::string> args;
   const std::string host = Host(machine);
   if (!host.empty()) args = {"ssh", "-o", "BatchMode=yes", host};
-  const std::string socket = host.empty() ? ChronySocket() : std::string(defaults::kChronySocket);
   for (const char* a : {"chronyc", "-n", "-m", "-h"}) args.emplace_back(a);
-  args.push_back(socket);
+  args.push_back(chrony_socket);
   args.emplace_back("burst 4/4");
   if (flags & 0x1) args.emplace_back("makestep");
   if (wait) args.emplace_back("waitsync 30 0 0 1");

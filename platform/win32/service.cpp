@@ -91,7 +91,7 @@ bool DeleteService(ServiceHandle service) { return service && ::DeleteService(se
 
 std::string ServiceBackendName() { return "scm"; }
 
-bool TimeSyncNow(const char* machine, std::uint32_t wait, std::uint32_t flags, std::uint32_t& result) {
+bool TimeSyncNow(const char* machine, const std::string&, std::uint32_t wait, std::uint32_t flags, std::uint32_t& result) {
   using SyncNow = DWORD(WINAPI*)(LPCWSTR, ULONG, ULONG);
   HMODULE lib = ::GetModuleHandleA("w32time.dll");
   HMODULE loaded = nullptr;
@@ -107,9 +107,6 @@ bool TimeSyncNow(const char* machine, std::uint32_t wait, std::uint32_t flags, s
   if (loaded) ::FreeLibrary(loaded);
   return fn != nullptr;
 }
-
-std::string DefaultChronySourcesFile() { return ""; }
-std::string DefaultChronyConfigFile() { return ""; }
 
 int ChronyCommand(const std::string&, const std::string&, std::string& output) {
   output.clear();

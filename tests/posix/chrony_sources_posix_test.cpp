@@ -14,9 +14,10 @@
 #include <thread>
 #include <vector>
 
-#include "applet/os_identify.h"
 #include "config/chrony_sources.h"
+#include "config/os_identify.h"
 #include "config/registry.h"
+#include "config/service_control.h"
 #include "config/w32time.h"
 #include "platform/error.h"
 #include "platform/service.h"
@@ -72,7 +73,8 @@ TEST(ChronySourcesText, NoSyncHasNoSources) {
 
 TEST(ChronySourcesDefault, ATestMachineRootNeverReachesTheMachinesChrony) {
   RegistrySandbox sandbox;
-  EXPECT_EQ(platform::DefaultChronySourcesFile(), "");
+  EXPECT_EQ(chrony_default_sources_file(), "");
+  EXPECT_EQ(chrony_default_config_file(), "");
   W32tSettings s{};
   s.sync_type = kW32tNtp;
   EXPECT_EQ(chrony_apply_settings(s), 1);   // nothing configured: nothing to do
@@ -183,11 +185,16 @@ TEST_F(ChronyTest, AMissingSourceIsAddedBack) {
 
 TEST_F(ChronyTest, ResyncAsksChronyForABurst) {
   ASSERT_EQ(chrony_apply_settings(Two()), 1);
-  std::uint32_t result = 99;
-  ASSERT_TRUE(platform::TimeSyncNow(nullptr, 0, 0, result));
-  EXPECT_EQ(result, 0u);
-  ASSERT_TRUE(platform::TimeSyncNow(nullptr, 0, 1, result));
-  EXPECT_EQ(result, 31u);   // makestep: chronyd -x may not step the clock
+  EXPECT_EQ(TriggerResync(nullptr, nullptr, 0, 0), 0u);
+  EXPECT_EQ(TriggerResync(nullptr, nullptr, 0, 1), 31u);   // makestep: chronyd -x may not step the clock
+}
+
+TEST_F(ChronyTest, TheCommandSocketIsTheStoresForThisMachineOnly) {
+  EXPECT_EQ(chrony_command_socket(nullptr), (dir_ / "chronyd.sock").string());
+  EXPECT_EQ(chrony_command_socket("\\\\"), (dir_ / "chronyd.sock").string());
+  EXPECT_EQ(chrony_command_socket("\\\\OTHER"), "/run/chrony/chronyd.sock");
+  reg_delete_value(reg_local(), kParams, "ChronyCommandSocket");
+  EXPECT_EQ(chrony_command_socket(""), "/run/chrony/chronyd.sock");
 }
 
 // The administrator's own sources: read from chrony.conf and what it names, taken into settings

@@ -20,7 +20,7 @@
 
 #include "config/registry.h"
 #include "platform/error.h"
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 #include "host/chrony.h"
 #include "host/time_service.h"
 #include "platform/host.h"

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 
 namespace {
 

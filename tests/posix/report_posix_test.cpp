@@ -9,10 +9,10 @@
 #include "config/registry.h"
 #include "drift/drift_log.h"
 #include "drift/report.h"
+#include "platform/error_text.h"
 #include "platform/fake.h"
 #include "tests/drift_test_util.h"
 #include "tests/registry_fixture.h"
-#include "timing/error_text.h"
 
 namespace {
 

@@ -19,11 +19,11 @@
 
 #include "config/defaults.h"
 #include "platform/error.h"
+#include "platform/error_text.h"
 #include "platform/paths.h"
 #include "platform/registry.h"
 #include "tests/posix/sheet_process.h"
 #include "tests/registry_fixture.h"
-#include "timing/error_text.h"
 
 namespace fs = std::filesystem;
 

@@ -3,14 +3,13 @@
 // On POSIX the platform presents an NT-family system of version 10.0 (level 32768, so that nothing
 // is gated away) while the local text names what really runs, from uname: the architecture prefix
 // followed by the kernel ("64-bit (x64) Linux 6.1.0-13-amd64") in place of a Windows name.
-#include "applet/os_identify.h"
+#include "config/os_identify.h"
 
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "config/registry.h"
-#include "timing/precise_clock.h"
 
 OsFacts g_os{};
 
@@ -122,7 +121,6 @@ void os_identify() {
     else if (g_os.arch == kArchAmd64) g_os.view32 = platform::kKeyWow64_32Key;
   }
   g_os.level = os_level_from_version(v.platform_id, v.major, v.minor, g_os.extended, v.product_type);
-  g_nt_family = v.platform_id == 2;
 }
 
 char* os_local_text(char* buf, std::uint32_t size) {

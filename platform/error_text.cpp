@@ -1,5 +1,5 @@
 // Error texts for socket, private and system error codes.
-#include "timing/error_text.h"
+#include "platform/error_text.h"
 
 #include <algorithm>
 #include <array>

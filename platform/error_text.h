@@ -1,10 +1,11 @@
 // Error codes as text: socket errors (Winsock numbers plus the NTP client's private codes -1, -2
-// and 1901) and system (Win32) errors. Results are always terminated and silently cut to size - 1.
+// and 1901) and system (Win32) errors, the system's message text on one line. Results are always
+// terminated and silently cut to size - 1. Portable code over platform/error.h (no backend of its
+// own), so that every floor shows the same words; plain functions, outside the platform namespace.
 #pragma once
 #include <cstdint>
 
 #include "platform/error.h"
-
 
 char* SocketErrorText(std::uint32_t code, char* buf, std::uint32_t size);       // "Error %d: description"
 char* SocketErrorShortName(std::uint32_t code, char* buf, std::uint32_t size);  // a short name, or "Error %d"

@@ -1,4 +1,4 @@
-// Which system the applet runs on and which one it configures: the OS level (a power of two per
+// Which system the product runs on and which one it configures: the OS level (a power of two per
 // Windows generation), the processor architecture, the 32-bit-on-64-bit test and the texts that
 // name a system in messages.
 #pragma once
@@ -39,7 +39,7 @@ struct OsFacts {
 };
 extern OsFacts g_os;
 
-void os_identify();   // fills g_os; also sets the precise clock's NT-family flag
+void os_identify();   // fills g_os
 // The OS level from a version record: platform id (1 Windows 9x, 2 NT), major, minor, whether the
 // extended record was read and its product type (1 workstation).
 std::uint32_t os_level_from_version(std::uint32_t platform_id, std::uint32_t major, std::uint32_t minor, bool extended,
