@@ -299,60 +299,57 @@ bool WriteSweepMetrics(const std::vector<std::string>& hosts, const std::vector<
   return true;
 }
 
-}  // namespace
-
-int CmdKr2(CommandArgs args) {
+// What the kr2 command line asks for.
+struct Kr2Request {
   std::string host, command;
   Kr2Options o;
   std::uint32_t after = 0;
   DriftListFormat format = DriftListFormat::Text;
+};
+
+// A parser's verdict that the command goes on (any other value is the exit code to end with).
+constexpr int kParsed = -1;
+
+int ParseKr2Args(CommandArgs args, Kr2Request& r) {
   for (std::size_t i = 0; i < args.size(); ++i) {
     const auto a = args[i];
     if (IsHelp(a)) return std::fputs(kHelp, stdout), kExitOk;
     int error = 0;
-    if (SharedOption("kr2", args, i, o, error)) {
+    if (SharedOption("kr2", args, i, r.o, error)) {
       if (error) return error;
-      if (o.json) format = DriftListFormat::Json;
+      if (r.o.json) r.format = DriftListFormat::Json;
     } else if (a == "--csv") {
-      format = DriftListFormat::Csv;
+      r.format = DriftListFormat::Csv;
     } else if (a == "--after") {
-      if (i + 1 == args.size() || !ParseNumber(args[++i], after)) return UsageError("kr2", "--after takes seconds since 1970");
+      if (i + 1 == args.size() || !ParseNumber(args[++i], r.after)) return UsageError("kr2", "--after takes seconds since 1970");
     } else if (!a.empty() && a[0] == '-') {
       return UsageError("kr2", "unknown option '" + std::string(a) + "'");
-    } else if (host.empty()) {
-      host = std::string(a);
-    } else if (command.empty()) {
-      command = std::string(a);
+    } else if (r.host.empty()) {
+      r.host = std::string(a);
+    } else if (r.command.empty()) {
+      r.command = std::string(a);
     } else {
       return UsageError("kr2", "unexpected argument '" + std::string(a) + "'");
     }
   }
-  if (host.empty()) return UsageError("kr2", "HOST is missing");
-  if (command.empty()) return UsageError("kr2", "COMMAND is missing");
+  if (r.host.empty()) return UsageError("kr2", "HOST is missing");
+  if (r.command.empty()) return UsageError("kr2", "COMMAND is missing");
+  return kParsed;
+}
+
+// The KR2 code of a command's name, or -1.
+int Kr2CommandCode(const std::string& command) {
   constexpr std::pair<const char*, std::uint8_t> kCodes[] = {
       {"identity", kKr2Identity}, {"status", kKr2Status},     {"time", kKr2Time},         {"localtime", kKr2LocalTime},
       {"timezone", kKr2TimeZone}, {"products", kKr2Products}, {"history", kKr2DriftAfter}, {"clear", kKr2StatusClear},
       {"resync", kKr2Resync}};
-  int code = -1;
   for (const auto& [name, c] : kCodes)
-    if (command == name) code = c;
-  if (code < 0) return UsageError("kr2", "unknown command '" + command + "'");
-  if (code != kKr2DriftAfter && (after || format == DriftListFormat::Csv))
-    return UsageError("kr2", "--after and --csv belong to the history command");
+    if (command == name) return c;
+  return -1;
+}
 
-  const auto [name, port] = SplitHostPort(host);
-  Kr2Peer peer;
-  if (!Kr2Open(peer, name.c_str(), port ? port : o.port, o.timeout_ms)) {
-    std::fprintf(stderr, "chronwarden kr2: cannot reach %s: %s\n", host.c_str(), LastSocketErrorText());
-    return kExitFailed;
-  }
-  struct Closer {
-    Kr2Peer& p;
-    ~Closer() { Kr2Close(p); }
-  } closer{peer};
-  const auto op = static_cast<std::uint8_t>(code);
-  if (op == kKr2DriftAfter) return History(peer, host, after, format);
-
+// Asks one command (any but history) and prints the reply's fields.
+int AskAndPrint(Kr2Peer& peer, const std::string& host, std::uint8_t op, const Kr2Options& o) {
   std::uint8_t reply[kKr2RequestMax] = {};
   const int n = Kr2Ask(peer, op, 0, reply, sizeof reply);
   if (n < 0) return NoReply(host, op, o.timeout_ms);
@@ -387,99 +384,152 @@ int CmdKr2(CommandArgs args) {
   return kExitOk;
 }
 
-int CmdMonitor(CommandArgs args) {
+// What the monitor command line asks for.
+struct MonitorRequest {
   Kr2Options o;
   std::uint32_t interval = 0, count = 0;
   std::vector<std::string> hosts;
   bool openmetrics = false;
   std::string output;
+};
+
+int ParseMonitorArgs(CommandArgs args, MonitorRequest& r) {
   for (std::size_t i = 0; i < args.size(); ++i) {
     const auto a = args[i];
     if (IsHelp(a)) return std::fputs(kMonitorHelp, stdout), kExitOk;
     int error = 0;
-    if (SharedOption("monitor", args, i, o, error)) {
+    if (SharedOption("monitor", args, i, r.o, error)) {
       if (error) return error;
     } else if (a == "--openmetrics") {
-      openmetrics = true;
+      r.openmetrics = true;
     } else if (a == "-o" || a == "--output") {
       if (i + 1 == args.size() || args[i + 1].empty()) return UsageError("monitor", "-o needs a file name");
-      output = std::string(args[++i]);
+      r.output = std::string(args[++i]);
     } else if (a == "--interval") {
-      if (i + 1 == args.size() || !ParseNumber(args[++i], interval, 1u, 86'400u))
+      if (i + 1 == args.size() || !ParseNumber(args[++i], r.interval, 1u, 86'400u))
         return UsageError("monitor", "--interval takes 1..86400 seconds");
     } else if (a == "--count") {
-      if (i + 1 == args.size() || !ParseNumber(args[++i], count, 1u)) return UsageError("monitor", "--count takes 1 or more");
+      if (i + 1 == args.size() || !ParseNumber(args[++i], r.count, 1u)) return UsageError("monitor", "--count takes 1 or more");
     } else if (!a.empty() && a[0] == '-') {
       return UsageError("monitor", "unknown option '" + std::string(a) + "'");
     } else {
-      hosts.emplace_back(a);
+      r.hosts.emplace_back(a);
     }
   }
-  if (hosts.empty()) return UsageError("monitor", "HOST is missing");
-  if (openmetrics && o.json) return UsageError("monitor", "--json and --openmetrics exclude each other");
-  if (!output.empty() && !openmetrics) return UsageError("monitor", "-o belongs to --openmetrics");
-  std::vector<Kr2SweepEntry> machines(hosts.size());
-  for (std::size_t i = 0; i < hosts.size(); ++i) {
-    const auto [name, port] = SplitHostPort(hosts[i]);
+  if (r.hosts.empty()) return UsageError("monitor", "HOST is missing");
+  if (r.openmetrics && r.o.json) return UsageError("monitor", "--json and --openmetrics exclude each other");
+  if (!r.output.empty() && !r.openmetrics) return UsageError("monitor", "-o belongs to --openmetrics");
+  return kParsed;
+}
+
+// Each host's address (its own port, else --port, else the KR2 service's); false after saying
+// which one could not be resolved.
+bool ResolveMachines(const MonitorRequest& r, std::vector<Kr2SweepEntry>& machines) {
+  machines.assign(r.hosts.size(), Kr2SweepEntry{});
+  for (std::size_t i = 0; i < r.hosts.size(); ++i) {
+    const auto [name, port] = SplitHostPort(r.hosts[i]);
     if (!ResolveHostPort(name.c_str(), machines[i].address, kKr2ServiceName, kKr2DefaultPort, platform::kSocketDatagram)) {
-      std::fprintf(stderr, "chronwarden monitor: cannot resolve %s\n", hosts[i].c_str());
-      return kExitFailed;
+      std::fprintf(stderr, "chronwarden monitor: cannot resolve %s\n", r.hosts[i].c_str());
+      return false;
     }
-    if (port || o.port) machines[i].address.port = platform::HostToNet16(port ? port : o.port);
+    if (port || r.o.port) machines[i].address.port = platform::HostToNet16(port ? port : r.o.port);
   }
+  return true;
+}
+
+// One machine of a sweep as an object of the JSON "machines" list.
+void PrintMachineJson(const std::string& host, const Kr2SweepEntry& m, std::uint32_t now, bool first) {
+  const bool up = m.have_status;
+  std::printf("%s\n  {\"host\": %s, \"address\": \"%s\", \"answered\": %s", first ? "" : ",", JsonString(host).c_str(),
+              Dotted(m.address.address).c_str(), up ? "true" : "false");
+  if (up) {
+    const std::uint32_t start_s = m.status.agent_start;
+    std::printf(", \"partner\": %s, \"last_offset_ms\": %lld, \"last_check\": %u, \"agent_start\": %u, "
+                "\"agent_seconds\": %u, \"checking_sources\": %s, \"reply_ms\": %.3f",
+                JsonString(FieldText(m.status.partner_name)).c_str(), static_cast<long long>(m.status.last_offset_ms),
+                m.status.last_check, start_s, start_s && now > start_s ? now - start_s : 0,
+                (m.status.status_flags & kKr2StatusChecking) ? "true" : "false", m.reply_ms);
+  }
+  if (m.have_identity)
+    std::printf(", \"computer_name\": %s, \"version\": %s", JsonString(FieldText(m.identity.computer_name)).c_str(),
+                JsonString(FieldText(m.identity.version)).c_str());
+  std::printf("}");
+}
+
+// One machine of a sweep as a line of the table.
+void PrintMachineLine(const std::string& host, const Kr2SweepEntry& m, std::uint32_t now) {
+  const bool up = m.have_status;
+  const std::string partner = up ? FieldText(m.status.partner_name) : "";
+  const std::uint32_t start_s = up ? m.status.agent_start : 0;
+  const std::string age = !up ? "no reply" : start_s == 0 ? "stopped" : FormatDurationSeconds(now > start_s ? now - start_s : 0);
+  std::string shown = host;
+  if (m.have_identity) shown = FieldText(m.identity.computer_name) + " (" + host + ")";
+  std::printf("%-21s %-30s %12s  %-28s  %s\n", shown.c_str(), up ? partner.c_str() : "-",
+              up ? std::to_string(m.status.last_offset_ms).c_str() : "-", up ? DateText(m.status.last_check).c_str() : "-",
+              age.c_str());
+}
+
+// One sweep as the table or the JSON object on stdout.
+void PrintSweep(const std::vector<std::string>& hosts, const std::vector<Kr2SweepEntry>& machines, bool json,
+                std::size_t answered, double sweep_ms) {
+  const std::uint32_t now = PreciseClockUnixSeconds();
+  if (json) std::printf("{\"machines\": [");
+  else std::printf("%-21s %-30s %12s  %-28s  %s\n", "Host", "Partner", "Offset ms", "Last check", "Agent running");
+  for (std::size_t i = 0; i < machines.size(); ++i) {
+    if (json) PrintMachineJson(hosts[i], machines[i], now, i == 0);
+    else PrintMachineLine(hosts[i], machines[i], now);
+  }
+  if (json) std::printf("\n], \"answered\": %zu, \"sweep_ms\": %.3f}\n", answered, sweep_ms);
+  else std::printf("%zu of %zu machines answered in %.1f ms\n", answered, machines.size(), sweep_ms);
+}
+
+}  // namespace
+
+int CmdKr2(CommandArgs args) {
+  Kr2Request r;
+  if (const int parsed = ParseKr2Args(args, r); parsed != kParsed) return parsed;
+  const int code = Kr2CommandCode(r.command);
+  if (code < 0) return UsageError("kr2", "unknown command '" + r.command + "'");
+  if (code != kKr2DriftAfter && (r.after || r.format == DriftListFormat::Csv))
+    return UsageError("kr2", "--after and --csv belong to the history command");
+
+  const auto [name, port] = SplitHostPort(r.host);
+  Kr2Peer peer;
+  if (!Kr2Open(peer, name.c_str(), port ? port : r.o.port, r.o.timeout_ms)) {
+    std::fprintf(stderr, "chronwarden kr2: cannot reach %s: %s\n", r.host.c_str(), LastSocketErrorText());
+    return kExitFailed;
+  }
+  struct Closer {
+    Kr2Peer& p;
+    ~Closer() { Kr2Close(p); }
+  } closer{peer};
+  const auto op = static_cast<std::uint8_t>(code);
+  if (op == kKr2DriftAfter) return History(peer, r.host, r.after, r.format);
+  return AskAndPrint(peer, r.host, op, r.o);
+}
+
+int CmdMonitor(CommandArgs args) {
+  MonitorRequest r;
+  if (const int parsed = ParseMonitorArgs(args, r); parsed != kParsed) return parsed;
+  std::vector<Kr2SweepEntry> machines;
+  if (!ResolveMachines(r, machines)) return kExitFailed;
   int result = kExitOk;
   for (std::uint32_t sweep = 1;; ++sweep) {
     for (auto& m : machines) m = Kr2SweepEntry{m.address};
     const auto start = std::chrono::steady_clock::now();
-    if (!Kr2Sweep(machines, o.timeout_ms)) {
+    if (!Kr2Sweep(machines, r.o.timeout_ms)) {
       std::fprintf(stderr, "chronwarden monitor: no socket: error %d\n", platform::LastSocketError());
       return kExitFailed;
     }
     const double sweep_ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-    const std::uint32_t now = PreciseClockUnixSeconds();
     std::size_t answered = 0;
-    if (openmetrics) {
-      for (const auto& m : machines) answered += m.have_status;
-      if (!WriteSweepMetrics(hosts, machines, sweep_ms, output)) return kExitFailed;
-    } else {
-      if (o.json) std::printf("{\"machines\": [");
-      else std::printf("%-21s %-30s %12s  %-28s  %s\n", "Host", "Partner", "Offset ms", "Last check", "Agent running");
-      for (std::size_t i = 0; i < machines.size(); ++i) {
-        const auto& m = machines[i];
-        const bool up = m.have_status;
-        answered += up;
-        const std::string partner = up ? FieldText(m.status.partner_name) : "";
-        const std::uint32_t start_s = up ? m.status.agent_start : 0;
-        const std::string age = !up ? "no reply" : start_s == 0 ? "stopped"
-                                    : FormatDurationSeconds(now > start_s ? now - start_s : 0);
-        if (o.json) {
-          std::printf("%s\n  {\"host\": %s, \"address\": \"%s\", \"answered\": %s", i ? "," : "", JsonString(hosts[i]).c_str(),
-                      Dotted(m.address.address).c_str(), up ? "true" : "false");
-          if (up)
-            std::printf(", \"partner\": %s, \"last_offset_ms\": %lld, \"last_check\": %u, \"agent_start\": %u, "
-                        "\"agent_seconds\": %u, \"checking_sources\": %s, \"reply_ms\": %.3f",
-                        JsonString(partner).c_str(), static_cast<long long>(m.status.last_offset_ms), m.status.last_check,
-                        start_s, start_s && now > start_s ? now - start_s : 0,
-                        (m.status.status_flags & kKr2StatusChecking) ? "true" : "false", m.reply_ms);
-          if (m.have_identity)
-            std::printf(", \"computer_name\": %s, \"version\": %s", JsonString(FieldText(m.identity.computer_name)).c_str(),
-                        JsonString(FieldText(m.identity.version)).c_str());
-          std::printf("}");
-        } else {
-          std::string shown = hosts[i];
-          if (m.have_identity) shown = FieldText(m.identity.computer_name) + " (" + hosts[i] + ")";
-          std::printf("%-21s %-30s %12s  %-28s  %s\n", shown.c_str(), up ? partner.c_str() : "-",
-                      up ? std::to_string(m.status.last_offset_ms).c_str() : "-",
-                      up ? DateText(m.status.last_check).c_str() : "-", age.c_str());
-        }
-      }
-      if (o.json) std::printf("\n], \"answered\": %zu, \"sweep_ms\": %.3f}\n", answered, sweep_ms);
-      else std::printf("%zu of %zu machines answered in %.1f ms\n", answered, machines.size(), sweep_ms);
-    }
+    for (const auto& m : machines) answered += m.have_status;
+    if (!r.openmetrics) PrintSweep(r.hosts, machines, r.o.json, answered, sweep_ms);
+    else if (!WriteSweepMetrics(r.hosts, machines, sweep_ms, r.output)) return kExitFailed;
     std::fflush(stdout);
     result = answered == machines.size() ? kExitOk : kExitFailed;
-    if (!interval || (count && sweep >= count)) break;
-    std::this_thread::sleep_for(std::chrono::seconds(interval));
+    if (!r.interval || (r.count && sweep >= r.count)) break;
+    std::this_thread::sleep_for(std::chrono::seconds(r.interval));
   }
   return result;
 }

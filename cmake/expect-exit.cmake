@@ -1,7 +1,39 @@
-# Runs COMMAND (a list) and fails unless its exit code is exactly EXPECT; the command's output is
-# passed through. Used by the command-line tests: 0 success, 1 the operation failed, 2 the command
-# line was wrong.
-execute_process(COMMAND ${COMMAND} RESULT_VARIABLE rc)
-if(NOT "${rc}" STREQUAL "${EXPECT}")
-  message(FATAL_ERROR "exit code ${rc}, expected ${EXPECT}")
+# One run of a command-line test: cmake -DEXPECT=FILE -P expect-exit.cmake -- COMMAND...
+# FILE (written by cli_test in tests/CMakeLists.txt) sets EXPECT_EXIT, the exact exit code (0 success,
+# 1 the operation failed, 2 the command line was wrong), and optionally EXPECT_STDOUT and
+# EXPECT_STDERR, regular expressions each stream must match. Standard input is empty. The command's
+# output is shown, and the test fails, with the reasons, unless every expectation holds.
+include(${EXPECT})
+set(command "")
+set(after_dashes FALSE)
+math(EXPR last "${CMAKE_ARGC} - 1")
+foreach(i RANGE ${last})
+  if(after_dashes)
+    list(APPEND command "${CMAKE_ARGV${i}}")
+  elseif(CMAKE_ARGV${i} STREQUAL "--")
+    set(after_dashes TRUE)
+  endif()
+endforeach()
+execute_process(COMMAND ${command} INPUT_FILE /dev/null RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+message(NOTICE "---- stdout:\n${out}---- stderr:\n${err}---- exit code ${rc}")
+set(failures "")
+if(NOT "${rc}" STREQUAL "${EXPECT_EXIT}")
+  string(APPEND failures "exit code ${rc}, expected ${EXPECT_EXIT}\n")
+endif()
+foreach(stream stdout stderr)
+  string(TOUPPER ${stream} upper)
+  if(NOT DEFINED EXPECT_${upper})
+    continue()
+  endif()
+  if(stream STREQUAL stdout)
+    set(text "${out}")
+  else()
+    set(text "${err}")
+  endif()
+  if(NOT text MATCHES "${EXPECT_${upper}}")
+    string(APPEND failures "${stream} does not match: ${EXPECT_${upper}}\n")
+  endif()
+endforeach()
+if(failures)
+  message(FATAL_ERROR "${failures}")
 endif()

@@ -294,30 +294,35 @@ void ReportTimeZoneText(bool local, char* out, std::size_t size) {
                 total % 60);
 }
 
-void RenderDriftReport(const DriftLog& log, const char* time_zone_text, std::uint32_t now, ReportSink sink,
-                       void* context) {
-  const std::uint32_t count = log.records ? log.record_count : 0;
-  const DriftRecord* records = log.records.get();
-  const DriftReportStats s = ComputeDriftReportStats(records, count);
-  const bool local = log.local_time;
-  std::string out;
-  out.reserve(4096);
-  const auto flush = [&] {
-    sink(context, out.data(), out.size());
-    out.clear();
-  };
+namespace {
 
-  // Header.
+// The report's text on its way to the sink: each section is handed over whole, the record lines in
+// pieces of about kReportChunk bytes.
+struct ReportOut {
+  std::string text;
+  ReportSink sink;
+  void* context;
+
+  void Flush() {
+    sink(context, text.data(), text.size());
+    text.clear();
+  }
+};
+
+// The banner, the report's time zone and date, and the file it is made from.
+void AppendHeader(std::string& out, const DriftLog& log, const char* time_zone_text, std::uint32_t now) {
   out += kBanner;
   Appendf(out,
           "\r\n\r\n------------------------------\r\nSYNCHRONIZATION SUMMARY REPORT\r\n------------------------------\r\n\r\n"
           "Report Time and Data Source:\r\n\r\n    Report timezone: %s\r\n",
           time_zone_text ? time_zone_text : "");
-  Appendf(out, "        Report date: %s\r\n", FormatDate(now, local));
+  Appendf(out, "        Report date: %s\r\n", FormatDate(now, log.local_time));
   Appendf(out, "      Report source: %s\r\n\r\n", log.path);
-  flush();
+}
 
-  // Period.
+// How many records, over which span, how far apart.
+void AppendPeriod(std::string& out, const DriftLog& log, const DriftReportStats& s, std::uint32_t count) {
+  const bool local = log.local_time;
   out += "Report Data Period:\r\n\r\n";
   Appendf(out, "        Data points: %d\r\n", static_cast<int>(s.total));
   Appendf(out, "       Data history: %s\r\n", count ? FormatDurationSeconds(s.SpanSeconds()) : "N/A");
@@ -325,64 +330,67 @@ void RenderDriftReport(const DriftLog& log, const char* time_zone_text, std::uin
   Appendf(out, "      Latest record: %s\r\n", s.latest ? FormatDate(s.latest, local) : "N/A");
   Appendf(out, "   Average Interval: %s between data points\r\n\r\n",
           count && log.average_interval ? FormatDurationSeconds(log.average_interval) : "No interval");
-  flush();
+}
 
-  if (count) {
-    // Variance.
-    const std::int32_t worst_startup = s.WorstStartup(), avg_startup = s.AverageStartup(), avg_all = s.AverageAll();
-    int width = 1;
-    for (std::int32_t v : {s.min, s.max, worst_startup, avg_startup, avg_all})
-      width = std::max(width, PrintedLength("%+lld", v));
-    out += "Variance Summary:\r\n\r\n";
-    Appendf(out, "     Worst negative: %+*d ms (%s fast)\r\n", width, s.min, DurationText(s.min).c_str());
-    Appendf(out, "     Worst positive: %+*d ms (%s slow)\r\n", width, s.max, DurationText(s.max).c_str());
-    Appendf(out, "      Worst startup: %+*d ms (%s %s at startup)\r\n", width, worst_startup,
-            DurationText(worst_startup).c_str(), FastOrSlow(worst_startup));
-    Appendf(out, "    Average startup: %+*d ms (%s %s at startup)\r\n", width, avg_startup,
-            DurationText(avg_startup).c_str(), FastOrSlow(avg_startup));
-    Appendf(out, "     Average of all: %+*d ms (%s %ser than time sources)\r\n\r\n", width, avg_all,
-            DurationText(avg_all).c_str(), FastOrSlow(avg_all));
-    flush();
+// The worst and average variances, their milliseconds right-aligned to the widest.
+void AppendVarianceSummary(std::string& out, const DriftReportStats& s) {
+  const std::int32_t worst_startup = s.WorstStartup(), avg_startup = s.AverageStartup(), avg_all = s.AverageAll();
+  int width = 1;
+  for (std::int32_t v : {s.min, s.max, worst_startup, avg_startup, avg_all})
+    width = std::max(width, PrintedLength("%+lld", v));
+  out += "Variance Summary:\r\n\r\n";
+  Appendf(out, "     Worst negative: %+*d ms (%s fast)\r\n", width, s.min, DurationText(s.min).c_str());
+  Appendf(out, "     Worst positive: %+*d ms (%s slow)\r\n", width, s.max, DurationText(s.max).c_str());
+  Appendf(out, "      Worst startup: %+*d ms (%s %s at startup)\r\n", width, worst_startup,
+          DurationText(worst_startup).c_str(), FastOrSlow(worst_startup));
+  Appendf(out, "    Average startup: %+*d ms (%s %s at startup)\r\n", width, avg_startup,
+          DurationText(avg_startup).c_str(), FastOrSlow(avg_startup));
+  Appendf(out, "     Average of all: %+*d ms (%s %ser than time sources)\r\n\r\n", width, avg_all,
+          DurationText(avg_all).c_str(), FastOrSlow(avg_all));
+}
 
-    // Corrections.
-    const std::uint32_t counts[5] = {s.set, s.not_set, s.negative, s.positive, s.Zero()};
-    const char* labels[5] = {"checks caused clock corrections", "checks did not cause clock corrections",
-                             "variances were negative", "variances were positive", "variances were zero"};
-    width = 1;
-    for (std::uint32_t c : counts) width = std::max(width, PrintedLength("%lld", c));
-    out += "Clock Corrections:\r\n\r\n";
-    for (int i = 0; i < 5; ++i)
-      Appendf(out, "  % #7.2f%% - %*d %s\r\n", Percent(counts[i], s.total), width, static_cast<int>(counts[i]),
-              labels[i]);
-    out += "\r\n";
-    flush();
+// The checks that set the clock and the signs of the variances, in percent and counts.
+void AppendCorrections(std::string& out, const DriftReportStats& s) {
+  const std::uint32_t counts[5] = {s.set, s.not_set, s.negative, s.positive, s.Zero()};
+  const char* labels[5] = {"checks caused clock corrections", "checks did not cause clock corrections",
+                           "variances were negative", "variances were positive", "variances were zero"};
+  int width = 1;
+  for (std::uint32_t c : counts) width = std::max(width, PrintedLength("%lld", c));
+  out += "Clock Corrections:\r\n\r\n";
+  for (int i = 0; i < 5; ++i)
+    Appendf(out, "  % #7.2f%% - %*d %s\r\n", Percent(counts[i], s.total), width, static_cast<int>(counts[i]),
+            labels[i]);
+  out += "\r\n";
+}
 
-    // Discipline.
-    Appendf(out, "Clock Discipline (%d non-startup/resume variances summarized):\r\n\r\n",
-            static_cast<int>(s.non_startup_count));
-    if (s.non_startup_count) {
-      for (int b = 0; b < 6; ++b)
-        Appendf(out, "  % #7.2f%% - %s\r\n", Percent(s.buckets[b], s.non_startup_count), kBucketLabels[b]);
-    } else {
-      out += "   Unable to display: all recorded variances were marked as startup/resumes\r\n";
-    }
-    out += "\r\n";
-    flush();
-
-    // Reasons.
-    width = 1;
-    for (std::uint32_t c : s.reasons) width = std::max(width, PrintedLength("%lld", c));
-    out += "Reason for each Check:\r\n\r\n";
-    for (std::size_t k = 0; k < 13; ++k) {
-      if (!s.reasons[k]) continue;
-      Appendf(out, "  % #7.2f%% - %*d %s\r\n", Percent(s.reasons[k], s.total), width, static_cast<int>(s.reasons[k]),
-              k < 12 ? CheckReasonName(kReasonOrder[k]) : "Other");
-    }
-    out += "\r\n";
-    flush();
+// The non-startup variances by size.
+void AppendDiscipline(std::string& out, const DriftReportStats& s) {
+  Appendf(out, "Clock Discipline (%d non-startup/resume variances summarized):\r\n\r\n",
+          static_cast<int>(s.non_startup_count));
+  if (s.non_startup_count) {
+    for (int b = 0; b < 6; ++b)
+      Appendf(out, "  % #7.2f%% - %s\r\n", Percent(s.buckets[b], s.non_startup_count), kBucketLabels[b]);
+  } else {
+    out += "   Unable to display: all recorded variances were marked as startup/resumes\r\n";
   }
+  out += "\r\n";
+}
 
-  // Records.
+// The reasons that occur, in report order.
+void AppendReasons(std::string& out, const DriftReportStats& s) {
+  int width = 1;
+  for (std::uint32_t c : s.reasons) width = std::max(width, PrintedLength("%lld", c));
+  out += "Reason for each Check:\r\n\r\n";
+  for (std::size_t k = 0; k < 13; ++k) {
+    if (!s.reasons[k]) continue;
+    Appendf(out, "  % #7.2f%% - %*d %s\r\n", Percent(s.reasons[k], s.total), width, static_cast<int>(s.reasons[k]),
+            k < 12 ? CheckReasonName(kReasonOrder[k]) : "Other");
+  }
+  out += "\r\n";
+}
+
+// The title and column heads of the record list.
+void AppendRecordsHeader(std::string& out, const DriftLog& log) {
   out += "\r\n----------------------------------\r\nINDIVIDUAL SYNCHRONIZATION RECORDS\r\n"
          "----------------------------------\r\n\r\n";
   const bool ntp_server = std::strstr(log.path, "NTP Server") != nullptr;
@@ -391,19 +399,45 @@ void RenderDriftReport(const DriftLog& log, const char* time_zone_text, std::uin
           ntp_server ? "Seconds Variance from Reference Clock" : "Seconds Variance from Time Source");
   Appendf(out, "%24s  %15s  %s  %5s  %13s  %s\r\n", std::string(24, '-').c_str(), std::string(15, '-').c_str(), "---",
           "-----", std::string(13, '-').c_str(), std::string(51, '-').c_str());
-  flush();
+}
 
+// One line per record, the seconds column as wide as the largest variance (or the width limit).
+void WriteRecordLines(ReportOut& out, const DriftLog& log, const DriftReportStats& s, std::uint32_t count) {
   char largest[64];
   std::snprintf(largest, sizeof largest, "%.3f", static_cast<double>(s.LargestAbs()) / 1000.0);
   const int seconds_width = std::max(static_cast<int>(log.width_limit), static_cast<int>(std::strlen(largest)));
   RecordLines lines(log, seconds_width);
   for (std::uint32_t i = 0; i < count; ++i) {
-    lines.Append(out, records[i]);
-    if (out.size() >= kReportChunk) flush();
+    lines.Append(out.text, log.records[i]);
+    if (out.text.size() >= kReportChunk) out.Flush();
   }
-  flush();
-  out += "\r\n--End of Report--\r\n";
-  flush();
+  out.Flush();
+}
+
+}  // namespace
+
+void RenderDriftReport(const DriftLog& log, const char* time_zone_text, std::uint32_t now, ReportSink sink,
+                       void* context) {
+  const std::uint32_t count = log.records ? log.record_count : 0;
+  const DriftReportStats s = ComputeDriftReportStats(log.records.get(), count);
+  ReportOut out{{}, sink, context};
+  out.text.reserve(4096);
+  AppendHeader(out.text, log, time_zone_text, now);
+  out.Flush();
+  AppendPeriod(out.text, log, s, count);
+  out.Flush();
+  if (count) {
+    for (void (*section)(std::string&, const DriftReportStats&) :
+         {AppendVarianceSummary, AppendCorrections, AppendDiscipline, AppendReasons}) {
+      section(out.text, s);
+      out.Flush();
+    }
+  }
+  AppendRecordsHeader(out.text, log);
+  out.Flush();
+  WriteRecordLines(out, log, s, count);
+  out.text += "\r\n--End of Report--\r\n";
+  out.Flush();
 }
 
 std::string DriftReportPathFor(const char* log_path) {

@@ -82,24 +82,11 @@ for preset in "${presets[@]}"; do
   cmake --build --preset "$preset" -j "$jobs"
   echo "==== $preset: test"
   if [ "$preset" = windows ]; then
-    export WINEPREFIX="$PWD/build/windows/wineprefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d"
-    if [ ! -f "$WINEPREFIX/system.reg" ]; then
-      echo "Creating the Wine prefix $WINEPREFIX"
-      wineboot -i >/dev/null 2>&1 || true
-      wineserver -w   # the registry is written when the server ends
-    fi
-    # Wine creates sockets in its server: the server must live in this network namespace.
-    [ -n "${CW_IN_NETNS:-}" ] && { wineserver -k 2>/dev/null || true; }
-    # One server for the whole run; the prefix's background processes start now, away from ctest's
-    # pipes (a process that inherits a test's output pipe keeps ctest waiting for it), and on a
-    # virtual display: the desktop process keeps the display it started with, and without one no
-    # later program of the prefix could open a window.
-    xvfb-run -a -n 90 -s "-screen 0 1024x768x24" bash -c \
-      'wineserver -p || true; wine cmd /c exit </dev/null >/dev/null 2>&1 || true; ctest --preset windows' || status=1
-    wineserver -k || true
-    retries="$(dirname "$WINEPREFIX")/wine-run-retries.log"
+    # The Wine prefix, its server and virtual display are the tests' fixture (scripts/wine-env.sh),
+    # started inside this network namespace.
+    ctest --preset windows || status=1
+    retries="$PWD/build/windows/wine-run-retries.log"
     [ -f "$retries" ] && { echo "Wine starts made again (no output, error status):"; cat "$retries"; rm -f "$retries"; }
-    unset WINEPREFIX WINEDEBUG WINEDLLOVERRIDES
   else
     ctest --preset "$preset" || status=1
   fi
