@@ -576,9 +576,9 @@ TEST_F(AppletTest, RemoteWindows2000TargetGetsItsOwnClientPage) {
   {
     RegTarget oldbox;
     ASSERT_EQ(reg_open_target("\\\\OLDBOX", oldbox), 1);
-    reg_set_dword(reg_local(), oldbox, "\\\\Software\\Microsoft\\Windows NT\\CurrentVersion", "CurrentMajorVersionNumber", 5);
-    reg_set_dword(reg_local(), oldbox, "\\\\Software\\Microsoft\\Windows NT\\CurrentVersion", "CurrentMinorVersionNumber", 0);
-    reg_set_string(reg_local(), oldbox, "\\\\System\\CurrentControlSet\\Control\\ProductOptions", "ProductType", "WinNT");
+    reg_set_dword(oldbox, "\\\\Software\\Microsoft\\Windows NT\\CurrentVersion", "CurrentMajorVersionNumber", 5);
+    reg_set_dword(oldbox, "\\\\Software\\Microsoft\\Windows NT\\CurrentVersion", "CurrentMinorVersionNumber", 0);
+    reg_set_string(oldbox, "\\\\System\\CurrentControlSet\\Control\\ProductOptions", "ProductType", "WinNT");
   }
   applet_entry(nullptr, kCplSetMachine, reinterpret_cast<std::intptr_t>("\\\\oldbox"), 0);
   std::vector<int> ids;

@@ -84,7 +84,7 @@ TEST_F(RemoteRegistryTest, ARemoteTargetUsesThatMachinesStore) {
   ASSERT_EQ(reg_open_target("\\\\hostb", hostb), 1);
   EXPECT_EQ(hostb.name(), "\\\\hostb");
   EXPECT_NE(hostb.root(), platform::RegLocalMachine());
-  ASSERT_EQ(reg_set_string(reg_local(), hostb, "", "Where", "remote"), 1);
+  ASSERT_EQ(reg_set_string(hostb, "", "Where", "remote"), 1);
   EXPECT_TRUE(fs::exists(net_ + "/HOSTB/registry.db"));
   EXPECT_EQ(ReadString("\\\\SYSTEM\\CurrentControlSet\\Control\\ComputerName\\ComputerName", "ComputerName", hostb),
             "HOSTB");
