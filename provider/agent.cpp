@@ -13,6 +13,7 @@
 #include "config/w32time.h"
 #include "platform/clock.h"
 #include "drift/drift_file.h"
+#include "provider/event_log.h"
 #include "provider/kr2_responder.h"
 #include "provider/provider.h"
 #include "provider/sync_status.h"
@@ -44,13 +45,17 @@ constexpr const char* kTextStopped = "Unknown - Agent stopped";
 constexpr const char* kTextNotManaging = "N/A - Windows Time not managing the clock";
 char16_t kProviderWideName[] = u"Chronwarden";
 
-const W32tSettings& Settings() { return g_provider.settings; }
+// The settings as they are now, copied whole: TPC_UpdateConfig may replace them at any time, and
+// one use never mixes two versions.
+W32tSettings Settings() { return ProviderSettings(); }
+Kr2Responder& Responder() { return g_provider.kr2; }
+LocalStatusRecord& Status() { return g_provider.kr2.status(); }
 
 bool g_drift_append_failing = false;   // the last check could not be recorded (logged once per run of failures)
 
 // Records a check in the drift history; the first of a run of failures (a full disk) is logged.
 void RecordCheck(std::int64_t ms, std::uint32_t at, std::uint32_t triggered, std::uint8_t reason, const char* server) {
-  const bool written = DriftFileAppend(ms, at, triggered, reason, server, static_cast<std::uint8_t>(g_local_status.product_code));
+  const bool written = DriftFileAppend(ms, at, triggered, reason, server, static_cast<std::uint8_t>(Status().product_code));
   if (!written && !g_drift_append_failing) {
     char text[256];
     SystemErrorText(platform::LastError(), text, sizeof text);
@@ -76,18 +81,18 @@ std::uint32_t FileTimeSeconds(std::uint64_t file_time) {
 }
 
 bool ManagesClock() {
-  const W32tSettings& s = Settings();
+  const W32tSettings s = Settings();
   return s.ntp_client_enabled && s.ntp_client_input_provider && s.sync_type != kW32tNoSync;
 }
 
 void SetChecking(bool on) {
-  if (on) g_local_status.status_flags |= kKr2StatusChecking;
-  else g_local_status.status_flags &= static_cast<std::uint8_t>(~kKr2StatusChecking);
+  if (on) Status().status_flags |= kKr2StatusChecking;
+  else Status().status_flags &= static_cast<std::uint8_t>(~kKr2StatusChecking);
 }
 
 void BindListenSocket(bool read) {
-  if (g_listen_socket != platform::kInvalidSocket)
-    platform::SelectSocketEvent(g_listen_socket, g_provider.client_event, read);
+  const platform::SocketHandle socket = Responder().listen_socket();
+  if (socket != platform::kInvalidSocket) platform::SelectSocketEvent(socket, g_provider.client_event, read);
 }
 
 void FreeStatusInfo(platform::SetProviderStatusInfo* info) {
@@ -119,7 +124,7 @@ std::array<std::uint32_t, kSourceEntries * 2> ReadSources() {
 
 // Taking the partner after W32Time (re)synchronized.
 void TakePartner(AgentCycle& cycle, std::uint32_t now, std::uint32_t reference_id, std::uint32_t flags) {
-  LocalStatusRecord& st = g_local_status;
+  LocalStatusRecord& st = Status();
   SetChecking(false);
   ++st.sync_verdicts;
   ++st.sync_successes;
@@ -143,7 +148,7 @@ void TakePartner(AgentCycle& cycle, std::uint32_t now, std::uint32_t reference_i
 
 void CheckAfterPartner(AgentCycle& cycle) {
   if (!g_provider.responder_active) return;
-  const std::uint32_t when = g_local_status.partner_time;
+  const std::uint32_t when = Status().partner_time;
   if (CheckAgainstSources(when, cycle.next_reason, 1)) cycle.last_check_time = when;
 }
 
@@ -152,10 +157,10 @@ void StatusNotified() {
   const bool elsewhere = g_provider.status_block && g_provider.status_block->owner_active != 0;
   if (elsewhere && g_provider.responder_active) {
     BindListenSocket(false);
-    CloseListenSocket();
+    Responder().CloseListenSocket();
     g_provider.responder_active = false;
   } else if (!elsewhere && !g_provider.responder_active) {
-    g_provider.responder_active = CreateListenSocket();
+    g_provider.responder_active = Responder().CreateListenSocket();
     BindListenSocket(g_provider.responder_active);
   }
 }
@@ -178,6 +183,7 @@ void RememberTimeSource(std::uint32_t reference_id, std::uint32_t when) {
 }
 
 bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason, std::uint32_t triggered) {
+  const W32tSettings s = Settings();   // one version for the whole check
   BoostThreadPriority(1);
   SetTimerResolution(1);
   const NtpResult reply = NtpQuery({.server = server});
@@ -188,14 +194,15 @@ bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason,
   const std::int64_t offset = reply.offset;
 
   const std::int64_t ms = offset / 10'000;
-  LocalStatusRecord& st = g_local_status;
+  LocalStatusRecord& st = Status();
   st.offset_sum_ms += ms;
   st.last_offset_ms = ms;
   const std::uint32_t at = when ? when : PreciseClockUnixSeconds();
   st.last_check = at;
   if (g_provider.responder_active) RecordCheck(ms, at, triggered, reason, server);
 
-  const W32tSettings& s = Settings();
+  // Built aside and published whole: the time service may ask for the current sample meanwhile
+  // (its callbacks below among the moments it may).
   platform::TimeSample& sample = g_provider.current_sample;
   sample = platform::TimeSample{};
   sample.dwSize = sizeof(platform::TimeSample);
@@ -223,7 +230,7 @@ bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason,
 
 bool CheckAgainstSources(std::uint32_t when, std::uint8_t reason, std::uint32_t triggered) {
   const PreciseClockNeeded clock;   // the tick runs through the whole check, not per source
-  const W32tSettings& s = Settings();
+  const W32tSettings s = Settings();
   bool tried = false;
   if (s.reference_clock[0]) {
     if (CheckOneSource(s.reference_clock, when, reason, triggered)) return true;
@@ -259,7 +266,7 @@ void AgentStart(AgentCycle& cycle) {
   cycle = AgentCycle{};
   g_drift_append_failing = false;
   if (Settings().provider_input_provider) ReportRunning();
-  LocalStatusRecord& st = g_local_status;
+  LocalStatusRecord& st = Status();
   SetChecking(true);
   st.agent_start = PreciseClockUnixSeconds();
   st.last_check = 0;
@@ -286,8 +293,8 @@ void AgentPoll(AgentCycle& cycle) {
     if (!synchronized) {
       if (cycle.unsynchronized_polls++ == 18) {
         SetChecking(false);
-        ++g_local_status.sync_verdicts;
-        ++g_local_status.sync_failures;
+        ++Status().sync_verdicts;
+        ++Status().sync_failures;
         WritePartnerText(kTextFailed);
       }
       return;
@@ -331,7 +338,7 @@ bool AgentWake(AgentCycle& cycle, std::uint32_t wait_result) {
       break;
     case platform::kWaitObject0 + 3:   // a KR2 request
       if (g_provider.responder_active) {
-        HandleRequest(g_listen_socket);
+        Responder().HandleRequest(Responder().listen_socket(), Settings(), g_provider.sync_event);
         BindListenSocket(true);
       }
       break;
@@ -350,7 +357,7 @@ bool AgentWake(AgentCycle& cycle, std::uint32_t wait_result) {
 void AgentStop() {
   WritePartnerText(kTextStopped);
   if (g_provider.responder_active) BindListenSocket(false);
-  LocalStatusRecord& st = g_local_status;
+  LocalStatusRecord& st = Status();
   SetChecking(false);
   st.agent_start = 0;
   st.last_check = 0;

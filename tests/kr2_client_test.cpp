@@ -17,7 +17,7 @@ class Kr2ClientTest : public ::testing::Test {
     ASSERT_EQ(platform::NetStartup(), 0);   // Winsock, for the responders and the client
     ResetKr2ForTest(1'600'000'000, "LOOPBACK");
     SetKr2Prohibited(true);
-    std::strcpy(g_local_status.partner_name, "ntp.loopback");
+    std::strcpy(g_provider.kr2.status().partner_name, "ntp.loopback");
   }
   void TearDown() override {
     Kr2Close(peer_);

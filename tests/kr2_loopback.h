@@ -66,7 +66,7 @@ class LoopbackKr2Responders {
       d.size = platform::ReceiveFrom(s, buf, sizeof buf, &d.from);
       if (d.size < 0) continue;
       std::lock_guard<std::mutex> hold(lock_);
-      HandleRequestWith(d, machine);
+      g_provider.kr2.HandleRequestWith(d, machine);
     }
   }
   std::atomic<bool> stop_{false};
