@@ -203,8 +203,7 @@ bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason,
 
   // Built aside and published whole: the time service may ask for the current sample meanwhile
   // (its callbacks below among the moments it may).
-  platform::TimeSample& sample = g_provider.current_sample;
-  sample = platform::TimeSample{};
+  platform::TimeSample sample{};
   sample.dwSize = sizeof(platform::TimeSample);
   sample.dwRefid = platform::InetAddr(server);
   sample.toOffset = offset;
@@ -215,7 +214,7 @@ bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason,
   sample.dwTSFlags = platform::TSF_Authenticated;
   for (std::size_t i = 0; i < 255 && server[i]; ++i)
     sample.wszUniqueName[i] = static_cast<char16_t>(static_cast<unsigned char>(server[i]));
-  g_provider.sample_available = s.provider_input_provider != 0;
+  ProviderPublishSample(sample, s.provider_input_provider != 0);
 
   if (s.alert_if_unsynchronized && s.alert_threshold && AbsInt64(ms) > std::int64_t{s.alert_threshold} * 1000) {
     char duration[128];

@@ -59,10 +59,12 @@ void CloseHandleOf(platform::EventHandle& event) {
 }  // namespace
 
 W32tSettings ProviderSettings() {
+  std::lock_guard hold(g_provider.lock);
   return g_provider.settings;
 }
 
 void ProviderPublishSettings(const W32tSettings& settings) {
+  std::lock_guard hold(g_provider.lock);
   g_provider.settings = settings;
 }
 
@@ -73,6 +75,7 @@ void ProviderPublishSample(const platform::TimeSample& sample, bool available) {
 }
 
 bool ProviderCurrentSample(platform::TimeSample& out) {
+  std::lock_guard hold(g_provider.lock);
   if (!g_provider.sample_available) return false;
   out = g_provider.current_sample;
   return true;
