@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cctype>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -21,7 +22,32 @@ namespace {
 // The lock is created by the first open and retired by close. The mutex object itself lives for
 // the whole process so that a thread still waiting on it when the file closes never touches a
 // destroyed object; "exists" is what open creates and close destroys.
-std::timed_mutex g_lock;
+// A lock whose wait gives up after a time: a flag under a mutex, waited for on a condition
+// variable (every step of it visible to ThreadSanitizer, unlike a timed mutex's timed lock).
+class WaitLock {
+ public:
+  // True when the lock was taken within ms.
+  bool try_lock_for(std::chrono::milliseconds ms) {
+    std::unique_lock hold(mutex_);
+    if (!freed_.wait_for(hold, ms, [this] { return !held_; })) return false;
+    held_ = true;
+    return true;
+  }
+  void unlock() {
+    {
+      std::lock_guard hold(mutex_);
+      held_ = false;
+    }
+    freed_.notify_one();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable freed_;
+  bool held_ = false;
+};
+
+WaitLock g_lock;
 std::atomic<bool> g_lock_exists{false};
 platform::FileHandle g_file = nullptr;   // guarded by g_lock
 
