@@ -10,6 +10,7 @@
 // half of one and half of the next.
 #pragma once
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 
@@ -43,7 +44,8 @@ struct ProviderGlobals {
   bool status_notify_private;                      // status_notify_event is ours to close
   const SyncStatusBlock* status_block;             // read-only view, or nullptr
   platform::ThreadHandle agent_thread;
-  bool responder_active;                           // this process owns the KR2 listen socket
+  std::atomic<bool> responder_active;              // this process owns the KR2 listen socket (an agent left
+                                                   // behind by shut-down still reads it)
   Kr2Responder kr2{kProviderName};                // the KR2 responder: built by start-up, then the agent's
   // Under lock only (ProviderSettings, ProviderPublishSettings, ProviderPublishSample,
   // ProviderCurrentSample); a test without an agent thread may touch them directly.

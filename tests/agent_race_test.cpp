@@ -109,9 +109,10 @@ TEST_F(AgentNtpRaceTest, ASampleAskedForDuringACheckIsTheLastWholeOne) {
 TEST_F(AgentNtpRaceTest, SamplesCopiedWhileChecksReplaceThemAreWhole) {
   ASSERT_TRUE(CheckOneSource(kServerA, 0, 1, 0));
   constexpr int kChecks = 60;
-  std::atomic<bool> done{false};
+  std::atomic<bool> done{false}, copying{false};
   std::atomic<int> answered{0};
   std::thread agent([&] {
+    while (!copying) std::this_thread::yield();   // the checks start once the copies have
     for (int i = 0; i < kChecks; ++i)
       if (CheckOneSource(i % 2 ? kServerA : kServerB, 0, 1, 0)) ++answered;
     done = true;
@@ -122,6 +123,7 @@ TEST_F(AgentNtpRaceTest, SamplesCopiedWhileChecksReplaceThemAreWhole) {
     platform::TimeSample s{};
     if (SampleNow(s)) problem = WholeSampleProblem(s);
     ++copies;
+    copying = true;
   }
   agent.join();
   EXPECT_EQ(problem, "");

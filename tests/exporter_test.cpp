@@ -138,7 +138,9 @@ class ExporterProbeTest : public ::testing::Test {
 };
 
 TEST_F(ExporterProbeTest, AnsweringMachineGivesItsMetrics) {
-  responders_.machine.installed = kKr2InstalledAlways | kKr2InstalledChronwarden | kKr2InstalledServer;
+  responders_.ChangeMachine([](ScriptedKr2Machine& m) {
+    m.installed = kKr2InstalledAlways | kKr2InstalledChronwarden | kKr2InstalledServer;
+  });
   target_.products = true;
   const ProbeResult probe = RunProbe(target_);
   ASSERT_TRUE(probe.resolved);

@@ -54,7 +54,9 @@ TEST_F(Kr2ClientTest, PollingTheSameCommandTwiceIsAnsweredTwice) {
 
 TEST_F(Kr2ClientTest, HistoryIsWalkedRecordByRecord) {
   LoopbackKr2Responders r;
-  r.machine.records = {MakeKr2TestRecord(1000, -3), MakeKr2TestRecord(2000, 4), MakeKr2TestRecord(3000, 5)};
+  r.ChangeMachine([](ScriptedKr2Machine& m) {
+    m.records = {MakeKr2TestRecord(1000, -3), MakeKr2TestRecord(2000, 4), MakeKr2TestRecord(3000, 5)};
+  });
   ASSERT_TRUE(r.Start(1));
   ASSERT_TRUE(Open(Port(r.addresses[0])));
   std::vector<std::int32_t> seen;
