@@ -8,7 +8,9 @@
 //
 // The thread works on the provider's process-wide state (provider/provider.h: callbacks, events,
 // settings, the current sample) and the responder's (provider/kr2_responder.h: the listen socket,
-// the local status record); start-up fills them before it creates the thread. The pieces of one pass (AgentStart, AgentWake,
+// the local status record); start-up fills them before it creates the thread. The settings are
+// copied whole for each use and each sample is built aside, then published (the time service's
+// threads reload the one and copy the other meanwhile). The pieces of one pass (AgentStart, AgentWake,
 // AgentStop) are exposed so that tests drive the cycle one poll at a time without a thread.
 //
 // Two warning texts are deliberately swapped: when no source answered, the warning says "no time
