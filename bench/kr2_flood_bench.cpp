@@ -284,7 +284,7 @@ int main(int argc, char** argv) {
   int status = 1;
   const auto first_poll_by = Clock::now() + kNextPollWait;
   while (handle && Polls().empty() && Clock::now() < first_poll_by) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  if (!handle || !g_provider.responder_active || !platform::SocketName(g_listen_socket, listen)) {
+  if (!handle || !g_provider.responder_active || !platform::SocketName(g_provider.kr2.listen_socket(), listen)) {
     std::fprintf(stderr, "the provider did not start its responder (is UDP port %u taken?)\n", kKr2DefaultPort);
   } else if (Polls().empty()) {
     std::fprintf(stderr, "the agent did not poll the time service\n");

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cctype>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -21,7 +22,32 @@ namespace {
 // The lock is created by the first open and retired by close. The mutex object itself lives for
 // the whole process so that a thread still waiting on it when the file closes never touches a
 // destroyed object; "exists" is what open creates and close destroys.
-std::timed_mutex g_lock;
+// A lock whose wait gives up after a time: a flag under a mutex, waited for on a condition
+// variable (every step of it visible to ThreadSanitizer, unlike a timed mutex's timed lock).
+class WaitLock {
+ public:
+  // True when the lock was taken within ms.
+  bool try_lock_for(std::chrono::milliseconds ms) {
+    std::unique_lock hold(mutex_);
+    if (!freed_.wait_for(hold, ms, [this] { return !held_; })) return false;
+    held_ = true;
+    return true;
+  }
+  void unlock() {
+    {
+      std::lock_guard hold(mutex_);
+      held_ = false;
+    }
+    freed_.notify_one();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable freed_;
+  bool held_ = false;
+};
+
+WaitLock g_lock;
 std::atomic<bool> g_lock_exists{false};
 platform::FileHandle g_file = nullptr;   // guarded by g_lock
 
@@ -49,13 +75,17 @@ class DriftLock {
   bool held_ = false;
 };
 
-// Cuts a torn tail back to the last whole record. The caller holds the lock.
-void RepairTornTail(platform::FileHandle file) {
+// Cuts a torn tail back to the last whole record. The caller holds the lock. False, with the
+// failing step's error, when the size is unknown or the tail is still there.
+bool RepairTornTail(platform::FileHandle file) {
   std::uint64_t size = 0;
-  if (!platform::FileSize(file, size) || size % kDriftRecordSize == 0) return;
-  if (platform::FileSeek(file, static_cast<std::int64_t>(size - size % kDriftRecordSize), platform::SeekFrom::Begin) &&
-      platform::FileSetEnd(file))
-    platform::FileFlush(file);
+  if (!platform::FileSize(file, size)) return false;
+  if (size % kDriftRecordSize == 0) return true;
+  if (!platform::FileSeek(file, static_cast<std::int64_t>(size - size % kDriftRecordSize), platform::SeekFrom::Begin) ||
+      !platform::FileSetEnd(file))
+    return false;
+  platform::FileFlush(file);   // the cut is made; on disk soon enough when this fails
+  return true;
 }
 
 bool EqualsNoCase(const char* a, const char* b) {
@@ -159,26 +189,44 @@ bool DriftFileReadAfter(DriftRecord& out, std::uint32_t after_time) {
   return found;
 }
 
+namespace {
+
+// Trims a file at the cap to its newest half: one read from the end, one write at the start, then
+// the cut. The caller holds the lock. False, with the failing step's error, when a step failed; the
+// file is cut only after the newest half was written whole, so no failure loses records.
+bool TrimToNewestHalf(platform::FileHandle file) {
+  std::unique_ptr<std::uint8_t[]> keep(new (std::nothrow) std::uint8_t[defaults::kDriftFileKeepBytes]());
+  if (!keep) return true;   // no room to trim in: the file grows past the cap this once
+  std::uint32_t done = 0;
+  if (!platform::FileSeek(file, -static_cast<std::int64_t>(defaults::kDriftFileKeepBytes), platform::SeekFrom::End) ||
+      !platform::FileRead(file, keep.get(), defaults::kDriftFileKeepBytes, done))
+    return false;
+  if (done != defaults::kDriftFileKeepBytes) return platform::SetLastError(platform::kErrorReadFault), false;
+  if (!platform::FileSeek(file, 0, platform::SeekFrom::Begin) ||
+      !platform::FileWrite(file, keep.get(), defaults::kDriftFileKeepBytes, done))
+    return false;
+  if (done != defaults::kDriftFileKeepBytes) return platform::SetLastError(platform::kErrorWriteFault), false;
+  // The newest half is at the start now: cut there even when the flush fails, so that the file
+  // never holds it twice, and report the flush.
+  const bool flushed = platform::FileFlush(file);
+  const std::uint32_t error = platform::LastError();
+  if (!platform::FileSetEnd(file)) return false;
+  if (!flushed) return platform::SetLastError(error), false;
+  return true;
+}
+
+}  // namespace
+
 bool DriftFileAppend(std::int64_t variance_ms, std::uint32_t check_time, std::uint32_t clock_set, std::uint8_t reason,
                      const char* source_name, std::uint8_t machine_type) {
+  // The name is resolved before the lock is taken: a slow look-up must not hold up the other users
+  // of the file (the responder's history queries, a clear) for as long as it takes.
+  const std::uint32_t address = SourceAddress(source_name);
   DriftLock lock;
   if (!lock.Usable() || !g_file) return platform::SetLastError(platform::kErrorInvalidHandle), false;
-  RepairTornTail(g_file);
-
   std::uint64_t size = 0;
-  if (platform::FileSize(g_file, size) && size >= defaults::kDriftFileCapBytes) {
-    // Keep the newest half: one read from the end, one write at the start, then cut.
-    std::unique_ptr<std::uint8_t[]> keep(new (std::nothrow) std::uint8_t[defaults::kDriftFileKeepBytes]());
-    if (keep) {
-      std::uint32_t done = 0;
-      platform::FileSeek(g_file, -static_cast<std::int64_t>(defaults::kDriftFileKeepBytes), platform::SeekFrom::End);
-      platform::FileRead(g_file, keep.get(), defaults::kDriftFileKeepBytes, done);
-      platform::FileSeek(g_file, 0, platform::SeekFrom::Begin);
-      platform::FileWrite(g_file, keep.get(), defaults::kDriftFileKeepBytes, done);
-      platform::FileFlush(g_file);
-      platform::FileSetEnd(g_file);
-    }
-  }
+  if (!RepairTornTail(g_file) || !platform::FileSize(g_file, size)) return false;
+  if (size >= defaults::kDriftFileCapBytes && !TrimToNewestHalf(g_file)) return false;
 
   DriftRecord record{};
   record.version = kDriftRecordVersion;
@@ -190,18 +238,22 @@ bool DriftFileAppend(std::int64_t variance_ms, std::uint32_t check_time, std::ui
   bool disabled = false;
   if (platform::SystemTimeAdjustment(adjustment, increment, disabled))
     SetDriftPhaseAdjustment(record, static_cast<std::int32_t>(adjustment - increment));
-  record.address = SourceAddress(source_name);
+  record.address = address;
 
   std::uint32_t done = 0;
   std::uint64_t end = 0;
-  platform::FileSeek(g_file, 0, platform::SeekFrom::End, &end);
-  if (platform::FileWrite(g_file, &record, kDriftRecordSize, done) && done == kDriftRecordSize &&
-      platform::FileFlush(g_file)) {
+  if (!platform::FileSeek(g_file, 0, platform::SeekFrom::End, &end)) return false;
+  bool written = platform::FileWrite(g_file, &record, kDriftRecordSize, done);
+  std::uint32_t error = written ? 0 : platform::LastError();
+  if (written && done != kDriftRecordSize) written = false, error = platform::kErrorDiskFull;   // a short write
+  if (written && !platform::FileFlush(g_file)) written = false, error = platform::LastError();
+  if (written) {
     platform::FileSetEnd(g_file);
     return true;
   }
-  // A full disk takes part of a record: cut it off again (cutting needs no space).
-  const std::uint32_t error = platform::LastError();
+  if (!error) error = platform::kErrorWriteFault;
+  // A full disk takes part of a record, a failed flush leaves it unsure: cut it off again (cutting
+  // needs no space).
   platform::FileSeek(g_file, static_cast<std::int64_t>(end), platform::SeekFrom::Begin);
   platform::FileSetEnd(g_file);
   platform::FileFlush(g_file);

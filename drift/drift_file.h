@@ -29,10 +29,12 @@ void DriftFileClear();        // empties the file
 bool DriftFileReadAfter(DriftRecord& out, std::uint32_t after_time);
 // Appends one record: variance in ms (saturated to 32 bits), check time in seconds since 1970, bit 0
 // of clock_set, the reason, the source's name or dotted address ("Averaged Time" any case: 0;
-// unresolvable: 255.255.255.255) and the low 7 bits of machine_type. At 327,680 bytes or more the
-// file is first trimmed to its newest 8,192 records. The record is on disk when this returns true;
-// false when it could not be written whole (a full disk: the part written is cut off again, so the
-// file keeps whole records) or the file is not open, with the last error of the failing step.
+// unresolvable: 255.255.255.255; resolved before the lock is taken) and the low 7 bits of
+// machine_type. At 327,680 bytes or more the file is first trimmed to its newest 8,192 records. The
+// record is on disk when this returns true; false, with the last error of the failing step, when
+// the file is not open, a torn tail could not be cut, the trim failed (the file keeps every record
+// it had), or the record could not be written whole or flushed (the part written is cut off again,
+// so the file keeps whole records).
 bool DriftFileAppend(std::int64_t variance_ms, std::uint32_t check_time, std::uint32_t clock_set, std::uint8_t reason,
                      const char* source_name, std::uint8_t machine_type);
 // Makes sure the file exists and gives it its access rules (everybody reads; administrators and the

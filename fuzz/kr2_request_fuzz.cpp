@@ -15,23 +15,17 @@
 
 namespace {
 
-// The responder's state at start-up, built once.
+// The responder at start-up, built once: [0] refusing nothing, [1] with the default refusals.
 struct StartState {
-  Kr2State responder;
-  LocalStatusRecord status;
-  IdentityRecord identity;
-  std::array<std::uint8_t, 256> prohibited[2];   // [0] refusing nothing, [1] the default refusals
+  Kr2Responder responder[2] = {Kr2Responder(kProviderName), Kr2Responder(kProviderName)};
 };
 const StartState& Start() {
   static const StartState state = [] {
     StartState s;
     ResetKr2ForTest(1'600'000'000, "FUZZ");
-    s.responder = g_kr2;
-    s.status = g_local_status;
-    s.identity = g_identity;
     for (int i = 0; i < 2; ++i) {
       SetKr2Prohibited(i == 0);
-      s.prohibited[i] = g_provider.prohibited;
+      s.responder[i] = g_provider.kr2;
     }
     return s;
   }();
@@ -42,21 +36,18 @@ const StartState& Start() {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
-  const StartState& start = Start();
-  g_kr2 = start.responder;
-  g_local_status = start.status;
-  g_identity = start.identity;
-  g_provider.prohibited = start.prohibited[data[0] & 1];
-  g_last_request.fill(0);
-  g_responder_block.fill(0);
-  g_kr2.os_level = (data[0] & 2) ? 2048 : 32768;
+  Kr2Responder& responder = g_provider.kr2;
+  responder = Start().responder[data[0] & 1];
+  Kr2System system = responder.system();
+  system.os_level = (data[0] & 2) ? 2048 : 32768;
+  responder.SetSystem(system);
   ScriptedKr2Socket socket;
   ScriptedKr2Machine machine;
   machine.records = {MakeKr2TestRecord(100, 1), MakeKr2TestRecord(200, -1)};
   const bool stranger = data[0] & 4, list_first = data[0] & 8;
   if (stranger) {
     socket.source = 0x07643306;   // 6.51.100.7 in network order
-    g_kr2.guard.Configure("", 1000, 600);
+    responder.guard().Configure("", 1000, 600);
   }
   std::vector<std::uint8_t> datagram;
   for (std::size_t i = 1; i < size; ++i) {
@@ -71,11 +62,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   socket.Push(datagram);
   if (list_first) {
     const auto& text = socket.queued.front();
-    g_kr2.guard.Configure(std::string(text.begin(), text.end()).c_str(), 1000, 600);
+    responder.guard().Configure(std::string(text.begin(), text.end()).c_str(), 1000, 600);
     socket.queued.pop_front();
   }
-  const bool manager = g_kr2.guard.MayChange(socket.source);
-  while (!socket.queued.empty()) HandleRequestWith(socket, machine);
+  const bool manager = responder.guard().MayChange(socket.source);
+  while (!socket.queued.empty()) responder.HandleRequestWith(socket, machine);
   if (!manager && (machine.clears || machine.resyncs)) __builtin_trap();
   for (const auto& reply : socket.sent)
     if (reply.empty() || reply.size() > kKr2RequestMax) __builtin_trap();

@@ -45,6 +45,8 @@ struct FakeState {
   std::uint32_t fail_event_nth = 0;
   std::map<std::string, std::uint32_t, std::less<>> fail_named;
   std::map<std::string, std::uint32_t, std::less<>> fail_reg_write;
+  std::uint32_t fail_write_nth = 0, fail_write_code = 0, fail_flush_nth = 0, fail_flush_code = 0;
+  std::function<void()> on_next_lookup;
 };
 
 std::atomic<bool> g_active{false};
@@ -147,6 +149,15 @@ void FailNetStartup(int code) { Locked([&](FakeState& s) { s.fail_net_startup = 
 void FailEventCreate(std::uint32_t nth) { Locked([&](FakeState& s) { s.fail_event_nth = nth; return 0; }); }
 void FailNamedObject(std::string_view name, std::uint32_t code) {
   Locked([&](FakeState& s) { s.fail_named[std::string(name)] = code; return 0; });
+}
+void FailFileWrite(std::uint32_t nth, std::uint32_t code) {
+  Locked([&](FakeState& s) { return s.fail_write_nth = nth, s.fail_write_code = code, 0; });
+}
+void FailFileFlush(std::uint32_t nth, std::uint32_t code) {
+  Locked([&](FakeState& s) { return s.fail_flush_nth = nth, s.fail_flush_code = code, 0; });
+}
+void OnNextHostLookup(std::function<void()> action) {
+  Locked([&](FakeState& s) { return s.on_next_lookup = std::move(action), 0; });
 }
 void FailRegistryWrite(std::string_view value_name, std::uint32_t code) {
   Locked([&](FakeState& s) { s.fail_reg_write[std::string(value_name)] = code; return 0; });
@@ -344,6 +355,9 @@ int InjectedFailure(int FakeState::*which) {
 // and every other name is unknown (11001).
 bool LookupHostV4(const char* host, std::uint32_t& address) {
   if (!On()) return sys::LookupHostV4(host, address);
+  std::function<void()> action;
+  Locked([&](FakeState& s) { return action.swap(s.on_next_lookup), 0; });
+  if (action) action();
   if (InjectedFailure(&FakeState::fail_lookup)) return false;
   const std::string_view name = host ? host : "";
   const bool found = Locked([&](FakeState& s) {
@@ -430,6 +444,27 @@ std::uint32_t RegSetValue(RegKey key, const char* name, std::uint32_t type, cons
     if (code) return code;
   }
   return sys::RegSetValue(key, name, type, data, size);
+}
+
+// File writes and flushes: an injected failure while the fake is on, else the backend.
+namespace {
+std::uint32_t NthFailure(std::uint32_t FakeState::*nth, std::uint32_t FakeState::*code) {
+  if (!On()) return 0;
+  const std::uint32_t failure = Locked([&](FakeState& s) {
+    return s.*nth != 0 && --(s.*nth) == 0 ? s.*code : 0u;
+  });
+  if (failure) SetLastError(failure);
+  return failure;
+}
+}  // namespace
+bool FileWrite(FileHandle file, const void* buf, std::uint32_t size, std::uint32_t& done) {
+  done = 0;
+  if (NthFailure(&FakeState::fail_write_nth, &FakeState::fail_write_code)) return false;
+  return sys::FileWrite(file, buf, size, done);
+}
+bool FileFlush(FileHandle file) {
+  if (NthFailure(&FakeState::fail_flush_nth, &FakeState::fail_flush_code)) return false;
+  return sys::FileFlush(file);
 }
 
 }  // namespace platform

@@ -1,7 +1,7 @@
 // The fake clock: while it is on, the clock, counter, clock-interrupt facts, tick timer, priorities,
 // affinity and timer resolution answer from here, and time moves only when a test moves it.
-// Events, threads, locks and sockets stay real; network failures and refused registry writes can be
-// injected. Used by tests on both targets.
+// Events, threads, locks and sockets stay real; network failures, refused registry writes and
+// failing file writes and flushes can be injected. Used by tests on both targets.
 #pragma once
 #include <cstdint>
 #include <functional>
@@ -78,6 +78,15 @@ void FailNetStartup(int winsock_code);         // NetStartup returns the code (0
 void FailEventCreate(std::uint32_t nth);
 // Creating the named section or event of exactly this Win32 name fails with the code (0: none).
 void FailNamedObject(std::string_view name, std::uint32_t code);
+
+// File writes and flushes: the nth FileWrite / FileFlush from now (1: the next one; 0: none), in
+// any file, fails with the code (e.g. 112 disk full, 1117 I/O device error) and writes nothing.
+void FailFileWrite(std::uint32_t nth, std::uint32_t code);
+void FailFileFlush(std::uint32_t nth, std::uint32_t code);
+
+// Runs action once, inside the next LookupHostV4 (before it answers): lets a test look at what
+// holds while a name is being resolved.
+void OnNextHostLookup(std::function<void()> action);
 
 // Registry writes: while set (and the fake is on), RegSetValue of a value of exactly this name, in
 // any key, stores nothing and returns the code (e.g. 5 access denied; 0: none).

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string_view>
 #include "platform/clock.h"
+#include "platform/file.h"
 #include "platform/net.h"
 #include "platform/registry.h"
 #include "platform/shared.h"
@@ -39,6 +40,8 @@ void TimeEndPeriod(std::uint32_t ms);
 void Sleep(std::uint32_t ms);
 bool SystemMessage(std::uint32_t code, char* buf, std::size_t size);
 bool OpenTextFileForUser(std::string_view path, const int* origin_xy);
+bool FileWrite(FileHandle file, const void* buf, std::uint32_t size, std::uint32_t& done);
+bool FileFlush(FileHandle file);
 
 bool LookupHostV4(const char* host, std::uint32_t& address);
 bool LookupAddressV4(std::uint32_t address, char* name, std::size_t size);

@@ -13,6 +13,8 @@
 #include "config/w32time.h"
 #include "platform/clock.h"
 #include "drift/drift_file.h"
+#include "drift/drift_record.h"
+#include "provider/event_log.h"
 #include "provider/kr2_responder.h"
 #include "provider/provider.h"
 #include "provider/sync_status.h"
@@ -30,8 +32,6 @@ namespace {
 
 constexpr std::uint64_t kFileTime1900 = 94354848000000000ULL;   // 1900-01-01 00:00 UTC
 constexpr std::uint32_t kProviderStratum = 4;
-constexpr std::uint8_t kReasonStartupCode = 255, kReasonScheduledCode = 1, kReasonControlPanelCode = 2,
-                       kReasonTriggeredCode = 3, kReasonSyncCheckCode = 6;
 constexpr std::size_t kSourceEntries = 64;
 constexpr std::size_t kSourceBytes = kSourceEntries * 8;
 constexpr std::uint32_t kEventsWhilePollDue = 32;   // events the agent still takes while its poll is due
@@ -44,13 +44,17 @@ constexpr const char* kTextStopped = "Unknown - Agent stopped";
 constexpr const char* kTextNotManaging = "N/A - Windows Time not managing the clock";
 char16_t kProviderWideName[] = u"Chronwarden";
 
-const W32tSettings& Settings() { return g_provider.settings; }
+// The settings as they are now, copied whole: TPC_UpdateConfig may replace them at any time, and
+// one use never mixes two versions.
+W32tSettings Settings() { return ProviderSettings(); }
+Kr2Responder& Responder() { return g_provider.kr2; }
+LocalStatusRecord& Status() { return g_provider.kr2.status(); }
 
 bool g_drift_append_failing = false;   // the last check could not be recorded (logged once per run of failures)
 
 // Records a check in the drift history; the first of a run of failures (a full disk) is logged.
 void RecordCheck(std::int64_t ms, std::uint32_t at, std::uint32_t triggered, std::uint8_t reason, const char* server) {
-  const bool written = DriftFileAppend(ms, at, triggered, reason, server, static_cast<std::uint8_t>(g_local_status.product_code));
+  const bool written = DriftFileAppend(ms, at, triggered, reason, server, static_cast<std::uint8_t>(Status().product_code));
   if (!written && !g_drift_append_failing) {
     char text[256];
     SystemErrorText(platform::LastError(), text, sizeof text);
@@ -76,18 +80,18 @@ std::uint32_t FileTimeSeconds(std::uint64_t file_time) {
 }
 
 bool ManagesClock() {
-  const W32tSettings& s = Settings();
+  const W32tSettings s = Settings();
   return s.ntp_client_enabled && s.ntp_client_input_provider && s.sync_type != kW32tNoSync;
 }
 
 void SetChecking(bool on) {
-  if (on) g_local_status.status_flags |= kKr2StatusChecking;
-  else g_local_status.status_flags &= static_cast<std::uint8_t>(~kKr2StatusChecking);
+  if (on) Status().status_flags |= kKr2StatusChecking;
+  else Status().status_flags &= static_cast<std::uint8_t>(~kKr2StatusChecking);
 }
 
 void BindListenSocket(bool read) {
-  if (g_listen_socket != platform::kInvalidSocket)
-    platform::SelectSocketEvent(g_listen_socket, g_provider.client_event, read);
+  const platform::SocketHandle socket = Responder().listen_socket();
+  if (socket != platform::kInvalidSocket) platform::SelectSocketEvent(socket, g_provider.client_event, read);
 }
 
 void FreeStatusInfo(platform::SetProviderStatusInfo* info) {
@@ -119,7 +123,7 @@ std::array<std::uint32_t, kSourceEntries * 2> ReadSources() {
 
 // Taking the partner after W32Time (re)synchronized.
 void TakePartner(AgentCycle& cycle, std::uint32_t now, std::uint32_t reference_id, std::uint32_t flags) {
-  LocalStatusRecord& st = g_local_status;
+  LocalStatusRecord& st = Status();
   SetChecking(false);
   ++st.sync_verdicts;
   ++st.sync_successes;
@@ -143,7 +147,7 @@ void TakePartner(AgentCycle& cycle, std::uint32_t now, std::uint32_t reference_i
 
 void CheckAfterPartner(AgentCycle& cycle) {
   if (!g_provider.responder_active) return;
-  const std::uint32_t when = g_local_status.partner_time;
+  const std::uint32_t when = Status().partner_time;
   if (CheckAgainstSources(when, cycle.next_reason, 1)) cycle.last_check_time = when;
 }
 
@@ -152,10 +156,10 @@ void StatusNotified() {
   const bool elsewhere = g_provider.status_block && g_provider.status_block->owner_active != 0;
   if (elsewhere && g_provider.responder_active) {
     BindListenSocket(false);
-    CloseListenSocket();
+    Responder().CloseListenSocket();
     g_provider.responder_active = false;
   } else if (!elsewhere && !g_provider.responder_active) {
-    g_provider.responder_active = CreateListenSocket();
+    g_provider.responder_active = Responder().CreateListenSocket();
     BindListenSocket(g_provider.responder_active);
   }
 }
@@ -178,6 +182,7 @@ void RememberTimeSource(std::uint32_t reference_id, std::uint32_t when) {
 }
 
 bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason, std::uint32_t triggered) {
+  const W32tSettings s = Settings();   // one version for the whole check
   BoostThreadPriority(1);
   SetTimerResolution(1);
   const NtpResult reply = NtpQuery({.server = server});
@@ -188,16 +193,16 @@ bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason,
   const std::int64_t offset = reply.offset;
 
   const std::int64_t ms = offset / 10'000;
-  LocalStatusRecord& st = g_local_status;
+  LocalStatusRecord& st = Status();
   st.offset_sum_ms += ms;
   st.last_offset_ms = ms;
   const std::uint32_t at = when ? when : PreciseClockUnixSeconds();
   st.last_check = at;
   if (g_provider.responder_active) RecordCheck(ms, at, triggered, reason, server);
 
-  const W32tSettings& s = Settings();
-  platform::TimeSample& sample = g_provider.current_sample;
-  sample = platform::TimeSample{};
+  // Built aside and published whole: the time service may ask for the current sample meanwhile
+  // (its callbacks below among the moments it may).
+  platform::TimeSample sample{};
   sample.dwSize = sizeof(platform::TimeSample);
   sample.dwRefid = platform::InetAddr(server);
   sample.toOffset = offset;
@@ -208,7 +213,7 @@ bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason,
   sample.dwTSFlags = platform::TSF_Authenticated;
   for (std::size_t i = 0; i < 255 && server[i]; ++i)
     sample.wszUniqueName[i] = static_cast<char16_t>(static_cast<unsigned char>(server[i]));
-  g_provider.sample_available = s.provider_input_provider != 0;
+  ProviderPublishSample(sample, s.provider_input_provider != 0);
 
   if (s.alert_if_unsynchronized && s.alert_threshold && AbsInt64(ms) > std::int64_t{s.alert_threshold} * 1000) {
     char duration[128];
@@ -223,7 +228,7 @@ bool CheckOneSource(const char* server, std::uint32_t when, std::uint8_t reason,
 
 bool CheckAgainstSources(std::uint32_t when, std::uint8_t reason, std::uint32_t triggered) {
   const PreciseClockNeeded clock;   // the tick runs through the whole check, not per source
-  const W32tSettings& s = Settings();
+  const W32tSettings s = Settings();
   bool tried = false;
   if (s.reference_clock[0]) {
     if (CheckOneSource(s.reference_clock, when, reason, triggered)) return true;
@@ -259,14 +264,14 @@ void AgentStart(AgentCycle& cycle) {
   cycle = AgentCycle{};
   g_drift_append_failing = false;
   if (Settings().provider_input_provider) ReportRunning();
-  LocalStatusRecord& st = g_local_status;
+  LocalStatusRecord& st = Status();
   SetChecking(true);
   st.agent_start = PreciseClockUnixSeconds();
   st.last_check = 0;
   st.partner_state = kKr2PartnerStarting;
   WritePartnerText(kTextInitializing);
   if (g_provider.responder_active) {
-    const bool ok = CheckAgainstSources(0, kReasonStartupCode, 0);
+    const bool ok = CheckAgainstSources(0, kReasonStartup, 0);
     cycle.last_check_time = ok ? PreciseClockUnixSeconds() : 0;
     BindListenSocket(true);
   }
@@ -286,8 +291,8 @@ void AgentPoll(AgentCycle& cycle) {
     if (!synchronized) {
       if (cycle.unsynchronized_polls++ == 18) {
         SetChecking(false);
-        ++g_local_status.sync_verdicts;
-        ++g_local_status.sync_failures;
+        ++Status().sync_verdicts;
+        ++Status().sync_failures;
         WritePartnerText(kTextFailed);
       }
       return;
@@ -299,7 +304,7 @@ void AgentPoll(AgentCycle& cycle) {
     const std::uint32_t interval = Settings().check_interval;
     if (g_provider.responder_active && interval && std::uint64_t{now} >= std::uint64_t{cycle.last_check_time} + interval) {
       cycle.last_check_time = now;
-      CheckAgainstSources(now, kReasonSyncCheckCode, 0);
+      CheckAgainstSources(now, kReasonSyncCheck, 0);
     }
     return;
   }
@@ -311,7 +316,7 @@ void AgentPoll(AgentCycle& cycle) {
   }
   cycle.unsynchronized_polls = 0;
   cycle.previous_synchronized = synchronized;
-  cycle.next_reason = kReasonScheduledCode;
+  cycle.next_reason = kReasonScheduled;
 }
 
 bool AgentWake(AgentCycle& cycle, std::uint32_t wait_result) {
@@ -319,7 +324,7 @@ bool AgentWake(AgentCycle& cycle, std::uint32_t wait_result) {
     case platform::kWaitObject0:   // shutdown
       return false;
     case platform::kWaitObject0 + 1:   // sync: a demand resync
-      if (g_demand_resync && g_demand_resync() == 0) cycle.next_reason = kReasonControlPanelCode;
+      if (g_demand_resync && g_demand_resync() == 0) cycle.next_reason = kReasonControlPanel;
       else LogEvent(kProviderName, platform::kEventLogError, "Attempt to trigger a demand clock sync failed");
       break;
     case platform::kWaitObject0 + 2:   // the clock was stepped
@@ -327,11 +332,11 @@ bool AgentWake(AgentCycle& cycle, std::uint32_t wait_result) {
       SetChecking(true);
       cycle.unsynchronized_polls = 0;
       cycle.previous_synchronized = false;
-      cycle.next_reason = kReasonTriggeredCode;
+      cycle.next_reason = kReasonTriggered;
       break;
     case platform::kWaitObject0 + 3:   // a KR2 request
       if (g_provider.responder_active) {
-        HandleRequest(g_listen_socket);
+        Responder().HandleRequest(Responder().listen_socket(), Settings(), g_provider.sync_event);
         BindListenSocket(true);
       }
       break;
@@ -350,7 +355,7 @@ bool AgentWake(AgentCycle& cycle, std::uint32_t wait_result) {
 void AgentStop() {
   WritePartnerText(kTextStopped);
   if (g_provider.responder_active) BindListenSocket(false);
-  LocalStatusRecord& st = g_local_status;
+  LocalStatusRecord& st = Status();
   SetChecking(false);
   st.agent_start = 0;
   st.last_check = 0;

@@ -8,7 +8,9 @@
 //
 // The thread works on the provider's process-wide state (provider/provider.h: callbacks, events,
 // settings, the current sample) and the responder's (provider/kr2_responder.h: the listen socket,
-// the local status record); start-up fills them before it creates the thread. The pieces of one pass (AgentStart, AgentWake,
+// the local status record); start-up fills them before it creates the thread. The settings are
+// copied whole for each use and each sample is built aside, then published (the time service's
+// threads reload the one and copy the other meanwhile). The pieces of one pass (AgentStart, AgentWake,
 // AgentStop) are exposed so that tests drive the cycle one poll at a time without a thread.
 //
 // Two warning texts are deliberately swapped: when no source answered, the warning says "no time
@@ -16,6 +18,8 @@
 // time sources failed" if none was. Kept so for compatibility with existing event-log watchers.
 #pragma once
 #include <cstdint>
+
+#include "drift/drift_record.h"
 
 inline constexpr std::uint32_t kAgentPollMs = 1000;   // the agent polls the time service this often (ms)
 
@@ -27,7 +31,7 @@ extern std::uint32_t (*g_demand_resync)();
 struct AgentCycle {
   bool previous_synchronized = false;
   std::uint32_t unsynchronized_polls = 0;
-  std::uint8_t next_reason = 1;                  // Scheduled
+  std::uint8_t next_reason = kReasonScheduled;   // the drift record's reason code of the next check
   std::uint32_t last_reference_id = 0xFFFFFFFF;
   std::uint32_t last_check_time = 0;             // seconds since 1970: the base of scheduled checks
 };

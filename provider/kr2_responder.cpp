@@ -15,7 +15,7 @@
 #include "platform/os.h"
 #include "platform/sync.h"
 #include "platform/timezone.h"
-#include "provider/provider.h"
+#include "provider/event_log.h"
 #include "platform/error_text.h"
 #include "timing/format.h"
 #include "timing/activity.h"
@@ -34,6 +34,15 @@ struct SilentCommand {
   std::uint32_t slot;
 };
 constexpr SilentCommand kSilentMarked[] = {{100, 20}, {101, 22}, {81, 28}, {82, 26}, {83, 30}};
+
+// The 35 commands of the KR2 protocol.
+constexpr std::uint8_t kKnownKr2[] = {0,   1,   2,   3,   4,   5,   6,   7,   10,  11,  12,  13,
+                                      14,  80,  81,  82,  83,  100, 101, 102, 128, 129, 130, 131,
+                                      132, 140, 150, 151, 160, 180, 200, 201, 202, 203, 204};
+static_assert(sizeof kKnownKr2 == 35);
+// Refused when "Prohibited KR2 Commands" cannot be read.
+constexpr std::uint8_t kProhibitedByDefault[] = {102, 150, 160, 180};
+constexpr std::uint8_t kUnknownCommand = 128;
 
 constexpr std::uint32_t kLevelWin2000 = 2048;
 constexpr std::uint32_t kLevelVista = 16384;
@@ -56,45 +65,50 @@ std::uint16_t InstalledBit(const char* key, std::uint16_t bit) {
 
 }  // namespace
 
-Kr2State g_kr2;
-IdentityRecord g_identity{};
-LocalStatusRecord g_local_status{};
-platform::SocketHandle g_listen_socket = platform::kInvalidSocket;
-std::array<std::uint8_t, kKr2ResponderBlockSize> g_responder_block{};
-std::array<std::uint8_t, kKr2RequestMax> g_last_request{};
-
-namespace {
-std::string g_server_answer_ip;   // kept while the socket exists
-}  // namespace
-
-void BuildIdentityRecord() {
-  std::uint32_t first_start = reg_get_dword(reg_local(), kProviderKey, "Ephemerides", 0);
-  if (first_start == 0) {
-    first_start = PreciseClockUnixSeconds();
-    reg_set_dword(reg_local(), kProviderKey, "Ephemerides", first_start);
-  }
-  g_identity = {};
-  g_identity.ephemerides = first_start;
-  g_identity.product_code = defaults::kProductCode;
-  g_identity.major_version = defaults::kVersionMajor;
-  g_identity.minor_version = defaults::kVersionMinor;
-  g_identity.build_year = defaults::kBuildYear;
-  g_identity.build_month_day = defaults::kBuildMonthDay;
-  g_identity.one = 1;
-  g_identity.nt_family = platform::IsNtFamily() ? 1 : 0;
-  CopyText(g_identity.version, defaults::kProductVersion);
-  CopyText(g_identity.computer_name, g_w32t_env.computer_name);
+bool IsKnownKr2Command(std::uint32_t code) {
+  for (std::uint8_t known : kKnownKr2)
+    if (known == code) return true;
+  return false;
 }
 
-std::uint32_t RefreshTimeZoneName() {
+void BuildProhibitedTable(std::array<std::uint8_t, kKr2CommandCount>& table) {
+  table.fill(0);
+  if (!reg_get_binary(reg_local(), defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value, table.data(), kKr2CommandCount))
+    for (std::uint8_t code : kProhibitedByDefault) table[code] = 1;
+  for (std::uint32_t code = 0; code < kKr2CommandCount; ++code)
+    if (!IsKnownKr2Command(code)) table[code] = kUnknownCommand;
+}
+
+Kr2Responder::Kr2Responder(const char* event_source) : event_source_(event_source) {}
+
+void Kr2Responder::BuildIdentityRecord() {
+  std::uint32_t first_start = reg_get_dword(reg_local(), defaults::kProviderKey, "Ephemerides", 0);
+  if (first_start == 0) {
+    first_start = PreciseClockUnixSeconds();
+    reg_set_dword(reg_local(), defaults::kProviderKey, "Ephemerides", first_start);
+  }
+  identity_ = {};
+  identity_.ephemerides = first_start;
+  identity_.product_code = defaults::kProductCode;
+  identity_.major_version = defaults::kVersionMajor;
+  identity_.minor_version = defaults::kVersionMinor;
+  identity_.build_year = defaults::kBuildYear;
+  identity_.build_month_day = defaults::kBuildMonthDay;
+  identity_.one = 1;
+  identity_.nt_family = platform::IsNtFamily() ? 1 : 0;
+  CopyText(identity_.version, defaults::kProductVersion);
+  CopyText(identity_.computer_name, g_w32t_env.computer_name);
+}
+
+std::uint32_t Kr2Responder::RefreshTimeZoneName() {
   platform::TimeZoneNow zone;
   const bool ok = platform::CurrentTimeZone(zone);
-  CopyText(g_local_status.time_zone, ok && !zone.name.empty() ? zone.name.c_str() : "unknown");
+  CopyText(status_.time_zone, ok && !zone.name.empty() ? zone.name.c_str() : "unknown");
   return !ok ? 0 : zone.daylight ? 1 : 2;
 }
 
-void ResetStatusCounters() {
-  LocalStatusRecord& r = g_local_status;
+void Kr2Responder::ResetStatusCounters() {
+  LocalStatusRecord& r = status_;
   std::memset(r.times, 0, sizeof r.times);
   std::memset(r.counters, 0, sizeof r.counters);
   std::memset(r.failed, 0, sizeof r.failed);
@@ -104,22 +118,20 @@ void ResetStatusCounters() {
   r.last_counter_reset = PreciseClockUnixSeconds();
 }
 
-void InitLocalStatusRecord() {
-  g_local_status = {};
-  g_local_status.product_code = defaults::kProductCode;
-  CopyText(g_local_status.version, defaults::kProductVersion);
-  CopyText(g_local_status.partner_name, "(none since startup)");
+void Kr2Responder::InitLocalStatusRecord() {
+  status_ = {};
+  status_.product_code = defaults::kProductCode;
+  CopyText(status_.version, defaults::kProductVersion);
+  CopyText(status_.partner_name, "(none since startup)");
   RefreshTimeZoneName();
   ResetStatusCounters();
 }
 
-namespace {
-
 // The local address to bind: "Server Answer IP" when it names one of this machine's addresses.
-std::uint32_t AnswerAddress() {
+std::uint32_t Kr2Responder::AnswerAddress() {
   char text[256] = {};
   reg_get_string(reg_local(), "", kServerAnswerIpValue, text, sizeof text, "");
-  g_server_answer_ip = text;
+  server_answer_ip_ = text;
   if (!*text) return 0;
   std::uint32_t a = platform::InetAddr(text);
   if (a == platform::kInaddrNone && !platform::LookupHostV4(text, a)) return 0;
@@ -127,10 +139,8 @@ std::uint32_t AnswerAddress() {
   return a;
 }
 
-}  // namespace
-
-bool CreateListenSocket() {
-  Kr2ForgetLastRequest();
+bool Kr2Responder::CreateListenSocket() {
+  ForgetLastRequest();
   CloseListenSocket();
   const std::uint32_t address = AnswerAddress();
   platform::SocketHandle s = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
@@ -148,39 +158,39 @@ bool CreateListenSocket() {
   if (!bound) {
     const int code = platform::LastSocketError();
     char text[128];
-    LogEvent(kProviderName, platform::kEventLogError, "Could not create listen socket; %s",
+    LogEvent(event_source_, platform::kEventLogError, "Could not create listen socket; %s",
              SocketErrorText(static_cast<std::uint32_t>(code), text, sizeof text));
     platform::CloseSocket(s);
-    g_server_answer_ip.clear();
+    server_answer_ip_.clear();
     return false;
   }
   // Room for a few tens of milliseconds of a flood: a moment's delay of the agent thread must not
   // make the kernel drop a well-behaved source's request among the flood's (best effort).
   platform::SetReceiveBufferSize(s, kKr2ReceiveBufferBytes);
-  g_listen_socket = s;
+  listen_socket_ = s;
   return true;
 }
 
-void CloseListenSocket() {
-  if (g_listen_socket != platform::kInvalidSocket) {
-    platform::ShutdownSocket(g_listen_socket);
-    platform::CloseSocket(g_listen_socket);
-    g_listen_socket = platform::kInvalidSocket;
+void Kr2Responder::CloseListenSocket() {
+  if (listen_socket_ != platform::kInvalidSocket) {
+    platform::ShutdownSocket(listen_socket_);
+    platform::CloseSocket(listen_socket_);
+    listen_socket_ = platform::kInvalidSocket;
   }
-  g_server_answer_ip.clear();
+  server_answer_ip_.clear();
 }
 
 
-void Kr2BuildProducts(Kr2Machine& machine) {
-  Kr2Products& p = g_kr2.products;
-  const LocalStatusRecord& s = g_local_status;
+void Kr2Responder::BuildProducts(Kr2Machine& machine) {
+  Kr2Products& p = products_;
+  const LocalStatusRecord& s = status_;
   std::memset(&p, 0, sizeof p);
-  std::memcpy(p.responder_block, g_responder_block.data(), sizeof p.responder_block);
+  std::memcpy(p.responder_block, responder_block_.data(), sizeof p.responder_block);
 
   const std::uint32_t zone_state = RefreshTimeZoneName();
   std::uint32_t flags = (defaults::kProductCode & kKr2MachineProductMask) | kKr2MachineAlways;
-  if (g_identity.one) flags |= kKr2MachineIdentityOne;
-  if (g_kr2.nt_family) {
+  if (identity_.one) flags |= kKr2MachineIdentityOne;
+  if (system_.nt_family) {
     flags |= kKr2MachineNtFamily;
     struct LevelBit {
       std::uint32_t level;
@@ -189,9 +199,9 @@ void Kr2BuildProducts(Kr2Machine& machine) {
     constexpr LevelBit kLevelBits[] = {{256, 16},  {512, 16},   {1024, 17},  {2048, 18},
                                        {4096, 19}, {8192, 20}, {16384, 26}, {32768, 27}};
     for (const auto& lb : kLevelBits)
-      if (g_kr2.os_level == lb.level) flags |= 1u << lb.bit;
+      if (system_.os_level == lb.level) flags |= 1u << lb.bit;
   }
-  if (g_kr2.win9x_family) flags |= kKr2MachineWin9xFamily;
+  if (system_.win9x_family) flags |= kKr2MachineWin9xFamily;
   flags |= (zone_state & 3u) << kKr2MachineZoneShift;
   p.machine_flags = flags;
   p.size_288 = 288;
@@ -206,29 +216,27 @@ void Kr2BuildProducts(Kr2Machine& machine) {
   p.sync_successes = s.sync_successes;
   p.sync_verdicts = s.sync_verdicts;
   p.sync_failures = s.sync_failures;
-  p.ephemerides = g_identity.ephemerides;
+  p.ephemerides = identity_.ephemerides;
   p.now = Now();
   p.partner_time = s.partner_time;
   p.agent_start = s.agent_start;
   std::memcpy(p.time_zone, s.time_zone, sizeof s.time_zone);
   std::memcpy(p.version, s.version, sizeof s.version);
   std::memcpy(p.partner, s.partner_name, sizeof s.partner_name);
-  std::memcpy(p.computer_name, g_identity.computer_name, sizeof g_identity.computer_name);
+  std::memcpy(p.computer_name, identity_.computer_name, sizeof identity_.computer_name);
   p.installed = static_cast<std::uint16_t>(kKr2InstalledAlways | machine.InstalledProducts());
 }
 
-void Kr2ForgetLastRequest() {
-  g_responder_block.fill(0);
-  g_last_request.fill(0);
-  g_kr2.have_last = false;
+void Kr2Responder::ForgetLastRequest() {
+  responder_block_.fill(0);
+  last_request_.fill(0);
+  have_last_ = false;
 }
 
-namespace {
-
 // Fills the time-zone reply over the receive buffer from offset 8 on; returns it.
-const Kr2TimeZoneReply& BuildTimeZoneReply(Kr2Machine& machine) {
+const Kr2TimeZoneReply& Kr2Responder::BuildTimeZoneReply(Kr2Machine& machine) {
   static_assert(kKr2ArgumentOffset + sizeof(Kr2TimeZoneReply) == kKr2RequestMax);
-  auto* r = reinterpret_cast<Kr2TimeZoneReply*>(g_kr2.receive.data() + kKr2ArgumentOffset);
+  auto* r = reinterpret_cast<Kr2TimeZoneReply*>(receive_.data() + kKr2ArgumentOffset);
   std::memset(r, 0, sizeof *r);
   platform::TimeZoneNow zone;
   const bool ok = platform::CurrentTimeZone(zone);
@@ -248,31 +256,29 @@ const Kr2TimeZoneReply& BuildTimeZoneReply(Kr2Machine& machine) {
 }
 
 // Command 128's refresh of the status record.
-void RefreshStatus(Kr2Machine& machine) {
-  if (!g_kr2.in_batch || !g_kr2.zone_read) RefreshTimeZoneName();
-  g_kr2.zone_read = true;
-  g_local_status.product_code = defaults::kProductCode;
-  g_local_status.sync_type = static_cast<std::uint8_t>(machine.SyncType());
-  g_local_status.last_status_request = Now();
+void Kr2Responder::RefreshStatus(Kr2Machine& machine) {
+  if (!in_batch_ || !zone_read_) RefreshTimeZoneName();
+  zone_read_ = true;
+  status_.product_code = defaults::kProductCode;
+  status_.sync_type = static_cast<std::uint8_t>(machine.SyncType());
+  status_.last_status_request = Now();
 }
 
-}  // namespace
-
-Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
-  auto& buf = g_kr2.receive;
+Kr2Outcome Kr2Responder::HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
+  auto& buf = receive_;
   platform::SocketAddressV4 from{};
   const int received = socket.Receive(buf.data(), buf.size(), from);
   if (received < 0) {
-    ++g_local_status.failed[0];
+    ++status_.failed[0];
     return Kr2Outcome::ReceiveFailed;
   }
   const std::uint8_t code = buf[kKr2CommandOffset];
-  if (g_provider.prohibited[code] != 0) return Kr2Outcome::Refused;
-  Kr2Guard& guard = g_kr2.guard;
+  if (prohibited_[code] != 0) return Kr2Outcome::Refused;
+  Kr2Guard& guard = guard_;
   if (Kr2ChangesMachine(code) && !guard.MayChange(from.address)) {
     if (guard.NoticeNotManager(from.address, Now())) {
       char address[16];
-      LogEvent(kProviderName, platform::kEventLogWarning,
+      LogEvent(event_source_, platform::kEventLogWarning,
                "KR2 command %u from %s refused: that address is not one of the KR2 managers (%llu refused so far)",
                code, FormatIPv4(from.address, address), static_cast<unsigned long long>(guard.refused_changes()));
     }
@@ -280,19 +286,19 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
   }
 
   MarkActivity(kSlotRequest);
-  if (g_kr2.have_last && std::equal(buf.begin(), buf.end(), g_last_request.begin())) return Kr2Outcome::Repeat;
+  if (have_last_ && std::equal(buf.begin(), buf.end(), last_request_.begin())) return Kr2Outcome::Repeat;
   if (!guard.Admit(from.address, platform::CounterMilliseconds())) {
     if (guard.NoticeLimited(from.address, Now())) {
       char address[16];
-      LogEvent(kProviderName, platform::kEventLogWarning,
+      LogEvent(event_source_, platform::kEventLogWarning,
                "KR2 requests from %s go unanswered: more than %u reply bytes a second asked (%llu limited so far)",
                FormatIPv4(from.address, address), guard.rate(), static_cast<unsigned long long>(guard.limited()));
     }
     return Kr2Outcome::Limited;
   }
-  std::copy(buf.begin(), buf.end(), g_last_request.begin());
-  g_kr2.have_last = true;
-  g_local_status.bytes_received += static_cast<std::uint64_t>(received);
+  std::copy(buf.begin(), buf.end(), last_request_.begin());
+  have_last_ = true;
+  status_.bytes_received += static_cast<std::uint64_t>(received);
 
   // The reply, as bytes in one of these.
   const void* reply = nullptr;
@@ -320,7 +326,7 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
       break;
     case kKr2Resync:
     case kKr2Resync204:
-      if (g_kr2.os_level == kLevelWin2000) {
+      if (system_.os_level == kLevelWin2000) {
         answer(kNak);
       } else {
         machine.RequestResync();
@@ -328,7 +334,7 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
       }
       break;
     case kKr2Identity:
-      answer(g_identity);
+      answer(identity_);
       break;
     case kKr2Nak5:
     case kKr2Nak132:
@@ -343,7 +349,7 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
       [[fallthrough]];
     case kKr2Status:
       RefreshStatus(machine);
-      answer(g_local_status);
+      answer(status_);
       break;
     case kKr2Zero150:
       answer(kZeroWord);
@@ -361,8 +367,8 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
     }
     case kKr2Products:
     case kKr2Products201:
-      Kr2BuildProducts(machine);
-      answer(g_kr2.products);
+      BuildProducts(machine);
+      answer(products_);
       break;
     default:
       for (const auto& s : kSilentMarked)
@@ -372,49 +378,39 @@ Kr2Outcome HandleRequestWith(Kr2Socket& socket, Kr2Machine& machine) {
 
   guard.Charge(size);
   const int sent = socket.Send(reply, size, from);
-  if (sent >= 0) g_local_status.bytes_sent += static_cast<std::uint64_t>(sent);
-  ++g_local_status.counters[0];
-  g_local_status.times[0] = Now();
+  if (sent >= 0) status_.bytes_sent += static_cast<std::uint64_t>(sent);
+  ++status_.counters[0];
+  status_.times[0] = Now();
   MarkActivity(kSlotReply);
   return Kr2Outcome::Answered;
 }
 
-void Kr2ConfigureGuard(const char* managers, std::uint32_t rate_bytes_per_s, std::uint32_t burst_bytes) {
-  for (const std::string& bad : g_kr2.guard.Configure(managers, rate_bytes_per_s, burst_bytes))
-    LogEvent(kProviderName, platform::kEventLogWarning,
+void Kr2Responder::ConfigureGuard(const char* managers, std::uint32_t rate_bytes_per_s, std::uint32_t burst_bytes) {
+  for (const std::string& bad : guard_.Configure(managers, rate_bytes_per_s, burst_bytes))
+    LogEvent(event_source_, platform::kEventLogWarning,
              "The KR2 managers' entry \"%s\" is neither an address, a prefix nor \"any\"; it is ignored", bad.c_str());
 }
 
-void HandleRequest(platform::SocketHandle socket) {
-  Kr2SocketOn transport(socket);
-  Kr2SystemMachine machine;
-  const W32tSettings& settings = g_provider.settings;
-  Kr2ConfigureGuard(settings.kr2_managers, settings.kr2_rate_limit, settings.kr2_rate_burst);
-  g_kr2.in_batch = true;
-  g_kr2.zone_read = false;
+void Kr2Responder::HandleRequest(platform::SocketHandle socket, const W32tSettings& settings,
+                                 platform::EventHandle sync_event) {
+  Kr2SocketOn transport(*this, socket);
+  Kr2SystemMachine machine(settings, sync_event, system_.os_level);
+  ConfigureGuard(settings.kr2_managers, settings.kr2_rate_limit, settings.kr2_rate_burst);
+  in_batch_ = true;
+  zone_read_ = false;
   do HandleRequestWith(transport, machine);
   while (transport.Pending());
-  g_kr2.in_batch = false;
+  in_batch_ = false;
 }
-
-namespace {
-
-// The batch buffers: the agent thread is the only user.
-struct Kr2Buffers {
-  std::array<std::array<std::uint8_t, kKr2RequestMax>, kKr2Batch> in, out;
-  std::array<platform::Datagram, kKr2Batch> received, replies;
-};
-Kr2Buffers g_buffers;
-
-}  // namespace
 
 int Kr2SocketOn::Receive(std::uint8_t* buf, std::size_t size, platform::SocketAddressV4& from) {
   if (!fetched_) {
     // Only what is waiting now: a wake-up with nothing to read (a socket shut down under the agent's
     // wait) must not hold the agent in a receive.
     fetched_ = true;
-    for (std::size_t i = 0; i < kKr2Batch; ++i) g_buffers.received[i] = {g_buffers.in[i].data(), kKr2RequestMax, 0, {}};
-    const int n = platform::ReceiveBatchNow(socket, g_buffers.received.data(), kKr2Batch);
+    auto& b = responder_.buffers_;
+    for (std::size_t i = 0; i < kKr2Batch; ++i) b.received[i] = {b.in[i].data(), kKr2RequestMax, 0, {}};
+    const int n = platform::ReceiveBatchNow(socket, b.received.data(), kKr2Batch);
     if (n < 0) return -1;
     received_ = static_cast<std::size_t>(n);
   }
@@ -422,7 +418,7 @@ int Kr2SocketOn::Receive(std::uint8_t* buf, std::size_t size, platform::SocketAd
     platform::SetLastSocketError(platform::kWsaEwouldblock);
     return -1;
   }
-  const platform::Datagram& d = g_buffers.received[next_++];
+  const platform::Datagram& d = responder_.buffers_.received[next_++];
   const std::size_t n = std::min(d.length, size);
   std::memcpy(buf, d.data, n);   // the rest of buf keeps what it held, as a receive into it would
   from = d.peer;
@@ -432,34 +428,41 @@ int Kr2SocketOn::Receive(std::uint8_t* buf, std::size_t size, platform::SocketAd
 int Kr2SocketOn::Send(const void* data, std::size_t size, const platform::SocketAddressV4& to) {
   if (size > kKr2RequestMax) return platform::SendTo(socket, data, size, to);
   if (queued_ == kKr2Batch) Flush();
-  auto& out = g_buffers.out[queued_];
+  auto& b = responder_.buffers_;
+  auto& out = b.out[queued_];
   std::memcpy(out.data(), data, size);
-  g_buffers.replies[queued_++] = {out.data(), out.size(), size, to};
+  b.replies[queued_++] = {out.data(), out.size(), size, to};
   return static_cast<int>(size);
 }
 
 void Kr2SocketOn::Flush() {
   if (!queued_) return;
-  const int sent = platform::SendBatch(socket, g_buffers.replies.data(), queued_);
+  const int sent = platform::SendBatch(socket, responder_.buffers_.replies.data(), queued_);
   for (std::size_t i = sent < 0 ? 0 : static_cast<std::size_t>(sent); i < queued_; ++i)
-    g_local_status.bytes_sent -= g_buffers.replies[i].length;
+    responder_.status_.bytes_sent -= responder_.buffers_.replies[i].length;
   queued_ = 0;
 }
 
+Kr2SystemMachine::Kr2SystemMachine(const W32tSettings& settings, platform::EventHandle sync_event, std::uint32_t os_level)
+    : sync_type_(settings.sync_type),
+      max_phase_offset_s_(settings.max_allowed_phase_offset),
+      os_level_(os_level),
+      sync_event_(sync_event) {}
+
 void Kr2SystemMachine::RequestResync() {
-  if (g_provider.sync_event) platform::SetEvent(g_provider.sync_event);
+  if (sync_event_) platform::SetEvent(sync_event_);
 }
 
 void Kr2SystemMachine::ClearHistory() {
   DriftFileClear();
-  reg_delete_value(reg_local(), kProviderKey, defaults::kLastUsedTimeSourceValue);
+  reg_delete_value(reg_local(), defaults::kProviderKey, defaults::kLastUsedTimeSourceValue);
 }
 
 bool Kr2SystemMachine::DriftAfter(DriftRecord& out, std::uint32_t after) { return DriftFileReadAfter(out, after); }
 
-std::uint32_t Kr2SystemMachine::SyncType() { return g_provider.settings.sync_type; }
+std::uint32_t Kr2SystemMachine::SyncType() { return sync_type_; }
 
-std::uint32_t Kr2SystemMachine::MaxPhaseOffsetSeconds() { return g_provider.settings.max_allowed_phase_offset; }
+std::uint32_t Kr2SystemMachine::MaxPhaseOffsetSeconds() { return max_phase_offset_s_; }
 
 std::uint16_t Kr2SystemMachine::InstalledProducts() {
   std::uint16_t bits = 0;
@@ -469,7 +472,7 @@ std::uint16_t Kr2SystemMachine::InstalledProducts() {
   bits |= InstalledBit("\\\\Software\\Morvane\\Kairon II Monitor\\Parameters", kKr2InstalledMonitor);
   bits |= InstalledBit("\\\\Software\\Morvane\\Kairon II Update Server\\Parameters", kKr2InstalledUpdateServer);
   bits |= InstalledBit("\\\\Software\\Morvane\\Kairon II Audit Server\\Parameters", kKr2InstalledAuditServer);
-  bits |= InstalledBit(kProviderKey, kKr2InstalledChronwarden);
+  bits |= InstalledBit(defaults::kProviderKey, kKr2InstalledChronwarden);
   constexpr const char* kClient = "\\\\Software\\Morvane\\Kairon Client\\Parameters";
   if (reg_get_bool(reg_local(), kClient, "Service Installed", 0)) {
     if (reg_get_bool(reg_local(), kClient, "Thin Client", 0)) bits |= kKr2InstalledThinClient;
@@ -481,6 +484,6 @@ std::uint16_t Kr2SystemMachine::InstalledProducts() {
 
 std::uint32_t Kr2SystemMachine::DaylightDisabled() {
   constexpr const char* kZoneKey = "\\\\System\\CurrentControlSet\\Control\\TimeZoneInformation";
-  const char* name = g_kr2.os_level < kLevelVista ? "DisableAutoDaylightTimeSet" : "DynamicDaylightTimeDisabled";
+  const char* name = os_level_ < kLevelVista ? "DisableAutoDaylightTimeSet" : "DynamicDaylightTimeDisabled";
   return reg_get_dword(reg_local(), kZoneKey, name, 0);
 }

@@ -2,23 +2,24 @@
 #include "provider/provider.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <thread>
 #include <cstring>
 #include <string>
 
-#include "config/defaults.h"
 #include "config/os_identify.h"
+#include "config/defaults.h"
 #include "config/registry.h"
 #include "drift/drift_file.h"
 #include "platform/clock.h"
 #include "platform/error.h"
-#include "platform/error_text.h"
 #include "platform/net.h"
 #include "platform/text.h"
 #include "provider/agent.h"
-#include "provider/kr2_responder.h"
+#include "provider/event_log.h"
+#include "platform/error_text.h"
 #include "timing/precise_clock.h"
 
 ProviderGlobals g_provider{};
@@ -27,15 +28,6 @@ namespace {
 
 constexpr std::uint32_t kErrorTextSize = 128;   // the last error's text in start-up events
 constexpr std::uint32_t kStopLookMs = 10;       // shut-down looks at its deadline this often while it waits (ms)
-
-// The 35 commands of the KR2 protocol.
-constexpr std::uint8_t kKnownKr2[] = {0,   1,   2,   3,   4,   5,   6,   7,   10,  11,  12,  13,
-                                      14,  80,  81,  82,  83,  100, 101, 102, 128, 129, 130, 131,
-                                      132, 140, 150, 151, 160, 180, 200, 201, 202, 203, 204};
-static_assert(sizeof kKnownKr2 == 35);
-// Refused when "Prohibited KR2 Commands" cannot be read.
-constexpr std::uint8_t kProhibitedByDefault[] = {102, 150, 160, 180};
-constexpr std::uint8_t kUnknownCommand = 128;
 
 // lstrcmpiW for the provider's name: case ignored for the ASCII letters.
 bool SameNameIgnoringCase(const char16_t* wide, const char* narrow) {
@@ -66,32 +58,32 @@ void CloseHandleOf(platform::EventHandle& event) {
 
 }  // namespace
 
-bool IsKnownKr2Command(std::uint32_t code) {
-  for (std::uint8_t known : kKnownKr2)
-    if (known == code) return true;
-  return false;
+W32tSettings ProviderSettings() {
+  std::lock_guard hold(g_provider.lock);
+  return g_provider.settings;
 }
 
-void BuildProhibitedTable(std::array<std::uint8_t, kKr2CommandCount>& table) {
-  table.fill(0);
-  if (!reg_get_binary(reg_local(), kW32TimeParametersKey, defaults::kProhibitedKr2Value, table.data(), kKr2CommandCount))
-    for (std::uint8_t code : kProhibitedByDefault) table[code] = 1;
-  for (std::uint32_t code = 0; code < kKr2CommandCount; ++code)
-    if (!IsKnownKr2Command(code)) table[code] = kUnknownCommand;
+void ProviderPublishSettings(const W32tSettings& settings) {
+  std::lock_guard hold(g_provider.lock);
+  g_provider.settings = settings;
 }
 
-void LogEvent(const char* source, std::uint16_t type, const char* format, ...) {
-  char text[kEventTextMax + 3] = {};   // the text, "\r\n" and the terminator
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, kEventTextMax + 1, format, args);
-  va_end(args);
-  std::strcat(text, "\r\n");
-  char16_t wide[kEventWideMax];
-  platform::AnsiToWide(text, wide, kEventWideMax);
-  char16_t wide_source[64];
-  platform::AnsiToWide(source, wide_source, 64);
-  if (g_provider.callbacks.pfnLogTimeProvEvent) g_provider.callbacks.pfnLogTimeProvEvent(type, wide_source, wide);
+void ProviderPublishSample(const platform::TimeSample& sample, bool available) {
+  std::lock_guard hold(g_provider.lock);
+  g_provider.current_sample = sample;
+  g_provider.sample_available = available;
+}
+
+bool ProviderCurrentSample(platform::TimeSample& out) {
+  std::lock_guard hold(g_provider.lock);
+  if (!g_provider.sample_available) return false;
+  out = g_provider.current_sample;
+  return true;
+}
+
+void ProviderUseCallbacks(const platform::TimeProvSysCallbacks& callbacks) {
+  std::memcpy(&g_provider.callbacks, &callbacks, sizeof g_provider.callbacks);
+  SetEventLogWriter(g_provider.callbacks.pfnLogTimeProvEvent);
 }
 
 bool ProviderStartup() {
@@ -101,14 +93,16 @@ bool ProviderStartup() {
   w32t_environment_init(reg_local());                              // 2
   // The responder answers for this system: its OS level and family (the installed-product
   // record's bits, the time-zone value's name, resync refused on Windows 2000).
-  g_kr2.os_level = g_w32t_env.level;
-  g_kr2.nt_family = g_os.version.platform_id == 2;
-  g_kr2.win9x_family = g_os.version.platform_id == 1;
-  if (const std::uint32_t st = w32t_load(reg_local(), p.settings)) {   // 3: a damaged store is no set of defaults
+  p.kr2.SetSystem({.nt_family = g_os.version.platform_id == 2,
+                    .win9x_family = g_os.version.platform_id == 1,
+                    .os_level = g_w32t_env.level});
+  W32tSettings settings{};
+  if (const std::uint32_t st = w32t_load(reg_local(), settings)) {   // 3: a damaged store is no set of defaults
     LogEvent(kProviderName, platform::kEventLogError, "Could not read the time service settings; %s",
              SystemErrorText(st, text, sizeof text));
     return false;
   }
+  ProviderPublishSettings(settings);
   reg_set_string(reg_local(), kProviderKey, "Current Version", defaults::kProductVersion);   // 4
   reg_set_bool(reg_local(), kProviderKey, "Service Running", 0);
   if (w32t_forced_disable(reg_local())) return false;              // 5: a product of the family takes over, silently
@@ -128,16 +122,16 @@ bool ProviderStartup() {
     return false;
   platform::SetProcessPriorityNormal();                 // 11
   PreciseClockStart(p.shutdown_event);                  // 12
-  InitLocalStatusRecord();                              // 13
-  BuildIdentityRecord();                                // 14
+  p.kr2.InitLocalStatusRecord();                        // 13
+  p.kr2.BuildIdentityRecord();                          // 14
   OpenActivityMap();                                    // 15
-  BuildProhibitedTable(p.prohibited);                   // 16
+  p.kr2.BuildProhibited();                              // 16
   // 17: the installed-product record is built by the responder when it answers.
   platform::EventHandle notify = nullptr;
   p.status_block = OpenSyncStatus(0, &notify);          // 18
   // 19; a second start-up keeps the socket the running agent serves (a new one would leave it deaf).
   if (!p.responder_active)
-    p.responder_active = p.status_block && p.status_block->owner_active == 0 && CreateListenSocket();
+    p.responder_active = p.status_block && p.status_block->owner_active == 0 && p.kr2.CreateListenSocket();
   if (notify) {                                         // 20
     p.status_notify_event = notify;
   } else if (!p.status_notify_event) {
@@ -202,7 +196,7 @@ void ProviderShutdown() {
   if (p.status_notify_private) close_or_leave(p.status_notify_event);   // 2
   p.status_notify_event = nullptr;
   p.status_notify_private = false;
-  CloseListenSocket();                                  // 3
+  p.kr2.CloseListenSocket();                            // 3
   p.responder_active = false;
   DriftFileClose();                                     // 4
   CloseSyncStatus(false);                               // 5
@@ -224,7 +218,7 @@ platform::HResult TimeProvOpen(char16_t* name, platform::TimeProvSysCallbacks* c
     if (handle) *handle = nullptr;
     return 0;
   }
-  if (callbacks) std::memcpy(&g_provider.callbacks, callbacks, sizeof g_provider.callbacks);
+  if (callbacks) ProviderUseCallbacks(*callbacks);
   const bool started = ProviderStartup();
   if (!started) ProviderShutdown();
   if (handle) *handle = reinterpret_cast<platform::TimeProvHandle>(started ? 1 : 0);
@@ -237,25 +231,28 @@ platform::HResult TimeProvCommand(platform::TimeProvHandle, platform::TimeProvCm
       platform::SetEvent(g_provider.time_jump_event);
       return 0;
     case platform::TPC_UpdateConfig: {
-      // A store that cannot be read keeps the settings last loaded, and says why.
-      W32tSettings loaded = g_provider.settings;
+      // A store that cannot be read keeps the settings last loaded, and says why. They are read
+      // aside, then published whole: the agent reads them meanwhile.
+      W32tSettings loaded = ProviderSettings();
       if (const std::uint32_t st = w32t_load(reg_local(), loaded)) {
         char text[kErrorTextSize];
         LogEvent(kProviderName, platform::kEventLogError,
                  "Could not read the time service settings; the last ones read stay in use. %s",
                  SystemErrorText(st, text, sizeof text));
       } else {
-        g_provider.settings = loaded;
+        ProviderPublishSettings(loaded);
       }
       return 0;
     }
     case platform::TPC_GetSamples: {
       auto* a = static_cast<platform::TpcGetSamplesArgs*>(args);
       if (!a) return 0;
-      // The service always offers room for one sample.
-      if (g_provider.sample_available.load()) {
+      // The service always offers room for one sample. Copied under the lock the agent publishes
+      // under: never a sample the agent is writing.
+      platform::TimeSample sample;
+      if (ProviderCurrentSample(sample)) {
         a->dwSamplesReturned = a->dwSamplesAvailable = 1;
-        std::memcpy(a->pbSampleBuf, &g_provider.current_sample, sizeof(platform::TimeSample));
+        std::memcpy(a->pbSampleBuf, &sample, sizeof sample);
       } else {
         a->dwSamplesReturned = a->dwSamplesAvailable = 0;
       }

@@ -1,14 +1,18 @@
 // The time provider's face towards the time service: the three entry points, start-up and
-// shut-down, the provider's process-wide state and the one event-log writer of the service side.
+// shut-down, and the provider's process-wide state, the KR2 responder among it. Events are written
+// through provider/event_log.h.
 //
 // The provider handle is the constant 1 for a running provider (0 for none); there is no
 // per-handle state. Start-up and shut-down run on the service's threads, the agent thread
-// (provider/agent.h) does the work in between.
+// (provider/agent.h) does the work in between. The two things both sides touch while the agent
+// runs, the settings (reloaded by TPC_UpdateConfig) and the current sample (copied by
+// TPC_GetSamples), are built aside and published under one lock: a reader copies them whole, never
+// half of one and half of the next.
 #pragma once
 #include <array>
 #include <atomic>
-#include <cstdarg>
 #include <cstdint>
+#include <mutex>
 
 #include "config/defaults.h"
 #include "config/w32time.h"
@@ -16,15 +20,13 @@
 #include "platform/sync.h"
 #include "platform/thread.h"
 #include "platform/timeprov.h"
+#include "provider/kr2_responder.h"
 #include "provider/sync_status.h"
 
 inline constexpr const char* kProviderName = "Chronwarden";   // the provider's name and event source
-inline constexpr std::uint32_t kKr2CommandCount = 256;
 // Shut-down waits this long in all for the agent and the precise clock's threads (ms), on the
 // performance counter: under the fake clock a test moves it past a thread that does not end.
 inline constexpr std::uint32_t kAgentStopWaitMs = 30'000;
-inline constexpr std::uint32_t kEventTextMax = 509;           // event texts are cut to this many characters
-inline constexpr std::uint32_t kEventWideMax = 1024;          // wide buffer of an event text (characters)
 
 // Registry paths (absolute, through config/registry.h).
 using defaults::kProviderKey;
@@ -42,13 +44,25 @@ struct ProviderGlobals {
   bool status_notify_private;                      // status_notify_event is ours to close
   const SyncStatusBlock* status_block;             // read-only view, or nullptr
   platform::ThreadHandle agent_thread;
-  bool responder_active;                           // this process owns the KR2 listen socket
-  platform::TimeSample current_sample;             // written by the agent, copied by TPC_GetSamples without a lock
-  std::atomic<bool> sample_available;
-  std::array<std::uint8_t, kKr2CommandCount> prohibited;   // KR2 commands: 0 allowed
-  W32tSettings settings;                           // reloaded in place by TPC_UpdateConfig
+  std::atomic<bool> responder_active;              // this process owns the KR2 listen socket (an agent left
+                                                   // behind by shut-down still reads it)
+  Kr2Responder kr2{kProviderName};                // the KR2 responder: built by start-up, then the agent's
+  // Under lock only (ProviderSettings, ProviderPublishSettings, ProviderPublishSample,
+  // ProviderCurrentSample); a test without an agent thread may touch them directly.
+  std::mutex lock;
+  platform::TimeSample current_sample;             // the agent's last sample
+  bool sample_available;                           // TPC_GetSamples hands current_sample out
+  W32tSettings settings;                           // loaded by start-up, reloaded by TPC_UpdateConfig
 };
 extern ProviderGlobals g_provider;
+
+// The settings in use: a copy taken under the lock (any thread; the agent takes one per use).
+W32tSettings ProviderSettings();
+void ProviderPublishSettings(const W32tSettings& settings);   // replaces them whole
+// Replaces the current sample whole; available: whether TPC_GetSamples hands it out.
+void ProviderPublishSample(const platform::TimeSample& sample, bool available);
+// Copies the current sample into out; false (out untouched) when none is available.
+bool ProviderCurrentSample(platform::TimeSample& out);
 
 // The exported entry points (C linkage). Each returns S_OK (0) unless stated.
 // Starts the provider when name is "Chronwarden" (case ignored): *handle 1 when it runs, 0 when the
@@ -63,11 +77,5 @@ CW_EXPORT platform::HResult TimeProvClose(platform::TimeProvHandle handle);
 
 bool ProviderStartup();    // every start-up step in order; false at the first failing one (event written)
 void ProviderShutdown();   // every shut-down step in order; tolerates a start-up that stopped anywhere
-
-// Writes an event through the service: printf-style text cut at 509 characters, "\r\n" appended,
-// widened, handed to pfnLogTimeProvEvent with source as the provider name. type: 1 error, 2 warning.
-void LogEvent(const char* source, std::uint16_t type, const char* format, ...) __attribute__((format(printf, 3, 4)));
-
-// Builds the KR2 prohibited-command table from "Prohibited KR2 Commands" (W32Time Parameters).
-void BuildProhibitedTable(std::array<std::uint8_t, kKr2CommandCount>& table);
-bool IsKnownKr2Command(std::uint32_t code);   // one of the 35 commands of the protocol
+// Copies the service's callbacks block and hands its event writer to provider/event_log.h.
+void ProviderUseCallbacks(const platform::TimeProvSysCallbacks& callbacks);

@@ -94,11 +94,12 @@ bool ReadSyncStatus(SyncStatusBlock& out) {
   if (!s && platform::LastError() != platform::kErrorAccessDenied) s = platform::OpenNamedSection(kSyncStatusName, kSize);
   void* view = platform::MapSection(s, kSize, false);
   if (view) {
-    // Word by word, as the owner writes them (the view is read-only: no atomic access to be had).
-    const volatile auto* words = static_cast<const volatile std::uint32_t*>(view);
+    // Word by word, as the owner writes them (release stores): each an acquire load. The view is
+    // mapped read-only; an atomic load only reads it.
+    auto* words = static_cast<std::uint32_t*>(view);
     std::uint32_t copy[kSize / 4];
-    for (std::uint32_t i = 0; i < kSize / 4; ++i) copy[i] = words[i];
-    std::atomic_thread_fence(std::memory_order_acquire);
+    for (std::uint32_t i = 0; i < kSize / 4; ++i)
+      copy[i] = std::atomic_ref<std::uint32_t>(words[i]).load(std::memory_order_acquire);
     std::memcpy(&out, copy, kSize);
   }
   platform::UnmapSection(view, kSize);

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds and tests every target: Linux native, Linux with ASan/UBSan, Windows (mingw-w64) under Wine,
-# and the Debian packages.
-# Usage: scripts/test-all.sh [PRESET...]   (default: fuzz linux linux-asan windows packages)
+# Builds and tests every target: Linux native, Linux with ASan/UBSan, Linux with ThreadSanitizer (the
+# tests of the threads' shared state only), Windows (mingw-w64) under Wine, and the Debian packages.
+# Usage: scripts/test-all.sh [PRESET...]   (default: fuzz linux linux-asan linux-tsan windows packages)
 # "fuzz" builds the libFuzzer targets and runs each for a few seconds from its committed corpus.
 # "packages" builds the Debian packages, checks them with lintian and installs them into an overlay
 # of this machine's root (tests/install/deb-install-test.sh); it needs root.
@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 python3 scripts/check-layers.py   # every include runs down the floors (docs/architecture.md), before anything is built
 presets=("$@")
-((${#presets[@]})) || presets=(fuzz linux linux-asan windows packages)
+((${#presets[@]})) || presets=(fuzz linux linux-asan linux-tsan windows packages)
 # A run keeps to its build tree: temporary files go to a folder of its own, and at the end the
 # machine's own places are searched for anything it made or changed there (scripts/leftovers.sh).
 start_run() {

@@ -24,6 +24,7 @@
 #include "provider/kr2_responder.h"
 #include "provider/sync_status.h"
 #include "tests/fake_ntp_server.h"
+#include "tests/kr2_test_util.h"
 #include "tests/registry_fixture.h"
 #include "timing/activity.h"
 #include "timing/precise_clock.h"
@@ -128,14 +129,13 @@ class AgentNtpTest : public ::testing::Test {
     settings_.alert_if_unverified = 1;
     settings_.alert_if_unsynchronized = 1;
     std::strcpy(settings_.reference_clock, kReference);
-    g_provider.callbacks = platform::TimeProvSysCallbacks{40, GetTimeSysInfo, RecordEvent, nullptr, SetProviderStatus};
+    ProviderUseCallbacks(platform::TimeProvSysCallbacks{40, GetTimeSysInfo, RecordEvent, nullptr, SetProviderStatus});
     g_provider.status_block = nullptr;
     g_provider.responder_active = true;
-    g_listen_socket = platform::kInvalidSocket;
     g_demand_resync = Resync;
     g_provider.sample_available = false;
-    g_kr2 = Kr2State{};
-    InitLocalStatusRecord();
+    ResetKr2State(g_provider.kr2);
+    g_provider.kr2.InitLocalStatusRecord();
     // Windows keeps one registry for every test: start from an empty source list.
     reg_delete_value(reg_local(), kProviderKey, defaults::kLastUsedTimeSourceValue);
     drift_ = (sandbox_.root() / "drift.kr").string();
@@ -145,7 +145,7 @@ class AgentNtpTest : public ::testing::Test {
   void TearDown() override {
     SetActivityMarker(nullptr);
     DriftFileClose();
-    g_provider.callbacks = {};
+    ProviderUseCallbacks({});
     g_provider.responder_active = false;
     g_provider.sample_available = false;   // a check's sample is no later test's
     platform::fake::Disable();
@@ -199,27 +199,27 @@ TEST_F(AgentNtpTest, WholeCycleTextsAndReasonsInOrder) {
   EXPECT_EQ(g_status_reports, 1);
   EXPECT_EQ(Partner(), "Unknown - Windows Time service initializing");
   EXPECT_EQ(Reasons(), std::vector<std::uint8_t>{255});
-  EXPECT_EQ(+g_local_status.partner_state, 254);
-  EXPECT_TRUE(g_local_status.status_flags & kKr2StatusChecking);
+  EXPECT_EQ(+g_provider.kr2.status().partner_state, 254);
+  EXPECT_TRUE(g_provider.kr2.status().status_flags & kKr2StatusChecking);
 
   // Unsynchronized: the nineteenth poll gives the verdict, and only it.
   for (int i = 0; i < 18; ++i) Poll();
   EXPECT_EQ(Partner(), "Unknown - Windows Time service initializing");
   Poll();
   EXPECT_EQ(Partner(), "Unknown - Windows Time synchronization failed");
-  EXPECT_EQ(+g_local_status.sync_failures, 1u);
-  EXPECT_EQ(+g_local_status.sync_verdicts, 1u);
-  EXPECT_FALSE(g_local_status.status_flags & kKr2StatusChecking);
+  EXPECT_EQ(+g_provider.kr2.status().sync_failures, 1u);
+  EXPECT_EQ(+g_provider.kr2.status().sync_verdicts, 1u);
+  EXPECT_FALSE(g_provider.kr2.status().status_flags & kKr2StatusChecking);
   for (int i = 0; i < 5; ++i) Poll();
-  EXPECT_EQ(+g_local_status.sync_failures, 1u);
+  EXPECT_EQ(+g_provider.kr2.status().sync_failures, 1u);
 
   // Synchronized, flags 3: the partner without a suffix, a check with reason 1.
   Synchronize("10.1.2.3", 3);
   Poll();
   EXPECT_EQ(Partner(), "10.1.2.3 (no name)");
-  EXPECT_STREQ(g_local_status.partner_name, "10.1.2.3");
-  EXPECT_EQ(+g_local_status.partner_state, 1);
-  EXPECT_EQ(+g_local_status.sync_successes, 1u);
+  EXPECT_STREQ(g_provider.kr2.status().partner_name, "10.1.2.3");
+  EXPECT_EQ(+g_provider.kr2.status().partner_state, 1);
+  EXPECT_EQ(+g_provider.kr2.status().sync_successes, 1u);
   EXPECT_EQ(Reasons(), (std::vector<std::uint8_t>{255, 1}));
   ASSERT_EQ(Records().size(), 2u);
   EXPECT_EQ(Records().back().check_time, Now());
@@ -257,7 +257,7 @@ TEST_F(AgentNtpTest, WholeCycleTextsAndReasonsInOrder) {
 
   AgentStop();
   EXPECT_EQ(Partner(), "Unknown - Agent stopped");
-  EXPECT_EQ(+g_local_status.agent_start, 0u);
+  EXPECT_EQ(+g_provider.kr2.status().agent_start, 0u);
 }
 
 // The partner text and the source history are reports only: a store that refuses them changes
@@ -270,10 +270,10 @@ TEST_F(AgentNtpTest, RefusedPartnerAndSourceWritesDoNotStopTheChecks) {
   AgentStart(cycle_);
   EXPECT_EQ(Reasons(), std::vector<std::uint8_t>{255});
   for (int i = 0; i < 19; ++i) Poll();
-  EXPECT_EQ(+g_local_status.sync_failures, 1u);
+  EXPECT_EQ(+g_provider.kr2.status().sync_failures, 1u);
   Synchronize("10.1.2.3");
   Poll();
-  EXPECT_STREQ(g_local_status.partner_name, "10.1.2.3");
+  EXPECT_STREQ(g_provider.kr2.status().partner_name, "10.1.2.3");
   EXPECT_EQ(Reasons(), (std::vector<std::uint8_t>{255, 1}));
   g_service.current += 1800 * kSecond;
   Poll();
@@ -347,17 +347,17 @@ TEST_F(AgentNtpTest, AlertAboveTheThresholdOnly) {
   g_provider.responder_active = false;
   AgentStart(cycle_);
   ASSERT_TRUE(CheckOneSource(kReference, 0, 1, 0));
-  EXPECT_EQ(+g_local_status.last_offset_ms, 2000);
+  EXPECT_EQ(+g_provider.kr2.status().last_offset_ms, 2000);
   EXPECT_TRUE(g_events.empty());   // exactly the threshold: no alert
   ASSERT_TRUE(CheckOneSource(kReference, 0, 1, 0));
-  EXPECT_EQ(+g_local_status.last_offset_ms, -2001);
+  EXPECT_EQ(+g_provider.kr2.status().last_offset_ms, -2001);
   ASSERT_EQ(g_events.size(), 1u);
   EXPECT_EQ(g_events[0].first, 1);
   EXPECT_EQ(g_events[0].second.rfind("According to 127.0.0.40, the system clock is wrong by 2 seconds, 1 millisecond", 0), 0u)
       << g_events[0].second;
   EXPECT_NE(g_events[0].second.find("This exceeds the alert threshhold set in the Windows Time Control Panel applet."),
             std::string::npos);
-  EXPECT_EQ(+g_local_status.offset_sum_ms, -1);
+  EXPECT_EQ(+g_provider.kr2.status().offset_sum_ms, -1);
 }
 
 // +2001 ms against a 2 s threshold alerts as -2001 ms does.
@@ -365,7 +365,7 @@ TEST_F(AgentNtpTest, APositiveOffsetOneMillisecondPastTheThresholdAlerts) {
   FakeNtpServer reference(kReference, Offset(2001 * kMs + kMs / 2));
   g_provider.responder_active = false;
   ASSERT_TRUE(CheckOneSource(kReference, 0, 1, 0));
-  EXPECT_EQ(+g_local_status.last_offset_ms, 2001);
+  EXPECT_EQ(+g_provider.kr2.status().last_offset_ms, 2001);
   ASSERT_EQ(g_events.size(), 1u);
   EXPECT_EQ(g_events[0].second.rfind("According to 127.0.0.40, the system clock is wrong by 2 seconds, 1 millisecond", 0), 0u)
       << g_events[0].second;
@@ -380,7 +380,7 @@ TEST_F(AgentNtpTest, NoAlertWithTheAlertOffOrAThresholdOfZero) {
   settings_.alert_if_unsynchronized = 1;
   settings_.alert_threshold = 0;
   ASSERT_TRUE(CheckOneSource(kReference, 0, 1, 0));
-  EXPECT_EQ(+g_local_status.last_offset_ms, 90'000);
+  EXPECT_EQ(+g_provider.kr2.status().last_offset_ms, 90'000);
   EXPECT_TRUE(g_events.empty());
 }
 
@@ -500,7 +500,7 @@ TEST_F(AgentNtpTest, TheNotManagingTextReplacesTheFailureText) {
   g_provider.responder_active = false;
   AgentStart(cycle_);
   for (int i = 0; i < 19; ++i) Poll();
-  EXPECT_EQ(+g_local_status.sync_failures, 1u);
+  EXPECT_EQ(+g_provider.kr2.status().sync_failures, 1u);
   EXPECT_EQ(Partner(), "N/A - Windows Time not managing the clock");
 }
 
@@ -539,7 +539,7 @@ TEST_F(AgentNtpTest, ANotifyPulseWithoutAStatusBlockOpensNoSocket) {
   AgentStart(cycle_);
   AgentWake(cycle_, platform::kWaitObject0 + 4);
   EXPECT_FALSE(g_provider.responder_active);
-  EXPECT_EQ(g_listen_socket, platform::kInvalidSocket);
+  EXPECT_EQ(g_provider.kr2.listen_socket(), platform::kInvalidSocket);
 }
 
 // The agent's tests that open the KR2 listen socket (9909): run one at a time with the provider's.
@@ -554,8 +554,8 @@ TEST_F(AgentProviderPortTest, TheOwnerLeavingGivesTheResponderBack) {
   block.owner_active = 0;
   AgentWake(cycle_, platform::kWaitObject0 + 4);
   EXPECT_TRUE(g_provider.responder_active);
-  EXPECT_NE(g_listen_socket, platform::kInvalidSocket);
-  CloseListenSocket();
+  EXPECT_NE(g_provider.kr2.listen_socket(), platform::kInvalidSocket);
+  g_provider.kr2.CloseListenSocket();
   g_provider.responder_active = false;
   g_provider.status_block = nullptr;
 }

@@ -122,9 +122,9 @@ class ExporterProbeTest : public ::testing::Test {
     ASSERT_EQ(platform::NetStartup(), 0);
     ResetKr2ForTest(1'600'000'000, "PROBED");
     SetKr2Prohibited(true);
-    std::strcpy(g_local_status.partner_name, "ntp.loopback");
-    g_local_status.last_offset_ms = -1234;
-    g_local_status.sync_successes = 5;
+    std::strcpy(g_provider.kr2.status().partner_name, "ntp.loopback");
+    g_provider.kr2.status().last_offset_ms = -1234;
+    g_provider.kr2.status().sync_successes = 5;
     ASSERT_TRUE(responders_.Start(1));
     target_.host = "127.0.0.1";
     target_.port = platform::NetToHost16(responders_.addresses[0].port);
@@ -138,7 +138,9 @@ class ExporterProbeTest : public ::testing::Test {
 };
 
 TEST_F(ExporterProbeTest, AnsweringMachineGivesItsMetrics) {
-  responders_.machine.installed = kKr2InstalledAlways | kKr2InstalledChronwarden | kKr2InstalledServer;
+  responders_.ChangeMachine([](ScriptedKr2Machine& m) {
+    m.installed = kKr2InstalledAlways | kKr2InstalledChronwarden | kKr2InstalledServer;
+  });
   target_.products = true;
   const ProbeResult probe = RunProbe(target_);
   ASSERT_TRUE(probe.resolved);

@@ -17,7 +17,7 @@ class Kr2ClientTest : public ::testing::Test {
     ASSERT_EQ(platform::NetStartup(), 0);   // Winsock, for the responders and the client
     ResetKr2ForTest(1'600'000'000, "LOOPBACK");
     SetKr2Prohibited(true);
-    std::strcpy(g_local_status.partner_name, "ntp.loopback");
+    std::strcpy(g_provider.kr2.status().partner_name, "ntp.loopback");
   }
   void TearDown() override {
     Kr2Close(peer_);
@@ -54,7 +54,9 @@ TEST_F(Kr2ClientTest, PollingTheSameCommandTwiceIsAnsweredTwice) {
 
 TEST_F(Kr2ClientTest, HistoryIsWalkedRecordByRecord) {
   LoopbackKr2Responders r;
-  r.machine.records = {MakeKr2TestRecord(1000, -3), MakeKr2TestRecord(2000, 4), MakeKr2TestRecord(3000, 5)};
+  r.ChangeMachine([](ScriptedKr2Machine& m) {
+    m.records = {MakeKr2TestRecord(1000, -3), MakeKr2TestRecord(2000, 4), MakeKr2TestRecord(3000, 5)};
+  });
   ASSERT_TRUE(r.Start(1));
   ASSERT_TRUE(Open(Port(r.addresses[0])));
   std::vector<std::int32_t> seen;

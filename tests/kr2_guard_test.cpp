@@ -208,17 +208,17 @@ class Kr2GuardResponderTest : public ::testing::Test {
     platform::fake::Enable();
     ResetKr2ForTest(1'600'000'000, "HOST");
     SetKr2Prohibited(false);
-    g_provider.callbacks = TimeServiceFake::Callbacks();
+    ProviderUseCallbacks(TimeServiceFake::Callbacks());
     TimeServiceFake::Clear();
   }
   void TearDown() override {
-    g_provider.callbacks = {};
+    ProviderUseCallbacks({});
     platform::fake::Disable();
   }
   Kr2Outcome Ask(std::uint8_t code, std::uint32_t tag = 0) {
     const auto r = Kr2BuildRequest(code, 0, tag);
     socket_.Push({r.begin(), r.end()});
-    return HandleRequestWith(socket_, machine_);
+    return g_provider.kr2.HandleRequestWith(socket_, machine_);
   }
   ScriptedKr2Socket socket_;
   ScriptedKr2Machine machine_;
@@ -234,8 +234,8 @@ TEST_F(Kr2GuardResponderTest, AChangeFromANonManagerGetsSilenceAndChangesNothing
   EXPECT_EQ(machine_.clears, 0);
   EXPECT_EQ(machine_.resyncs, 0);
   EXPECT_EQ(machine_.records.size(), 1u);
-  EXPECT_EQ(+g_local_status.counters[0], 0u);
-  EXPECT_EQ(g_kr2.guard.refused_changes(), 3u);
+  EXPECT_EQ(+g_provider.kr2.status().counters[0], 0u);
+  EXPECT_EQ(g_provider.kr2.guard().refused_changes(), 3u);
   // Logged once for the source, whatever it asked.
   const auto events = TimeServiceFake::Events();
   ASSERT_EQ(events.size(), 1u);
@@ -247,7 +247,7 @@ TEST_F(Kr2GuardResponderTest, AChangeFromANonManagerGetsSilenceAndChangesNothing
 }
 
 TEST_F(Kr2GuardResponderTest, ManagersAndLoopbackMayChangeTheMachine) {
-  g_kr2.guard.Configure("192.0.2.0/24", defaults::kKr2RateLimitBytes, defaults::kKr2RateBurstBytes);
+  g_provider.kr2.guard().Configure("192.0.2.0/24", defaults::kKr2RateLimitBytes, defaults::kKr2RateBurstBytes);
   socket_.source = Ip(192, 0, 2, 9);
   EXPECT_EQ(Ask(129, 1), Kr2Outcome::Answered);
   EXPECT_EQ(Ask(3, 2), Kr2Outcome::Answered);
@@ -259,8 +259,8 @@ TEST_F(Kr2GuardResponderTest, ManagersAndLoopbackMayChangeTheMachine) {
 }
 
 TEST_F(Kr2GuardResponderTest, BadManagerEntriesAreLoggedOnceAndIgnored) {
-  Kr2ConfigureGuard("192.0.2.9 ntp.example 10.0.0.0/40", 2048, 16384);
-  Kr2ConfigureGuard("192.0.2.9 ntp.example 10.0.0.0/40", 2048, 16384);   // the same text: nothing new
+  g_provider.kr2.ConfigureGuard("192.0.2.9 ntp.example 10.0.0.0/40", 2048, 16384);
+  g_provider.kr2.ConfigureGuard("192.0.2.9 ntp.example 10.0.0.0/40", 2048, 16384);   // the same text: nothing new
   const auto events = TimeServiceFake::Events();
   ASSERT_EQ(events.size(), 2u);
   EXPECT_EQ(events[0].text, "The KR2 managers' entry \"ntp.example\" is neither an address, a prefix nor \"any\"; it is ignored\r\n");
@@ -272,7 +272,7 @@ TEST_F(Kr2GuardResponderTest, BadManagerEntriesAreLoggedOnceAndIgnored) {
 // A source over its rate gets silence; the same request sent again once its bucket has refilled
 // is answered (a limited request is not remembered as a repeat).
 TEST_F(Kr2GuardResponderTest, ALimitedRequestIsAnsweredWhenSentAgainLater) {
-  g_kr2.guard.Configure("", 1000, 1000);
+  g_provider.kr2.guard().Configure("", 1000, 1000);
   socket_.source = Ip(198, 51, 100, 3);
   std::uint32_t tag = 0;
   EXPECT_EQ(Ask(6, ++tag), Kr2Outcome::Answered);   // 504 bytes

@@ -30,8 +30,14 @@ struct ReceivedKr2Datagram final : Kr2Socket {
 
 class LoopbackKr2Responders {
  public:
-  ScriptedKr2Machine machine;
   std::vector<platform::SocketAddressV4> addresses;
+
+  // Changes the machine the responders answer for (under their lock: they may be serving).
+  template <typename F>
+  void ChangeMachine(F change) {
+    std::lock_guard<std::mutex> hold(lock_);
+    change(machine_);
+  }
 
   // Opens count responders; false when a socket could not be made.
   bool Start(std::size_t count) {
@@ -66,9 +72,10 @@ class LoopbackKr2Responders {
       d.size = platform::ReceiveFrom(s, buf, sizeof buf, &d.from);
       if (d.size < 0) continue;
       std::lock_guard<std::mutex> hold(lock_);
-      HandleRequestWith(d, machine);
+      g_provider.kr2.HandleRequestWith(d, machine_);
     }
   }
+  ScriptedKr2Machine machine_;
   std::atomic<bool> stop_{false};
   std::mutex lock_;
   std::vector<platform::SocketHandle> sockets_;

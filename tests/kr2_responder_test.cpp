@@ -34,11 +34,11 @@ class Kr2ResponderTest : public ::testing::Test {
   // Sends one request and handles it.
   Kr2Outcome Ask(std::uint8_t code, std::uint32_t argument = 0) {
     socket_.Push(Kr2Request(code, argument));
-    return HandleRequestWith(socket_, machine_);
+    return g_provider.kr2.HandleRequestWith(socket_, machine_);
   }
   Kr2Outcome AskBytes(std::vector<std::uint8_t> bytes) {
     socket_.Push(std::move(bytes));
-    return HandleRequestWith(socket_, machine_);
+    return g_provider.kr2.HandleRequestWith(socket_, machine_);
   }
   ScriptedKr2Socket socket_;
   ScriptedKr2Machine machine_;
@@ -108,14 +108,14 @@ TEST_F(Kr2ResponderTest, SameDatagramTwiceIsAnsweredOnceAndAgainAfterAnother) {
   EXPECT_EQ(Ask(0), Kr2Outcome::Answered);
   EXPECT_EQ(socket_.sent.size(), 3u);
   // A repeat is still marked as a received request, but not counted.
-  EXPECT_EQ(+g_local_status.counters[0], 3u);
-  EXPECT_EQ(+g_local_status.bytes_received, 3u * kKr2RequestSize);
+  EXPECT_EQ(+g_provider.kr2.status().counters[0], 3u);
+  EXPECT_EQ(+g_provider.kr2.status().bytes_received, 3u * kKr2RequestSize);
 }
 
 TEST_F(Kr2ResponderTest, FirstRequestAfterNewSocketIsAnswered) {
   EXPECT_EQ(AskBytes(std::vector<std::uint8_t>(kKr2RequestMax, 0)), Kr2Outcome::Answered);   // 512 zero bytes
   EXPECT_EQ(AskBytes(std::vector<std::uint8_t>(kKr2RequestMax, 0)), Kr2Outcome::Repeat);
-  Kr2ForgetLastRequest();
+  g_provider.kr2.ForgetLastRequest();
   EXPECT_EQ(AskBytes(std::vector<std::uint8_t>(kKr2RequestMax, 0)), Kr2Outcome::Answered);
 }
 
@@ -124,7 +124,7 @@ TEST_F(Kr2ResponderTest, ProhibitedByDefaultWhenTheValueIsMissing) {
     EXPECT_EQ(Ask(code), Kr2Outcome::Refused) << int(code);
   }
   EXPECT_TRUE(socket_.sent.empty());
-  EXPECT_EQ(+g_local_status.bytes_received, 0u);
+  EXPECT_EQ(+g_provider.kr2.status().bytes_received, 0u);
   EXPECT_TRUE(g_marks.empty());   // no activity mark either
   EXPECT_EQ(Ask(0), Kr2Outcome::Answered);   // the other known codes are allowed
   EXPECT_EQ(Ask(8), Kr2Outcome::Refused);
@@ -134,7 +134,7 @@ TEST_F(Kr2ResponderTest, Command102AllowedByTheValueIsReadButNotAnswered) {
   SetKr2Prohibited(true);
   EXPECT_EQ(Ask(102), Kr2Outcome::Unanswered);
   EXPECT_TRUE(socket_.sent.empty());
-  EXPECT_EQ(+g_local_status.bytes_received, kKr2RequestSize);
+  EXPECT_EQ(+g_provider.kr2.status().bytes_received, kKr2RequestSize);
   EXPECT_EQ(g_marks, std::vector<std::uint32_t>{8});
   EXPECT_EQ(Ask(8), Kr2Outcome::Refused);   // code 8 is refused whatever the value says
   EXPECT_EQ(Ask(255), Kr2Outcome::Refused);
@@ -164,7 +164,7 @@ TEST_F(Kr2ResponderTest, ResyncSetsTheEventAndAcksExceptOnWindows2000) {
   EXPECT_EQ(machine_.resyncs, 1);
   EXPECT_EQ(Ask(204), Kr2Outcome::Answered);
   EXPECT_EQ(machine_.resyncs, 2);
-  g_kr2.os_level = 2048;
+  g_provider.kr2.SetSystem({.os_level = 2048});
   EXPECT_EQ(Ask(3), Kr2Outcome::Answered);
   EXPECT_EQ(socket_.sent.back(), (std::vector<std::uint8_t>{'N', 'A', 'K', 0}));
   EXPECT_EQ(machine_.resyncs, 2);   // no event on Windows 2000
@@ -187,14 +187,14 @@ TEST_F(Kr2ResponderTest, OversizedDatagramIsCutAt512) {
   std::vector<std::uint8_t> big(600, 0x11);
   big[4] = 0;
   EXPECT_EQ(AskBytes(big), Kr2Outcome::Answered);
-  EXPECT_EQ(+g_local_status.bytes_received, kKr2RequestMax);
+  EXPECT_EQ(+g_provider.kr2.status().bytes_received, kKr2RequestMax);
   EXPECT_EQ(socket_.sent.back(), (std::vector<std::uint8_t>{'A', 'C', 'K', 0}));
 }
 
 TEST_F(Kr2ResponderTest, FailedReceiveIsOnlyCounted) {
   socket_.fail_receive = true;
-  EXPECT_EQ(HandleRequestWith(socket_, machine_), Kr2Outcome::ReceiveFailed);
-  EXPECT_EQ(+g_local_status.failed[0], 1u);
+  EXPECT_EQ(g_provider.kr2.HandleRequestWith(socket_, machine_), Kr2Outcome::ReceiveFailed);
+  EXPECT_EQ(+g_provider.kr2.status().failed[0], 1u);
   EXPECT_TRUE(g_marks.empty());
 }
 
@@ -205,9 +205,9 @@ TEST_F(Kr2ResponderTest, NothingWaitingOnARealSocketIsAFailedReceiveAtOnce) {
   const platform::SocketHandle s = platform::CreateSocketV4(platform::kSocketDatagram, platform::kProtocolUdp);
   ASSERT_NE(s, platform::kInvalidSocket);
   ASSERT_TRUE(platform::BindV4(s, {platform::kFamilyInet, 0, platform::InetAddr("127.0.0.1")}));
-  Kr2SocketOn transport(s);
-  EXPECT_EQ(HandleRequestWith(transport, machine_), Kr2Outcome::ReceiveFailed);
-  EXPECT_EQ(+g_local_status.failed[0], 1u);
+  Kr2SocketOn transport(g_provider.kr2, s);
+  EXPECT_EQ(g_provider.kr2.HandleRequestWith(transport, machine_), Kr2Outcome::ReceiveFailed);
+  EXPECT_EQ(+g_provider.kr2.status().failed[0], 1u);
   platform::CloseSocket(s);
   platform::NetCleanup();
 }
@@ -258,12 +258,12 @@ TEST_F(Kr2BatchTest, OneWakeUpAnswersTheBurstWithTheRepeatRuleAndCountersExact) 
   Send(b_, 4);
   Send(a_, 128);
   Send(b_, 150);   // prohibited: refused without a reply
-  HandleRequest(listen_);
+  g_provider.kr2.HandleRequest(listen_, g_provider.settings, g_provider.sync_event);
   EXPECT_EQ(Replies(a_), (std::vector<int>{4, 355}));
   EXPECT_EQ(Replies(b_), (std::vector<int>{64}));
-  EXPECT_EQ(+g_local_status.counters[0], 3u);
-  EXPECT_EQ(+g_local_status.bytes_received, 3 * kKr2RequestSize);
-  EXPECT_EQ(+g_local_status.bytes_sent, 4u + 64u + 355u);
+  EXPECT_EQ(+g_provider.kr2.status().counters[0], 3u);
+  EXPECT_EQ(+g_provider.kr2.status().bytes_received, 3 * kKr2RequestSize);
+  EXPECT_EQ(+g_provider.kr2.status().bytes_sent, 4u + 64u + 355u);
   std::uint8_t buf[16];
   EXPECT_EQ(platform::ReceiveFromNow(listen_, buf, sizeof buf, nullptr), -1);   // nothing left behind
 }
@@ -272,10 +272,10 @@ TEST_F(Kr2BatchTest, OneWakeUpAnswersTheBurstWithTheRepeatRuleAndCountersExact) 
 TEST_F(Kr2BatchTest, ABurstLongerThanABatchTakesAnotherWakeUpAndLosesNothing) {
   const std::size_t total = kKr2Batch + 6;
   for (std::uint32_t i = 0; i < total; ++i) Send(a_, 151, i);   // distinct requests
-  HandleRequest(listen_);
-  EXPECT_EQ(+g_local_status.counters[0], kKr2Batch);
-  HandleRequest(listen_);
-  EXPECT_EQ(+g_local_status.counters[0], total);
+  g_provider.kr2.HandleRequest(listen_, g_provider.settings, g_provider.sync_event);
+  EXPECT_EQ(+g_provider.kr2.status().counters[0], kKr2Batch);
+  g_provider.kr2.HandleRequest(listen_, g_provider.settings, g_provider.sync_event);
+  EXPECT_EQ(+g_provider.kr2.status().counters[0], total);
   EXPECT_EQ(Replies(a_).size(), total);
 }
 
@@ -284,26 +284,26 @@ TEST_F(Kr2BatchTest, RepliesThatCouldNotBeSentAreNotCountedAsSent) {
   Send(a_, 0);
   Send(b_, 4);
   platform::fake::FailSend(10051);
-  HandleRequest(listen_);
-  EXPECT_EQ(+g_local_status.counters[0], 2u);
-  EXPECT_EQ(+g_local_status.bytes_sent, 0u);
+  g_provider.kr2.HandleRequest(listen_, g_provider.settings, g_provider.sync_event);
+  EXPECT_EQ(+g_provider.kr2.status().counters[0], 2u);
+  EXPECT_EQ(+g_provider.kr2.status().bytes_sent, 0u);
 }
 
 TEST_F(Kr2ResponderTest, FailedSendStillCountsTheReply) {
   socket_.fail_send = true;
   platform::fake::AdvanceSystemTime(50 * 10'000'000LL);
   EXPECT_EQ(Ask(4), Kr2Outcome::Answered);
-  EXPECT_EQ(+g_local_status.counters[0], 1u);
-  EXPECT_EQ(+g_local_status.bytes_sent, 0u);
-  EXPECT_EQ(+g_local_status.times[0], PreciseClockUnixSeconds());
+  EXPECT_EQ(+g_provider.kr2.status().counters[0], 1u);
+  EXPECT_EQ(+g_provider.kr2.status().bytes_sent, 0u);
+  EXPECT_EQ(+g_provider.kr2.status().times[0], PreciseClockUnixSeconds());
   socket_.fail_send = false;
   Ask(0);
-  EXPECT_EQ(+g_local_status.bytes_sent, 4u);
+  EXPECT_EQ(+g_provider.kr2.status().bytes_sent, 4u);
 }
 
 TEST_F(Kr2ResponderTest, StatusRefreshesAndCountsItself) {
   machine_.sync_type = 3;
-  g_local_status.offset_sum_ms = 77;
+  g_provider.kr2.status().offset_sum_ms = 77;
   platform::fake::AdvanceSystemTime(10 * 10'000'000LL);
   Ask(128);
   LocalStatusRecord st;
@@ -317,17 +317,17 @@ TEST_F(Kr2ResponderTest, StatusRefreshesAndCountsItself) {
   // The copy sent is taken before the reply is counted.
   EXPECT_EQ(+st.counters[0], 0u);
   EXPECT_EQ(+st.bytes_received, kKr2RequestSize);
-  EXPECT_EQ(+g_local_status.counters[0], 1u);
+  EXPECT_EQ(+g_provider.kr2.status().counters[0], 1u);
 }
 
 TEST_F(Kr2ResponderTest, ClearEmptiesHistoryAndResetsCounters) {
   Ask(0);
   Ask(4);
-  g_local_status.offset_sum_ms = 500;
-  g_local_status.sync_successes = 4;
-  g_local_status.sync_verdicts = 5;
-  g_local_status.sync_failures = 1;
-  g_local_status.last_offset_ms = -12;
+  g_provider.kr2.status().offset_sum_ms = 500;
+  g_provider.kr2.status().sync_successes = 4;
+  g_provider.kr2.status().sync_verdicts = 5;
+  g_provider.kr2.status().sync_failures = 1;
+  g_provider.kr2.status().last_offset_ms = -12;
   platform::fake::AdvanceSystemTime(100 * 10'000'000LL);
   Ask(129);
   EXPECT_EQ(machine_.clears, 1);
@@ -371,11 +371,11 @@ TEST_F(Kr2ResponderTest, LimitsCarryTheMaxPhaseOffsetInMs) {
 
 TEST_F(Kr2ResponderTest, ProductsRecordFields) {
   machine_.installed = kKr2InstalledChronwarden;
-  g_local_status.partner_state = 1;
-  g_local_status.last_offset_ms = -42;
-  g_local_status.sync_successes = 3;
-  std::strcpy(g_local_status.partner_name, "ntp.example");
-  g_responder_block[0] = 0xAB;   // kept until a new listen socket
+  g_provider.kr2.status().partner_state = 1;
+  g_provider.kr2.status().last_offset_ms = -42;
+  g_provider.kr2.status().sync_successes = 3;
+  std::strcpy(g_provider.kr2.status().partner_name, "ntp.example");
+  g_provider.kr2.responder_block()[0] = 0xAB;   // kept until a new listen socket
   Ask(200);
   Kr2Products p;
   ASSERT_EQ(socket_.sent.back().size(), sizeof p);
@@ -403,14 +403,14 @@ TEST_F(Kr2ResponderTest, ProductsRecordFields) {
   EXPECT_STREQ(p.computer_name, "A-VERY-LONG-COM");
   EXPECT_EQ(+p.responder_block[0], 0xAB);
   EXPECT_EQ(+p.installed, 0x8000 | 0x200);
-  Kr2ForgetLastRequest();
+  g_provider.kr2.ForgetLastRequest();
   Ask(201);
   std::memcpy(&p, socket_.sent.back().data(), sizeof p);
   EXPECT_EQ(+p.responder_block[0], 0);
 }
 
 TEST_F(Kr2ResponderTest, Windows2000SetsItsFamilyBit) {
-  g_kr2.os_level = 2048;
+  g_provider.kr2.SetSystem({.os_level = 2048});
   Ask(200);
   Kr2Products p;
   std::memcpy(&p, socket_.sent.back().data(), sizeof p);
@@ -430,7 +430,7 @@ TEST_F(Kr2ResponderTest, TimeZoneReplyIsWrittenOverTheReceiveBuffer) {
   EXPECT_EQ(+tz.info_size, 240u);
   EXPECT_EQ(+tz.daylight_disabled, 1u);
   EXPECT_EQ(+tz.zero[255], 0);   // nothing of the request is left in the reply
-  EXPECT_EQ(0, std::memcmp(g_kr2.receive.data() + 8, &tz, sizeof tz));
+  EXPECT_EQ(0, std::memcmp(g_provider.kr2.receive_buffer().data() + 8, &tz, sizeof tz));
   // A whole 512-byte request overwrites the buffer: the same one again is a repeat.
   EXPECT_EQ(AskBytes(request), Kr2Outcome::Repeat);
 }

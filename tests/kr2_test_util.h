@@ -79,7 +79,7 @@ inline DriftRecord MakeKr2TestRecord(std::uint32_t check_time, std::int32_t vari
 // The prohibited-command table as start-up builds it: without the machine's value (102, 150, 160
 // and 180 refused) or with a value that refuses nothing; unknown codes refused either way.
 inline void SetKr2Prohibited(bool value_present) {
-  auto& table = g_provider.prohibited;
+  auto& table = g_provider.kr2.prohibited();
   table.fill(0);
   if (!value_present)
     for (const std::uint8_t code : {102, 150, 160, 180}) table[code] = 1;
@@ -87,20 +87,28 @@ inline void SetKr2Prohibited(bool value_present) {
     if (!IsKnownKr2Command(code)) table[code] = 128;
 }
 
+// A responder as new (its listen socket closed), keeping the prohibited-command table.
+inline void ResetKr2State(Kr2Responder& responder) {
+  const auto prohibited = responder.prohibited();
+  responder.CloseListenSocket();
+  responder = Kr2Responder(kProviderName);
+  responder.prohibited() = prohibited;
+}
+
 // The responder's records as start-up leaves them, with a first start and a computer name of the test's.
 inline void ResetKr2ForTest(std::uint32_t ephemerides, const char* computer_name) {
-  g_kr2 = Kr2State{};
-  InitLocalStatusRecord();
-  g_identity = IdentityRecord{};
-  g_identity.ephemerides = ephemerides;
-  g_identity.product_code = defaults::kProductCode;
-  g_identity.major_version = defaults::kVersionMajor;
-  g_identity.minor_version = defaults::kVersionMinor;
-  g_identity.build_year = defaults::kBuildYear;
-  g_identity.build_month_day = defaults::kBuildMonthDay;
-  g_identity.one = 1;
-  g_identity.nt_family = 1;
-  std::memcpy(g_identity.version, defaults::kProductVersion, std::strlen(defaults::kProductVersion));
-  std::memcpy(g_identity.computer_name, computer_name, std::min<std::size_t>(std::strlen(computer_name), 15));
-  Kr2ForgetLastRequest();
+  ResetKr2State(g_provider.kr2);
+  g_provider.kr2.InitLocalStatusRecord();
+  g_provider.kr2.identity() = IdentityRecord{};
+  g_provider.kr2.identity().ephemerides = ephemerides;
+  g_provider.kr2.identity().product_code = defaults::kProductCode;
+  g_provider.kr2.identity().major_version = defaults::kVersionMajor;
+  g_provider.kr2.identity().minor_version = defaults::kVersionMinor;
+  g_provider.kr2.identity().build_year = defaults::kBuildYear;
+  g_provider.kr2.identity().build_month_day = defaults::kBuildMonthDay;
+  g_provider.kr2.identity().one = 1;
+  g_provider.kr2.identity().nt_family = 1;
+  std::memcpy(g_provider.kr2.identity().version, defaults::kProductVersion, std::strlen(defaults::kProductVersion));
+  std::memcpy(g_provider.kr2.identity().computer_name, computer_name, std::min<std::size_t>(std::strlen(computer_name), 15));
+  g_provider.kr2.ForgetLastRequest();
 }

@@ -24,6 +24,7 @@
 #include "platform/fake.h"
 #include "platform/net.h"
 #include "platform/paths.h"
+#include "provider/event_log.h"
 #include "provider/kr2_responder.h"
 #include "tests/fake_clock.h"
 #include "tests/registry_fixture.h"
@@ -93,7 +94,7 @@ class ProviderTest : public RegistryTest {
     EXPECT_EQ(p.status_block, nullptr);
     EXPECT_EQ(p.agent_thread, nullptr);
     EXPECT_FALSE(p.responder_active);
-    EXPECT_EQ(g_listen_socket, platform::kInvalidSocket);
+    EXPECT_EQ(g_provider.kr2.listen_socket(), platform::kInvalidSocket);
     EXPECT_EQ(ActivityMapView(), nullptr);
     EXPECT_EQ(Running(), "False");
   }
@@ -134,16 +135,16 @@ TEST_F(ProviderTest, EphemeridesIsWrittenOnceAndKept) {
   ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
   const std::uint32_t first = reg_get_dword(reg_local(), kProviderKey, "Ephemerides", 0);
   EXPECT_EQ(first, 1767225600u);   // the fake clock's 2026-01-01
-  EXPECT_EQ(g_identity.ephemerides, first);
+  EXPECT_EQ(g_provider.kr2.identity().ephemerides, first);
   TimeProvClose(reinterpret_cast<platform::TimeProvHandle>(1));
   platform::fake::AdvanceSystemTime(36'000'000'000);   // an hour later
   ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
   EXPECT_EQ(reg_get_dword(reg_local(), kProviderKey, "Ephemerides", 0), first);
-  EXPECT_EQ(g_identity.product_code, 7u);
-  EXPECT_STREQ(g_identity.version, "4.2.b.20081210R");
-  EXPECT_STREQ(g_identity.computer_name, "TESTBOX");
-  EXPECT_EQ(g_local_status.product_code, 7u);
-  EXPECT_STREQ(g_local_status.partner_name, "(none since startup)");
+  EXPECT_EQ(g_provider.kr2.identity().product_code, 7u);
+  EXPECT_STREQ(g_provider.kr2.identity().version, "4.2.b.20081210R");
+  EXPECT_STREQ(g_provider.kr2.identity().computer_name, "TESTBOX");
+  EXPECT_EQ(g_provider.kr2.status().product_code, 7u);
+  EXPECT_STREQ(g_provider.kr2.status().partner_name, "(none since startup)");
 }
 
 TEST_F(ProviderTest, NoSampleBeforeTheFirstCheck) {
@@ -239,15 +240,15 @@ TEST_F(ProviderTest, TheProhibitedValueRefusesWhatItMarks) {
   value[200] = 3;
   reg_set_binary(reg_local(), kW32TimeParametersKey, "Prohibited KR2 Commands", value.data(), value.size());
   ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
-  EXPECT_EQ(g_provider.prohibited[0], 1);
-  EXPECT_EQ(g_provider.prohibited[200], 3);
-  EXPECT_EQ(g_provider.prohibited[102], 0);
-  EXPECT_EQ(g_provider.prohibited[204], 0);
-  EXPECT_EQ(g_provider.prohibited[255], 128);
+  EXPECT_EQ(g_provider.kr2.prohibited()[0], 1);
+  EXPECT_EQ(g_provider.kr2.prohibited()[200], 3);
+  EXPECT_EQ(g_provider.kr2.prohibited()[102], 0);
+  EXPECT_EQ(g_provider.kr2.prohibited()[204], 0);
+  EXPECT_EQ(g_provider.kr2.prohibited()[255], 128);
 }
 
 TEST_F(ProviderTest, ALongEventTextIsCutAt509BeforeTheLineEnd) {
-  g_provider.callbacks = callbacks_;
+  ProviderUseCallbacks(callbacks_);
   const std::string long_text(600, 'x');
   LogEvent(kProviderName, platform::kEventLogWarning, "%s", long_text.c_str());
   LogEvent(kProviderName, platform::kEventLogError, "short %d", 5);
@@ -340,7 +341,7 @@ TEST_F(ProviderTest, ADamagedStoreFailsTheStartUpAndKeepsTheLastSettings) {
   TimeServiceFake::Clear();
   EXPECT_EQ(TimeProvCommand(reinterpret_cast<platform::TimeProvHandle>(1), platform::TPC_UpdateConfig, nullptr), 0);
   EXPECT_EQ(g_provider.settings.check_interval, interval + 7);   // kept, not defaults
-  auto events = TimeServiceFake::Events();
+  auto events = TimeServiceFake::EventsBesidesUnverified();   // the agent may warn of no sources by now
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].type, 1);
   EXPECT_EQ(events[0].text.rfind("Could not read the time service settings; the last ones read stay in use. The registry "
@@ -373,7 +374,7 @@ TEST_F(ProviderTest, AnOwnerOfTheStatusBlockKeepsTheResponderAway) {
   // The provider shares this process's view: it is the owner's.
   ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
   EXPECT_FALSE(g_provider.responder_active);
-  EXPECT_EQ(g_listen_socket, platform::kInvalidSocket);
+  EXPECT_EQ(g_provider.kr2.listen_socket(), platform::kInvalidSocket);
   EXPECT_NE(g_provider.status_notify_event, nullptr);
   EXPECT_FALSE(g_provider.status_notify_private);
 }
@@ -423,7 +424,7 @@ TEST_F(ProviderTest, WithoutAnOwnerTheResponderListens) {
   ASSERT_EQ(Open(), reinterpret_cast<platform::TimeProvHandle>(1));
   EXPECT_NE(g_provider.status_block, nullptr);
   EXPECT_TRUE(g_provider.responder_active);
-  EXPECT_NE(g_listen_socket, platform::kInvalidSocket);
+  EXPECT_NE(g_provider.kr2.listen_socket(), platform::kInvalidSocket);
   EXPECT_FALSE(Kr2PortFree());   // the port is taken: a second socket cannot bind it
 }
 

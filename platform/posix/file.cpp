@@ -126,7 +126,7 @@ bool FileRead(FileHandle file, void* buf, std::uint32_t size, std::uint32_t& don
   return true;
 }
 
-bool FileWrite(FileHandle file, const void* buf, std::uint32_t size, std::uint32_t& done) {
+bool sys::FileWrite(FileHandle file, const void* buf, std::uint32_t size, std::uint32_t& done) {
   done = 0;
   if (!file) return Fail(EBADF);
   const auto* p = static_cast<const char*>(buf);
@@ -162,7 +162,7 @@ bool FileSize(FileHandle file, std::uint64_t& size) {
   return true;
 }
 
-bool FileFlush(FileHandle file) {
+bool sys::FileFlush(FileHandle file) {
   if (!file) return Fail(EBADF);
   if (::fsync(file->fd) != 0 && errno != EINVAL) return Fail(errno);
   return true;

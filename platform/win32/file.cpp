@@ -40,7 +40,7 @@ bool FileRead(FileHandle file, void* buf, std::uint32_t size, std::uint32_t& don
   return ok != FALSE;
 }
 
-bool FileWrite(FileHandle file, const void* buf, std::uint32_t size, std::uint32_t& done) {
+bool sys::FileWrite(FileHandle file, const void* buf, std::uint32_t size, std::uint32_t& done) {
   done = 0;
   if (!file) return ::SetLastError(ERROR_INVALID_HANDLE), false;
   DWORD n = 0;
@@ -67,7 +67,7 @@ bool FileSize(FileHandle file, std::uint64_t& size) {
   return true;
 }
 
-bool FileFlush(FileHandle file) {
+bool sys::FileFlush(FileHandle file) {
   if (!file) return ::SetLastError(ERROR_INVALID_HANDLE), false;
   return ::FlushFileBuffers(file->h) != FALSE;
 }
