@@ -160,6 +160,23 @@ bool FileDelete(std::string_view path) {
   return true;
 }
 
+bool CreateDirectoryPath(std::string_view path) {
+  const std::string native = NativePath(path);
+  for (std::size_t end = native.find('/', 1);; end = native.find('/', end + 1)) {
+    const std::string folder = native.substr(0, end);
+    struct stat st{};
+    if (!folder.empty() && ::mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST) return Fail(errno, true);
+    if (!folder.empty() && (::stat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)))
+      return Fail(end == std::string::npos ? EEXIST : ENOTDIR);
+    if (end == std::string::npos) return true;
+  }
+}
+
+bool RemoveEmptyDirectory(std::string_view path) {
+  if (::rmdir(NativePath(path).c_str()) != 0) return Fail(errno, true);
+  return true;
+}
+
 bool FileExists(std::string_view path) {
   struct stat st;
   return ::stat(NativePath(path).c_str(), &st) == 0;
