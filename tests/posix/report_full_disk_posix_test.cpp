@@ -2,32 +2,17 @@
 // full disk. The write's failure is the report's result, and no half a report stays behind.
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <filesystem>
-#include <sys/resource.h>
 
 #include "drift/drift_log.h"
 #include "drift/report.h"
 #include "platform/error.h"
 #include "tests/drift_test_util.h"
+#include "tests/posix/file_size_limit.h"
 
 namespace {
 
-class ReportFullDiskTest : public DriftFolderTest {
- protected:
-  void SetUp() override {
-    DriftFolderTest::SetUp();
-    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved_), 0);
-    previous_handler_ = std::signal(SIGXFSZ, SIG_IGN);   // a write past the limit fails instead
-  }
-  void TearDown() override {
-    ::setrlimit(RLIMIT_FSIZE, &saved_);
-    std::signal(SIGXFSZ, previous_handler_);
-    DriftFolderTest::TearDown();
-  }
-  rlimit saved_{};
-  void (*previous_handler_)(int) = nullptr;
-};
+using ReportFullDiskTest = FileSizeLimitTest;
 
 TEST_F(ReportFullDiskTest, AReportTheDiskCannotHoldFailsAndIsDeleted) {
   const std::string log_path = PathOf("host.kr");
@@ -39,11 +24,9 @@ TEST_F(ReportFullDiskTest, AReportTheDiskCannotHoldFailsAndIsDeleted) {
   ASSERT_TRUE(DriftLogLoad(nullptr, log));
   const std::string out = PathOf("report.txt");
 
-  rlimit limit = saved_;
-  limit.rlim_cur = 1000;   // bytes: the header and a few lines
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+  LimitFileSize(1000);   // bytes: the header and a few lines
   const std::uint32_t error = WriteDriftReportFile(log, out.c_str(), "UTC");
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &saved_), 0);
+  Unlimit();
   EXPECT_EQ(error, platform::kErrorDiskFull);
   EXPECT_FALSE(std::filesystem::exists(out));
 
