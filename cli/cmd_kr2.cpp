@@ -9,9 +9,9 @@
 
 #include "cli/commands.h"
 #include "cli/drift_list.h"
-#include "cli/file_output.h"
 #include "config/defaults.h"
 #include "platform/error.h"
+#include "platform/machine.h"
 #include "applet/kr2_client.h"
 #include "exporter/exporter.h"
 #include "platform/error_text.h"
@@ -282,9 +282,9 @@ bool WriteSweepMetrics(const std::vector<std::string>& hosts, const std::vector<
   }
   const std::string text = Render(out, ExpositionFormat::Text);
   if (output.empty()) return std::fputs(text.c_str(), stdout), true;
-  if (const std::uint32_t error = WriteFileWhole(output, text, false)) {
+  if (!platform::WriteFileWhole(output, text, false)) {
     char reason[256];
-    SystemErrorText(error, reason, sizeof reason);
+    SystemErrorText(platform::LastError(), reason, sizeof reason);
     std::fprintf(stderr, "chronwarden monitor: cannot write %s: %s\n", output.c_str(), reason);
     return false;
   }

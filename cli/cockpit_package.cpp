@@ -1,8 +1,8 @@
 #include "cli/cockpit_package.h"
 
-#include "cli/file_output.h"
 #include "platform/error.h"
 #include "platform/file.h"
+#include "platform/machine.h"
 
 namespace {
 
@@ -25,7 +25,7 @@ std::uint32_t WriteCockpitPackage(const std::string& dir, std::string& failed_pa
     const std::string folder = FolderOf(path);
     if (!platform::CreateDirectoryPath(folder)) return Failed(failed_path, folder, platform::LastError());
     // Written beside, then moved over: a page being served never shows half a file.
-    if (const std::uint32_t error = WriteFileWhole(path, f.bytes, true)) return Failed(failed_path, path, error);
+    if (!platform::WriteFileWhole(path, f.bytes, true)) return Failed(failed_path, path, platform::LastError());
   }
   return 0;
 }
