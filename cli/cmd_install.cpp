@@ -46,12 +46,16 @@ bool SetManagers(const std::string& machine, const std::string& list) {
 bool UpdateCockpitPage(std::string_view command, const std::string& machine, std::uint32_t message, bool quiet) {
   const std::string dir = platform::CockpitPackageDirectory();
   if (!machine.empty() || dir.empty()) return true;
-  std::string error;
-  const bool ok = message == kCplInstall ? WriteCockpitPackage(dir, error) : DeleteCockpitPackage(dir, error);
-  if (!ok && !quiet)
-    std::fprintf(stderr, "chronwarden %s: the Cockpit page: %s\n", std::string(command).c_str(),
-                 error.c_str());
-  return ok;
+  std::string failed_path;
+  const std::uint32_t error =
+      message == kCplInstall ? WriteCockpitPackage(dir, failed_path) : DeleteCockpitPackage(dir, failed_path);
+  if (error && !quiet) {
+    char reason[256];
+    SystemErrorText(error, reason, sizeof reason);
+    std::fprintf(stderr, "chronwarden %s: the Cockpit page: %s: %s\n", std::string(command).c_str(),
+                 failed_path.c_str(), reason);
+  }
+  return error == 0;
 }
 
 int Run(std::string_view command, CommandArgs args, std::uint32_t message) {

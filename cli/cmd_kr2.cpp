@@ -2,8 +2,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -13,6 +11,7 @@
 #include "cli/drift_list.h"
 #include "config/defaults.h"
 #include "platform/error.h"
+#include "platform/machine.h"
 #include "applet/kr2_client.h"
 #include "exporter/exporter.h"
 #include "platform/error_text.h"
@@ -283,17 +282,10 @@ bool WriteSweepMetrics(const std::vector<std::string>& hosts, const std::vector<
   }
   const std::string text = Render(out, ExpositionFormat::Text);
   if (output.empty()) return std::fputs(text.c_str(), stdout), true;
-  const std::string aside = output + ".tmp";
-  std::error_code ec;
-  {
-    std::ofstream f(aside, std::ios::binary | std::ios::trunc);
-    f << text;
-    if (!f.flush()) ec = std::make_error_code(std::errc::io_error);
-  }
-  if (!ec) std::filesystem::rename(aside, output, ec);
-  if (ec) {
-    std::filesystem::remove(aside);
-    std::fprintf(stderr, "chronwarden monitor: cannot write %s: %s\n", output.c_str(), ec.message().c_str());
+  if (!platform::WriteFileWhole(output, text, false)) {
+    char reason[256];
+    SystemErrorText(platform::LastError(), reason, sizeof reason);
+    std::fprintf(stderr, "chronwarden monitor: cannot write %s: %s\n", output.c_str(), reason);
     return false;
   }
   return true;

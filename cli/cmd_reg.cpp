@@ -1,7 +1,7 @@
 // chronwarden reg: reads and changes the machine's registry through the registry access layer,
 // with its path rules, like the system's own registry tool.
 #include <cctype>
-#include <cerrno>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -229,10 +229,13 @@ int Set(const Options& o) {
     bytes.push_back(0);
   } else if (o.type == "dword") {
     type = platform::kRegDword;
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long long v = std::strtoull(o.data.c_str(), &end, 0);
-    if (o.data.empty() || *end || errno || v > 0xFFFFFFFFull || o.data[0] == '-')
+    // Decimal, or hex after 0x: a leading 0 is no octal.
+    std::string_view digits = o.data;
+    int base = 10;
+    if (digits.size() > 2 && digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X')) digits.remove_prefix(2), base = 16;
+    std::uint32_t v = 0;
+    const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), v, base);
+    if (digits.empty() || ec != std::errc{} || end != digits.data() + digits.size())
       return UsageError("reg", "dword data must be a number from 0 to 4294967295 (decimal or 0x-hex)");
     for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
   } else if (o.type == "binary") {

@@ -1,56 +1,47 @@
 #include "cli/cockpit_package.h"
 
-#include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <system_error>
-
-namespace fs = std::filesystem;
+#include "platform/error.h"
+#include "platform/file.h"
+#include "platform/machine.h"
 
 namespace {
 
-bool Failed(std::string& error, const fs::path& path, const std::error_code& ec) {
-  error = path.string() + ": " + ec.message();
-  return false;
+// The folder of a path inside the package folder ("" for none).
+std::string FolderOf(const std::string& path) {
+  const auto slash = path.find_last_of("/\\");
+  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+std::uint32_t Failed(std::string& failed_path, const std::string& path, std::uint32_t error) {
+  failed_path = path;
+  return error;
 }
 
 }  // namespace
 
-bool WriteCockpitPackage(const std::string& dir, std::string& error) {
+std::uint32_t WriteCockpitPackage(const std::string& dir, std::string& failed_path) {
   for (const EmbeddedFile& f : CockpitPackageFiles()) {
-    const fs::path path = fs::path(dir) / f.name;
-    std::error_code ec;
-    fs::create_directories(path.parent_path(), ec);
-    if (ec) return Failed(error, path.parent_path(), ec);
+    const std::string path = dir + "/" + std::string(f.name);
+    const std::string folder = FolderOf(path);
+    if (!platform::CreateDirectoryPath(folder)) return Failed(failed_path, folder, platform::LastError());
     // Written beside, then moved over: a page being served never shows half a file.
-    const fs::path part = path.string() + ".part";
-    {
-      std::ofstream out(part, std::ios::binary | std::ios::trunc);
-      if (!out) return Failed(error, part, std::error_code(errno, std::generic_category()));
-      out.write(f.bytes.data(), std::streamsize(f.bytes.size()));
-      if (!out.flush()) return Failed(error, part, std::make_error_code(std::errc::io_error));
-    }
-    fs::permissions(part, fs::perms(0644), ec);
-    fs::rename(part, path, ec);
-    if (ec) {
-      fs::remove(part);
-      return Failed(error, path, ec);
-    }
+    if (!platform::WriteFileWhole(path, f.bytes, true)) return Failed(failed_path, path, platform::LastError());
   }
-  return true;
+  return 0;
 }
 
-bool DeleteCockpitPackage(const std::string& dir, std::string& error) {
-  std::error_code ec;
+std::uint32_t DeleteCockpitPackage(const std::string& dir, std::string& failed_path) {
   for (const EmbeddedFile& f : CockpitPackageFiles()) {
-    const fs::path path = fs::path(dir) / f.name;
-    if (!fs::remove(path, ec) && ec) return Failed(error, path, ec);
-    // Its folders, from the innermost up to dir, while they are empty.
-    for (fs::path folder = path.parent_path(); folder.string().size() >= dir.size(); folder = folder.parent_path()) {
-      if (!fs::is_directory(folder, ec) || !fs::is_empty(folder, ec)) break;
-      fs::remove(folder, ec);
-      if (folder == fs::path(dir)) break;
+    const std::string path = dir + "/" + std::string(f.name);
+    if (!platform::FileDelete(path)) {
+      const std::uint32_t error = platform::LastError();
+      if (error != platform::kErrorFileNotFound && error != platform::kErrorPathNotFound)
+        return Failed(failed_path, path, error);
     }
+    // Its folders, from the innermost up to dir, while they are empty (a folder that is not, or
+    // is not there, ends the walk: nothing to report).
+    for (std::string folder = FolderOf(path); folder.size() >= dir.size(); folder = FolderOf(folder))
+      if (!platform::RemoveEmptyDirectory(folder) || folder.size() == dir.size()) break;
   }
-  return true;
+  return 0;
 }

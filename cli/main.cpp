@@ -4,6 +4,8 @@
 #include <vector>
 
 #include "cli/commands.h"
+#include "platform/error.h"
+#include "platform/error_text.h"
 
 namespace {
 
@@ -38,6 +40,16 @@ void PrintHelp() {
               "Exit codes: 0 success, 1 the operation failed, 2 the command line was wrong.\n");
 }
 
+// A command whose output did not all reach standard output (a full disk, a closed file) failed,
+// whatever it printed before.
+int Finished(int code) {
+  if (std::fflush(stdout) == 0 && !std::ferror(stdout)) return code;
+  char text[256];
+  std::fprintf(stderr, "chronwarden: cannot write standard output: %s\n",
+               SystemErrorText(platform::kErrorWriteFault, text, sizeof text));
+  return code == kExitOk ? kExitFailed : code;
+}
+
 }  // namespace
 
 
@@ -53,10 +65,10 @@ int main(int argc, char** argv) {
   std::vector<std::string_view> args(argv + 1, argv + argc);
   if (args.empty() || IsHelp(args[0])) {
     PrintHelp();
-    return args.empty() ? kExitUsage : kExitOk;
+    return Finished(args.empty() ? kExitUsage : kExitOk);
   }
   for (const auto& c : kCommands)
-    if (c.name == args[0]) return c.run(CommandArgs(args).subspan(1));
+    if (c.name == args[0]) return Finished(c.run(CommandArgs(args).subspan(1)));
   std::fprintf(stderr, "chronwarden: unknown command '%s'\nTry 'chronwarden --help'.\n", std::string(args[0]).c_str());
   return kExitUsage;
 }

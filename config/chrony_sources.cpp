@@ -14,6 +14,7 @@
 #include "config/defaults.h"
 #include "config/registry.h"
 #include "platform/error.h"
+#include "platform/machine.h"
 #include "platform/paths.h"
 #include "platform/registry.h"
 #include "platform/service.h"
@@ -191,20 +192,15 @@ int chrony_apply_settings(const W32tSettings& s) {
   const std::string socket = Setting(defaults::kChronySocketValue, defaults::kChronySocket);
 
   const std::string text = chrony_sources_text(s, chrony_machine_sources());
-  std::ifstream old(file, std::ios::binary);
+  // Only a file is read (a folder in its place throws on reading): anything else is replaced.
+  std::ifstream old;
+  if (std::filesystem::is_regular_file(file, ec)) old.open(file, std::ios::binary);
   const std::string before((std::istreambuf_iterator<char>(old)), std::istreambuf_iterator<char>());
   const bool changed = !old.is_open() || before != text;
   std::string out;
   if (changed) {
-    const std::filesystem::path tmp = file.string() + ".tmp";
-    {
-      std::ofstream f(tmp, std::ios::binary | std::ios::trunc);
-      f << text;
-      f.flush();
-      if (!f) return Fail(platform::kErrorAccessDenied);
-    }
-    std::filesystem::rename(tmp, file, ec);
-    if (ec) return Fail(platform::kErrorAccessDenied);
+    // chronyd reads it again after dropping its rights: everybody may read it.
+    if (!platform::WriteFileWhole(path, text, true)) return Fail(platform::LastError());
     const int rc = platform::ChronyCommand(socket, "reload sources", out);
     if (rc < 0) return Fail(platform::kErrorFileNotFound);
     if (rc != 0) return Fail(platform::kErrorServerUnavailable);

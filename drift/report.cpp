@@ -85,9 +85,20 @@ std::uint32_t NowUnixSeconds() {
   return ClampUnixSeconds(FileTimeToUnixSeconds(platform::SystemTimeAsFileTime()));
 }
 
+// A report file being written and the first failure of its writes (after which nothing more is written).
+struct ReportFile {
+  platform::FileHandle file = nullptr;
+  std::uint32_t error = 0;
+};
+
+// The code a failed write or flush left, never 0.
+std::uint32_t WriteFailure() { return platform::LastError() ? platform::LastError() : platform::kErrorWriteFault; }
+
 void FileSink(void* context, const char* text, std::size_t length) {
+  auto& out = *static_cast<ReportFile*>(context);
   std::uint32_t done = 0;
-  platform::FileWrite(static_cast<platform::FileHandle>(context), text, static_cast<std::uint32_t>(length), done);
+  if (!out.error && !platform::FileWrite(out.file, text, static_cast<std::uint32_t>(length), done))
+    out.error = WriteFailure();
 }
 
 // The report's record lines, written without the C library's formatting (a full file has 16,384 of
@@ -453,10 +464,12 @@ std::uint32_t WriteDriftReportFile(const DriftLog& log, const char* path, const 
   platform::FileHandle file =
       platform::FileCreate(path, platform::kGenericWrite, 0, platform::kCreateAlways, platform::kFlagSequentialScan);
   if (!file) return platform::LastError() ? platform::LastError() : 5;
-  RenderDriftReport(log, time_zone_text, NowUnixSeconds(), FileSink, file);
-  platform::FileFlush(file);
+  ReportFile out{file};
+  RenderDriftReport(log, time_zone_text, NowUnixSeconds(), FileSink, &out);
+  if (!out.error && !platform::FileFlush(file)) out.error = WriteFailure();
   platform::FileClose(file);
-  return 0;
+  if (out.error) platform::FileDelete(path);   // no half a report; the failure to tell is the write's
+  return out.error;
 }
 
 std::uint32_t WriteDriftReport(const DriftUi* owner, DriftLog& log, const char* time_zone_text) {

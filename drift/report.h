@@ -51,12 +51,14 @@ void RenderDriftReport(const DriftLog& log, const char* time_zone_text, std::uin
 // with its extension replaced by ".txt", or ".txt" appended when its file name has no ".".
 std::string DriftReportPathFor(const char* log_path);
 
-// Writes the report to path (created anew, not shared). 0, or the Win32 code of the failure.
+// Writes the report to path (created anew, not shared). 0, or the Win32 code of the failure (a
+// file that could not be written whole, on a full disk say, is deleted again).
 std::uint32_t WriteDriftReportFile(const DriftLog& log, const char* path, const char* time_zone_text);
 
 // The report of a loaded log. With an owner: into a new temporary file ("KRG" prefix) that is then
 // opened for the user and remembered for deletion; no records: a notice and 232. Without an owner:
-// next to the log (DriftReportPathFor). 0 on success, else the code of the failed file creation.
+// next to the log (DriftReportPathFor). 0 on success, else the code of the failed file creation
+// or write.
 // time_zone_text: the graph window's text; null computes it now.
 std::uint32_t WriteDriftReport(const DriftUi* owner, DriftLog& log, const char* time_zone_text = nullptr);
 

@@ -2,7 +2,6 @@
 // enabled time providers of the store, answers their questions from chronyd (the real NTP client)
 // and the kernel clock, tells them of clock steps and new settings, polls them for samples and
 // closes them when told to stop.
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -107,7 +106,8 @@ int main(int argc, char** argv) {
   platform::host::OpenSystemLog(options.foreground);
   // Before any provider starts a thread: the signals are taken through a descriptor.
   if (!platform::host::OpenWakeups()) {
-    HostLog(kLogError, "cannot watch signals and clock steps: %s", std::strerror(errno));
+    char text[512];
+    HostLog(kLogError, "cannot watch signals and clock steps: %s", ErrorText(platform::LastError(), text, sizeof text));
     return 1;
   }
   // A store that cannot be read is no list of providers: the host has no settings to run on.
@@ -157,10 +157,12 @@ int main(int argc, char** argv) {
         HostCommand(providers, platform::TPC_TimeJumped, &args);
         break;
       }
-      case platform::host::Wake::Failed:
-        HostLog(kLogError, "waiting failed: %s", std::strerror(errno));
+      case platform::host::Wake::Failed: {
+        char text[512];
+        HostLog(kLogError, "waiting failed: %s", ErrorText(platform::LastError(), text, sizeof text));
         running = false;
         break;
+      }
       case platform::host::Wake::Timeout:
         break;
     }

@@ -46,6 +46,8 @@ bool FileFlush(FileHandle file);                       // FlushFileBuffers (POSI
 bool FileSetEnd(FileHandle file);                      // SetEndOfFile: cuts or extends the file at the file pointer
 bool FileDelete(std::string_view path);                // DeleteFileA
 bool FileExists(std::string_view path);                // FindFirstFileA finds it (a file or a folder)
+bool CreateDirectoryPath(std::string_view path);       // SHCreateDirectoryExA: the folder and those above it; true when it is there
+bool RemoveEmptyDirectory(std::string_view path);      // RemoveDirectoryA: false for a folder that is not empty
 
 // GetTempPathA: the temporary folder with a trailing separator, "" on failure.
 // POSIX: $TMPDIR, else /tmp, with a trailing "/".

@@ -12,9 +12,10 @@ enum class Wake { Timeout, Terminate, Reload, ClockStepped, Failed };
 
 // Blocks SIGTERM, SIGINT and SIGHUP into a signal descriptor and arms a CLOCK_REALTIME timer that
 // is cancelled when the clock is set (TFD_TIMER_CANCEL_ON_SET), so that a step of the system
-// clock wakes the host. False when either cannot be made.
+// clock wakes the host. False when either cannot be made, with the Win32 code in LastError().
 bool OpenWakeups();
-// Waits up to timeout_ms for the next wake-up (SIGTERM/SIGINT: Terminate; SIGHUP: Reload).
+// Waits up to timeout_ms for the next wake-up (SIGTERM/SIGINT: Terminate; SIGHUP: Reload);
+// Failed with the Win32 code in LastError().
 Wake WaitWakeup(std::uint32_t timeout_ms);
 void CloseWakeups();
 

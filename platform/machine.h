@@ -61,6 +61,10 @@ bool ClearFileAttributes(std::string_view path);           // SetFileAttributesA
 bool CopyFileOver(std::string_view from, std::string_view to);   // CopyFileA, replacing
 bool DeleteFileAt(std::string_view path);                  // DeleteFileA
 bool MoveFileReplacing(std::string_view from, std::string_view to);  // MoveFileExA(REPLACE_EXISTING)
+// Writes bytes into "<path>.part" beside path (FileCreate, FileWrite), then moves it over path, so
+// that a reader never sees half a file; readable_by_all gives it SecureDataFile's access rules
+// (everybody reads) first. A failure leaves no ".part" behind and its Win32 code in LastError().
+bool WriteFileWhole(std::string_view path, std::string_view bytes, bool readable_by_all);
 // Tests: the next n moves of a file named like path fail with 5 (access denied), as a loaded
 // module file does.
 void FailMovesOf(std::string_view file_name, int n);

@@ -53,6 +53,26 @@ TEST_F(FileLayerTest, OpenExistingReportsMissingFilesAndFolders) {
   EXPECT_EQ(LastError(), 2u);
 }
 
+TEST_F(FileLayerTest, FoldersAreMadeWithThoseAboveAndRemovedOnlyWhenEmpty) {
+  const std::string top = PathOf("a"), inner = PathOf("a") + "/b/c";
+  ASSERT_TRUE(CreateDirectoryPath(inner));
+  EXPECT_TRUE(std::filesystem::is_directory(inner));
+  EXPECT_TRUE(CreateDirectoryPath(inner));   // there already
+  EXPECT_FALSE(RemoveEmptyDirectory(top));   // not empty
+  EXPECT_TRUE(std::filesystem::is_directory(top));
+  EXPECT_TRUE(RemoveEmptyDirectory(inner));
+  EXPECT_FALSE(std::filesystem::exists(inner));
+  EXPECT_FALSE(RemoveEmptyDirectory(inner));   // gone
+  EXPECT_NE(LastError(), 0u);
+  // A file where a folder should be.
+  WriteBytes(PathOf("blocked"), {1});
+  SetLastError(0);
+  EXPECT_FALSE(CreateDirectoryPath(PathOf("blocked") + "/sub"));
+  EXPECT_NE(LastError(), 0u);
+  EXPECT_FALSE(CreateDirectoryPath(PathOf("blocked")));
+  EXPECT_NE(LastError(), 0u);
+}
+
 TEST_F(FileLayerTest, CreateAlwaysTruncates) {
   const std::string path = PathOf("t.txt");
   WriteBytes(path, {1, 2, 3});

@@ -18,6 +18,7 @@
 
 #include "platform/error.h"
 #include "platform/paths.h"
+#include "platform/posix/win32_code.h"
 
 namespace platform {
 
@@ -27,30 +28,8 @@ struct FileObject {
 
 namespace {
 
-// The Win32 code for an errno value; path_missing tells ENOENT apart ("path" rather than "file").
-std::uint32_t Win32Code(int err, bool path_missing = false) {
-  switch (err) {
-    case 0: return 0;
-    case ENOENT: return path_missing ? kErrorPathNotFound : kErrorFileNotFound;
-    case ENOTDIR: return kErrorPathNotFound;
-    case EACCES: case EPERM: case EISDIR: return kErrorAccessDenied;
-    case EBADF: return kErrorInvalidHandle;
-    case ENOMEM: return kErrorNotEnoughMemory;
-    case EROFS: return kErrorWriteProtect;
-    case EEXIST: return kErrorFileExists;
-    case EINVAL: return kErrorInvalidParameter;
-    case ENOSPC: case EDQUOT: return kErrorDiskFull;
-    case EMFILE: case ENFILE: return kErrorTooManyOpenFiles;
-    case ENAMETOOLONG: return kErrorPathTooLong;
-    case EWOULDBLOCK: return kErrorSharingViolation;
-    case EIO: return kErrorReadFault;
-    case EFBIG: return kErrorDiskFull;
-    default: return kErrorGenFailure;
-  }
-}
-
 bool Fail(int err, bool path_missing = false) {
-  SetLastError(Win32Code(err, path_missing));
+  SetLastError(Win32CodeOfErrno(err, path_missing));
   return false;
 }
 
@@ -91,7 +70,7 @@ FileHandle FileCreate(std::string_view path, std::uint32_t access, std::uint32_t
   if (::flock(fd, (share == 0 ? LOCK_EX : LOCK_SH) | LOCK_NB) != 0) {
     const int err = errno;
     ::close(fd);
-    SetLastError(err == EWOULDBLOCK ? kErrorSharingViolation : Win32Code(err));
+    SetLastError(err == EWOULDBLOCK ? kErrorSharingViolation : Win32CodeOfErrno(err));
     return nullptr;
   }
   if (disposition == kCreateAlways && ::ftruncate(fd, 0) != 0) {
@@ -147,7 +126,7 @@ bool FileSeek(FileHandle file, std::int64_t distance, SeekFrom from, std::uint64
   const off_t at = ::lseek(file->fd, static_cast<off_t>(distance), whence);
   if (at < 0) {
     // Win32 names a move before the start of the file with its own code.
-    SetLastError(errno == EINVAL ? kErrorNegativeSeek : Win32Code(errno));
+    SetLastError(errno == EINVAL ? kErrorNegativeSeek : Win32CodeOfErrno(errno));
     return false;
   }
   if (position) *position = static_cast<std::uint64_t>(at);
@@ -178,6 +157,23 @@ bool FileSetEnd(FileHandle file) {
 bool FileDelete(std::string_view path) {
   const std::string native = NativePath(path);
   if (::unlink(native.c_str()) != 0) return Fail(errno, errno == ENOENT && ParentMissing(native));
+  return true;
+}
+
+bool CreateDirectoryPath(std::string_view path) {
+  const std::string native = NativePath(path);
+  for (std::size_t end = native.find('/', 1);; end = native.find('/', end + 1)) {
+    const std::string folder = native.substr(0, end);
+    struct stat st{};
+    if (!folder.empty() && ::mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST) return Fail(errno, true);
+    if (!folder.empty() && (::stat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)))
+      return Fail(end == std::string::npos ? EEXIST : ENOTDIR);
+    if (end == std::string::npos) return true;
+  }
+}
+
+bool RemoveEmptyDirectory(std::string_view path) {
+  if (::rmdir(NativePath(path).c_str()) != 0) return Fail(errno, true);
   return true;
 }
 

@@ -22,7 +22,9 @@
 #include <mutex>
 #include <string>
 
+#include "platform/error.h"
 #include "platform/paths.h"
+#include "platform/posix/win32_code.h"
 
 namespace platform::host {
 namespace {
@@ -48,12 +50,13 @@ bool OpenWakeups() {
   sigaddset(&set, SIGTERM);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGHUP);
-  if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) return false;
+  if (const int err = pthread_sigmask(SIG_BLOCK, &set, nullptr)) return SetLastError(Win32CodeOfErrno(err)), false;
   g_signal_fd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-  g_step_fd = timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK);
+  if (g_signal_fd >= 0) g_step_fd = timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK);
   if (g_signal_fd < 0 || g_step_fd < 0 || !ArmStepTimer()) {
+    const int err = errno;
     CloseWakeups();
-    return false;
+    return SetLastError(Win32CodeOfErrno(err)), false;
   }
   return true;
 }
@@ -61,7 +64,8 @@ bool OpenWakeups() {
 Wake WaitWakeup(std::uint32_t timeout_ms) {
   pollfd fds[2] = {{g_signal_fd, POLLIN, 0}, {g_step_fd, POLLIN, 0}};
   const int n = poll(fds, 2, static_cast<int>(timeout_ms));
-  if (n < 0) return errno == EINTR ? Wake::Timeout : Wake::Failed;
+  if (n < 0 && errno == EINTR) return Wake::Timeout;
+  if (n < 0) return SetLastError(Win32CodeOfErrno(errno)), Wake::Failed;
   if (n == 0) return Wake::Timeout;
   if (fds[0].revents & POLLIN) {
     signalfd_siginfo info{};

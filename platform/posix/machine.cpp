@@ -13,6 +13,7 @@
 #include "platform/error.h"
 #include "platform/machine.h"
 #include "platform/paths.h"
+#include "platform/posix/win32_code.h"
 #include "platform/registry.h"
 
 #ifndef CW_BUILD
@@ -30,16 +31,8 @@ extern "C" __attribute__((used)) const unsigned char cw_file_version_marker[18] 
     'C', 'W', 'F', 'I', 'L', 'E', 'V', 'E', 'R', 0, std::uint8_t(CW_BUILD), std::uint8_t(CW_BUILD >> 8), 0, 0, 2, 0, 4, 0};
 
 namespace {
-std::uint32_t errno_code(std::error_code ec) {
-  switch (ec.value()) {
-    case ENOENT: return kErrorFileNotFound;
-    case EACCES: case EPERM: return kErrorAccessDenied;
-    case ENOTDIR: return kErrorPathNotFound;
-    default: return kErrorGenFailure;
-  }
-}
 bool fail(std::error_code ec) {
-  SetLastError(errno_code(ec));
+  SetLastError(Win32CodeOfErrno(ec.value()));
   return false;
 }
 }  // namespace

@@ -1,5 +1,6 @@
 // Files on Windows: the Win32 file calls themselves, the data-file DACL and Notepad.
 #include <windows.h>
+#include <shlobj.h>
 
 #include <cstdio>
 #include <fcntl.h>
@@ -78,6 +79,22 @@ bool FileSetEnd(FileHandle file) {
 }
 
 bool FileDelete(std::string_view path) { return ::DeleteFileA(std::string(path).c_str()) != FALSE; }
+
+bool CreateDirectoryPath(std::string_view path) {
+  std::string p(path);
+  for (char& c : p)
+    if (c == '/') c = '\\';
+  const int err = ::SHCreateDirectoryExA(nullptr, p.c_str(), nullptr);
+  if (err == ERROR_SUCCESS) return true;
+  const DWORD attributes = ::GetFileAttributesA(p.c_str());
+  if ((err == ERROR_ALREADY_EXISTS || err == ERROR_FILE_EXISTS) && attributes != INVALID_FILE_ATTRIBUTES &&
+      (attributes & FILE_ATTRIBUTE_DIRECTORY))
+    return true;
+  ::SetLastError(static_cast<DWORD>(err));
+  return false;
+}
+
+bool RemoveEmptyDirectory(std::string_view path) { return ::RemoveDirectoryA(std::string(path).c_str()) != FALSE; }
 
 bool FileExists(std::string_view path) {
   WIN32_FIND_DATAA found;

@@ -161,7 +161,19 @@ TEST_F(ChronyTest, TheFileIsWrittenOnlyWhenItChanges) {
   const std::string sources = Sources();
   EXPECT_NE(sources.find("127.0.0.13"), std::string::npos) << sources;
   EXPECT_EQ(sources.find("127.0.0.12"), std::string::npos) << sources;
-  EXPECT_FALSE(fs::exists(File() + ".tmp"));
+  EXPECT_FALSE(fs::exists(File() + ".part"));
+}
+
+// A sources file that cannot be replaced (a folder in its place): the failure's code, and nothing
+// left beside it.
+TEST_F(ChronyTest, AFileThatCannotBeReplacedFailsAndLeavesNothingAside) {
+  fs::create_directories(fs::path(File()) / "in-the-way");
+  platform::SetLastError(0);
+  EXPECT_EQ(chrony_apply_settings(Two()), 0);
+  EXPECT_EQ(platform::LastError(), platform::kErrorAccessDenied);
+  std::vector<std::string> names;
+  for (const auto& e : fs::directory_iterator(dir_ / "sources.d")) names.push_back(e.path().filename().string());
+  EXPECT_EQ(names, std::vector<std::string>{"chronwarden.sources"});
 }
 
 TEST_F(ChronyTest, NoSyncRemovesTheSources) {

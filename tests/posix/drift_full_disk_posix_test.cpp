@@ -2,37 +2,16 @@
 // for the full disk (the write stops short, then fails, as on a full file system).
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <filesystem>
-#include <sys/resource.h>
 
 #include "drift/drift_file.h"
 #include "platform/error.h"
 #include "tests/drift_test_util.h"
+#include "tests/posix/file_size_limit.h"
 
 namespace {
 
-class DriftFullDiskTest : public DriftFolderTest {
- protected:
-  void SetUp() override {
-    DriftFolderTest::SetUp();
-    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved_), 0);
-    previous_handler_ = std::signal(SIGXFSZ, SIG_IGN);   // a write past the limit fails instead
-  }
-  void TearDown() override {
-    ::setrlimit(RLIMIT_FSIZE, &saved_);
-    std::signal(SIGXFSZ, previous_handler_);
-    DriftFolderTest::TearDown();
-  }
-  void LimitFileSize(rlim_t bytes) {
-    rlimit limit = saved_;
-    limit.rlim_cur = bytes;
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
-  }
-  void Unlimit() { ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &saved_), 0); }
-  rlimit saved_{};
-  void (*previous_handler_)(int) = nullptr;
-};
+using DriftFullDiskTest = FileSizeLimitTest;
 
 TEST_F(DriftFullDiskTest, ARecordTheDiskTakesOnlyPartOfIsCutOffAndLaterAppendsGoOn) {
   const std::string path = PathOf("drift.kr");
