@@ -101,8 +101,8 @@ int CmdExporter(CommandArgs args) {
   std::fflush(stdout);
   platform::WaitTerminationRequest();
   std::printf("chronwarden exporter: stopping\n");
-  ExporterDrain(exporter);
-  platform::HttpStop(server);
+  platform::HttpStop(server);   // no new probe starts; every probe's reply is given
+  ExporterDrain(exporter);      // and every probe is done with the exporter
   platform::NetCleanup();
   return kExitOk;
 }

@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 
@@ -22,6 +24,12 @@ struct HttpServer {
   MHD_Daemon* daemon = nullptr;
   HttpHandler handler;
   std::uint32_t max_connections = 0;
+  // The library may not be stopped while a connection is suspended (it aborts the process): once
+  // stopping, new requests are answered at once, and the stop waits for the suspended ones' replies.
+  std::mutex lock;
+  std::condition_variable resumed;
+  std::uint32_t suspended = 0;
+  bool stopping = false;
 };
 
 namespace {
@@ -34,7 +42,7 @@ struct Pending {
   MHD_Connection* connection = nullptr;
   bool started = false;
   bool done = false;
-  bool suspended = false;
+  bool suspended = false;   // counted in the server's suspended connections
   HttpResponse response;
 };
 using PendingRef = std::shared_ptr<Pending>;
@@ -59,6 +67,18 @@ MHD_Result Queue(MHD_Connection* connection, const HttpResponse& r) {
   return result;
 }
 
+bool Stopping(HttpServer& server) {
+  std::lock_guard<std::mutex> hold(server.lock);
+  return server.stopping;
+}
+
+// A suspended connection is back in the library's hands (pending's lock held).
+void Resumed(HttpServer& server, Pending& pending) {
+  pending.suspended = false;
+  std::lock_guard<std::mutex> hold(server.lock);
+  if (--server.suspended == 0) server.resumed.notify_all();
+}
+
 MHD_Result Access(void* cls, MHD_Connection* connection, const char* url, const char* method, const char*,
                   const char*, size_t* upload_size, void** con_cls) {
   auto* server = static_cast<HttpServer*>(cls);
@@ -74,6 +94,10 @@ MHD_Result Access(void* cls, MHD_Connection* connection, const char* url, const 
   }
   PendingRef pending = *static_cast<PendingRef*>(*con_cls);
   std::unique_lock<std::mutex> hold(pending->lock);
+  if (!pending->started && Stopping(*server)) {
+    pending->started = true;
+    return Queue(connection, HttpResponse{503, "text/plain; charset=utf-8", "stopping\n", {}});
+  }
   if (!pending->started) {
     pending->started = true;
     HttpRequest request;
@@ -99,14 +123,26 @@ MHD_Result Access(void* cls, MHD_Connection* connection, const char* url, const 
     }
     hold.lock();
   }
-  if (pending->done) return Queue(connection, pending->response);
+  if (pending->done) {
+    if (pending->suspended) Resumed(*server, *pending);
+    return Queue(connection, pending->response);
+  }
   pending->suspended = true;
+  {
+    std::lock_guard<std::mutex> g(server->lock);
+    ++server->suspended;
+  }
   MHD_suspend_connection(connection);
   return MHD_YES;
 }
 
-void Completed(void*, MHD_Connection*, void** con_cls, MHD_RequestTerminationCode) {
-  delete static_cast<PendingRef*>(*con_cls);
+void Completed(void* cls, MHD_Connection*, void** con_cls, MHD_RequestTerminationCode) {
+  auto* ref = static_cast<PendingRef*>(*con_cls);
+  if (ref) {
+    std::lock_guard<std::mutex> hold((*ref)->lock);
+    if ((*ref)->suspended) Resumed(*static_cast<HttpServer*>(cls), **ref);
+  }
+  delete ref;
   *con_cls = nullptr;
 }
 
@@ -142,7 +178,7 @@ HttpServer* HttpStart(const HttpServerOptions& options, HttpHandler handler) {
       Access, server.get(), MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&local), MHD_OPTION_CONNECTION_LIMIT,
       static_cast<unsigned>(server->max_connections), MHD_OPTION_CONNECTION_TIMEOUT,
       static_cast<unsigned>(options.idle_timeout_s), MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory,
-      MHD_OPTION_LISTEN_BACKLOG_SIZE, kBacklog, MHD_OPTION_NOTIFY_COMPLETED, Completed, nullptr, MHD_OPTION_END);
+      MHD_OPTION_LISTEN_BACKLOG_SIZE, kBacklog, MHD_OPTION_NOTIFY_COMPLETED, Completed, server.get(), MHD_OPTION_END);
   if (!server->daemon) {
     // The library does not say why; a taken port is by far the most common reason.
     SetLastSocketError(errno == EADDRINUSE || errno == 0 ? kWsaEaddrinuse : kWsaEinval);
@@ -160,6 +196,12 @@ std::uint32_t HttpMaxConnections(const HttpServer* server) { return server->max_
 
 void HttpStop(HttpServer* server) {
   if (!server) return;
+  {
+    std::unique_lock<std::mutex> hold(server->lock);
+    server->stopping = true;
+    // Replies come within their handlers' own time-outs; a handler that never replies is not waited for forever.
+    server->resumed.wait_for(hold, std::chrono::seconds(60), [server] { return server->suspended == 0; });
+  }
   MHD_stop_daemon(server->daemon);
   delete server;
 }

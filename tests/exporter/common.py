@@ -148,9 +148,10 @@ class Failures:
         print(("ok    " if ok else "FAIL  ") + what, flush=True)
         if not ok:
             self.failed.append(what)
+        return ok
 
     def equal(self, got, expected, what):
-        self.check(got == expected, f"{what}: {got!r}" + ("" if got == expected else f", expected {expected!r}"))
+        return self.check(got == expected, f"{what}: {got!r}" + ("" if got == expected else f", expected {expected!r}"))
 
     def exit(self):
         if self.failed:

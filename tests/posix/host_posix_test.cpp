@@ -254,8 +254,8 @@ TEST_F(HostProcessTest, StartsTheProviderReloadsAndStopsOnSigterm) {
   int status = 0;
   ASSERT_EQ(waitpid(pid_, &status, 0), pid_);
   pid_ = -1;
-  EXPECT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_TRUE(WIFEXITED(status)) << Log();
+  EXPECT_EQ(WEXITSTATUS(status), 0) << Log();
   EXPECT_EQ(Running(), "False");
   platform::CloseSocket(holder);
   const std::string log = Log();
