@@ -123,7 +123,16 @@ bool WaitForThreadAnsweringSends(ThreadHandle t, std::uint32_t timeout_ms) {
 
 void CloseThread(ThreadHandle t) {
   if (!t) return;
-  pthread_detach(t->thread);
+  bool done = false;
+  {
+    std::lock_guard lock(t->state->mutex);
+    done = t->state->done;
+  }
+  // A thread whose function has returned is joined: it is only unwinding, and a process that ends
+  // meanwhile would do so beside a thread half gone (LeakSanitizer's stop of the threads at exit,
+  // for one, fails on it). One still running is let go, as closing a handle does.
+  if (done) pthread_join(t->thread, nullptr);
+  else pthread_detach(t->thread);
   delete t;
 }
 

@@ -202,9 +202,11 @@ class HostProcessTest : public RegistryTest {
       fs::remove(fs::path("/dev/shm") / (ns_ + n));
     RegistryTest::TearDown();
   }
-  void Start(const std::string& chrony_socket) {
+  // leak_check false: the sanitizers' leak check at the host's exit is left out (see the SIGTERM test).
+  void Start(const std::string& chrony_socket, bool leak_check = true) {
     pid_ = fork();
     if (pid_ == 0) {
+      if (!leak_check) setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
       const int fd = ::open(log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
       dup2(fd, 2);
       setenv("CHRONWARDEN_SHM_NAMESPACE", ns_.c_str(), 1);
@@ -245,7 +247,10 @@ TEST_F(HostProcessTest, StartsTheProviderReloadsAndStopsOnSigterm) {
   std::uint16_t port = 0;
   if (!platform::ServicePort("kaironsync", "udp", port)) port = platform::HostToNet16(9909);
   const bool port_held = platform::BindV4(holder, {platform::kFamilyInet, port, 0});
-  Start((root_ / "chronyd.sock").string());
+  // Under ASan, LeakSanitizer's own stop of the threads at this host's exit after SIGTERM crashes
+  // at times ("Tracer caught signal 11", exit 1) although the host stopped cleanly: the exit code
+  // is this test's subject, so the leak check is left to the other host tests.
+  Start((root_ / "chronyd.sock").string(), false);
   ASSERT_TRUE(Within(20, [] { return Running() == "True"; })) << Log();
   ASSERT_TRUE(Within(20, [&] { return Log().find("Chronwarden: no sample") != std::string::npos; })) << Log();
   kill(pid_, SIGHUP);
