@@ -46,8 +46,8 @@ HttpServer* HttpStart(const HttpServerOptions& options, HttpHandler handler);
 std::uint16_t HttpBoundPort(const HttpServer* server);   // host order
 std::uint32_t HttpMaxConnections(const HttpServer* server);
 // Stops serving and frees the server: requests that come meanwhile get 503 at once, and the stop
-// waits (up to 60 s) until every reply a handler still owes has been given; a handler's own work
-// after its reply may still be running when it returns.
+// waits (up to 60 s) until every reply owed (a handler's, or such a 503) has been sent or its
+// connection is gone; a handler's own work after its reply may still be running when it returns.
 void HttpStop(HttpServer* server);
 
 }  // namespace platform

@@ -24,11 +24,13 @@ struct HttpServer {
   MHD_Daemon* daemon = nullptr;
   HttpHandler handler;
   std::uint32_t max_connections = 0;
-  // The library may not be stopped while a connection is suspended (it aborts the process): once
-  // stopping, new requests are answered at once, and the stop waits for the suspended ones' replies.
+  // The library may not be stopped while a connection is suspended (it aborts the process), and
+  // its stop closes every connection at once, dropping a reply queued but not yet sent: once
+  // stopping, new requests are answered at once, and the stop waits until the library is done
+  // with every request answered or handed to the handler (its reply sent, or its connection gone).
   std::mutex lock;
-  std::condition_variable resumed;
-  std::uint32_t suspended = 0;
+  std::condition_variable settled;
+  std::uint32_t owed = 0;   // requests answered or handed to the handler whose reply is not yet sent
   bool stopping = false;
 };
 
@@ -40,9 +42,9 @@ namespace {
 struct Pending {
   std::mutex lock;
   MHD_Connection* connection = nullptr;
-  bool started = false;
+  bool started = false;      // answered or handed to the handler: counted in the server's owed replies
   bool done = false;
-  bool suspended = false;   // counted in the server's suspended connections
+  bool suspended = false;
   HttpResponse response;
 };
 using PendingRef = std::shared_ptr<Pending>;
@@ -67,16 +69,11 @@ MHD_Result Queue(MHD_Connection* connection, const HttpResponse& r) {
   return result;
 }
 
-bool Stopping(HttpServer& server) {
+// A reply is owed from now on; false when stopping (the request is then answered at once).
+bool Owe(HttpServer& server) {
   std::lock_guard<std::mutex> hold(server.lock);
-  return server.stopping;
-}
-
-// A suspended connection is back in the library's hands (pending's lock held).
-void Resumed(HttpServer& server, Pending& pending) {
-  pending.suspended = false;
-  std::lock_guard<std::mutex> hold(server.lock);
-  if (--server.suspended == 0) server.resumed.notify_all();
+  ++server.owed;
+  return !server.stopping;
 }
 
 MHD_Result Access(void* cls, MHD_Connection* connection, const char* url, const char* method, const char*,
@@ -94,12 +91,9 @@ MHD_Result Access(void* cls, MHD_Connection* connection, const char* url, const 
   }
   PendingRef pending = *static_cast<PendingRef*>(*con_cls);
   std::unique_lock<std::mutex> hold(pending->lock);
-  if (!pending->started && Stopping(*server)) {
-    pending->started = true;
-    return Queue(connection, HttpResponse{503, "text/plain; charset=utf-8", "stopping\n", {}});
-  }
   if (!pending->started) {
     pending->started = true;
+    if (!Owe(*server)) return Queue(connection, HttpResponse{503, "text/plain; charset=utf-8", "stopping\n", {}});
     HttpRequest request;
     request.method = method ? method : "";
     request.path = url ? url : "";
@@ -123,24 +117,19 @@ MHD_Result Access(void* cls, MHD_Connection* connection, const char* url, const 
     }
     hold.lock();
   }
-  if (pending->done) {
-    if (pending->suspended) Resumed(*server, *pending);
-    return Queue(connection, pending->response);
-  }
+  if (pending->done) return Queue(connection, pending->response);
   pending->suspended = true;
-  {
-    std::lock_guard<std::mutex> g(server->lock);
-    ++server->suspended;
-  }
   MHD_suspend_connection(connection);
   return MHD_YES;
 }
 
+// The library is done with a request: its reply sent, or its connection gone.
 void Completed(void* cls, MHD_Connection*, void** con_cls, MHD_RequestTerminationCode) {
   auto* ref = static_cast<PendingRef*>(*con_cls);
-  if (ref) {
-    std::lock_guard<std::mutex> hold((*ref)->lock);
-    if ((*ref)->suspended) Resumed(*static_cast<HttpServer*>(cls), **ref);
+  if (ref && (*ref)->started) {
+    auto& server = *static_cast<HttpServer*>(cls);
+    std::lock_guard<std::mutex> hold(server.lock);
+    if (--server.owed == 0) server.settled.notify_all();
   }
   delete ref;
   *con_cls = nullptr;
@@ -200,7 +189,7 @@ void HttpStop(HttpServer* server) {
     std::unique_lock<std::mutex> hold(server->lock);
     server->stopping = true;
     // Replies come within their handlers' own time-outs; a handler that never replies is not waited for forever.
-    server->resumed.wait_for(hold, std::chrono::seconds(60), [server] { return server->suspended == 0; });
+    server->settled.wait_for(hold, std::chrono::seconds(60), [server] { return server->owed == 0; });
   }
   MHD_stop_daemon(server->daemon);
   delete server;
