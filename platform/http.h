@@ -2,7 +2,8 @@
 // (libmicrohttpd on Linux, one internal thread polling every connection with epoll), never a
 // hand-written parser. A request is handed to the handler with a reply callback that may be
 // called later from any thread: the connection waits, suspended, without holding the server or
-// any other connection. Windows: not available (HttpStart fails with 50, not supported).
+// any other connection. Requests pipelined on one connection are answered in their order. Windows:
+// not available (HttpStart fails with 50, not supported).
 #pragma once
 #include <cstdint>
 #include <functional>
@@ -36,7 +37,11 @@ struct HttpServerOptions {
   std::uint32_t address = 0;                 // IPv4, network order; 0 all addresses
   std::uint16_t port = 0;                    // host order; 0 the system's choice
   std::uint32_t max_connections = 16384;     // more are closed at once; cut to the open-file limit
+  std::uint32_t max_connections_per_client = 1024;   // from one client address; more are closed at once
   std::uint32_t idle_timeout_s = 30;         // a connection quiet this long is closed
+  // A request not complete (line, headers and any body) this long after its connection's accept,
+  // or after the reply before it on the connection, closes the connection unanswered (ms).
+  std::uint32_t request_deadline_ms = 10000;
 };
 
 struct HttpServer;

@@ -1,29 +1,37 @@
 // The HTTP server over libmicrohttpd: one internal thread polls the listening socket and every
 // connection with epoll; a request whose reply comes later is suspended (it costs neither a thread
-// nor a poll slot) and resumed by its reply callback.
+// nor a poll slot) and resumed by its reply callback. A watcher thread of its own closes the
+// connections whose request is not complete by its deadline.
 #include "platform/http.h"
 
 #include <arpa/inet.h>
 #include <microhttpd.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <memory>
 #include <mutex>
+#include <thread>
+#include <unordered_map>
 
 #include "platform/error.h"
 
 namespace platform {
 
+using Clock = std::chrono::steady_clock;
+
 struct HttpServer {
   MHD_Daemon* daemon = nullptr;
   HttpHandler handler;
   std::uint32_t max_connections = 0;
+  std::chrono::milliseconds request_deadline{0};
   // The library may not be stopped while a connection is suspended (it aborts the process), and
   // its stop closes every connection at once, dropping a reply queued but not yet sent: once
   // stopping, new requests are answered at once, and the stop waits until the library is done
@@ -32,6 +40,26 @@ struct HttpServer {
   std::condition_variable settled;
   std::uint32_t owed = 0;   // requests answered or handed to the handler whose reply is not yet sent
   bool stopping = false;
+  // The request deadlines. Every connection is known from its accept until the library closes it
+  // (it tells before it closes the socket, so a shutdown under the lock never hits a reused one); it
+  // has a deadline while a request is still coming. A deadline is always now + request_deadline,
+  // so the queue is in time order; an entry whose connection has since been re-armed, disarmed or
+  // closed is stale (its number no longer the connection's).
+  struct Watched {
+    int fd = -1;
+    std::uint64_t armed = 0;   // the number of the entry in force; 0 none
+  };
+  struct Due {
+    Clock::time_point at;
+    MHD_Connection* connection;
+    std::uint64_t number;
+  };
+  std::unordered_map<MHD_Connection*, Watched> connections;
+  std::deque<Due> due;
+  std::uint64_t next_number = 1;
+  std::condition_variable armed;
+  bool closing = false;
+  std::thread watcher;
 };
 
 namespace {
@@ -69,10 +97,66 @@ MHD_Result Queue(MHD_Connection* connection, const HttpResponse& r) {
   return result;
 }
 
-// A reply is owed from now on; false when stopping (the request is then answered at once).
-bool Owe(HttpServer& server) {
+// The connection's next request is due by the deadline from now (server's lock held).
+void Arm(HttpServer& server, MHD_Connection* connection) {
+  const auto found = server.connections.find(connection);
+  if (found == server.connections.end()) return;
+  found->second.armed = server.next_number++;
+  server.due.push_back({Clock::now() + server.request_deadline, connection, found->second.armed});
+  if (server.due.size() == 1) server.armed.notify_one();
+}
+
+// Closes the connections whose request is not complete by its deadline, until the server stops.
+void Watch(HttpServer& server) {
+  std::unique_lock<std::mutex> hold(server.lock);
+  while (!server.closing) {
+    if (server.due.empty()) {
+      server.armed.wait(hold);
+      continue;
+    }
+    const HttpServer::Due next = server.due.front();
+    if (Clock::now() < next.at) {
+      server.armed.wait_until(hold, next.at);
+      continue;
+    }
+    server.due.pop_front();
+    const auto found = server.connections.find(next.connection);
+    if (found == server.connections.end() || found->second.armed != next.number) continue;
+    found->second.armed = 0;
+    // The library sees the end of the stream and closes the connection in its own thread.
+    shutdown(found->second.fd, SHUT_RDWR);
+  }
+}
+
+void StopWatcher(HttpServer& server) {
+  {
+    std::lock_guard<std::mutex> hold(server.lock);
+    server.closing = true;
+  }
+  server.armed.notify_one();
+  server.watcher.join();
+}
+
+void Connection(void* cls, MHD_Connection* connection, void**, MHD_ConnectionNotificationCode code) {
+  auto& server = *static_cast<HttpServer*>(cls);
+  std::lock_guard<std::mutex> hold(server.lock);
+  if (code == MHD_CONNECTION_NOTIFY_CLOSED) {
+    server.connections.erase(connection);
+    return;
+  }
+  const MHD_ConnectionInfo* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+  if (!info) return;
+  server.connections[connection].fd = info->connect_fd;
+  Arm(server, connection);
+}
+
+// The request is complete: a reply is owed from now on. False when stopping (the request is then
+// answered at once).
+bool Owe(HttpServer& server, MHD_Connection* connection) {
   std::lock_guard<std::mutex> hold(server.lock);
   ++server.owed;
+  const auto found = server.connections.find(connection);
+  if (found != server.connections.end()) found->second.armed = 0;
   return !server.stopping;
 }
 
@@ -93,7 +177,8 @@ MHD_Result Access(void* cls, MHD_Connection* connection, const char* url, const 
   std::unique_lock<std::mutex> hold(pending->lock);
   if (!pending->started) {
     pending->started = true;
-    if (!Owe(*server)) return Queue(connection, HttpResponse{503, "text/plain; charset=utf-8", "stopping\n", {}});
+    if (!Owe(*server, connection))
+      return Queue(connection, HttpResponse{503, "text/plain; charset=utf-8", "stopping\n", {}});
     HttpRequest request;
     request.method = method ? method : "";
     request.path = url ? url : "";
@@ -123,13 +208,15 @@ MHD_Result Access(void* cls, MHD_Connection* connection, const char* url, const 
   return MHD_YES;
 }
 
-// The library is done with a request: its reply sent, or its connection gone.
-void Completed(void* cls, MHD_Connection*, void** con_cls, MHD_RequestTerminationCode) {
+// The library is done with a request: its reply sent, or its connection gone. A connection kept
+// open has its next request due by the deadline.
+void Completed(void* cls, MHD_Connection* connection, void** con_cls, MHD_RequestTerminationCode) {
+  auto& server = *static_cast<HttpServer*>(cls);
   auto* ref = static_cast<PendingRef*>(*con_cls);
-  if (ref && (*ref)->started) {
-    auto& server = *static_cast<HttpServer*>(cls);
+  {
     std::lock_guard<std::mutex> hold(server.lock);
-    if (--server.owed == 0) server.settled.notify_all();
+    if (ref && (*ref)->started && --server.owed == 0) server.settled.notify_all();
+    Arm(server, connection);
   }
   delete ref;
   *con_cls = nullptr;
@@ -152,6 +239,7 @@ rlim_t RaiseOpenFileLimit() {
 HttpServer* HttpStart(const HttpServerOptions& options, HttpHandler handler) {
   auto server = std::make_unique<HttpServer>();
   server->handler = std::move(handler);
+  server->request_deadline = std::chrono::milliseconds(options.request_deadline_ms);
   const rlim_t files = RaiseOpenFileLimit();
   constexpr rlim_t kSpareFiles = 64;   // the process's own files, sockets and pipes
   server->max_connections = static_cast<std::uint32_t>(
@@ -162,15 +250,20 @@ HttpServer* HttpStart(const HttpServerOptions& options, HttpHandler handler) {
   local.sin_addr.s_addr = options.address;
   constexpr unsigned kBacklog = 4096;
   constexpr size_t kConnectionMemory = 16 * 1024;   // a request line and headers; no endpoint takes a body
+  server->watcher = std::thread(Watch, std::ref(*server));
   server->daemon = MHD_start_daemon(
       MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, options.port, nullptr, nullptr,
       Access, server.get(), MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&local), MHD_OPTION_CONNECTION_LIMIT,
-      static_cast<unsigned>(server->max_connections), MHD_OPTION_CONNECTION_TIMEOUT,
+      static_cast<unsigned>(server->max_connections), MHD_OPTION_PER_IP_CONNECTION_LIMIT,
+      static_cast<unsigned>(options.max_connections_per_client), MHD_OPTION_CONNECTION_TIMEOUT,
       static_cast<unsigned>(options.idle_timeout_s), MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory,
-      MHD_OPTION_LISTEN_BACKLOG_SIZE, kBacklog, MHD_OPTION_NOTIFY_COMPLETED, Completed, server.get(), MHD_OPTION_END);
+      MHD_OPTION_LISTEN_BACKLOG_SIZE, kBacklog, MHD_OPTION_NOTIFY_COMPLETED, Completed, server.get(),
+      MHD_OPTION_NOTIFY_CONNECTION, Connection, server.get(), MHD_OPTION_END);
   if (!server->daemon) {
     // The library does not say why; a taken port is by far the most common reason.
-    SetLastSocketError(errno == EADDRINUSE || errno == 0 ? kWsaEaddrinuse : kWsaEinval);
+    const int error = errno;
+    StopWatcher(*server);
+    SetLastSocketError(error == EADDRINUSE || error == 0 ? kWsaEaddrinuse : kWsaEinval);
     return nullptr;
   }
   return server.release();
@@ -192,6 +285,7 @@ void HttpStop(HttpServer* server) {
     server->settled.wait_for(hold, std::chrono::seconds(60), [server] { return server->owed == 0; });
   }
   MHD_stop_daemon(server->daemon);
+  StopWatcher(*server);
   delete server;
 }
 

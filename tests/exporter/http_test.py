@@ -2,8 +2,8 @@
 """chronwarden exporter's HTTP endpoints against a loopback KR2 fleet (bench/kr2_fleet), in a
 network namespace of its own: probes of answering, silent and refusing machines, both exposition
 formats, every kind of bad request with its exact reply, a silent machine that holds no other
-probe, the probe limit, and 10,000 connections at once; the exporter serves on throughout and
-ends with exit code 0 on SIGTERM."""
+probe, the probe limit, the cap of 1024 connections from one address, and 10,000 connections at
+once; the exporter serves on throughout and ends with exit code 0 on SIGTERM."""
 import os
 import resource
 import selectors
@@ -47,7 +47,8 @@ def bad(path, status, text, method="GET"):
 
 
 def many_connections(count, path):
-    """count connections at once, each sending one request; the status of each reply (None: the
+    """count connections at once, each sending one request, 1000 of them from each of the loopback
+    addresses 127.9.N.1 (one address may hold 1024 at once); the status of each reply (None: the
     connection ended without one)."""
     request = f"GET {path} HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n".encode()
     sel = selectors.DefaultSelector()
@@ -55,6 +56,7 @@ def many_connections(count, path):
     for i in range(count):
         s = socket.socket()
         s.setblocking(False)
+        s.bind((f"127.9.{i // 1000}.1", 0))
         s.connect_ex(("127.0.0.1", 9909))
         sel.register(s, selectors.EVENT_WRITE, i)
         replies[i] = b""
@@ -210,10 +212,25 @@ try:
     t.equal(sorted(set((c, metric(b, "chronwarden_up")[""]) for c, _, b in results)), [(200, 0.0)],
             "every silent probe ended as a good scrape")
 
-    # 10,000 connections at once, each asking for a silent machine: every one gets 200 or 503.
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     t.check(hard >= 10300, f"open-file limit {hard} allows 10,000 connections")
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    # One address holds at most 1024 connections: with 1024 open (accepted in their order), the
+    # 1025th ends without a reply, and the 1024 are served.
+    held = [socket.create_connection(("127.0.0.1", 9909)) for _ in range(1024)]
+    with socket.create_connection(("127.0.0.1", 9909)) as s:
+        try:
+            s.sendall(b"GET / HTTP/1.1\r\nHost: x\r\n\r\n")
+            reply = s.recv(4096)
+        except OSError:
+            reply = b""
+    t.equal(reply, b"", "the 1025th connection of one address is closed unanswered")
+    held[0].sendall(b"GET / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
+    t.check(held[0].recv(4096).startswith(b"HTTP/1.1 200 "), "the 1024 held are served")
+    for s in held:
+        s.close()
+    # 10,000 connections at once from 10 addresses, each asking for a silent machine: every one
+    # gets 200 or 503.
     statuses = many_connections(10000, f"/probe?target={SILENT}")
     counts = {s: statuses.count(s) for s in set(statuses)}
     print("10,000 connections:", counts, flush=True)
