@@ -59,7 +59,7 @@ std::uint64_t Kr2SipHash(const Kr2HashKey& key, std::uint64_t message) {
   return v0 ^ v1 ^ v2 ^ v3;
 }
 
-Kr2Guard::Kr2Guard() : key_(RandomKey()) {
+Kr2Guard::Kr2Guard() {
   Configure(defaults::kKr2ManagersDefault, defaults::kKr2RateLimitBytes, defaults::kKr2RateBurstBytes);
 }
 
@@ -79,7 +79,14 @@ bool Kr2Guard::MayChange(std::uint32_t address) const {
   return IsLoopbackAddress(address) || AddressListHas(managers_, address);
 }
 
-std::size_t Kr2Guard::SetOf(std::uint32_t address) const {
+void Kr2Guard::MakeTable() {
+  if (!buckets_.empty()) return;
+  buckets_.resize(defaults::kKr2RateSources);
+  key_ = RandomKey();
+}
+
+std::size_t Kr2Guard::SetOf(std::uint32_t address) {
+  MakeTable();
   return static_cast<std::size_t>(Kr2SipHash(key_, address) % (defaults::kKr2RateSources / kKr2RateWays));
 }
 
@@ -96,7 +103,6 @@ std::int64_t Kr2Guard::Refilled(const Bucket& b, std::uint64_t now_ms) const {
 
 // The source's bucket; a new one in a free or freeable place of its set; nullptr when none is.
 Kr2Guard::Bucket* Kr2Guard::Find(std::uint32_t address, std::uint64_t now_ms) {
-  if (buckets_.empty()) buckets_.resize(defaults::kKr2RateSources);
   Bucket* first = &buckets_[SetOf(address) * kKr2RateWays];
   Bucket* place = nullptr;
   // Which place to take: a free one, then a quiet newcomer's, then a stale regular's; the least

@@ -11,7 +11,7 @@
 // Rate Burst"); a request is answered while its source's bucket is above zero, and its cost is then
 // taken from it: the reply's size plus the work the request causes (Kr2WorkBytes: a history read,
 // a clear, a resync). So one source is never sent more than the burst plus the rate over time (and
-// one reply), whatever it asks: the responder cannot be used to multiply a forged sender's traffic
+// one request more), whatever it asks: the responder cannot be used to multiply a forged sender's traffic
 // towards a victim, nor made to read or write the machine's files faster than the rate allows. The
 // limit counts bytes, not replies, because bytes are what a reflector multiplies: at the defaults a
 // station may ask for its status five times a second without end, or fetch sixteen history records
@@ -23,8 +23,10 @@
 // sources costs a fixed amount of memory. The attacker sends datagrams with any source address
 // (the victim's and as many others as he likes), sees none of the replies, and knows this code:
 // - he cannot aim at a set: a source's set comes from SipHash-2-4 of its address under a 128-bit
-//   key drawn from the system's random source when the guard is made (platform::RandomBytes), so
-//   which addresses share the victim's set is a secret of the process;
+//   key drawn from the system's random source (platform::RandomBytes) when the table is first used,
+//   so which addresses share the victim's set is a secret of the process. (Not when the guard is
+//   made: the provider's guard is built while Windows loads the module, when no call that may load
+//   a library is allowed.)
 // - a source is never given back more than it had: a source the table does not hold starts with
 //   one second of the rate (the "first allowance", at most the burst), not the burst, and an entry
 //   gives up its place only when its bucket holds at least that allowance again, so forgetting a
@@ -91,7 +93,7 @@ class Kr2Guard {
   std::uint32_t rate() const { return rate_; }
   std::uint32_t burst() const { return burst_; }
   // The set of the table address (network order) falls in: a secret of the process (for tests).
-  std::size_t SetOf(std::uint32_t address) const;
+  std::size_t SetOf(std::uint32_t address);
 
  private:
   struct Bucket {
@@ -104,6 +106,7 @@ class Kr2Guard {
     std::unordered_map<std::uint32_t, std::uint32_t> logged;   // address -> when (s since 1970)
     bool Take(std::uint32_t address, std::uint32_t now_s);
   };
+  void MakeTable();   // the buckets and the key, on first use
   Bucket* Find(std::uint32_t address, std::uint64_t now_ms);
   std::int64_t Refilled(const Bucket& b, std::uint64_t now_ms) const;   // its tokens at now_ms
   std::int64_t FirstAllowance() const;                                  // a new source's tokens
@@ -112,7 +115,7 @@ class Kr2Guard {
   bool configured_ = false;
   AddressList managers_;
   std::uint32_t rate_ = 0, burst_ = 0;   // 0 until configured: see Configure
-  Kr2HashKey key_;                       // drawn once, when the guard is made
+  Kr2HashKey key_;                       // drawn once, with the table
   std::vector<Bucket> buckets_;          // kKr2RateSources, made on first use
   Bucket* charged_ = nullptr;            // the bucket of the request admitted last, if limited
   Notices not_manager_, limited_notices_;
@@ -120,7 +123,5 @@ class Kr2Guard {
   bool last_no_room_ = false;
 
  public:
-  // The defaults (managers loopback only, rate and burst of config/defaults.h) and a key from the
-  // system's random source.
-  Kr2Guard();
+  Kr2Guard();   // the defaults: managers loopback only, rate and burst of config/defaults.h
 };

@@ -213,7 +213,7 @@ TEST(Kr2Guard, TheKeyedHashIsSipHash24) {
 
 // Which set a source falls in is a secret of each guard, and a /24 spreads over the table.
 TEST(Kr2Guard, TheSetsOfATableAreSecretAndSpreadA24) {
-  const Kr2Guard a, b;
+  Kr2Guard a, b;
   std::set<std::size_t> sets;
   int same = 0;
   for (std::uint32_t host = 0; host < 256; ++host) {
@@ -226,7 +226,7 @@ TEST(Kr2Guard, TheSetsOfATableAreSecretAndSpreadA24) {
 }
 
 // What an attacker who knew the key would forge: addresses of 10.0.0.0/8 in the set of victim.
-std::vector<std::uint32_t> SameSet(const Kr2Guard& g, std::uint32_t victim, std::size_t n) {
+std::vector<std::uint32_t> SameSet(Kr2Guard& g, std::uint32_t victim, std::size_t n) {
   std::vector<std::uint32_t> out;
   for (std::uint32_t i = 1; out.size() < n; ++i) {
     const std::uint32_t a = platform::HostToNet32(0x0A000000 + i);
