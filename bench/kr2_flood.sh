@@ -13,7 +13,7 @@ if [ "$(ip -o link show | wc -l)" != 1 ]; then
   exit 2
 fi
 here=$(cd "$(dirname "$0")/.." && pwd)
-dir=$(mktemp -d /tmp/cw-kr2-flood.XXXXXX)
+dir=$(mktemp -d "${TMPDIR:-/tmp}/cw-kr2-flood.XXXXXX")
 trap 'sh "$here/scripts/ntp-peers.sh" stop "$dir"; rm -rf "$dir"' EXIT
 sh "$here/scripts/ntp-peers.sh" start "$dir"
 # Two sources that are not loopback, for the rate limit's phase (loopback is never limited).

@@ -7,7 +7,9 @@
 // then a chronyd on 127.0.0.1:123 for the time (48-byte client requests) for as long; before both
 // the provider is left idle as long. Each phase reports replies per second, the median and p99
 // round trip of the replies, and the agent's worst poll lateness (interval between two polls less
-// one second). bench/kr2_flood.sh starts chronyd and runs this program.
+// one second). Then, from sources that are not loopback, the rate limit under a flood and under the
+// eviction attack (forged neighbours beside a flooded victim). bench/kr2_flood.sh starts chronyd
+// and runs this program.
 //
 // Usage: kr2_flood_bench [SECONDS] [WINDOW]
 #include <algorithm>
@@ -18,6 +20,7 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <random>
 #include <string>
@@ -212,6 +215,16 @@ platform::SocketHandle SocketFrom(std::uint32_t host) {
   return s;
 }
 
+// Counts the replies that reach s and their bytes, until a wait finds none once sending is false.
+void CountReplies(platform::SocketHandle s, std::uint64_t& replies, std::uint64_t& bytes, const std::atomic<bool>& sending) {
+  std::uint8_t buf[kKr2RequestMax];
+  for (;;) {
+    const int n = platform::ReceiveFrom(s, buf, sizeof buf, nullptr);
+    if (n > 0) ++replies, bytes += static_cast<std::uint64_t>(n);
+    else if (!sending) break;
+  }
+}
+
 LimitResult LimitedFlood(std::uint16_t port, Clock::duration length) {
   LimitResult r;
   const platform::SocketAddressV4 to{platform::kFamilyInet, platform::HostToNet16(port), platform::HostToNet32(kLimitNet | 1)};
@@ -224,14 +237,7 @@ LimitResult LimitedFlood(std::uint16_t port, Clock::duration length) {
   r.ok = true;
   const auto start = Clock::now(), end = start + length;
   std::atomic<bool> sending{true};
-  std::thread receiver([&] {   // the flood's replies, until a wait finds none after the sending ended
-    std::uint8_t buf[kKr2RequestMax];
-    for (;;) {
-      const int n = platform::ReceiveFrom(flood, buf, sizeof buf, nullptr);
-      if (n > 0) ++r.flood_replies, r.flood_bytes += static_cast<std::uint64_t>(n);
-      else if (!sending) break;
-    }
-  });
+  std::thread receiver(CountReplies, flood, std::ref(r.flood_replies), std::ref(r.flood_bytes), std::cref(sending));
   std::thread station_thread([&] {
     std::uint8_t buf[kKr2RequestMax];
     for (std::uint32_t tag = 1u << 31; Clock::now() < end; ++tag) {
@@ -254,6 +260,42 @@ LimitResult LimitedFlood(std::uint16_t port, Clock::duration length) {
   receiver.join();
   platform::CloseSocket(flood);
   platform::CloseSocket(station);
+  return r;
+}
+
+// The eviction attack: the victim's address (192.0.2.30) floods status requests while eight forged
+// neighbours of its /24 (192.0.2.31-38) each send one beside every one of the victim's, as an
+// attacker who wants the victim's bucket pushed out of the table (and started again full) would.
+struct EvictionResult {
+  bool ok = false;
+  std::uint64_t victim_sent = 0, victim_replies = 0, victim_bytes = 0;
+  double seconds = 0;
+};
+
+EvictionResult EvictionFlood(std::uint16_t port, Clock::duration length) {
+  EvictionResult r;
+  constexpr std::uint32_t kNeighbours = 8;
+  const platform::SocketAddressV4 to{platform::kFamilyInet, platform::HostToNet16(port), platform::HostToNet32(kLimitNet | 1)};
+  std::vector<platform::SocketHandle> sockets;
+  for (std::uint32_t host = 30; host <= 30 + kNeighbours; ++host) sockets.push_back(SocketFrom(kLimitNet | host));
+  const auto close_all = [&] {
+    for (const auto s : sockets) platform::CloseSocket(s);
+  };
+  if (std::count(sockets.begin(), sockets.end(), platform::kInvalidSocket) != 0) return close_all(), r;
+  r.ok = true;
+  const platform::SocketHandle victim = sockets[0];
+  const auto start = Clock::now(), end = start + length;
+  std::atomic<bool> sending{true};
+  std::thread receiver(CountReplies, victim, std::ref(r.victim_replies), std::ref(r.victim_bytes), std::cref(sending));
+  for (std::uint32_t tag = 0; Clock::now() < end; ++tag) {
+    const auto request = Kr2BuildRequest(kKr2Status, 0, tag);
+    for (const auto s : sockets)
+      if (platform::SendTo(s, request.data(), request.size(), to) >= 0 && s == victim) ++r.victim_sent;
+  }
+  r.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  sending = false;
+  receiver.join();
+  close_all();
   return r;
 }
 
@@ -323,6 +365,20 @@ int main(int argc, char** argv) {
                   limit.station_answered * 355.0 / limit.seconds);
       if (limit.station_answered != limit.station_asked || static_cast<double>(limit.flood_bytes) > cap * limit.seconds + 355)
         status = 1;
+    }
+    EvictionResult evict;
+    const double evict_ms = WorstPollLatenessMs([&] { evict = EvictionFlood(platform::NetToHost16(listen.port), length); });
+    if (evict.ok) {
+      const W32tSettings& set = g_provider.settings;
+      const double cap = (set.kr2_rate_burst + set.kr2_rate_limit * evict.seconds) / evict.seconds;
+      std::printf("\neviction attack, %.1f s: the victim floods, eight forged neighbours of its /24 beside it\n\n",
+                  evict.seconds);
+      std::printf("| source | requests | replies | reply bytes/s | cap (bytes/s) | worst poll lateness (ms) |\n");
+      std::printf("|---|---:|---:|---:|---:|---:|\n");
+      std::printf("| 192.0.2.30, the victim | %llu | %llu | %.0f | %.0f | %.1f |\n",
+                  static_cast<unsigned long long>(evict.victim_sent), static_cast<unsigned long long>(evict.victim_replies),
+                  static_cast<double>(evict.victim_bytes) / evict.seconds, cap, evict_ms);
+      if (static_cast<double>(evict.victim_bytes) > cap * evict.seconds + 355) status = 1;
     }
     if (!ntp_result.ok) std::fprintf(stderr, "nothing answered on 127.0.0.1:123 (start chronyd -x there)\n");
   }

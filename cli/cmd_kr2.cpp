@@ -253,7 +253,8 @@ int History(Kr2Peer& peer, const std::string& host, std::uint32_t after, DriftLi
   while (records.size() < kMaxRecords) {
     DriftRecord r{};
     // A machine limits the replies one source gets a second: a long history goes quiet for a
-    // moment once the first few hundred records are in, so silence is asked again before it counts.
+    // moment once the first records are in (sixteen at the defaults), so silence is asked again
+    // before it counts.
     int n = -1;
     for (std::uint32_t tries = 0; n < 0 && tries < defaults::kKr2HistoryTries; ++tries) {
       n = Kr2Ask(peer, kKr2DriftAfter, after, &r, sizeof r);

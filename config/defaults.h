@@ -60,7 +60,15 @@ inline constexpr const char* kKr2RateLimitValue = "KR2 Rate Limit";    // provid
 inline constexpr const char* kKr2RateBurstValue = "KR2 Rate Burst";    // provider key, DWORD: reply bytes a source may have at once
 inline constexpr std::uint32_t kKr2RateLimitBytes = 2048;   // reply bytes a second per source address (5 status replies)
 inline constexpr std::uint32_t kKr2RateBurstBytes = 16384;  // bytes a quiet source may be sent at once (46 status replies)
-inline constexpr std::uint32_t kKr2RateSources = 4096;      // sources the limiter remembers (the least recently seen goes)
+inline constexpr std::uint32_t kKr2RateSources = 4096;      // sources the limiter remembers (a table of fixed size)
+inline constexpr std::uint32_t kKr2RateStaleMs = 60'000;    // a regular unseen this long may give its place to a new source (ms)
+inline constexpr std::uint32_t kKr2RateNewcomerMs = 5'000;  // a source seen once, unseen this long, may give it (ms)
+// The work a request causes, charged beside its reply's bytes (bytes-equivalent): a history read
+// goes through the drift file (at most 16 a second at the default rate), a clear writes the file and
+// the registry, a resync makes the machine query its time sources.
+inline constexpr std::uint32_t kKr2WorkHistoryBytes = 108;   // command 160 (128 in all with its 20-byte reply)
+inline constexpr std::uint32_t kKr2WorkClearBytes = 4096;    // command 129
+inline constexpr std::uint32_t kKr2WorkResyncBytes = 1024;   // commands 3 and 204
 inline constexpr std::uint32_t kKr2NoticeIntervalS = 3600;  // one logged refusal per source in this time (s)
 inline constexpr std::uint32_t kKr2NoticesPerInterval = 100;   // refusals logged in that time for all sources together
 // The Prometheus exporter (chronwarden exporter). TCP 9909: the number of the KR2 UDP port it

@@ -1,5 +1,6 @@
 // Facts about the operating system the process runs on.
 #pragma once
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -36,5 +37,9 @@ std::string ComputerName();
 // The name of the system the process really runs on when it is not Windows ("Linux 6.1.0-13-amd64",
 // from uname); "" on Windows, where the version record names the system.
 std::string OsProductName();
+
+// Fills out with size bytes from the system's secure random source (getrandom; RtlGenRandom on
+// Windows), for secrets such as a hash key. False when the source failed: out is then undefined.
+bool RandomBytes(void* out, std::size_t size);
 
 }  // namespace platform

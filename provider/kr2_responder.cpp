@@ -65,6 +65,10 @@ std::uint16_t InstalledBit(const char* key, std::uint16_t bit) {
 
 }  // namespace
 
+std::size_t Kr2RequestBytes(std::uint8_t code) {
+  return code == kKr2DriftAfter ? kKr2ArgumentOffset + sizeof(std::uint32_t) : kKr2CommandOffset + 1;
+}
+
 bool IsKnownKr2Command(std::uint32_t code) {
   for (std::uint8_t known : kKnownKr2)
     if (known == code) return true;
@@ -272,7 +276,11 @@ Kr2Outcome Kr2Responder::HandleRequestWith(Kr2Socket& socket, Kr2Machine& machin
     ++status_.failed[0];
     return Kr2Outcome::ReceiveFailed;
   }
+  // A datagram shorter than its request gets silence: the rest would be read from the request
+  // before it, still in the buffer.
+  if (static_cast<std::size_t>(received) <= kKr2CommandOffset) return Kr2Outcome::Malformed;
   const std::uint8_t code = buf[kKr2CommandOffset];
+  if (static_cast<std::size_t>(received) < Kr2RequestBytes(code)) return Kr2Outcome::Malformed;
   if (prohibited_[code] != 0) return Kr2Outcome::Refused;
   Kr2Guard& guard = guard_;
   if (Kr2ChangesMachine(code) && !guard.MayChange(from.address)) {
@@ -290,9 +298,15 @@ Kr2Outcome Kr2Responder::HandleRequestWith(Kr2Socket& socket, Kr2Machine& machin
   if (!guard.Admit(from.address, platform::CounterMilliseconds())) {
     if (guard.NoticeLimited(from.address, Now())) {
       char address[16];
-      LogEvent(event_source_, platform::kEventLogWarning,
-               "KR2 requests from %s go unanswered: more than %u reply bytes a second asked (%llu limited so far)",
-               FormatIPv4(from.address, address), guard.rate(), static_cast<unsigned long long>(guard.limited()));
+      if (guard.last_no_room())
+        LogEvent(event_source_, platform::kEventLogWarning,
+                 "KR2 requests from %s go unanswered: the table of sources has no place for a new one while it "
+                 "holds sources that asked recently (%llu limited so far)",
+                 FormatIPv4(from.address, address), static_cast<unsigned long long>(guard.limited()));
+      else
+        LogEvent(event_source_, platform::kEventLogWarning,
+                 "KR2 requests from %s go unanswered: more than %u reply bytes a second asked (%llu limited so far)",
+                 FormatIPv4(from.address, address), guard.rate(), static_cast<unsigned long long>(guard.limited()));
     }
     return Kr2Outcome::Limited;
   }
@@ -376,7 +390,7 @@ Kr2Outcome Kr2Responder::HandleRequestWith(Kr2Socket& socket, Kr2Machine& machin
       return Kr2Outcome::Unanswered;
   }
 
-  guard.Charge(size);
+  guard.Charge(size + Kr2WorkBytes(code));
   const int sent = socket.Send(reply, size, from);
   if (sent >= 0) status_.bytes_sent += static_cast<std::uint64_t>(sent);
   ++status_.counters[0];

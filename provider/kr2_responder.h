@@ -14,14 +14,19 @@
 // rebuilt for each request that asks for it.
 //
 // Behaviour worth knowing:
-// - the receive buffer is kept between requests: a datagram shorter than 5 bytes is judged by
-//   whatever byte 4 of the buffer still holds, and a request whose 512 buffer bytes equal the last
+// - a datagram shorter than its request (Kr2RequestBytes: 5 bytes, up to the command code; 12 for
+//   160, which reads the word at offset 8) gets silence, and is neither counted, marked nor
+//   remembered. This changes the earlier behaviour on purpose, for security: such a datagram was
+//   judged by what the request before it had left in the receive buffer, so a 1-byte datagram from
+//   a forged address drew a 355- or 504-byte reply built from somebody else's request;
+// - the receive buffer is kept between requests: a request whose 512 buffer bytes equal the last
 //   answered one is a repeat and dropped (the first request after a new listen socket is always
 //   handled);
 // - a refused (prohibited or unknown) code is dropped without a reply, a count or an activity mark;
 // - a change (clear, resync) from a source that is no manager, and any request of a source over its
-//   rate, get silence (provider/kr2_guard.h); a limited request is not remembered as the last one,
-//   so the same request sent again once the source's bucket has refilled is answered;
+//   rate, get silence (provider/kr2_guard.h); an answered request is charged its reply's bytes and
+//   its work (Kr2WorkBytes: history read, clear, resync); a limited request is not remembered as
+//   the last one, so the same request sent again once the source's bucket has refilled is answered;
 // - the time-zone reply is written over the receive buffer from offset 8 on.
 #pragma once
 #include <array>
@@ -108,8 +113,9 @@ struct Kr2SocketOn final : Kr2Socket {
 };
 
 // How one request ended.
-// NotManager: a change asked by a source that is no manager; Limited: its source's bucket is empty.
-enum class Kr2Outcome { ReceiveFailed, Refused, NotManager, Repeat, Limited, Unanswered, Answered };
+// Malformed: shorter than its request; NotManager: a change asked by a source that is no manager;
+// Limited: its source's bucket is empty, or the table has no place for a new source.
+enum class Kr2Outcome { ReceiveFailed, Malformed, Refused, NotManager, Repeat, Limited, Unanswered, Answered };
 
 // Facts about this system that the responder answers with (operating-system identification).
 struct Kr2System {
@@ -119,6 +125,8 @@ struct Kr2System {
 };
 
 bool IsKnownKr2Command(std::uint32_t code);   // one of the 35 commands of the protocol
+// The bytes a request of code must have (5: through the code; 12 for 160, through its argument word).
+std::size_t Kr2RequestBytes(std::uint8_t code);
 // Builds the KR2 prohibited-command table from "Prohibited KR2 Commands" (W32Time Parameters):
 // 0 allowed; 102, 150, 160 and 180 refused when the value cannot be read; unknown codes 128.
 void BuildProhibitedTable(std::array<std::uint8_t, kKr2CommandCount>& table);

@@ -1,6 +1,7 @@
 // The KR2 responder's request handling on a scripted transport and machine, under the fake clock.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <deque>
 #include <vector>
@@ -170,17 +171,35 @@ TEST_F(Kr2ResponderTest, ResyncSetsTheEventAndAcksExceptOnWindows2000) {
   EXPECT_EQ(machine_.resyncs, 2);   // no event on Windows 2000
 }
 
-TEST_F(Kr2ResponderTest, ShortDatagramIsJudgedByTheBufferByte4) {
-  Ask(4);   // leaves 4 at byte 4 of the receive buffer
-  ASSERT_EQ(socket_.sent.back().size(), 64u);
-  EXPECT_EQ(AskBytes({9, 9, 9}), Kr2Outcome::Answered);   // 3 bytes: byte 4 still says identity
-  EXPECT_EQ(socket_.sent.back().size(), 64u);
-}
-
-TEST_F(Kr2ResponderTest, EmptyDatagramAfterARequestIsARepeat) {
-  Ask(0);
-  EXPECT_EQ(AskBytes({}), Kr2Outcome::Repeat);
-  EXPECT_EQ(socket_.sent.size(), 1u);
+// A datagram shorter than its request gets silence, never a reply built from what the request
+// before it left in the receive buffer; it is not remembered either.
+TEST_F(Kr2ResponderTest, ADatagramShorterThanItsRequestGetsSilence) {
+  g_provider.kr2.prohibited()[kKr2DriftAfter] = 0;
+  Ask(6);   // leaves 6 (the 504-byte time-zone reply) at byte 4 of the receive buffer
+  ASSERT_EQ(socket_.sent.size(), 1u);
+  for (std::size_t n = 0; n <= 4; ++n) {
+    SCOPED_TRACE(n);
+    EXPECT_EQ(AskBytes(std::vector<std::uint8_t>(n, 9)), Kr2Outcome::Malformed);
+  }
+  Ask(160, 0);   // leaves 0 in the argument word
+  ASSERT_EQ(socket_.sent.size(), 2u);
+  for (std::size_t n = 5; n < kKr2RequestSize; ++n) {
+    SCOPED_TRACE(n);
+    std::vector<std::uint8_t> cut(n, 0);
+    cut[0] = static_cast<std::uint8_t>(n);   // not the buffer's byte 0: no repeat either
+    cut[4] = 160;
+    EXPECT_EQ(AskBytes(cut), Kr2Outcome::Malformed);
+  }
+  EXPECT_EQ(socket_.sent.size(), 2u);
+  EXPECT_EQ(+g_provider.kr2.status().bytes_received, 2 * kKr2RequestSize);
+  EXPECT_EQ(std::count(g_marks.begin(), g_marks.end(), 8u), 2);   // only the two requests were marked
+  // The last answered request is still the one remembered: sent again, it is a repeat.
+  EXPECT_EQ(Ask(160, 0), Kr2Outcome::Repeat);
+  // Five bytes make a whole request of any other command; twelve one of 160.
+  EXPECT_EQ(AskBytes({1, 2, 3, 4, 0}), Kr2Outcome::Answered);
+  EXPECT_EQ(socket_.sent.back(), (std::vector<std::uint8_t>{'A', 'C', 'K', 0}));
+  EXPECT_EQ(Kr2RequestBytes(160), 12u);
+  EXPECT_EQ(Kr2RequestBytes(128), 5u);
 }
 
 TEST_F(Kr2ResponderTest, OversizedDatagramIsCutAt512) {

@@ -4,10 +4,12 @@
 // kernel in its text through OsProductName.
 #include "platform/os.h"
 
+#include <sys/random.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 
 namespace platform {
@@ -52,6 +54,18 @@ std::string OsProductName() {
   utsname u{};
   if (uname(&u) != 0) return "POSIX";
   return std::string(u.sysname) + " " + u.release;
+}
+
+bool RandomBytes(void* out, std::size_t size) {
+  auto* p = static_cast<unsigned char*>(out);
+  while (size > 0) {   // getrandom gives at most 32 MiB a call, and a signal may cut it short
+    const ssize_t n = getrandom(p, size, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    p += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  return true;
 }
 
 }  // namespace platform

@@ -1,5 +1,7 @@
 // Operating-system facts on Windows, from the system's own version calls.
 #include <windows.h>
+// RtlGenRandom (SystemFunction036 of advapi32): the system's secure random source since Windows XP.
+#include <ntsecapi.h>
 
 #include <cstring>
 
@@ -58,5 +60,16 @@ std::string ComputerName() {
 }
 
 std::string OsProductName() { return {}; }
+
+bool RandomBytes(void* out, std::size_t size) {
+  auto* p = static_cast<unsigned char*>(out);
+  while (size > 0) {
+    const ULONG n = size > 0x10000000u ? 0x10000000u : static_cast<ULONG>(size);
+    if (!RtlGenRandom(p, n)) return false;
+    p += n;
+    size -= n;
+  }
+  return true;
+}
 
 }  // namespace platform
