@@ -24,7 +24,7 @@ stop_host() {
 
 # 1. The block squatted before the host starts: once the responder stayed silent for good, with
 # nothing in the log.
-as_nobody python3 -c "import os; fd = os.open('$block', os.O_CREAT | os.O_EXCL | os.O_RDWR, 0o600); os.ftruncate(fd, 32)"
+as_nobody /usr/bin/python3 -c "import os; fd = os.open('$block', os.O_CREAT | os.O_EXCL | os.O_RDWR, 0o600); os.ftruncate(fd, 32)"
 fault_start_host
 grep -qF "The shared object /${CHRONWARDEN_SHM_NAMESPACE}Global.kairtim-sync-status-shared-memory is not this product's" \
   "$fault_log" || fault_fail "the squatted block was not logged"
@@ -35,7 +35,7 @@ rm -f "$block"
 # 2. The host's own objects: the intruder tries what once silenced the responder (owner word and a
 # pulse), pinned the host on a core (the notify word left set) and killed it (the map cut short).
 fault_start_host
-attack=$(as_nobody python3 - "$block" "$notify" "$map" <<'PY' 2>&1 || true
+attack=$(as_nobody /usr/bin/python3 - "$block" "$notify" "$map" <<'PY' 2>&1 || true
 import os, struct, sys
 block, notify, event_map = sys.argv[1:4]
 done = []
