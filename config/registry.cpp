@@ -321,6 +321,11 @@ void reg_secure_tree(const RegTarget& t, const char* path, const void* domain_si
                         everyone_full ? platform::kGenericAll : platform::kGenericRead, "S-1-1-0"});
   for (const char* sid : {"S-1-5-32-544", "S-1-5-18", "S-1-5-19", "S-1-5-20"})
     dacl.push_back(RegAce{platform::kAceAccessAllowed, platform::kAceInherit, platform::kGenericAll, sid});
+  reg_set_tree_access(t, path, dacl);
+}
+
+void reg_set_tree_access(const RegTarget& t, const char* path, std::span<const platform::RegAce> dacl) {
+  if (!platform::IsNtFamily()) return;
   std::string p;
   if (!Translate(path, p)) return;
   SecureKey(t, p, dacl);

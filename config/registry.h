@@ -8,6 +8,7 @@
 // failure. Every call names the machine it works on (a RegTarget).
 #pragma once
 #include <cstdint>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -96,6 +97,13 @@ int reg_delete_key(const RegTarget& t, const char* path);   // fails for a key t
 // domain_sid is a valid binary SID), Everyone (full access when everyone_full, else read), the
 // local Administrators, LocalSystem, LocalService and NetworkService, all inheritable. NT only.
 void reg_secure_tree(const RegTarget& t, const char* path, const void* domain_sid, int everyone_full);
+// Replaces the access list of the key and all its subkeys with dacl. NT only.
+void reg_set_tree_access(const RegTarget& t, const char* path, std::span<const platform::RegAce> dacl);
+// Well-known SIDs of access lists, in text form.
+inline constexpr const char* kSidAuthenticatedUsers = "S-1-5-11";
+inline constexpr const char* kSidLocalSystem = "S-1-5-18";
+inline constexpr const char* kSidLocalService = "S-1-5-19";
+inline constexpr const char* kSidAdministrators = "S-1-5-32-544";
 // The target's processor architecture code (kArch...), from its product type and environment.
 std::uint32_t reg_target_architecture(const RegTarget& t);
 

@@ -311,9 +311,22 @@ std::uint32_t w32t_save(const RegTarget& t, const W32tSettings& s, int register_
 }
 
 void w32t_secure_keys(const RegTarget& t) {
-  for (const char* key : {kW32TimeKey, kParametersKey, kConfigKey, kTimeProvidersKey, kNtpClientKey, kNtpServerKey,
-                          kProviderKey})
-    if (reg_key_exists(t, key)) reg_secure_tree(t, key, nullptr, 1);
+  using platform::RegAce;
+  // Once Everyone had full access here, so that any user could change the service's ImagePath or
+  // a provider's DllName (code run as LocalService or SYSTEM), open the KR2 responder to everybody
+  // or silence it. Now only SYSTEM and the Administrators change the keys; LocalService, which the
+  // time service runs as, writes the provider's own key (its partner text and time sources).
+  constexpr std::uint32_t kInherit = platform::kAceInherit, kAllow = platform::kAceAccessAllowed;
+  const RegAce read{kAllow, kInherit, platform::kGenericRead, kSidAuthenticatedUsers};
+  const RegAce system{kAllow, kInherit, platform::kGenericAll, kSidLocalSystem};
+  const RegAce admins{kAllow, kInherit, platform::kGenericAll, kSidAdministrators};
+  const RegAce service_writes{kAllow, kInherit, platform::kGenericRead | platform::kGenericWrite, kSidLocalService};
+  const RegAce settings[] = {read, system, admins};
+  const RegAce provider[] = {read, system, admins, service_writes};
+  // The provider's key last: the W32Time tree above it takes the settings' list first.
+  for (const char* key : {kW32TimeKey, kParametersKey, kConfigKey, kTimeProvidersKey, kNtpClientKey, kNtpServerKey})
+    if (reg_key_exists(t, key)) reg_set_tree_access(t, key, settings);
+  if (reg_key_exists(t, kProviderKey)) reg_set_tree_access(t, kProviderKey, provider);
 }
 
 std::uint32_t w32t_installed_product(const RegTarget& t) {

@@ -140,7 +140,11 @@ std::string w32t_server_list_text(const W32tSettings& s, std::uint32_t level);
 std::uint32_t w32t_type_from_text(const char* text);    // sync type code of a "Type" text; 255 when unknown
 const char* w32t_type_text(std::uint32_t type);         // "Type" text of a code; unknown codes give "NTP"
 int w32t_hex_digit(int c);                              // value 0-15 of a hexadecimal digit; other characters unchanged
-void w32t_secure_keys(const RegTarget& t);              // Everyone full access on the existing W32Time keys
+// The existing W32Time keys' access: Authenticated Users read, SYSTEM and Administrators full
+// control, LocalService also write on the provider's own key (Everyone no longer has full access).
+// The Linux store keeps the lists as given and reports them back; there the store file's own mode
+// (root and the host's group write, others read) is what decides who may change it.
+void w32t_secure_keys(const RegTarget& t);
 std::uint32_t w32t_installed_product(const RegTarget& t); // kProduct... code of the target machine
 int w32t_kairon_service_disabled(const RegTarget& t);   // 1 if a Kairon service's "Start" is 4 (disabled)
 int w32t_kairon_serves_ntp(const RegTarget& t);         // 1 if Kairon Server is installed, enabled and serves NTP/SNTP

@@ -51,7 +51,9 @@ WaitLock g_lock;
 std::atomic<bool> g_lock_exists{false};
 platform::FileHandle g_file = nullptr;   // guarded by g_lock
 
-constexpr std::uint32_t kOpenFlags = platform::kAttrNotContentIndexed | platform::kFlagSequentialScan;
+// The history's folder is one the host's group may write and root opens it too: a link planted at
+// its name is refused, never followed.
+constexpr std::uint32_t kOpenFlags = platform::kAttrNotContentIndexed | platform::kFlagSequentialScan | platform::kFlagNoLinks;
 constexpr std::uint32_t kShareReadWrite = platform::kShareRead | platform::kShareWrite;
 
 // Holds the lock for one operation; false when the lock does not exist or the wait failed.

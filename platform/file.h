@@ -27,6 +27,11 @@ inline constexpr std::uint32_t kOpenExisting = 3;            // OPEN_EXISTING
 inline constexpr std::uint32_t kOpenAlways = 4;              // OPEN_ALWAYS: open or create empty
 inline constexpr std::uint32_t kAttrNotContentIndexed = 0x2000;      // FILE_ATTRIBUTE_NOT_CONTENT_INDEXED
 inline constexpr std::uint32_t kFlagSequentialScan = 0x08000000;     // FILE_FLAG_SEQUENTIAL_SCAN
+// POSIX: the file is one that another account may have planted a link at (a folder the host's
+// group may write, opened by root): a symbolic link there is not followed, and the file opened must
+// be a regular file with one link, owned by this process's user, by root or by the folder's group;
+// anything else fails with 5 (access denied). Windows: ignored.
+inline constexpr std::uint32_t kFlagNoLinks = 0x00000100;
 
 enum class SeekFrom { Begin, Current, End };
 
@@ -61,7 +66,8 @@ bool TempFileName(std::string_view dir, std::string_view prefix, std::string& ou
 // FILE_GENERIC_READ|FILE_EXECUTE; Administrators, Local System, Local Service, Network Service
 // GENERIC_ALL; each as an inheritable and a plain ACE), owner and group left alone. POSIX: mode 0644
 // (owner read-write, everyone else read-only; root writes anyway), owner left alone: the file is
-// owned by the account that created it, the service's. The file must exist. Result of setting the
+// owned by the account that created it, the service's. The file must exist; on POSIX it is changed
+// only as a file kFlagNoLinks accepts (a link is refused, never followed). Result of setting the
 // rules, with the code that setting them left in LastError() (0 on success on POSIX).
 bool SecureDataFile(std::string_view path);
 

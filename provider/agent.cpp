@@ -371,13 +371,17 @@ std::uint32_t AgentThreadMain() {
   // next poll's time, not a full second from each wake-up, and a poll that is due comes after at
   // most kEventsWhilePollDue events, those already waiting. They keep checks longer than the poll's
   // pace (a silent server, a check every second) from starving the requests and the shutdown.
+  // The status block's notify event wakes the agent once per poll at most: after it did, the agent
+  // waits without it until the next poll. A pulse meanwhile is kept for then; a notify word left
+  // set (a family program killed mid-pulse) costs one wake-up a poll instead of a busy loop.
   std::uint64_t next_poll = platform::CounterMilliseconds() + kAgentPollMs;
   std::uint32_t events_while_due = 0;
+  bool notified = false;
   for (;;) {
     const std::uint64_t now = platform::CounterMilliseconds();
     const auto left = static_cast<std::uint32_t>(next_poll > now ? std::min<std::uint64_t>(next_poll - now, kAgentPollMs) : 0);
     std::uint32_t result = platform::kWaitTimeout;
-    if (left || events_while_due < kEventsWhilePollDue) result = platform::WaitForAnyEvent(events, 5, left);
+    if (left || events_while_due < kEventsWhilePollDue) result = platform::WaitForAnyEvent(events, notified ? 4 : 5, left);
     if (!left) ++events_while_due;
     if (result == platform::kWaitFailed) {   // a missing event: keep polling at the same pace
       platform::Sleep(left);
@@ -386,7 +390,9 @@ std::uint32_t AgentThreadMain() {
     if (result == platform::kWaitTimeout) {
       next_poll = platform::CounterMilliseconds() + kAgentPollMs;
       events_while_due = 0;
+      notified = false;
     }
+    if (result == platform::kWaitObject0 + 4) notified = true;
     if (!AgentWake(cycle, result)) break;
   }
   AgentStop();

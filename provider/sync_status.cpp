@@ -10,6 +10,8 @@
 #include "platform/error.h"
 #include "platform/os.h"
 #include "platform/shared.h"
+#include "provider/event_log.h"
+#include "provider/provider.h"
 #include "timing/activity.h"
 
 namespace {
@@ -33,8 +35,22 @@ void Put(std::uint32_t& word, std::uint32_t value) {
   std::atomic_ref<std::uint32_t>(word).store(value, std::memory_order_release);
 }
 
+// An object found under one of the family's names that is not the family's is logged by name.
+void LogRefused() {
+  const std::string notice = platform::TakeSharedObjectNotice();
+  if (!notice.empty()) LogEvent(kProviderName, platform::kEventLogWarning, "%s", notice.c_str());
+}
+
 platform::SectionHandle CreateSection(const char* name, std::uint32_t size, bool& existed) {
-  return platform::CreateNamedSection(name, size, existed);
+  platform::SectionHandle s = platform::CreateNamedSection(name, size, existed);
+  LogRefused();
+  return s;
+}
+
+platform::EventHandle MakeNamedEvent(const char* name) {
+  platform::EventHandle e = platform::CreateNamedEvent(name);
+  LogRefused();
+  return e;
 }
 
 void MarkSlot(std::uint32_t slot) {
@@ -48,8 +64,8 @@ const SyncStatusBlock* OpenSyncStatus(std::uint32_t product_code, platform::Even
   std::lock_guard lock(g_status_lock);
   if (!g_status.opened) {
     g_status.opened = true;
-    g_status.notify = platform::CreateNamedEvent(Global(kSyncStatusEventName).c_str());
-    if (!g_status.notify) g_status.notify = platform::CreateNamedEvent(kSyncStatusEventName);
+    g_status.notify = MakeNamedEvent(Global(kSyncStatusEventName).c_str());
+    if (!g_status.notify) g_status.notify = MakeNamedEvent(kSyncStatusEventName);
     bool existed = false;
     g_status.section = CreateSection(Global(kSyncStatusName).c_str(), sizeof(SyncStatusBlock), existed);
     if (!g_status.section && platform::LastError() != platform::kErrorAccessDenied)  // no block at all

@@ -480,22 +480,51 @@ TEST_F(W32tTest, ModuleProbeLooksInTheSystemDirectory) {
   EXPECT_EQ(Load().module_present, kModulePresent);
 }
 
-TEST_F(W32tTest, SecureKeysOpensExistingKeysToEveryoneAndCreatesNone) {
+namespace {
+// The access mask a key's list gives sid (0 when it names it not), generic rights as such.
+std::uint32_t AccessOf(const char* key, const char* sid) {
+  platform::RegKey h = nullptr;
+  EXPECT_EQ(platform::RegOpenKey(platform::RegLocalMachine(), std::string(key).substr(2), platform::kKeyRead, h), 0u) << key;
+  std::vector<platform::RegAce> dacl;
+  EXPECT_EQ(platform::RegGetKeySecurity(h, dacl), 0u) << key;
+  platform::RegCloseKey(h);
+  std::uint32_t mask = 0;
+  for (const auto& ace : dacl)
+    if (ace.sid == sid && ace.type == platform::kAceAccessAllowed) mask |= ace.mask;
+  return mask;
+}
+bool Full(std::uint32_t mask) { return mask == platform::kGenericAll || mask == platform::kKeyAllAccess; }
+bool ReadOnly(std::uint32_t mask) { return mask == platform::kGenericRead || mask == platform::kKeyRead; }
+bool ReadWrite(std::uint32_t mask) {
+  return mask == (platform::kGenericRead | platform::kGenericWrite) || mask == (platform::kKeyRead | platform::kKeyWrite);
+}
+}  // namespace
+
+// Everyone had full access once: any user could point the service or a provider at code of theirs.
+TEST_F(W32tTest, SecureKeysLetOnlyAdministratorsChangeTheKeysAndCreateNone) {
   reg_set_dword(reg_local(), kParams, "X", 1);
   w32t_secure_keys(reg_local());
   EXPECT_FALSE(reg_key_exists(reg_local(), kConfig));
   EXPECT_FALSE(reg_key_exists(reg_local(), kProvider));
   for (const char* key : {kW32Time, kParams}) {
-    platform::RegKey h = nullptr;
-    ASSERT_EQ(platform::RegOpenKey(platform::RegLocalMachine(), std::string(key).substr(2), platform::kKeyRead, h), 0u);
-    std::vector<platform::RegAce> dacl;
-    ASSERT_EQ(platform::RegGetKeySecurity(h, dacl), 0u);
-    platform::RegCloseKey(h);
-    bool everyone_full = false;
-    for (const auto& ace : dacl)
-      everyone_full |= ace.sid == "S-1-1-0" && (ace.mask == platform::kGenericAll || ace.mask == platform::kKeyAllAccess);
-    EXPECT_TRUE(everyone_full) << key;
+    EXPECT_EQ(AccessOf(key, "S-1-1-0"), 0u) << key;   // Everyone
+    EXPECT_TRUE(ReadOnly(AccessOf(key, kSidAuthenticatedUsers))) << key;
+    EXPECT_TRUE(Full(AccessOf(key, kSidLocalSystem))) << key;
+    EXPECT_TRUE(Full(AccessOf(key, kSidAdministrators))) << key;
+    EXPECT_EQ(AccessOf(key, kSidLocalService), 0u) << key;
   }
+}
+
+TEST_F(W32tTest, SecureKeysLetTheTimeServiceWriteTheProvidersKeyOnly) {
+  reg_set_dword(reg_local(), kParams, "X", 1);
+  reg_set_dword(reg_local(), kProvider, "Enabled", 1);
+  w32t_secure_keys(reg_local());
+  EXPECT_EQ(AccessOf(kProvider, "S-1-1-0"), 0u);
+  EXPECT_TRUE(ReadOnly(AccessOf(kProvider, kSidAuthenticatedUsers)));
+  EXPECT_TRUE(Full(AccessOf(kProvider, kSidAdministrators)));
+  EXPECT_TRUE(ReadWrite(AccessOf(kProvider, kSidLocalService)));
+  EXPECT_EQ(AccessOf(kParams, kSidLocalService), 0u);
+  EXPECT_EQ(AccessOf(kW32Time, kSidLocalService), 0u);
 }
 
 TEST_F(W32tTest, InstalledProductCodes) {

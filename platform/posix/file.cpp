@@ -40,15 +40,41 @@ bool ParentMissing(const std::string& native) {
   return ::stat(native.substr(0, slash).c_str(), &st) != 0 || !S_ISDIR(st.st_mode);
 }
 
+// Why the file open on fd is not one kFlagNoLinks accepts, or nullptr: a regular file with one link,
+// owned by this process's user, by root or by the group of its folder (native is its path).
+const char* Planted(int fd, const std::string& native) {
+  struct stat st{}, dir{};
+  if (::fstat(fd, &st) != 0) return "it cannot be examined";
+  if (!S_ISREG(st.st_mode)) return "it is not a regular file";
+  if (st.st_nlink != 1) return "it has other links";
+  const auto slash = native.find_last_of('/');
+  const std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : native.substr(0, slash);
+  if (st.st_uid != ::geteuid() && st.st_uid != 0 && (::stat(folder.c_str(), &dir) != 0 || dir.st_gid != st.st_gid))
+    return "it belongs to another user";
+  return nullptr;
+}
+
+// Refuses (closes, access denied, a line on standard error) a file that Planted names.
+bool RefusePlanted(int fd, const std::string& native, int open_errno = 0) {
+  const char* why = open_errno == ELOOP ? "it is a symbolic link" : open_errno ? nullptr : Planted(fd, native);
+  if (!why) return false;
+  if (fd >= 0) ::close(fd);
+  std::fprintf(stderr, "chronwarden: %s: refused: %s (a link planted there is never followed)\n", native.c_str(), why);
+  SetLastError(kErrorAccessDenied);
+  return true;
+}
+
 }  // namespace
 
 FileHandle FileCreate(std::string_view path, std::uint32_t access, std::uint32_t share, std::uint32_t disposition,
-                      std::uint32_t /*flags*/) {
+                      std::uint32_t flags) {
   const std::string native = NativePath(path);
   int mode = O_RDONLY;
   if ((access & kGenericRead) && (access & kGenericWrite)) mode = O_RDWR;
   else if (access & kGenericWrite) mode = O_WRONLY;
   int oflags = mode | O_CLOEXEC;
+  const bool no_links = (flags & kFlagNoLinks) != 0;
+  if (no_links) oflags |= O_NOFOLLOW | O_NONBLOCK;   // a FIFO planted there does not block the open
   if (disposition == kCreateAlways || disposition == kOpenAlways) oflags |= O_CREAT;
   else if (disposition != kOpenExisting) {
     SetLastError(kErrorInvalidParameter);
@@ -56,11 +82,13 @@ FileHandle FileCreate(std::string_view path, std::uint32_t access, std::uint32_t
   }
   // No O_TRUNC here: CREATE_ALWAYS truncates only once the sharing check has passed.
   const int fd = ::open(native.c_str(), oflags, 0644);
+  if (no_links && RefusePlanted(fd, native, fd < 0 ? errno : 0)) return nullptr;
   if (fd < 0) {
     const int err = errno;
     Fail(err, err == ENOENT && ParentMissing(native));
     return nullptr;
   }
+  if (no_links) ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
   struct stat st{};
   if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
     ::close(fd);
@@ -215,7 +243,14 @@ bool TempFileName(std::string_view dir, std::string_view prefix, std::string& ou
 
 bool SecureDataFile(std::string_view path) {
   const std::string native = NativePath(path);
-  if (::chmod(native.c_str(), 0644) != 0) return Fail(errno, errno == ENOENT && ParentMissing(native));
+  // Through the file itself, never a link: root runs this in folders the host's group may write.
+  const int fd = ::open(native.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (RefusePlanted(fd, native, fd < 0 ? errno : 0)) return false;
+  if (fd < 0) return Fail(errno, errno == ENOENT && ParentMissing(native));
+  const bool changed = ::fchmod(fd, 0644) == 0;
+  const int err = errno;
+  ::close(fd);
+  if (!changed) return Fail(err);
   SetLastError(0);
   return true;
 }

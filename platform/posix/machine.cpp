@@ -1,4 +1,6 @@
 // The applet's machine facts on POSIX: rights on the machine root, other machines' stores, files.
+#include <fcntl.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -125,13 +127,37 @@ bool ClearFileAttributes(std::string_view path) {
 
 bool CopyFileOver(std::string_view from, std::string_view to) {
   std::error_code ec;
-  std::string dst = NativePath(to);
-  std::filesystem::create_directories(std::filesystem::path(dst).parent_path(), ec);
-  // Through a temporary name and a rename, so that a running program keeps its old file.
-  std::string tmp = dst + ".new";
-  std::filesystem::copy_file(NativePath(from), tmp, std::filesystem::copy_options::overwrite_existing, ec);
-  if (!ec) std::filesystem::rename(tmp, dst, ec);
-  return ec ? fail(ec) : true;
+  const std::filesystem::path dst = NativePath(to);
+  std::filesystem::create_directories(dst.parent_path(), ec);
+  // Through a copy and a rename, so that a running program keeps its old file. The copy is made new
+  // (O_EXCL) in a folder of this process's own (mode 0700, reached through its descriptor) inside
+  // the destination's folder, which the host's group may write: no link planted there is followed
+  // or written through, and the rename replaces the name, never what a link there points to.
+  std::string folder = (dst.parent_path() / ".copy-XXXXXX").string();
+  if (!::mkdtemp(folder.data())) return fail(std::error_code(errno, std::generic_category()));
+  const std::string name = dst.filename().string();
+  const int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  const int into = ::open(dst.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int in = ::open(NativePath(from).c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat st {}, own {};
+  bool ok = dir >= 0 && into >= 0 && in >= 0 && ::fstat(dir, &own) == 0 && own.st_uid == ::geteuid() &&
+            (own.st_mode & 077) == 0 && ::fstat(in, &st) == 0;
+  const int out = ok ? ::openat(dir, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600) : -1;
+  ok = ok && out >= 0;
+  for (off_t left = ok ? st.st_size : 0; ok && left > 0;) {
+    const ssize_t n = ::sendfile(out, in, nullptr, static_cast<std::size_t>(left));
+    ok = n > 0;
+    left -= n;
+  }
+  ok = ok && ::fchmod(out, st.st_mode & 0755) == 0 && ::fsync(out) == 0 && ::renameat(dir, name.c_str(), into, name.c_str()) == 0;
+  const int err = ok ? 0 : errno ? errno : EACCES;
+  for (const int fd : {in, out, into}) if (fd >= 0) ::close(fd);
+  if (dir >= 0) {
+    ::unlinkat(dir, name.c_str(), 0);
+    ::close(dir);
+  }
+  ::rmdir(folder.c_str());
+  return ok ? true : fail(std::error_code(err, std::generic_category()));
 }
 
 bool DeleteFileAt(std::string_view path) {

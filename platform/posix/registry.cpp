@@ -322,13 +322,17 @@ std::uint32_t Initialise(Store& s, const std::string& computer_name, const std::
   return st ? st : t.Commit();
 }
 
+// The store's folder is one the host's group may write, and root opens the store too: a link planted
+// at its name is refused (SQLite opens its journals without following links as well).
+constexpr int kStoreOpen = SQLITE_OPEN_FULLMUTEX | SQLITE_OPEN_NOFOLLOW;
+
 std::uint32_t OpenStoreFile(Store& s, const std::string& computer_name, const std::string& system_root) {
-  int rc = sqlite3_open_v2(s.path.c_str(), &s.db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
+  int rc = sqlite3_open_v2(s.path.c_str(), &s.db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | kStoreOpen, nullptr);
   if (rc != SQLITE_OK) {
     sqlite3_close_v2(s.db);
     s.db = nullptr;
     const int open_errno = errno;
-    rc = sqlite3_open_v2(s.path.c_str(), &s.db, SQLITE_OPEN_READONLY | SQLITE_OPEN_FULLMUTEX, nullptr);
+    rc = sqlite3_open_v2(s.path.c_str(), &s.db, SQLITE_OPEN_READONLY | kStoreOpen, nullptr);
     if (rc != SQLITE_OK) return (open_errno == EACCES || open_errno == EPERM || errno == EACCES) ? kErrorAccessDenied : kErrorRegistryIoFailed;
     s.read_only = true;
   }

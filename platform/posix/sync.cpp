@@ -104,6 +104,27 @@ std::uint32_t WaitForAnyEvent(const EventHandle* events, std::uint32_t count, st
   // burst on a busy responder).
   std::uint32_t ready = count;
   bool polled = false;
+  const auto poll_fds = [&](int wait) {
+    polled = true;
+    if (poll(fds.data(), fds.size(), wait) < 0 && errno != EINTR) return false;
+    for (std::size_t b = 0; b < bound.size(); ++b) {
+      if (!(fds[count + b].revents & (POLLIN | POLLERR))) continue;
+      EventObject* e = events[bound[b]];
+      std::lock_guard<std::mutex> hold(e->mutex);
+      if (e->socket_fd != fds[count + b].fd) continue;
+      if (e->manual_reset) posix::SetLocalLocked(e, true);
+      else ready = std::min(ready, bound[b]);
+    }
+    return true;
+  };
+  // The sockets are looked at on every wait, also when an event is set already: an event that
+  // stays set (a named event's word left set by another process) never keeps an earlier socket's
+  // requests unseen.
+  if (!bound.empty() && std::any_of(events, events + count, [](EventObject* e) {
+        std::lock_guard<std::mutex> hold(e->mutex);
+        return e->set;
+      }) && !poll_fds(0))
+    return SetLastError(kErrorInvalidHandle), kWaitFailed;
   for (;;) {
     for (std::uint32_t i = 0; i < count; ++i)
       if (posix::TryConsume(events[i]) || i == ready) return kWaitObject0 + i;
@@ -114,16 +135,7 @@ std::uint32_t WaitForAnyEvent(const EventHandle* events, std::uint32_t count, st
       if (left <= 0 && (polled || bound.empty())) return kWaitTimeout;
       wait = static_cast<int>(std::max<long long>(left, 0));
     }
-    polled = true;
-    if (poll(fds.data(), fds.size(), wait) < 0 && errno != EINTR) return SetLastError(kErrorInvalidHandle), kWaitFailed;
-    for (std::size_t b = 0; b < bound.size(); ++b) {
-      if (!(fds[count + b].revents & (POLLIN | POLLERR))) continue;
-      EventObject* e = events[bound[b]];
-      std::lock_guard<std::mutex> hold(e->mutex);
-      if (e->socket_fd != fds[count + b].fd) continue;
-      if (e->manual_reset) posix::SetLocalLocked(e, true);
-      else ready = std::min(ready, bound[b]);
-    }
+    if (!poll_fds(wait)) return SetLastError(kErrorInvalidHandle), kWaitFailed;
   }
 }
 

@@ -21,7 +21,7 @@ struct FileObject {
 FileHandle FileCreate(std::string_view path, std::uint32_t access, std::uint32_t share, std::uint32_t disposition,
                       std::uint32_t flags) {
   const std::string p(path);
-  const HANDLE h = ::CreateFileA(p.c_str(), access, share, nullptr, disposition, flags, nullptr);
+  const HANDLE h = ::CreateFileA(p.c_str(), access, share, nullptr, disposition, flags & ~kFlagNoLinks, nullptr);
   if (h == INVALID_HANDLE_VALUE) return nullptr;
   return new FileObject{h};
 }

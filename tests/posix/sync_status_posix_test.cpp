@@ -159,8 +159,9 @@ TEST_F(SyncStatusProcessTest, OwnersCloseInAnotherProcessLeavesTheBlockReadable)
 // Another process has made the object but not sized it yet: reading it is no block, not a fault.
 TEST_F(SyncStatusProcessTest, ABlockNotYetSizedIsNoBlockUntilItIs) {
   const std::string name = platform::SharedObjectName(std::string(kGlobalPrefix) + kSyncStatusName);
-  const int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
+  const int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0660);   // as the family makes it
   ASSERT_GE(fd, 0);
+  ASSERT_EQ(fchmod(fd, 0660), 0);
   SyncStatusBlock copy{};
   EXPECT_FALSE(ReadSyncStatus(copy));
   ASSERT_EQ(ftruncate(fd, sizeof copy), 0);
