@@ -323,7 +323,7 @@ bool WriteFullHistory() {
     records[i].check_time = HistoryTime(i);
     records[i].variance_ms = static_cast<std::int32_t>(i);
   }
-  const std::string path = platform::NativePath(platform::SystemDirectory() + defaults::kDriftFileName);
+  const std::string path = platform::NativePath(DriftFilePath({}));
   std::ofstream(path, std::ios::binary | std::ios::trunc)
       .write(reinterpret_cast<const char*>(records.data()), static_cast<std::streamsize>(records.size() * sizeof records[0]));
   std::error_code ec;
