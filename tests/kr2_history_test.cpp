@@ -20,8 +20,8 @@ namespace {
 
 constexpr std::uint32_t kFullHistory = defaults::kDriftFileCapBytes / kDriftRecordSize;   // 16,384 records
 constexpr std::uint32_t kFirstTime = 1'700'000'000;
-const std::uint32_t kFlooder = platform::InetAddr("127.0.0.2");
-const std::uint32_t kStation = platform::InetAddr("127.0.0.3");
+const std::uint32_t kFlooder = platform::HostToNet32(0x7F000002);
+const std::uint32_t kStation = platform::HostToNet32(0x7F000003);
 
 // Datagrams from several sources, received in order; each reply is kept with where it went.
 struct SourcesSocket final : Kr2Socket {
@@ -143,7 +143,7 @@ TEST_F(Kr2HistoryTest, OneWakeUpAnswers160OverAFullHistoryAndAnotherClientsStatu
 TEST_F(Kr2HistoryTest, ClearKeepsTheEmptiedHistoryAsThePreviousGeneration) {
   OpenHistory(3);
   SourcesSocket socket;
-  const std::uint32_t loopback = platform::InetAddr("127.0.0.1");
+  const std::uint32_t loopback = platform::HostToNet32(0x7F000001);
   socket.Push(kKr2StatusClear, 0, loopback);
   ASSERT_EQ(g_provider.kr2.HandleRequestWith(socket, machine_), Kr2Outcome::Answered);
   EXPECT_TRUE(ReadBytes(path_).empty());
