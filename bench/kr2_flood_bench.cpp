@@ -7,12 +7,16 @@
 // then a chronyd on 127.0.0.1:123 for the time (48-byte client requests) for as long; before both
 // the provider is left idle as long. Each phase reports replies per second, the median and p99
 // round trip of the replies, and the agent's worst poll lateness (interval between two polls less
-// one second). Then, from sources that are not loopback, the rate limit under a flood and under the
-// eviction attack (forged neighbours beside a flooded victim). bench/kr2_flood.sh starts chronyd
-// and runs this program.
+// one second). Then, with a full drift history (16,384 records written into the provider's
+// drift.kr), the generator asks for the newest records (160) as long, while another source
+// (127.0.0.3) asks for the status four times a second and waits for each answer. Then, from
+// sources that are not loopback, the rate limit under a flood and under the eviction attack
+// (forged neighbours beside a flooded victim). bench/kr2_flood.sh starts chronyd and runs this
+// program.
 //
 // Usage: kr2_flood_bench [SECONDS] [WINDOW]
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -21,13 +25,18 @@
 #include <deque>
 #include <filesystem>
 #include <functional>
+#include <fstream>
 #include <mutex>
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "applet/kr2_client.h"
+#include "config/defaults.h"
+#include "config/registry.h"
+#include "drift/drift_file.h"
 #include "platform/error.h"
 #include "platform/net.h"
 #include "platform/paths.h"
@@ -65,13 +74,34 @@ std::vector<Clock::time_point> Polls() {
 }
 
 // One request/reply protocol for the generator: the request carrying a sequence number, and the
-// sequence number of the request a reply answers.
+// sequence number of the request a reply answers (seq holds the oldest one still in flight).
 struct Exchange {
   const char* name;
   platform::SocketAddressV4 to;
   std::size_t (*build)(std::uint32_t seq, std::uint8_t* out);
   bool (*answered)(const std::uint8_t* reply, int size, std::uint32_t& seq);
 };
+
+// KR2 history (160) over a full history: records a minute apart from kHistoryStart; request seq asks
+// for one of the newest kAsked records (the far end of the file), which the reply names.
+constexpr std::uint32_t kFullHistory = defaults::kDriftFileCapBytes / kDriftRecordSize;
+constexpr std::uint32_t kHistoryStart = 1'700'000'000, kAsked = 1000;
+std::uint32_t HistoryTime(std::uint32_t index) { return kHistoryStart + 60 * index; }
+std::size_t Kr2HistoryRequest(std::uint32_t seq, std::uint8_t* out) {
+  const auto r = Kr2BuildRequest(kKr2DriftAfter, HistoryTime(kFullHistory - 1 - seq % kAsked) - 1, seq);
+  std::memcpy(out, r.data(), r.size());
+  return r.size();
+}
+bool Kr2HistoryAnswered(const std::uint8_t* reply, int size, std::uint32_t& seq) {
+  DriftRecord r;
+  if (size != static_cast<int>(sizeof r)) return false;
+  std::memcpy(&r, reply, sizeof r);
+  const std::uint32_t index = (r.check_time - kHistoryStart) / 60;
+  if (r.check_time < kHistoryStart || index >= kFullHistory || kFullHistory - 1 - index >= kAsked) return false;
+  const std::uint32_t oldest = seq, answered = oldest - oldest % kAsked + (kFullHistory - 1 - index);
+  seq = answered < oldest ? answered + kAsked : answered;
+  return true;
+}
 
 // KR2 status: the sequence number is the request's tag, so that no request repeats the last. The
 // status record does not echo the tag, but it counts the replies sent before it; the responder
@@ -137,7 +167,7 @@ FloodResult Flood(const Exchange& e, Clock::duration length, std::size_t window)
     }
     const int n = platform::ReceiveFrom(s, buf, sizeof buf, nullptr);
     const auto now = Clock::now();
-    std::uint32_t seq = 0;
+    std::uint32_t seq = in_flight.empty() ? next : in_flight.front().seq;
     if (n >= 0 && e.answered(buf, n, seq)) {
       for (; !in_flight.empty() && in_flight.front().seq < seq; in_flight.pop_front()) ++r.lost;
       if (!in_flight.empty() && in_flight.front().seq == seq) {
@@ -299,6 +329,49 @@ EvictionResult EvictionFlood(std::uint16_t port, Clock::duration length) {
   return r;
 }
 
+// A station (127.0.0.3) asks for the status four times a second and waits for each answer while
+// phase runs; how many it asked and how many were answered.
+template <typename Phase>
+std::pair<std::uint32_t, std::uint32_t> StationDuring(std::uint16_t port, Phase phase) {
+  const platform::SocketHandle station = SocketFrom(0x7F000003);
+  if (station == platform::kInvalidSocket) return {0, 0};
+  const platform::SocketAddressV4 to = Loopback(port);
+  std::atomic<bool> running{true};
+  std::uint32_t asked = 0, answered = 0;
+  std::thread asker([&] {
+    std::uint8_t buf[kKr2RequestMax];
+    for (std::uint32_t tag = 1u << 31; running; ++tag) {
+      const auto at = Clock::now();
+      const auto request = Kr2BuildRequest(kKr2Status, 0, tag);
+      if (platform::SendTo(station, request.data(), request.size(), to) < 0) break;
+      ++asked;
+      if (platform::ReceiveFrom(station, buf, sizeof buf, nullptr) == static_cast<int>(sizeof(LocalStatusRecord))) ++answered;
+      std::this_thread::sleep_until(at + std::chrono::milliseconds(250));
+    }
+  });
+  phase();
+  running = false;
+  asker.join();
+  platform::CloseSocket(station);
+  return {asked, answered};
+}
+
+// The provider's drift.kr made a full history (written as another process would).
+bool WriteFullHistory() {
+  std::vector<DriftRecord> records(kFullHistory);
+  for (std::uint32_t i = 0; i < kFullHistory; ++i) {
+    records[i].version = kDriftRecordVersion;
+    records[i].reason = kReasonScheduled;
+    records[i].check_time = HistoryTime(i);
+    records[i].variance_ms = static_cast<std::int32_t>(i);
+  }
+  const std::string path = platform::NativePath(DriftFilePath({}));
+  std::ofstream(path, std::ios::binary | std::ios::trunc)
+      .write(reinterpret_cast<const char*>(records.data()), static_cast<std::streamsize>(records.size() * sizeof records[0]));
+  std::error_code ec;
+  return std::filesystem::file_size(path, ec) == defaults::kDriftFileCapBytes;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -316,6 +389,9 @@ int main(int argc, char** argv) {
   std::filesystem::create_directories(platform::NativePath(platform::SystemDirectory()));
   SharedObjectNamespace names;
   platform::NetStartup();
+  // Every known KR2 command allowed (the history's 160 too).
+  const std::array<std::uint8_t, kKr2CommandCount> allowed{};
+  reg_set_binary(reg_local(), defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value, allowed.data(), kKr2CommandCount);
 
   platform::TimeProvSysCallbacks callbacks = TimeServiceFake::Callbacks();
   callbacks.pfnGetTimeSysInfo = RecordingGetTimeSysInfo;
@@ -338,6 +414,14 @@ int main(int argc, char** argv) {
     const double idle_ms = WorstPollLatenessMs([&] { std::this_thread::sleep_for(length); });
     const double kr2_ms = WorstPollLatenessMs([&] { kr2_result = Flood(kr2, length, window); });
     const double ntp_ms = WorstPollLatenessMs([&] { ntp_result = Flood(ntp, length, window); });
+    const Exchange history{"KR2 history (160), full history (16,384 records)", kr2.to, Kr2HistoryRequest,
+                           Kr2HistoryAnswered};
+    FloodResult history_result;
+    std::pair<std::uint32_t, std::uint32_t> station{0, 0};
+    const bool full = WriteFullHistory();
+    const double history_ms = WorstPollLatenessMs([&] {
+      station = StationDuring(platform::NetToHost16(listen.port), [&] { history_result = Flood(history, length, window); });
+    });
 
     std::printf("%d s per phase, up to %zu requests in flight, 127.0.0.1\n\n", seconds, window);
     std::printf("| load | replies/s | p50 (us) | p99 (us) | lost | worst poll lateness (ms) |\n");
@@ -345,7 +429,10 @@ int main(int argc, char** argv) {
     PrintRow("none (idle)", nullptr, idle_ms);
     PrintRow(kr2.name, &kr2_result, kr2_ms);
     PrintRow(ntp.name, &ntp_result, ntp_ms);
-    status = kr2_result.ok && ntp_result.ok ? 0 : 1;
+    PrintRow(history.name, &history_result, history_ms);
+    std::printf("\nduring the history flood, 127.0.0.3 asked for the status %u times (4 a second), answered %u%s\n",
+                station.first, station.second, full ? "" : " (the history was NOT full)");
+    status = kr2_result.ok && ntp_result.ok && history_result.ok && full ? 0 : 1;
 
     LimitResult limit;
     const double limit_ms = WorstPollLatenessMs([&] { limit = LimitedFlood(platform::NetToHost16(listen.port), length); });

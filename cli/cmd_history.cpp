@@ -22,7 +22,8 @@ constexpr const char* kHelp =
     "                                       [--set] [--machine-type CODE]\n\n"
     "Lists the records of the drift history file FILE, oldest first: check time, time source, whether\n"
     "the check set the clock, phase adjustment, check reason, machine type and variance in ms.\n"
-    "The file is read and checked as the Control Panel reads it.\n\n"
+    "The file is read and checked as the Control Panel reads it. FILE may also be drift.kr.1 beside\n"
+    "drift.kr: the history that the last KR2 clear (command 129) emptied.\n\n"
     "Options:\n"
     "  --csv    comma-separated values with a header line\n"
     "  --json   one JSON document: {\"file\", \"records\": [{\"check_time\", \"check_time_utc\", \"source\",\n"
@@ -35,7 +36,9 @@ constexpr const char* kAppendHelp =
     "                                       [--set] [--machine-type CODE]\n\n"
     "Appends one drift record to FILE exactly as the time provider does (created when missing, trimmed\n"
     "to its newest 8,192 records at 16,384, flushed to disk before the command ends). A torn tail left\n"
-    "by a crash (a size that is not a multiple of 20 bytes) is first cut back to the last whole record.\n\n"
+    "by a crash (a size that is not a multiple of 20 bytes) is first cut back to the last whole record.\n"
+    "The append waits (up to 10 s) while another process, the time provider too, changes FILE, so that\n"
+    "no record is lost.\n\n"
     "Options:\n"
     "  --variance MS        reference minus local clock in ms (negative: the local clock was fast)\n"
     "  --reason CODE        check reason 0..255 (default 1, Scheduled; 255 Startup, 254 Power resume)\n"
@@ -99,21 +102,20 @@ int Append(CommandArgs args) {
   if (!have_time) {
     when = std::max(1u, ClampUnixSeconds(FileTimeToUnixSeconds(platform::SystemTimeAsFileTime())));
   }
-  if (!DriftFileOpenPath(file)) {
+  // The failure's own code, taken at once: SystemErrorText(0, ...) words message 0 ("The operation
+  // completed successfully"), not the last error.
+  const auto fail = [&](const char* what) {
+    const std::uint32_t error = platform::LastError();
+    DriftFileClose();
     char text[129] = {};
-    SystemErrorText(0, text, 129);
-    std::fprintf(stderr, "chronwarden history append: could not open %s; %s\n", file.c_str(), text);
-    DriftFileClose();
+    std::fprintf(stderr, "chronwarden history append: %s %s; %s\n", what, file.c_str(),
+                 SystemErrorText(error ? error : platform::kErrorGenFailure, text, sizeof text));
     return kExitFailed;
-  }
+  };
+  if (!DriftFileOpenPath(file)) return fail("could not open");
   if (!DriftFileAppend(variance, when, set ? 1 : 0, static_cast<std::uint8_t>(reason), source.c_str(),
-                       static_cast<std::uint8_t>(machine))) {
-    char text[130];
-    SystemErrorText(0, text, 129);
-    std::fprintf(stderr, "chronwarden history append: could not write the record to %s; %s\n", file.c_str(), text);
-    DriftFileClose();
-    return kExitFailed;
-  }
+                       static_cast<std::uint8_t>(machine)))
+    return fail("could not write the record to");
   DriftFileClose();
   return kExitOk;
 }

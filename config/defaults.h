@@ -14,7 +14,8 @@ inline constexpr std::uint32_t kPreciseClockSettleMs = 100;       // start waits
 
 // Drift history file.
 inline constexpr const char* kDriftFileName = "drift.kr";          // in the system directory
-inline constexpr std::uint32_t kDriftLockWaitMs = 10'000;          // provider-side lock wait (ms)
+inline constexpr const char* kDriftPreviousSuffix = ".1";          // drift.kr.1: the history the last clear emptied
+inline constexpr std::uint32_t kDriftLockWaitMs = 10'000;          // provider-side lock wait, in the process and between processes (ms)
 inline constexpr std::uint32_t kDriftFileCapBytes = 327'680;       // append trims at this size (16,384 records)
 inline constexpr std::uint32_t kDriftFileKeepBytes = 163'840;      // a trim keeps the newest 8,192 records
 inline constexpr std::uint32_t kDriftRecordsPerScreen = 64;        // the graph's and the snapshot's page

@@ -1,6 +1,7 @@
 // The drift history file inside the time provider.
 #include "drift/drift_file.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <chrono>
@@ -9,6 +10,9 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "config/defaults.h"
 #include "platform/clock.h"
@@ -50,6 +54,7 @@ class WaitLock {
 WaitLock g_lock;
 std::atomic<bool> g_lock_exists{false};
 platform::FileHandle g_file = nullptr;   // guarded by g_lock
+std::string g_path;                      // the open file's path; guarded by g_lock
 
 // The history's folder is one the host's group may write and root opens it too: a link planted at
 // its name is refused, never followed.
@@ -76,6 +81,88 @@ class DriftLock {
  private:
   bool held_ = false;
 };
+
+// The writers' lock between processes (platform::FileLockWriters), held while the file is changed
+// (a torn tail cut, a trim, an append, a clear): writers in several processes then never write
+// over each other's records. Taken inside the process-local lock. Releasing it keeps the last error.
+class WritersLock {
+ public:
+  explicit WritersLock(platform::FileHandle file)
+      : file_(file), held_(platform::FileLockWriters(file, defaults::kDriftLockWaitMs)) {}
+  ~WritersLock() {
+    if (!held_) return;
+    const std::uint32_t error = platform::LastError();
+    platform::FileUnlockWriters(file_);   // closing the handle releases it all the same
+    platform::SetLastError(error);
+  }
+  WritersLock(const WritersLock&) = delete;
+  WritersLock& operator=(const WritersLock&) = delete;
+  bool Held() const { return held_; }
+
+ private:
+  platform::FileHandle file_;
+  bool held_;
+};
+
+// The history as last read for a question, and for each record the latest check time up to it,
+// which never decreases even when a clock step put the times out of order: the first record later
+// than a time is then found by binary search. Guarded by g_lock.
+class HistoryIndex {
+ public:
+  // Brings the index up to the file's whole records, with one read: the file only ever grows at
+  // its end or is cut back to a new start (by this process or another), so while the record the
+  // index ends with is still in its place only what follows it is read, otherwise the whole file.
+  // False, with the failing step's error (the index then empty), when the file could not be read.
+  bool Refresh(platform::FileHandle file) {
+    std::uint64_t size = 0;
+    if (!platform::FileSize(file, size)) return Clear(), false;
+    const std::uint64_t count = std::min<std::uint64_t>(size / kDriftRecordSize, kMaxRecords);
+    if (records_.empty() || count < records_.size()) return Read(file, 0, count);
+    const std::size_t last = records_.size() - 1;
+    const DriftRecord known = records_[last];
+    if (!Read(file, last, count)) return false;
+    if (records_.size() > last && std::memcmp(&records_[last], &known, sizeof known) == 0) return true;
+    return Read(file, 0, count);   // not where it was: the file was cut back (and grew again)
+  }
+  // The first record later than after (unsigned comparison).
+  std::optional<DriftRecord> FirstAfter(std::uint32_t after) const {
+    const auto it = std::upper_bound(latest_.begin(), latest_.end(), after);
+    if (it == latest_.end()) return std::nullopt;
+    return records_[static_cast<std::size_t>(it - latest_.begin())];
+  }
+  void Clear() {
+    records_ = {};
+    latest_ = {};
+  }
+
+ private:
+  static constexpr std::uint64_t kMaxRecords = 0xFFFFFFFFu / kDriftRecordSize;   // what one read can take
+
+  // Reads records first .. count - 1 in place of those the index has from first on.
+  bool Read(platform::FileHandle file, std::uint64_t first, std::uint64_t count) {
+    try {
+      records_.resize(count);
+      latest_.resize(first);
+    } catch (const std::bad_alloc&) {
+      Clear();
+      return platform::SetLastError(platform::kErrorNotEnoughMemory), false;
+    }
+    if (first == count) return true;
+    std::uint32_t done = 0;
+    if (!platform::FileSeek(file, static_cast<std::int64_t>(first * kDriftRecordSize), platform::SeekFrom::Begin) ||
+        !platform::FileRead(file, &records_[first], static_cast<std::uint32_t>((count - first) * kDriftRecordSize), done))
+      return Clear(), false;
+    records_.resize(first + done / kDriftRecordSize);   // the file was cut meanwhile
+    for (std::size_t i = first; i < records_.size(); ++i)
+      latest_.push_back(std::max(latest_.empty() ? 0 : latest_.back(), records_[i].check_time));
+    return true;
+  }
+
+  std::vector<DriftRecord> records_;
+  std::vector<std::uint32_t> latest_;
+};
+
+HistoryIndex g_index;
 
 // Cuts a torn tail back to the last whole record. The caller holds the lock. False, with the
 // failing step's error, when the size is unknown or the tail is still there.
@@ -147,7 +234,12 @@ bool DriftFileOpenPath(std::string_view path) {
     DriftFileSecure(path);
     g_file = platform::FileCreate(path, platform::kGenericRead | platform::kGenericWrite, kShareReadWrite,
                                   platform::kOpenAlways, kOpenFlags);
-    if (g_file) RepairTornTail(g_file);
+    if (g_file) {
+      g_path = path;
+      // Not in the middle of another process's append: the tail it is writing is not torn.
+      const WritersLock writers(g_file);
+      if (writers.Held()) RepairTornTail(g_file);
+    }
   }
   const bool valid = g_file != nullptr;
   const std::uint32_t error = platform::LastError();
@@ -161,34 +253,46 @@ void DriftFileClose() {
   if (!lock.Usable()) return;
   platform::FileClose(g_file);
   g_file = nullptr;
+  g_path.clear();
+  g_index.Clear();
   g_lock_exists.store(false);
 }
 
-void DriftFileClear() {
+bool DriftFileClear() {
   DriftLock lock;
-  if (!lock.Usable() || !g_file) return;
-  platform::FileFlush(g_file);
-  platform::FileSeek(g_file, 0, platform::SeekFrom::Begin);
-  platform::FileSetEnd(g_file);
-  platform::FileFlush(g_file);
+  if (!lock.Usable() || !g_file) return platform::SetLastError(platform::kErrorInvalidHandle), false;
+  const WritersLock writers(g_file);
+  if (!writers.Held()) return false;
+  std::uint64_t size = 0;
+  if (!platform::FileSize(g_file, size)) return false;
+  size -= size % kDriftRecordSize;   // a torn tail is no record
+  if (size > 0) {
+    std::string history;
+    try {
+      history.resize(size);
+    } catch (const std::bad_alloc&) {
+      return platform::SetLastError(platform::kErrorNotEnoughMemory), false;
+    }
+    std::uint32_t done = 0;
+    if (!platform::FileSeek(g_file, 0, platform::SeekFrom::Begin) ||
+        !platform::FileRead(g_file, history.data(), static_cast<std::uint32_t>(size), done))
+      return false;
+    if (done != size) return platform::SetLastError(platform::kErrorReadFault), false;
+    if (!platform::FileWriteWholeLike(g_path + defaults::kDriftPreviousSuffix, history, g_file)) return false;
+  }
+  g_index.Clear();
+  if (!platform::FileSeek(g_file, 0, platform::SeekFrom::Begin) || !platform::FileSetEnd(g_file)) return false;
+  return platform::FileFlush(g_file);
 }
 
 bool DriftFileReadAfter(DriftRecord& out, std::uint32_t after_time) {
-  bool found = false;
+  std::optional<DriftRecord> found;
   {
     DriftLock lock;
-    if (lock.Usable() && g_file && platform::FileSeek(g_file, 0, platform::SeekFrom::Begin)) {
-      std::uint32_t done = 0;
-      while (platform::FileRead(g_file, &out, kDriftRecordSize, done) && done == kDriftRecordSize) {
-        if (out.check_time > after_time) {
-          found = true;
-          break;
-        }
-      }
-    }
+    if (lock.Usable() && g_file && g_index.Refresh(g_file)) found = g_index.FirstAfter(after_time);
   }
-  if (!found) std::memset(&out, 0, sizeof out);
-  return found;
+  out = found.value_or(DriftRecord{});
+  return found.has_value();
 }
 
 namespace {
@@ -226,6 +330,8 @@ bool DriftFileAppend(std::int64_t variance_ms, std::uint32_t check_time, std::ui
   const std::uint32_t address = SourceAddress(source_name);
   DriftLock lock;
   if (!lock.Usable() || !g_file) return platform::SetLastError(platform::kErrorInvalidHandle), false;
+  const WritersLock writers(g_file);
+  if (!writers.Held()) return false;
   std::uint64_t size = 0;
   if (!RepairTornTail(g_file) || !platform::FileSize(g_file, size)) return false;
   if (size >= defaults::kDriftFileCapBytes && !TrimToNewestHalf(g_file)) return false;

@@ -17,6 +17,7 @@ inline constexpr std::uint32_t kErrorWriteFault = 29;           // ERROR_WRITE_F
 inline constexpr std::uint32_t kErrorReadFault = 30;            // ERROR_READ_FAULT
 inline constexpr std::uint32_t kErrorGenFailure = 31;           // ERROR_GEN_FAILURE
 inline constexpr std::uint32_t kErrorSharingViolation = 32;     // ERROR_SHARING_VIOLATION
+inline constexpr std::uint32_t kErrorLockViolation = 33;        // ERROR_LOCK_VIOLATION
 inline constexpr std::uint32_t kErrorHandleEof = 38;            // ERROR_HANDLE_EOF
 inline constexpr std::uint32_t kErrorNegativeSeek = 131;       // ERROR_NEGATIVE_SEEK
 inline constexpr std::uint32_t kErrorBadNetPath = 53;           // ERROR_BAD_NETPATH: machine unreachable

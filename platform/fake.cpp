@@ -446,7 +446,7 @@ std::uint32_t RegSetValue(RegKey key, const char* name, std::uint32_t type, cons
   return sys::RegSetValue(key, name, type, data, size);
 }
 
-// File writes and flushes: an injected failure while the fake is on, else the backend.
+// File reads are counted; writes and flushes: an injected failure while the fake is on, else the backend.
 namespace {
 std::uint32_t NthFailure(std::uint32_t FakeState::*nth, std::uint32_t FakeState::*code) {
   if (!On()) return 0;
@@ -457,6 +457,10 @@ std::uint32_t NthFailure(std::uint32_t FakeState::*nth, std::uint32_t FakeState:
   return failure;
 }
 }  // namespace
+bool FileRead(FileHandle file, void* buf, std::uint32_t size, std::uint32_t& done) {
+  if (On()) Count("FileRead");
+  return sys::FileRead(file, buf, size, done);
+}
 bool FileWrite(FileHandle file, const void* buf, std::uint32_t size, std::uint32_t& done) {
   done = 0;
   if (NthFailure(&FakeState::fail_write_nth, &FakeState::fail_write_code)) return false;

@@ -44,7 +44,8 @@ void FireTick(std::uint32_t time_low, std::uint32_t time_high);
 
 // Counts of calls that reached the (fake) system, by name: "TimeBeginPeriod", "TimeEndPeriod",
 // "ProcessorCount", "GetProcessAffinityMask", "SetCurrentThreadAffinityMask", "SetCurrentThreadPriority",
-// "SetThreadPriority" (of another thread: the fake gives no thread a real-time priority).
+// "SetThreadPriority" (of another thread: the fake gives no thread a real-time priority), and
+// "FileRead" (every read of a file, which still reaches the real file).
 std::uint32_t CallCount(std::string_view name);
 void SetProcessorCount(std::uint32_t n);       // Enable: 4
 void SetProcessAffinity(std::uint64_t mask);   // Enable: 0xF

@@ -49,6 +49,19 @@ bool FileSeek(FileHandle file, std::int64_t distance, SeekFrom from, std::uint64
 bool FileSize(FileHandle file, std::uint64_t& size);   // size in bytes
 bool FileFlush(FileHandle file);                       // FlushFileBuffers (POSIX: fsync): on disk when it returns
 bool FileSetEnd(FileHandle file);                      // SetEndOfFile: cuts or extends the file at the file pointer
+// The writers' lock of a file, between processes and between handles of one process: an exclusive
+// lock on one byte far beyond any data (LockFileEx; POSIX: an open-file-description lock, fcntl
+// F_OFD_SETLK), so reading and writing the data stay free for everyone. Waits at most wait_ms; false
+// with 33 (ERROR_LOCK_VIOLATION) when another handle still holds it then. POSIX: the handle must be
+// open for writing. FileUnlockWriters releases it (closing the handle does too).
+bool FileLockWriters(FileHandle file, std::uint32_t wait_ms);
+bool FileUnlockWriters(FileHandle file);
+// Writes bytes to path whole, with the owner and access rules of the open file like: into
+// "<path>.part" beside it, created afresh (never through a link, and at first for its owner alone),
+// flushed to disk, given like's owner, group and mode (Windows: SecureDataFile's rules), then moved
+// over path (a link there is replaced, never followed). A failure leaves path as it was and no
+// ".part" behind, with its Win32 code in LastError().
+bool FileWriteWholeLike(std::string_view path, std::string_view bytes, FileHandle like);
 bool FileDelete(std::string_view path);                // DeleteFileA
 bool FileExists(std::string_view path);                // FindFirstFileA finds it (a file or a folder)
 bool CreateDirectoryPath(std::string_view path);       // SHCreateDirectoryExA: the folder and those above it; true when it is there

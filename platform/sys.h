@@ -40,6 +40,7 @@ void TimeEndPeriod(std::uint32_t ms);
 void Sleep(std::uint32_t ms);
 bool SystemMessage(std::uint32_t code, char* buf, std::size_t size);
 bool OpenTextFileForUser(std::string_view path, const int* origin_xy);
+bool FileRead(FileHandle file, void* buf, std::uint32_t size, std::uint32_t& done);
 bool FileWrite(FileHandle file, const void* buf, std::uint32_t size, std::uint32_t& done);
 bool FileFlush(FileHandle file);
 

@@ -408,7 +408,7 @@ void Kr2Responder::ConfigureGuard(const char* managers, std::uint32_t rate_bytes
 void Kr2Responder::HandleRequest(platform::SocketHandle socket, const W32tSettings& settings,
                                  platform::EventHandle sync_event) {
   Kr2SocketOn transport(*this, socket);
-  Kr2SystemMachine machine(settings, sync_event, system_.os_level);
+  Kr2SystemMachine machine(settings, sync_event, system_.os_level, event_source_);
   ConfigureGuard(settings.kr2_managers, settings.kr2_rate_limit, settings.kr2_rate_burst);
   in_batch_ = true;
   zone_read_ = false;
@@ -457,18 +457,28 @@ void Kr2SocketOn::Flush() {
   queued_ = 0;
 }
 
-Kr2SystemMachine::Kr2SystemMachine(const W32tSettings& settings, platform::EventHandle sync_event, std::uint32_t os_level)
+Kr2SystemMachine::Kr2SystemMachine(const W32tSettings& settings, platform::EventHandle sync_event, std::uint32_t os_level,
+                                   const char* event_source)
     : sync_type_(settings.sync_type),
       max_phase_offset_s_(settings.max_allowed_phase_offset),
       os_level_(os_level),
-      sync_event_(sync_event) {}
+      sync_event_(sync_event),
+      event_source_(event_source) {}
 
 void Kr2SystemMachine::RequestResync() {
   if (sync_event_) platform::SetEvent(sync_event_);
 }
 
 void Kr2SystemMachine::ClearHistory() {
-  DriftFileClear();
+  // A history that cannot be kept as the previous generation is not emptied, nor the list of the
+  // sources: nothing is lost, and the requester sees the records still there.
+  if (!DriftFileClear()) {
+    char text[256];
+    LogEvent(event_source_, platform::kEventLogWarning,
+             "The drift history was not cleared as KR2 asked: it could not be kept as %s%s first. Error: %s",
+             defaults::kDriftFileName, defaults::kDriftPreviousSuffix, SystemErrorText(platform::LastError(), text, sizeof text));
+    return;
+  }
   reg_delete_value(reg_local(), defaults::kProviderKey, defaults::kLastUsedTimeSourceValue);
 }
 

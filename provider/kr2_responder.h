@@ -61,7 +61,7 @@ struct Kr2Socket {
 struct Kr2Machine {
   virtual ~Kr2Machine() = default;
   virtual void RequestResync() = 0;                          // sets the provider's sync event
-  virtual void ClearHistory() = 0;                           // empties drift.kr, deletes "Last Used Time Source"
+  virtual void ClearHistory() = 0;                           // empties drift.kr (kept as drift.kr.1), deletes "Last Used Time Source"
   virtual bool DriftAfter(DriftRecord& out, std::uint32_t after) = 0;   // first record later than after (s since 1970)
   virtual std::uint32_t SyncType() = 0;                      // the time service's "Type" code
   virtual std::uint32_t MaxPhaseOffsetSeconds() = 0;         // "MaxAllowedPhaseOffset", seconds
@@ -73,8 +73,10 @@ struct Kr2Machine {
 // config/registry.h; the settings and the sync event are the provider's, handed over for one wake-up.
 struct Kr2SystemMachine final : Kr2Machine {
   // settings: the time service's (copied); sync_event: set for a resync (nullptr: none);
-  // os_level: this system's (which daylight value the zone has).
-  Kr2SystemMachine(const W32tSettings& settings, platform::EventHandle sync_event, std::uint32_t os_level);
+  // os_level: this system's (which daylight value the zone has); event_source: the source of the
+  // events it writes (a clear that kept the history because it could not keep it as drift.kr.1).
+  Kr2SystemMachine(const W32tSettings& settings, platform::EventHandle sync_event, std::uint32_t os_level,
+                   const char* event_source);
   void RequestResync() override;
   void ClearHistory() override;
   bool DriftAfter(DriftRecord& out, std::uint32_t after) override;
@@ -86,6 +88,7 @@ struct Kr2SystemMachine final : Kr2Machine {
  private:
   std::uint32_t sync_type_, max_phase_offset_s_, os_level_;
   platform::EventHandle sync_event_;
+  const char* event_source_;
 };
 
 class Kr2Responder;

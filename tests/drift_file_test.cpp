@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "config/defaults.h"
 #include "drift/drift_file.h"
 #include "drift/drift_log.h"
 #include "platform/error.h"
@@ -187,6 +188,76 @@ TEST_F(DriftFileTest, ReadAfterComparesUnsigned) {
   DriftRecord r{};
   ASSERT_TRUE(DriftFileReadAfter(r, 0x7FFFFFFF));
   EXPECT_EQ(r.check_time, 0x90000000u);
+}
+
+// After a clock step back the times are out of order: the answer is still the first record from
+// the start that is later than the argument.
+TEST_F(DriftFileTest, ReadAfterFindsTheFirstLaterRecordWhenTimesStepBack) {
+  WriteBytes(path_, RecordBytes({MakeRecord(10, 0), MakeRecord(20, 1), MakeRecord(30, 2), MakeRecord(5, 3),
+                                 MakeRecord(15, 4), MakeRecord(40, 5)}));
+  Open();
+  const std::pair<std::uint32_t, std::int32_t> cases[] = {{0, 0}, {4, 0}, {10, 1}, {12, 1}, {25, 2}, {30, 5}, {39, 5}};
+  for (const auto& [after, variance] : cases) {
+    DriftRecord r{};
+    ASSERT_TRUE(DriftFileReadAfter(r, after)) << after;
+    EXPECT_EQ(r.variance_ms, variance) << after;
+  }
+  DriftRecord r{};
+  EXPECT_FALSE(DriftFileReadAfter(r, 40));
+}
+
+// A full history answers each question with a read or two, not one read per record.
+TEST_F(DriftFileTest, ReadAfterOverAFullHistoryDoesNotReadRecordByRecord) {
+  constexpr std::uint32_t kFull = defaults::kDriftFileCapBytes / kDriftRecordSize;
+  std::vector<DriftRecord> history;
+  for (std::uint32_t i = 0; i < kFull; ++i) history.push_back(MakeRecord(1000 + 2 * i, static_cast<std::int32_t>(i)));
+  WriteBytes(path_, RecordBytes(history));
+  Open();
+  const std::uint32_t reads_before = platform::fake::CallCount("FileRead");
+  constexpr std::uint32_t kQuestions = 100;
+  for (std::uint32_t q = 0; q < kQuestions; ++q) {
+    const std::uint32_t i = kFull - 1 - q * 7;   // the newest records: the far end of the file
+    DriftRecord r{};
+    ASSERT_TRUE(DriftFileReadAfter(r, 1000 + 2 * i - 1));
+    EXPECT_EQ(r.variance_ms, static_cast<std::int32_t>(i));
+  }
+  EXPECT_LE(platform::fake::CallCount("FileRead") - reads_before, 2 * kQuestions);
+}
+
+// Another process appends, rewrites, trims or empties the file: the next question sees it.
+TEST_F(DriftFileTest, ReadAfterSeesWhatAnotherWriterDid) {
+  WriteBytes(path_, RecordBytes({MakeRecord(10, 1), MakeRecord(20, 2)}));
+  Open();
+  DriftRecord r{};
+  ASSERT_TRUE(DriftFileReadAfter(r, 10));
+  EXPECT_EQ(r.variance_ms, 2);
+  const auto write = [&](std::vector<DriftRecord> records, std::size_t torn = 0) {
+    auto bytes = RecordBytes(records);
+    bytes.resize(bytes.size() + torn, 0x29);
+    WriteBytes(path_, bytes);
+  };
+  write({MakeRecord(10, 1), MakeRecord(20, 2), MakeRecord(30, 3)});   // appended
+  ASSERT_TRUE(DriftFileReadAfter(r, 20));
+  EXPECT_EQ(r.variance_ms, 3);
+  write({MakeRecord(10, 1), MakeRecord(20, 2), MakeRecord(30, 3)}, 7);   // a torn tail is not a record
+  EXPECT_FALSE(DriftFileReadAfter(r, 30));
+  write({MakeRecord(50, 5), MakeRecord(60, 6), MakeRecord(70, 7)});   // the same size, other records
+  ASSERT_TRUE(DriftFileReadAfter(r, 0));
+  EXPECT_EQ(r.variance_ms, 5);
+  write({MakeRecord(70, 7)});   // trimmed
+  ASSERT_TRUE(DriftFileReadAfter(r, 0));
+  EXPECT_EQ(r.variance_ms, 7);
+  write({MakeRecord(70, 7), MakeRecord(80, 8)});
+  ASSERT_TRUE(DriftFileReadAfter(r, 70));
+  EXPECT_EQ(r.variance_ms, 8);
+  write({});   // emptied
+  EXPECT_FALSE(DriftFileReadAfter(r, 0));
+  write({MakeRecord(90, 9), MakeRecord(95, 10)});   // emptied and grown again
+  ASSERT_TRUE(DriftFileReadAfter(r, 0));
+  EXPECT_EQ(r.variance_ms, 9);
+  DriftFileAppend(11, 100, 0, kReasonScheduled, "10.0.0.1", 7);   // this process's own append
+  ASSERT_TRUE(DriftFileReadAfter(r, 95));
+  EXPECT_EQ(r.variance_ms, 11);
 }
 
 TEST_F(DriftFileTest, ClearEmptiesTheFile) {

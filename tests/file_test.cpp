@@ -148,4 +148,45 @@ TEST(FileLayerPlainTest, NoWindowHasNoOrigin) {
   EXPECT_EQ(y, 0);
 }
 
+// The writers' lock: a second handle (of this process too) waits for it and gets it once it is
+// released; the data stays readable and writable through either handle meanwhile.
+TEST_F(FileLayerTest, TheWritersLockExcludesOtherHandlesButNotTheData) {
+  const std::string path = PathOf("locked.bin");
+  const auto open = [&] {
+    return FileCreate(path, kGenericRead | kGenericWrite, kShareRead | kShareWrite, kOpenAlways, 0);
+  };
+  FileHandle a = open(), b = open();
+  ASSERT_NE(a, nullptr);
+  ASSERT_NE(b, nullptr);
+  ASSERT_TRUE(FileLockWriters(a, 0));
+  EXPECT_FALSE(FileLockWriters(b, 20));
+  EXPECT_EQ(LastError(), kErrorLockViolation);
+  std::uint32_t done = 0;
+  ASSERT_TRUE(FileWrite(b, "abc", 3, done));
+  ASSERT_TRUE(FileSeek(a, 0, SeekFrom::Begin));
+  char buf[4] = {};
+  ASSERT_TRUE(FileRead(a, buf, 3, done));
+  EXPECT_STREQ(buf, "abc");
+  ASSERT_TRUE(FileUnlockWriters(a));
+  ASSERT_TRUE(FileLockWriters(b, 0));
+  EXPECT_FALSE(FileLockWriters(a, 0));
+  FileClose(b);   // closing releases it
+  EXPECT_TRUE(FileLockWriters(a, 0));
+  FileClose(a);
+}
+
+// A file written whole like another: the bytes, in place of what was there, and no ".part" left.
+TEST_F(FileLayerTest, WriteWholeLikeReplacesTheFile) {
+  const std::string model = PathOf("model.bin"), path = PathOf("copy.bin");
+  FileHandle like = FileCreate(model, kGenericRead | kGenericWrite, kShareRead | kShareWrite, kOpenAlways, 0);
+  ASSERT_NE(like, nullptr);
+  WriteBytes(path, {'o', 'l', 'd', '!', '!'});
+  ASSERT_TRUE(FileWriteWholeLike(path, "new", like));
+  EXPECT_EQ(ReadBytes(path), (std::vector<std::uint8_t>{'n', 'e', 'w'}));
+  EXPECT_FALSE(FileExists(path + ".part"));
+  EXPECT_FALSE(FileWriteWholeLike(PathOf("missing") + "/copy.bin", "new", like));
+  EXPECT_EQ(LastError(), kErrorPathNotFound);
+  FileClose(like);
+}
+
 }  // namespace

@@ -3,12 +3,14 @@
 #include "platform/sys.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -117,7 +119,7 @@ void FileClose(FileHandle file) {
   delete file;
 }
 
-bool FileRead(FileHandle file, void* buf, std::uint32_t size, std::uint32_t& done) {
+bool sys::FileRead(FileHandle file, void* buf, std::uint32_t size, std::uint32_t& done) {
   done = 0;
   if (!file) return Fail(EBADF);
   auto* p = static_cast<char*>(buf);
@@ -180,6 +182,61 @@ bool FileSetEnd(FileHandle file) {
   const off_t at = ::lseek(file->fd, 0, SEEK_CUR);
   if (at < 0 || ::ftruncate(file->fd, at) != 0) return Fail(errno);
   return true;
+}
+
+namespace {
+constexpr off_t kWritersLockByte = off_t{1} << 62;   // far beyond any data
+
+bool SetWritersLock(const FileObject& file, short type) {
+  struct flock lock{};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = kWritersLockByte;
+  lock.l_len = 1;
+  return ::fcntl(file.fd, F_OFD_SETLK, &lock) == 0;
+}
+}  // namespace
+
+bool FileLockWriters(FileHandle file, std::uint32_t wait_ms) {
+  if (!file) return Fail(EBADF);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);
+  while (!SetWritersLock(*file, F_WRLCK)) {
+    if (errno != EAGAIN && errno != EACCES && errno != EINTR) return Fail(errno);
+    if (std::chrono::steady_clock::now() >= deadline) return SetLastError(kErrorLockViolation), false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+bool FileUnlockWriters(FileHandle file) {
+  if (!file) return Fail(EBADF);
+  return SetWritersLock(*file, F_UNLCK) || Fail(errno);
+}
+
+bool FileWriteWholeLike(std::string_view path, std::string_view bytes, FileHandle like) {
+  if (!like) return Fail(EBADF);
+  struct stat model{};
+  if (::fstat(like->fd, &model) != 0) return Fail(errno);
+  const std::string native = NativePath(path), part = native + ".part";
+  ::unlink(part.c_str());   // one a crash left behind (a link there goes, its target stays)
+  const int fd = ::open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) return Fail(errno, errno == ENOENT && ParentMissing(native));
+  FileObject file{fd};
+  std::uint32_t done = 0;
+  bool ok = sys::FileWrite(&file, bytes.data(), static_cast<std::uint32_t>(bytes.size()), done);
+  if (ok && done != bytes.size()) ok = Fail(ENOSPC);
+  struct stat made{};
+  if (ok && (::fstat(fd, &made) != 0 ||
+             ((made.st_uid != model.st_uid || made.st_gid != model.st_gid) && ::fchown(fd, model.st_uid, model.st_gid) != 0) ||
+             ::fchmod(fd, model.st_mode & 07777) != 0 || ::fsync(fd) != 0))
+    ok = Fail(errno);
+  const std::uint32_t error = LastError();
+  ::close(fd);
+  if (ok && ::rename(part.c_str(), native.c_str()) == 0) return SetLastError(0), true;
+  const std::uint32_t failure = ok ? Win32CodeOfErrno(errno) : error;
+  ::unlink(part.c_str());
+  SetLastError(failure);
+  return false;
 }
 
 bool FileDelete(std::string_view path) {

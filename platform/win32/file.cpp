@@ -32,7 +32,7 @@ void FileClose(FileHandle file) {
   delete file;
 }
 
-bool FileRead(FileHandle file, void* buf, std::uint32_t size, std::uint32_t& done) {
+bool sys::FileRead(FileHandle file, void* buf, std::uint32_t size, std::uint32_t& done) {
   done = 0;
   if (!file) return ::SetLastError(ERROR_INVALID_HANDLE), false;
   DWORD n = 0;
@@ -76,6 +76,54 @@ bool sys::FileFlush(FileHandle file) {
 bool FileSetEnd(FileHandle file) {
   if (!file) return ::SetLastError(ERROR_INVALID_HANDLE), false;
   return ::SetEndOfFile(file->h) != FALSE;
+}
+
+namespace {
+constexpr DWORD kWritersLockHigh = 0x40000000;   // byte 2^62: far beyond any data
+}  // namespace
+
+bool FileLockWriters(FileHandle file, std::uint32_t wait_ms) {
+  if (!file) return ::SetLastError(ERROR_INVALID_HANDLE), false;
+  const ULONGLONG deadline = ::GetTickCount64() + wait_ms;
+  for (;;) {
+    OVERLAPPED at{};
+    at.OffsetHigh = kWritersLockHigh;
+    if (::LockFileEx(file->h, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &at)) return true;
+    const DWORD error = ::GetLastError();
+    if (error != ERROR_LOCK_VIOLATION) return false;
+    if (::GetTickCount64() >= deadline) return ::SetLastError(ERROR_LOCK_VIOLATION), false;
+    ::Sleep(1);
+  }
+}
+
+bool FileUnlockWriters(FileHandle file) {
+  if (!file) return ::SetLastError(ERROR_INVALID_HANDLE), false;
+  OVERLAPPED at{};
+  at.OffsetHigh = kWritersLockHigh;
+  return ::UnlockFileEx(file->h, 0, 1, 0, &at) != FALSE;
+}
+
+bool FileWriteWholeLike(std::string_view path, std::string_view bytes, FileHandle like) {
+  if (!like) return ::SetLastError(ERROR_INVALID_HANDLE), false;
+  const std::string target(path), part = target + ".part";
+  ::DeleteFileA(part.c_str());   // one a crash left behind (a link there goes, its target stays)
+  // CREATE_NEW never opens what is there, a link included; the folder's inherited rules until the
+  // data file's own are set.
+  const HANDLE h = ::CreateFileA(part.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  DWORD done = 0;
+  bool ok = ::WriteFile(h, bytes.data(), static_cast<DWORD>(bytes.size()), &done, nullptr) != FALSE;
+  if (ok && done != bytes.size()) ok = (::SetLastError(ERROR_DISK_FULL), false);
+  ok = ok && ::FlushFileBuffers(h) != FALSE;
+  DWORD error = ok ? 0 : ::GetLastError();
+  ::CloseHandle(h);
+  if (ok && !(SecureDataFile(part) &&
+              ::MoveFileExA(part.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)))
+    ok = false, error = ::GetLastError();
+  if (ok) return ::SetLastError(0), true;
+  ::DeleteFileA(part.c_str());
+  ::SetLastError(error ? error : ERROR_GEN_FAILURE);
+  return false;
 }
 
 bool FileDelete(std::string_view path) { return ::DeleteFileA(std::string(path).c_str()) != FALSE; }
