@@ -81,9 +81,13 @@ void agent_clear_history(const char* machine) {
   const std::string path = agent_drift_path(machine);
   if (platform::FileHandle f = platform::FileCreate(path, platform::kGenericRead | platform::kGenericWrite,
                                                      platform::kShareRead | platform::kShareWrite,
-                                                     platform::kOpenExisting, 0)) {
-    platform::FileSeek(f, 0, platform::SeekFrom::Begin);
-    platform::FileSetEnd(f);
+                                                     platform::kOpenExisting, platform::kFlagNoLinks)) {
+    // Never through a link planted in the history's folder; under the writers' lock between
+    // processes, so that an append in progress is not cut in half (closing releases it).
+    if (platform::FileLockWriters(f, defaults::kDriftLockWaitMs)) {
+      platform::FileSeek(f, 0, platform::SeekFrom::Begin);
+      platform::FileSetEnd(f);
+    }
     platform::FileClose(f);
   }
   reg_delete_value(g_applet.reg, defaults::kProviderKey, defaults::kLastUsedTimeSourceValue);

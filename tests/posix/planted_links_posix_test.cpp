@@ -7,11 +7,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
 
+#include "applet/agent_page.h"
+#include "config/w32time.h"
 #include "drift/drift_file.h"
 #include "platform/error.h"
 #include "platform/file.h"
@@ -59,6 +62,17 @@ TEST_F(PlantedLinkTest, TheDriftHistoryRefusesAFileWithOtherLinks) {
   EXPECT_FALSE(platform::SecureDataFile(drift.string()));
   EXPECT_EQ(Secret(), "root only: 0123456789abc");
   EXPECT_EQ(SecretMode(), fs::perms::owner_read | fs::perms::owner_write);
+  fs::remove(secret_);
+}
+
+// The Agent page's and `chronwarden agent clear`'s clear of the local history.
+TEST_F(PlantedLinkTest, ClearingTheHistoryNeverCutsThroughALink) {
+  fs::create_symlink(secret_, dir_ / "system32" / "drift.kr");
+  const W32tEnvironment saved = g_w32t_env;
+  std::snprintf(g_w32t_env.system_dir, sizeof g_w32t_env.system_dir, "%s/", (dir_ / "system32").c_str());
+  agent_clear_history("");
+  g_w32t_env = saved;
+  EXPECT_EQ(Secret(), "root only: 0123456789abc");
   fs::remove(secret_);
 }
 
