@@ -114,6 +114,8 @@ def write_status_block(namespace, words):
     closed mark). The caller removes it."""
     with open(status_block_path(namespace), "wb") as f:
         f.write(struct.pack("<8I", *words))
+    # The family's objects are theirs alone: one that lets others in is refused by every reader.
+    os.chmod(status_block_path(namespace), 0o660)
 
 
 def lint(body):
