@@ -115,7 +115,7 @@ class HistoryIndex {
   // False, with the failing step's error (the index then empty), when the file could not be read.
   bool Refresh(platform::FileHandle file) {
     std::uint64_t size = 0;
-    if (!platform::FileSize(file, size)) return Clear(), false;
+    if (!platform::FileSize(file, size)) return Forget(), false;
     const std::uint64_t count = std::min<std::uint64_t>(size / kDriftRecordSize, kMaxRecords);
     if (records_.empty() || count < records_.size()) return Read(file, 0, count);
     const std::size_t last = records_.size() - 1;
@@ -130,7 +130,7 @@ class HistoryIndex {
     if (it == latest_.end()) return std::nullopt;
     return records_[static_cast<std::size_t>(it - latest_.begin())];
   }
-  void Clear() {
+  void Forget() {
     records_ = {};
     latest_ = {};
   }
@@ -144,14 +144,14 @@ class HistoryIndex {
       records_.resize(count);
       latest_.resize(first);
     } catch (const std::bad_alloc&) {
-      Clear();
+      Forget();
       return platform::SetLastError(platform::kErrorNotEnoughMemory), false;
     }
     if (first == count) return true;
     std::uint32_t done = 0;
     if (!platform::FileSeek(file, static_cast<std::int64_t>(first * kDriftRecordSize), platform::SeekFrom::Begin) ||
         !platform::FileRead(file, &records_[first], static_cast<std::uint32_t>((count - first) * kDriftRecordSize), done))
-      return Clear(), false;
+      return Forget(), false;
     records_.resize(first + done / kDriftRecordSize);   // the file was cut meanwhile
     for (std::size_t i = first; i < records_.size(); ++i)
       latest_.push_back(std::max(latest_.empty() ? 0 : latest_.back(), records_[i].check_time));
@@ -254,7 +254,7 @@ void DriftFileClose() {
   platform::FileClose(g_file);
   g_file = nullptr;
   g_path.clear();
-  g_index.Clear();
+  g_index.Forget();
   g_lock_exists.store(false);
 }
 
@@ -280,7 +280,7 @@ bool DriftFileClear() {
     if (done != size) return platform::SetLastError(platform::kErrorReadFault), false;
     if (!platform::FileWriteWholeLike(g_path + defaults::kDriftPreviousSuffix, history, g_file)) return false;
   }
-  g_index.Clear();
+  g_index.Forget();
   if (!platform::FileSeek(g_file, 0, platform::SeekFrom::Begin) || !platform::FileSetEnd(g_file)) return false;
   return platform::FileFlush(g_file);
 }
