@@ -298,15 +298,13 @@ Kr2Outcome Kr2Responder::HandleRequestWith(Kr2Socket& socket, Kr2Machine& machin
   if (!guard.Admit(from.address, platform::CounterMilliseconds())) {
     if (guard.NoticeLimited(from.address, Now())) {
       char address[16];
-      if (guard.last_no_room())
-        LogEvent(event_source_, platform::kEventLogWarning,
-                 "KR2 requests from %s go unanswered: the table of sources has no place for a new one while it "
-                 "holds sources that asked recently (%llu limited so far)",
-                 FormatIPv4(from.address, address), static_cast<unsigned long long>(guard.limited()));
-      else
-        LogEvent(event_source_, platform::kEventLogWarning,
-                 "KR2 requests from %s go unanswered: more than %u reply bytes a second asked (%llu limited so far)",
-                 FormatIPv4(from.address, address), guard.rate(), static_cast<unsigned long long>(guard.limited()));
+      char rate[96];
+      std::snprintf(rate, sizeof rate, "more than %u reply bytes a second asked", guard.rate());
+      LogEvent(event_source_, platform::kEventLogWarning, "KR2 requests from %s go unanswered: %s (%llu limited so far)",
+               FormatIPv4(from.address, address),
+               guard.last_no_room() ? "the table of sources has no place for a new one while it holds sources that asked recently"
+                                    : rate,
+               static_cast<unsigned long long>(guard.limited()));
     }
     return Kr2Outcome::Limited;
   }
