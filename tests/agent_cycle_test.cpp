@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <thread>
 
 #include <cstring>
@@ -618,6 +619,29 @@ TEST_F(AgentNtpTest, PollsLongerThanTheirPaceDoNotHoldOffTheShutdown) {
   EXPECT_TRUE(ended.load()) << "the agent did not see the shutdown between its polls";
   g_slow_polls = false;   // an agent that missed it waits again and sees it
   agent.join();
+}
+
+// A notify word left set (a family program killed mid-pulse) wakes the agent once, not on every
+// wait: the counter stands still, so no poll falls due, and the agent is seen reading it only a
+// few times while its wait runs. Waiting on the notify event each time read it thousands of times
+// (a busy loop that held a core and starved the responder).
+TEST_F(AgentNtpTest, ANotifyWordLeftSetDoesNotSpinTheAgent) {
+  g_provider.responder_active = false;
+  const AgentEvents events;
+  const platform::UniqueEvent left_set{platform::CreateSyncEvent(true, true)};
+  g_provider.status_notify_event = left_set.get();
+  std::atomic<int> reads{0};
+  std::function<void()> count = [&] {
+    ++reads;
+    platform::fake::OnNextCounterRead(count);
+  };
+  platform::fake::OnNextCounterRead(count);
+  std::thread agent([] { AgentThreadMain(); });
+  for (int i = 0; i < 300 && reads.load() < 1000; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  platform::SetEvent(g_provider.shutdown_event);
+  agent.join();
+  platform::fake::OnNextCounterRead(nullptr);
+  EXPECT_LT(reads.load(), 20) << "the agent woke again and again for the notify word";
 }
 
 TEST_F(AgentNtpTest, ThreadEndsOnShutdown) {

@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <mutex>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -56,12 +58,20 @@ const char* Planted(int fd, const std::string& native) {
   return nullptr;
 }
 
-// Refuses (closes, access denied, a line on standard error) a file that Planted names.
+// Refuses (closes, access denied) a file that Planted names. The line on standard error comes once
+// per path and reason in a process: callers that try again (a reader, then a repair) say it once.
 bool RefusePlanted(int fd, const std::string& native, int open_errno = 0) {
   const char* why = open_errno == ELOOP ? "it is a symbolic link" : open_errno ? nullptr : Planted(fd, native);
   if (!why) return false;
   if (fd >= 0) ::close(fd);
-  std::fprintf(stderr, "chronwarden: %s: refused: %s (a link planted there is never followed)\n", native.c_str(), why);
+  static std::mutex said_lock;
+  static std::set<std::string> said;
+  bool first = false;
+  {
+    const std::lock_guard<std::mutex> hold(said_lock);
+    first = said.size() >= 64 || said.insert(native + '\n' + why).second;   // a bounded memory
+  }
+  if (first) std::fprintf(stderr, "chronwarden: %s: refused: %s (a link planted there is never followed)\n", native.c_str(), why);
   SetLastError(kErrorAccessDenied);
   return true;
 }

@@ -54,6 +54,21 @@ TEST_F(PlantedLinkTest, TheDriftHistoryRefusesASymbolicLink) {
   fs::remove(secret_);
 }
 
+// The refusal is said on standard error once for a path and reason, however often it is opened.
+TEST_F(PlantedLinkTest, ARefusedLinkIsReportedOnce) {
+  const fs::path drift = dir_ / "system32" / "said-once.kr";   // a path no other test refuses
+  fs::create_symlink(secret_, drift);
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_FALSE(DriftFileOpenPath(drift.string()));
+    DriftFileClose();
+  }
+  const std::string said = testing::internal::GetCapturedStderr();
+  const std::string line = "chronwarden: " + drift.string() + ": refused: it is a symbolic link (a link planted there is never followed)\n";
+  EXPECT_EQ(said, line);
+  fs::remove(secret_);
+}
+
 TEST_F(PlantedLinkTest, TheDriftHistoryRefusesAFileWithOtherLinks) {
   const fs::path drift = dir_ / "system32" / "drift.kr";
   fs::create_hard_link(secret_, drift);
