@@ -164,6 +164,24 @@ expect 0 "the history is still the host's user's" sh -c \
   '[ "$(stat -c %U /var/lib/chronwarden/system32/drift.kr)" = _chronwarden ]'
 expect 0 "chronwarden service start" chronwarden service start
 
+echo "==== root follows no link the host's user plants in its folders"
+# The host's user may write the store's folders: it replaces the history and the store's journal by
+# links to a file of root's alone, then the package is configured again (as an upgrade does).
+# Once, the scripts' chown and chmod made the linked file the host's and group-writable.
+in_root sh -c 'umask 077 && echo "root only" >/root/cw-secret'
+as_service sh -c 'cd /var/lib/chronwarden && rm -f system32/drift.kr registry.db-journal &&
+  ln -s /root/cw-secret system32/drift.kr && ln -s /root/cw-secret registry.db-journal' &&
+  ok "the host's user planted links" || fail "the host's user could not plant its links"
+in_root /var/lib/dpkg/info/chronwarden.postinst configure >"$work/out" 2>&1 || true
+sed 's/^/    /' "$work/out"
+expect 0 "root's file kept its owner, mode and bytes" sh -c \
+  '[ "$(stat -c "%U:%G %a" /root/cw-secret)" = "root:root 600" ] && [ "$(cat /root/cw-secret)" = "root only" ]'
+in_root rm -f /root/cw-secret /var/lib/chronwarden/system32/drift.kr /var/lib/chronwarden/registry.db-journal
+expect 0 "configured again without the links" /var/lib/dpkg/info/chronwarden.postinst configure
+expect 0 "the history is a file of the host's user again" sh -c \
+  '[ "$(stat -c "%F %U" /var/lib/chronwarden/system32/drift.kr)" = "regular file _chronwarden" ] ||
+   [ "$(stat -c "%F %U" /var/lib/chronwarden/system32/drift.kr)" = "regular empty file _chronwarden" ]'
+
 echo "==== the exporter"
 # Started as one command (not through a function, which would run in a shell of its own), so
 # that its process id is the exporter's.
