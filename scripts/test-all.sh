@@ -1,15 +1,21 @@
 #!/usr/bin/env bash
-# Builds and tests every target: Linux native, Linux with ASan/UBSan, Linux with ThreadSanitizer (the
-# tests of the threads' shared state only), Windows (mingw-w64) under Wine, and the Debian packages.
-# Usage: scripts/test-all.sh [PRESET...]   (default: fuzz linux linux-asan linux-tsan windows packages)
+# Builds and tests every target: Linux with ASan/UBSan, Linux with ThreadSanitizer (the tests of the
+# threads' shared state only), Windows (mingw-w64) under Wine, and the Debian packages.
+# Usage: scripts/test-all.sh [PRESET...]   (default: fuzz linux-asan linux-tsan windows packages)
+# The plain "linux" preset runs the very tests the ASan/UBSan build runs, which checks more; the
+# optimised product is the packages' own build, which the install test runs. By default it is left
+# out to keep the whole run within its time (name it to run it too).
 # "fuzz" builds the libFuzzer targets and runs each for a few seconds from its committed corpus.
 # "packages" builds the Debian packages, checks them with lintian and installs them into an overlay
 # of this machine's root (tests/install/deb-install-test.sh); it needs root.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# Each stage's line says when it began, in seconds since the whole run began (the CI's time budget).
+export CW_RUN_START=${CW_RUN_START:-$(date +%s)}
+stage() { echo "==== [$(( $(date +%s) - CW_RUN_START ))s] $*"; }
 python3 scripts/check-layers.py   # every include runs down the floors (docs/architecture.md), before anything is built
 presets=("$@")
-((${#presets[@]})) || presets=(fuzz linux linux-asan linux-tsan windows packages)
+((${#presets[@]})) || presets=(fuzz linux-asan linux-tsan windows packages)
 # A run keeps to its build tree: temporary files go to a folder of its own, and at the end the
 # machine's own places are searched for anything it made or changed there (scripts/leftovers.sh).
 start_run() {
@@ -40,7 +46,7 @@ if [ -z "${CW_IN_NETNS:-}" ] && [[ " ${presets[*]} " == *" packages "* ]]; then
     scripts/install-deps.sh
   fi
   start_run
-  echo "==== packages: build, lintian, install test"
+  stage "packages: build, lintian, install test"
   if [ "$(id -u)" != 0 ]; then
     echo "the packages' install test needs root"
     status=1
@@ -73,14 +79,14 @@ for preset in "${presets[@]}"; do
     continue
   fi
   if [ "$preset" = fuzz ]; then
-    echo "==== fuzz: build and run each target briefly"
+    stage "fuzz: build and run each target briefly"
     scripts/fuzz.sh "${CW_FUZZ_SECONDS:-10}" || status=1
     continue
   fi
-  echo "==== $preset: configure and build"
+  stage "$preset: configure and build"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
-  echo "==== $preset: test"
+  stage "$preset: test"
   if [ "$preset" = windows ]; then
     # The Wine prefix, its server and virtual display are the tests' fixture (scripts/wine-env.sh),
     # started inside this network namespace.
@@ -92,4 +98,5 @@ for preset in "${presets[@]}"; do
   fi
 done
 check_leftovers
+stage "end"
 exit $status
