@@ -106,9 +106,10 @@ pid_t LivePid(const ServiceObject* s) {
   return 0;
 }
 
-void SupervisorStatus(const ServiceObject* s, ServiceStatus& status) {
+// The state of the service whose live process is pid (0: none).
+void SupervisorStatusOf(const ServiceObject* s, pid_t pid, ServiceStatus& status) {
   status = ServiceStatus{};
-  if (!LivePid(s)) {
+  if (pid <= 0) {
     status.current_state = kServiceStopped;
     return;
   }
@@ -122,6 +123,8 @@ void SupervisorStatus(const ServiceObject* s, ServiceStatus& status) {
   std::uint32_t hint = 0;
   if (ReadValue(s, "StopWaitHint", nullptr, &hint)) status.wait_hint = hint;
 }
+
+void SupervisorStatus(const ServiceObject* s, ServiceStatus& status) { SupervisorStatusOf(s, LivePid(s), status); }
 
 // The command line split at blanks; double quotes group.
 std::vector<std::string> SplitCommandLine(const std::string& line) {
@@ -205,8 +208,11 @@ bool SupervisorStart(const ServiceObject* s) {
 }
 
 bool SupervisorControl(const ServiceObject* s, std::uint32_t control, ServiceStatus& status) {
-  SupervisorStatus(s, status);
+  // The process is looked up once: the state and the signal go to the same one. Looked up twice, a
+  // process ending in between left pid 0, and kill(0, ...) signalled the caller's own process group
+  // (a restart under load ended the command that asked for it, and whatever ran it).
   const pid_t pid = LivePid(s);
+  SupervisorStatusOf(s, pid, status);
   switch (control) {
     case kServiceControlInterrogate:
       return true;
