@@ -4,7 +4,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ gcc pkg-config git
   googletest libbenchmark-dev libsqlite3-dev sqlite3
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev clang-format
   g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
   wine wine64 xvfb xauth msitools wixl
   chrony ntpsec-ntpdate iproute2 util-linux procps

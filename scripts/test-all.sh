@@ -72,6 +72,8 @@ fi
 start_run
 jobs=$(nproc)
 status=0
+stage "format: the lines changed since the house style came in"
+scripts/check-format.sh || status=1
 for preset in "${presets[@]}"; do
   if [ "$preset" = packages ]; then
     echo "==== packages: not in a network namespace; run scripts/test-all.sh packages as root"
