@@ -1,6 +1,6 @@
-// The clock status check. It runs on the status worker and writes the page's controls directly;
-// the stop event is polled between every blocking step, so a closing page ends a check within one
-// query time-out plus the row pause.
+// The clock status check. It runs on the status worker (the page's) or on the command line's thread
+// and gives a record; the page's adapter draws it as it comes. The stop event is polled between
+// every blocking step, so a closing page ends a check within one query time-out plus the row pause.
 #include "applet/clock_status.h"
 
 #include <algorithm>
@@ -123,52 +123,96 @@ std::string RowText(const NtpResult& r, const TargetClock& target, std::int64_t&
 
 }  // namespace
 
-int CheckClockStatus(platform::Dialog& page, const StatusPacing& pacing) {
-  page.SetText(IDC_STATUS_TEXT, "Checking synchronization status....");
+ClockStatusResult CheckClockStatusOf(const ClockStatusQuestion& question, const StatusPacing& pacing,
+                                     ClockStatusProgress* progress) {
+  ClockStatusProgress quiet;
+  ClockStatusProgress& tell = progress ? *progress : quiet;
+  ClockStatusResult result;
+  for (std::size_t i = 0; i < std::size(result.rows); ++i) {
+    result.rows[i].server = applet_trimmed(question.servers[i], 255);
+    result.rows[i].asked = question.enabled[i];
+  }
+  tell.Started();
   // All at once: the target and every row are asked together, each on a thread of its own, and
   // the rows are written in order when all have answered.
   std::future<TargetClock> target_future;
-  std::future<NtpResult> row_futures[std::size(kRows)];
+  std::future<NtpResult> row_futures[std::size(result.rows)];
   if (pacing.all_at_once) {
     target_future = std::async(std::launch::async, MeasureTarget);
-    for (std::size_t i = 0; i < std::size(kRows); ++i) {
-      const std::string name = applet_trimmed(page.Text(kRows[i].server), 255);
-      if (page.Enabled(kRows[i].variance) && !name.empty()) row_futures[i] = std::async(std::launch::async, AskRow, name);
+    for (std::size_t i = 0; i < std::size(result.rows); ++i) {
+      const ClockStatusRow& row = result.rows[i];
+      if (row.asked && !row.server.empty()) row_futures[i] = std::async(std::launch::async, AskRow, row.server);
     }
   }
   const TargetClock target = pacing.all_at_once ? target_future.get() : MeasureTarget();
   std::int64_t count = 0, sum = 0;
-  for (std::size_t i = 0; i < std::size(kRows); ++i) {
-    const Row& row = kRows[i];
-    if (Stopped()) return 1;
-    if (!page.Enabled(row.variance)) continue;
-    const std::string name = applet_trimmed(page.Text(row.server), 255);
-    page.SetText(row.variance, name.empty() ? "" : "Checking");
-    page.SetText(row.stratum, name.empty() ? "" : "?");
-    page.SetFont(row.variance, kFontMarking);
-    page.SetFont(row.stratum, kFontMarking);
-    if (!name.empty()) {
-      if (Stopped()) return 1;
-      const NtpResult r = row_futures[i].valid() ? row_futures[i].get() : AskRow(name);
-      if (Stopped()) return 1;
+  for (std::size_t i = 0; i < std::size(result.rows); ++i) {
+    ClockStatusRow& row = result.rows[i];
+    if (Stopped()) return result.stopped = true, result;
+    if (!row.asked) continue;
+    row.variance = row.server.empty() ? "" : "Checking";
+    row.stratum = row.server.empty() ? "" : "?";
+    tell.RowAsked(int(i), row);
+    if (!row.server.empty()) {
+      if (Stopped()) return result.stopped = true, result;
+      const NtpResult r = row_futures[i].valid() ? row_futures[i].get() : AskRow(row.server);
+      if (Stopped()) return result.stopped = true, result;
       const std::string text = RowText(r, target, count, sum);
-      if (pacing.row_pause_ms && PauseStopped(pacing.row_pause_ms)) return 1;
-      page.SetText(row.variance, text);
-      page.SetText(row.stratum, r.valid ? std::to_string(r.stratum) : "-");
+      if (pacing.row_pause_ms && PauseStopped(pacing.row_pause_ms)) return result.stopped = true, result;
+      row.variance = text;
+      row.stratum = r.valid ? std::to_string(r.stratum) : "-";
     }
-    page.SetFont(row.variance, platform::kFontDialog);
-    page.SetFont(row.stratum, platform::kFontDialog);
+    tell.RowAnswered(int(i), row);
   }
-  int icon = IDI_STATUS_UNKNOWN;
-  const char* line = "Clock synchronization status unknown";
+  result.icon = IDI_STATUS_UNKNOWN;
+  result.line = "Clock synchronization status unknown";
   if (count) {
     const std::int64_t average_ms = (sum / count) / 10'000;
-    if (average_ms >= 2001) icon = IDI_STATUS_BAD, line = "Clock is NOT synchronized";
-    else if (average_ms < 1001) icon = IDI_STATUS_SYNCED, line = target.known ? "Clock synchronized to within 1 second" : "Not able to determine time at machine";
-    else icon = IDI_STATUS_OFF, line = "Clock is NOT synchronized to within 1 second";
+    if (average_ms >= 2001) result.icon = IDI_STATUS_BAD, result.line = "Clock is NOT synchronized";
+    else if (average_ms < 1001)
+      result.icon = IDI_STATUS_SYNCED,
+      result.line = target.known ? "Clock synchronized to within 1 second" : "Not able to determine time at machine";
+    else result.icon = IDI_STATUS_OFF, result.line = "Clock is NOT synchronized to within 1 second";
   }
-  page.SetIcon(IDC_STATUS_ICON, icon, 16);
-  page.SetText(IDC_STATUS_TEXT, line);
+  return result;
+}
+
+namespace {
+
+// The Client page as a check's progress: a row in the marking font while it is asked.
+struct PageProgress : ClockStatusProgress {
+  explicit PageProgress(platform::Dialog& p) : page(p) {}
+  void Started() override { page.SetText(IDC_STATUS_TEXT, "Checking synchronization status...."); }
+  void RowAsked(int i, const ClockStatusRow& row) override {
+    page.SetText(kRows[i].variance, row.variance);
+    page.SetText(kRows[i].stratum, row.stratum);
+    page.SetFont(kRows[i].variance, kFontMarking);
+    page.SetFont(kRows[i].stratum, kFontMarking);
+  }
+  void RowAnswered(int i, const ClockStatusRow& row) override {
+    if (!row.server.empty()) {
+      page.SetText(kRows[i].variance, row.variance);
+      page.SetText(kRows[i].stratum, row.stratum);
+    }
+    page.SetFont(kRows[i].variance, platform::kFontDialog);
+    page.SetFont(kRows[i].stratum, platform::kFontDialog);
+  }
+  platform::Dialog& page;
+};
+
+}  // namespace
+
+int CheckClockStatus(platform::Dialog& page, const StatusPacing& pacing) {
+  ClockStatusQuestion question;
+  for (std::size_t i = 0; i < std::size(kRows); ++i) {
+    question.servers[i] = page.Text(kRows[i].server);
+    question.enabled[i] = page.Enabled(kRows[i].variance);
+  }
+  PageProgress progress(page);
+  const ClockStatusResult result = CheckClockStatusOf(question, pacing, &progress);
+  if (result.stopped) return 1;
+  page.SetIcon(IDC_STATUS_ICON, result.icon, 16);
+  page.SetText(IDC_STATUS_TEXT, result.line);
   return 1;
 }
 
@@ -181,7 +225,7 @@ void UpdateSyncNowButton(platform::Dialog& page) {
   page.Enable(IDC_SYNC_NOW, enable);
 }
 
-void ShowCurrentTimeSource(platform::Dialog& page) {
+std::string CurrentTimeSourceText() {
   // The agent applet is part of this module, so it is always present; "not installed" and
   // "disabled" come from the provider's registration.
   std::string text = "Unknown - Agent applet not present";
@@ -195,6 +239,11 @@ void ShowCurrentTimeSource(platform::Dialog& page) {
   } else {
     text = "Unknown - Agent disabled";
   }
+  return text;
+}
+
+void ShowCurrentTimeSource(platform::Dialog& page) {
+  const std::string text = CurrentTimeSourceText();
   if (page.Text(IDC_TIME_SOURCE) != text) page.SetText(IDC_TIME_SOURCE, text);
 }
 

@@ -1,6 +1,6 @@
 // chronwarden server test [--machine NAME] [--json]: the Server page's Test Server. The clock status
-// check runs first on an in-memory Client page (as `chronwarden status` does) for the verdict the
-// test judges the served time by; then the machine's NTP server is asked for the time.
+// check runs first (as `chronwarden status` runs it) for the verdict the test judges the served
+// time by; then the machine's NTP server is asked for the time.
 #include <cstdio>
 #include <string>
 
@@ -46,15 +46,15 @@ int CmdServer(CommandArgs args) {
     else if (args[i] == "--machine" && i + 1 < args.size()) machine = args[++i];
     else return UsageError("server", "unknown argument: " + std::string(args[i]));
   }
-  const auto page = OpenStatusPage("server", machine);
-  if (!page) return kExitFailed;
-  CheckClockStatus(*page, kStatusAllAtOnce);
-  const ServerTestResult r = server_test(g_applet.target, page->Icon(IDC_STATUS_ICON), 0);
+  ClockStatusQuestion question;
+  if (!OpenStatusTarget("server", machine, question)) return kExitFailed;
+  const ClockStatusResult status = CheckClockStatusOf(question, kStatusAllAtOnce);
+  const ServerTestResult r = server_test(g_applet.target, status.icon, 0);
   if (json)
     std::printf("{\"machine\": %s, \"clock_status\": %s, \"icon\": %d, \"verdict\": %s, \"text\": %s}\n",
-                JsonString(StatusPageMachine()).c_str(), JsonString(page->Text(IDC_STATUS_TEXT)).c_str(), r.icon,
+                JsonString(StatusPageMachine()).c_str(), JsonString(status.line).c_str(), r.icon,
                 JsonString(Verdict(r.icon)).c_str(), JsonString(r.text).c_str());
   else
-    std::printf("Clock status: %s\n%s\n", page->Text(IDC_STATUS_TEXT).c_str(), r.text.c_str());
+    std::printf("Clock status: %s\n%s\n", status.line.c_str(), r.text.c_str());
   return r.icon == IDI_STATUS_SYNCED ? kExitOk : kExitFailed;
 }

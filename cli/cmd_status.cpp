@@ -1,7 +1,6 @@
 // chronwarden status [--machine NAME] [--json] [--watch [--count N]]: the Client page's clock
-// status check, run on an in-memory Client page filled with the machine's servers: each server's
-// stratum and variance against the target machine, the verdict and the current time source,
-// exactly the texts the page shows.
+// status check of the machine's servers: each server's stratum and variance against the target
+// machine, the verdict and the current time source, exactly the texts the page shows.
 #include <cstdio>
 #include <string>
 
@@ -10,19 +9,12 @@
 #include "cli/commands.h"
 #include "cli/status_page.h"
 #include "config/defaults.h"
-#include "config/registry.h"
 #include "config/w32time.h"
-#include "platform/dialog_memory.h"
 #include "platform/error_text.h"
 #include "platform/sync.h"
 #include "resources/resource_ids.h"
-#include "resources/resources.h"
 
 namespace {
-
-constexpr int kServerIds[] = {IDC_SERVER1, IDC_SERVER2, IDC_SERVER3, IDC_SERVER4, IDC_SERVER5, IDC_SERVER6};
-constexpr int kStratumIds[] = {IDC_STRATUM1, IDC_STRATUM2, IDC_STRATUM3, IDC_STRATUM4, IDC_STRATUM5, IDC_STRATUM6};
-constexpr int kVarianceIds[] = {IDC_VARIANCE1, IDC_VARIANCE2, IDC_VARIANCE3, IDC_VARIANCE4, IDC_VARIANCE5, IDC_VARIANCE6};
 
 const char kUsage[] =
     "Usage: chronwarden status [--machine NAME] [--json] [--watch [--count N]]\n\n"
@@ -37,56 +29,46 @@ const char kUsage[] =
     "Exit code: 0 when the last check found the clock synchronized to within 1 second, 1 otherwise\n"
     "(not synchronized, off by more than a second, unknown), 2 for a wrong command line.\n";
 
-void Print(const platform::MemoryDialog& page, bool json) {
+void Print(const ClockStatusResult& status, const std::string& time_source, bool json) {
   if (json) {
-    std::string out = "{\"machine\": " + JsonString(StatusPageMachine()) +
-                      ", \"servers\": [";
+    std::string out = "{\"machine\": " + JsonString(StatusPageMachine()) + ", \"servers\": [";
     bool first = true;
     for (int i = 0; i < 6; ++i) {
-      const std::string name = page.Text(kServerIds[i]);
-      if (name.empty()) continue;
-      out += std::string(first ? "" : ", ") + "{\"row\": " + std::to_string(i + 1) + ", \"name\": " + JsonString(name) +
-             ", \"stratum\": " + JsonString(page.Text(kStratumIds[i])) + ", \"variance\": " +
-             JsonString(page.Text(kVarianceIds[i])) + "}";
+      const ClockStatusRow& row = status.rows[i];
+      if (row.server.empty()) continue;
+      out += std::string(first ? "" : ", ") + "{\"row\": " + std::to_string(i + 1) + ", \"name\": " + JsonString(row.server) +
+             ", \"stratum\": " + JsonString(row.stratum) + ", \"variance\": " + JsonString(row.variance) + "}";
       first = false;
     }
-    out += "], \"icon\": " + std::to_string(page.Icon(IDC_STATUS_ICON)) + ", \"status\": " +
-           JsonString(page.Text(IDC_STATUS_TEXT)) + ", \"time_source\": " + JsonString(page.Text(IDC_TIME_SOURCE)) + "}";
+    out += "], \"icon\": " + std::to_string(status.icon) + ", \"status\": " + JsonString(status.line) +
+           ", \"time_source\": " + JsonString(time_source) + "}";
     std::printf("%s\n", out.c_str());
   } else {
     std::printf("%-3s %-40s %-8s %s\n", "#", "Server", "Stratum", "Variance");
     for (int i = 0; i < 6; ++i) {
-      const std::string name = page.Text(kServerIds[i]);
-      if (!name.empty())
-        std::printf("%-3d %-40s %-8s %s\n", i + 1, name.c_str(), page.Text(kStratumIds[i]).c_str(),
-                    page.Text(kVarianceIds[i]).c_str());
+      const ClockStatusRow& row = status.rows[i];
+      if (!row.server.empty()) std::printf("%-3d %-40s %-8s %s\n", i + 1, row.server.c_str(), row.stratum.c_str(), row.variance.c_str());
     }
-    std::printf("%s\nCurrently selected time source: %s\n", page.Text(IDC_STATUS_TEXT).c_str(),
-                page.Text(IDC_TIME_SOURCE).c_str());
+    std::printf("%s\nCurrently selected time source: %s\n", status.line.c_str(), time_source.c_str());
   }
   std::fflush(stdout);
 }
 
 }  // namespace
 
-std::unique_ptr<platform::MemoryDialog> OpenStatusPage(std::string_view command, const std::string& machine) {
-  static platform::DialogLogic plain;
+bool OpenStatusTarget(std::string_view command, const std::string& machine, ClockStatusQuestion& question) {
   applet_entry(nullptr, kCplInit, 0, 0);
   if (!applet_open_target(machine.c_str())) {
-    std::fprintf(stderr, "chronwarden %s: cannot reach the registry of %s\n", std::string(command).c_str(),
-                 machine.c_str());
-    return nullptr;
+    std::fprintf(stderr, "chronwarden %s: cannot reach the registry of %s\n", std::string(command).c_str(), machine.c_str());
+    return false;
   }
   if (const std::uint32_t st = w32t_load(g_applet.reg, g_applet.settings)) {
     char text[512];
     std::fprintf(stderr, "chronwarden %s: %s\n", std::string(command).c_str(), SystemErrorText(st, text, sizeof text));
-    return nullptr;
+    return false;
   }
-  resources::RegisterDialogs();
-  platform::UseMemoryDialogs(true);
-  auto page = std::make_unique<platform::MemoryDialog>(*platform::FindDialogDescription(IDD_CLIENT), plain);
-  for (int i = 0; i < 6; ++i) page->SetText(kServerIds[i], g_applet.settings.servers[i].name);
-  return page;
+  for (int i = 0; i < 6; ++i) question.servers[i] = g_applet.settings.servers[i].name;
+  return true;
 }
 
 const char* StatusPageMachine() { return g_applet.target[0] ? g_applet.target : g_w32t_env.computer_name; }
@@ -107,16 +89,14 @@ int CmdStatus(CommandArgs args) {
     }
   }
   if (count && !watch) return UsageError("status", "--count goes with --watch");
-  const auto page = OpenStatusPage("status", machine);
-  if (!page) return kExitFailed;
+  ClockStatusQuestion question;
+  if (!OpenStatusTarget("status", machine, question)) return kExitFailed;
   int icon = 0;
   for (std::uint32_t n = 0; !watch || !count || n < count; ++n) {
     if (n) platform::Sleep(defaults::kStatusCheckPeriodMs);
-    CheckClockStatus(*page, kStatusAllAtOnce);
-    UpdateSyncNowButton(*page);
-    ShowCurrentTimeSource(*page);
-    Print(*page, json);
-    icon = page->Icon(IDC_STATUS_ICON);
+    const ClockStatusResult status = CheckClockStatusOf(question, kStatusAllAtOnce);
+    Print(status, CurrentTimeSourceText(), json);
+    icon = status.icon;
     if (!watch) break;
   }
   return icon == IDI_STATUS_SYNCED ? kExitOk : kExitFailed;

@@ -240,3 +240,27 @@ TEST_F(ClockStatusNtpTest, AllAtOnceWritesWhatTheRowsInTurnWrite) {
   EXPECT_EQ(CheckClockStatus(*page_, kStatusAllAtOnce), 1);
   EXPECT_EQ(shown(), in_turn);
 }
+
+// The check's record is what the command line and the server test draw: the rows' texts and the
+// verdict, with no page at all; a disabled row is not asked and an empty one has no texts.
+TEST_F(ClockStatusNtpTest, TheRecordCarriesWhatThePageWouldShow) {
+  const FakeNtpReply reply{.offset = 40 * kMs + kGrain, .stratum = 2};
+  FakeNtpServer server("127.0.0.73", {reply});
+  ClockStatusQuestion question;
+  question.servers[0] = " 127.0.0.73 ";
+  question.servers[2] = "127.0.0.73";
+  question.enabled[2] = false;
+  const ClockStatusResult r = CheckClockStatusOf(question, kStatusAllAtOnce);
+  EXPECT_FALSE(r.stopped);
+  EXPECT_EQ(r.rows[0].server, "127.0.0.73");
+  EXPECT_TRUE(r.rows[0].asked);
+  EXPECT_EQ(r.rows[0].stratum, "2");
+  EXPECT_EQ(r.rows[0].variance, "+0.040 secs");
+  EXPECT_EQ(r.rows[1].server, "");
+  EXPECT_EQ(r.rows[1].variance, "");
+  EXPECT_FALSE(r.rows[2].asked);
+  EXPECT_EQ(r.rows[2].variance, "");
+  EXPECT_EQ(r.icon, IDI_STATUS_SYNCED);
+  EXPECT_EQ(r.line, "Clock synchronized to within 1 second");
+  EXPECT_EQ(page_->Text(IDC_STATUS_TEXT), "Status Unknown") << "the record's check writes no page";
+}
