@@ -123,8 +123,7 @@ std::string RowText(const NtpResult& r, const TargetClock& target, std::int64_t&
 
 }  // namespace
 
-ClockStatusResult CheckClockStatusOf(const ClockStatusQuestion& question, const StatusPacing& pacing,
-                                     ClockStatusProgress* progress) {
+ClockStatusResult CheckClockStatusOf(const ClockStatusQuestion& question, const StatusPacing& pacing, ClockStatusProgress* progress) {
   ClockStatusProgress quiet;
   ClockStatusProgress& tell = progress ? *progress : quiet;
   ClockStatusResult result;
@@ -168,11 +167,13 @@ ClockStatusResult CheckClockStatusOf(const ClockStatusQuestion& question, const 
   result.line = "Clock synchronization status unknown";
   if (count) {
     const std::int64_t average_ms = (sum / count) / 10'000;
-    if (average_ms >= 2001) result.icon = IDI_STATUS_BAD, result.line = "Clock is NOT synchronized";
+    if (average_ms >= 2001)
+      result.icon = IDI_STATUS_BAD, result.line = "Clock is NOT synchronized";
     else if (average_ms < 1001)
       result.icon = IDI_STATUS_SYNCED,
       result.line = target.known ? "Clock synchronized to within 1 second" : "Not able to determine time at machine";
-    else result.icon = IDI_STATUS_OFF, result.line = "Clock is NOT synchronized to within 1 second";
+    else
+      result.icon = IDI_STATUS_OFF, result.line = "Clock is NOT synchronized to within 1 second";
   }
   return result;
 }
@@ -200,7 +201,7 @@ struct PageProgress : ClockStatusProgress {
   platform::Dialog& page;
 };
 
-}  // namespace
+}   // namespace
 
 int CheckClockStatus(platform::Dialog& page, const StatusPacing& pacing) {
   ClockStatusQuestion question;

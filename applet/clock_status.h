@@ -38,8 +38,8 @@ struct ClockStatusRow {
 };
 struct ClockStatusResult {
   ClockStatusRow rows[6];
-  int icon = 0;       // IDI_STATUS_SYNCED, _OFF, _BAD or _UNKNOWN
-  std::string line;   // "Clock synchronized to within 1 second", ...
+  int icon = 0;           // IDI_STATUS_SYNCED, _OFF, _BAD or _UNKNOWN
+  std::string line;       // "Clock synchronized to within 1 second", ...
   bool stopped = false;   // the stop event ended the check before its verdict
 };
 // The rows to ask: each server name (trimmed here), and whether the row may be asked at all.

@@ -52,8 +52,8 @@ int CmdServer(CommandArgs args) {
   const ServerTestResult r = server_test(g_applet.target, status.icon, 0);
   if (json)
     std::printf("{\"machine\": %s, \"clock_status\": %s, \"icon\": %d, \"verdict\": %s, \"text\": %s}\n",
-                JsonString(StatusPageMachine()).c_str(), JsonString(status.line).c_str(), r.icon,
-                JsonString(Verdict(r.icon)).c_str(), JsonString(r.text).c_str());
+                JsonString(StatusPageMachine()).c_str(), JsonString(status.line).c_str(), r.icon, JsonString(Verdict(r.icon)).c_str(),
+                JsonString(r.text).c_str());
   else
     std::printf("Clock status: %s\n%s\n", status.line.c_str(), r.text.c_str());
   return r.icon == IDI_STATUS_SYNCED ? kExitOk : kExitFailed;

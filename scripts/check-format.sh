@@ -13,7 +13,7 @@ if [ -z "$base" ]; then
   exit 0
 fi
 if [ -n "$fix" ]; then
-  git clang-format --extensions cpp,h "$base" -- . || true
+  git clang-format --force --extensions cpp,h "$base" -- . || true
   exit 0
 fi
 out=$(git clang-format --diff --extensions cpp,h "$base" -- .)
