@@ -107,7 +107,8 @@ int applet_is_admin() {
 
 int applet_access_test(platform::Dialog*, const char* machine, const char* key, char* message) {
   char name[64];
-  std::snprintf(name, sizeof name, "morvane-test-%d", int(platform::SystemTimeAsFileTime() / 10'000));
+  // Named after the tick count (milliseconds since the system started, never below 0).
+  std::snprintf(name, sizeof name, "morvane-test-%u", std::uint32_t(platform::CounterMilliseconds()));
   const bool given = key && *key;
   const char* path = given ? key : kAccessTestKey;
   const char* shown = given ? key : kAccessTestShownKey;   // the texts name the Parameters key on purpose
@@ -203,8 +204,8 @@ int applet_needs_upgrade(const char* registered, const char* mine, int service_i
   reg = reg.substr(0, reg.find('R'));
   me = me.substr(0, me.find('R'));
   int order = strcasecmp(me.c_str(), reg.c_str());
-  if (my_release && !reg_release) return order >= 0;
-  return order > 0;
+  if (my_release == reg_release) return order > 0;
+  return my_release && order >= 0;   // a pre-release never replaces a release
 }
 
 int applet_sheet_pages(std::uint32_t level, int service_installed, int ids[5]) {
@@ -489,6 +490,7 @@ std::intptr_t applet_launch(void* window, std::uint32_t mode) {
   if (!check_administrator(err) || !identify_target(remote, err) || !check_systems(name, err) ||
       !start_winsock(winsock, err) || !open_target_store(remote, name, err))
     return 0;
+  DeleteNotepadTemps();   // the reports the last launch showed
   const std::intptr_t result =
       mode == kCplInstall || mode == kCplRemove ? run_install(mode, remote, name) : run_sheet(window, mode, remote);
   err = LastError();

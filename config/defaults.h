@@ -29,6 +29,8 @@ inline constexpr const char* kProductName = "Chronwarden";
 // Room for a translated registry path (characters, with the terminator). A path that does not fit
 // is refused (error 206), never cut down to another key.
 inline constexpr std::uint32_t kRegPathSize = 512;
+// A target machine's name is kept (and connected to) with at most this many characters.
+inline constexpr std::uint32_t kRegTargetNameChars = 127;
 // reg_set_string_fmt formats into this many characters; a longer result is cut.
 inline constexpr std::uint32_t kRegFormatSize = 32767;
 // NTP query client.

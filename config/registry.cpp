@@ -83,8 +83,9 @@ const RegTarget& reg_local() {
 int reg_open_target(const char* machine, RegTarget& target) {
   target = RegTarget();
   if (!machine || !*machine) return Done(0), 1;
-  const std::string unc = machine[0] == '\\' && machine[1] == '\\' ? std::string(machine) : "\\\\" + std::string(machine);
-  target.name_ = machine;
+  // The name as given, at most 127 characters.
+  target.name_.assign(machine, strnlen(machine, defaults::kRegTargetNameChars));
+  const std::string unc = target.name_.rfind("\\\\", 0) == 0 ? target.name_ : "\\\\" + target.name_;
   if (platform::EqualsNoCase(unc, "\\\\" + platform::ComputerName())) return Done(0), 1;
   RegKey remote = nullptr;
   const std::uint32_t status = platform::RegConnectRegistry(unc, platform::IsNtFamily(), remote);

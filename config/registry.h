@@ -48,7 +48,8 @@ inline constexpr std::uint32_t kArchMips = 6;
 inline constexpr std::uint32_t kArchPpc = 7;
 
 // Opens machine ("NAME" or "\\NAME"; nullptr, "" or this computer's own name: the local machine)
-// into target. 1 on success; 0 with the registry's error as the last error and target local.
+// into target; a longer name is cut to its first 127 characters. 1 on success; 0 with the
+// registry's error as the last error and target local.
 int reg_open_target(const char* machine, RegTarget& target);
 // Translates a caller path into a path relative to the root key, into buf (size bytes, cut and
 // terminated). Returns buf.

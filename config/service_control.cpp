@@ -133,12 +133,14 @@ int RestartService(const ServiceOwner*, const char* machine, const char* service
   {
     Handles h;
     if (h.Open(machine, service, status)) {
+      // A service already stopping takes no control (it would refuse it, 1061): it is waited for.
       bool stopped;
-      if (status.current_state != platform::kServiceStopped)
-        stopped = platform::ControlService(h.service, platform::kServiceControlStop, status) &&
-                  PollFor(h.service, platform::kServiceStopped);
-      else
+      if (status.current_state == platform::kServiceStopped)
         stopped = MakeAutomatic(h.service);
+      else
+        stopped = (status.current_state == platform::kServiceStopPending ||
+                   platform::ControlService(h.service, platform::kServiceControlStop, status)) &&
+                  PollFor(h.service, platform::kServiceStopped);
       ok = stopped && platform::StartNamedService(h.service) && PollFor(h.service, platform::kServiceRunning);
     }
     // A wait that ran out leaves no code of its own: it reads as the service's request time-out.

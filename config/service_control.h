@@ -35,7 +35,8 @@ struct ServiceOwner {
 // last error: the code (0 on success, -1 left stop-pending without stopping, 1237 not stopped within
 // 30,000 ms). owner may be null.
 int ControlTimeService(const ServiceOwner* owner, const char* machine, std::uint32_t code, std::uint32_t show_error);
-// Stops (up to 100 polls of 100 ms) and starts (likewise) the named service. 1 if it ends up running.
+// Stops (up to 100 polls of 100 ms; a service already stop pending is only waited for) and starts
+// (likewise) the named service. 1 if it ends up running.
 int RestartService(const ServiceOwner* owner, const char* machine, const char* service);
 // Makes program (a command line: the Linux host daemon and its arguments) the time service
 // "W32Time" of the target machine: its ImagePath (the supervisor runs it),

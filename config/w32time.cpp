@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "config/defaults.h"
 #include "config/os_identify.h"
@@ -89,7 +90,15 @@ using W = W32tWhen;
     #field, T::text, S::store, W::when, read_only, offsetof(W32tSettings, field), sizeof(W32tSettings::field), key, \
         value, def, def_text                                                                                      \
   }
-// Every field once: the order is config show's; loading and saving go through it in this order.
+// Every field once, in the order config show lists them; loading goes through it in this order,
+// saving in kSaveOrder's.
+//
+// String fields hold at most their array's size - 1 characters (the reference clock and the file log
+// entries 63, the file log name 127, the KR2 managers 255), and every front-end (the pages, config
+// set, agent set, the Cockpit page through the pages) accepts exactly that many. A value of that
+// full length is read whole: the registry read asks for one byte less than its buffer, so the field
+// is read through a buffer one byte larger than the array, and what was saved loads back. A longer
+// value, written by another tool, does not fit and reads as the default.
 constexpr W32tField kFields[] = {
     CW_FIELD(sync_type, SyncType, TypeText, Always, false, kParametersKey, "Type", kW32tNtp, ""),
     CW_FIELD(service_start, Start, Dword, Always, false, kW32TimeKey, "Start", defaults::kW32tServiceStart, nullptr),
@@ -130,6 +139,25 @@ constexpr W32tField kFields[] = {
 };
 #undef CW_FIELD
 
+// The order of a save: the LAN Manager's time source, the time service's type, start and servers,
+// the Windows 2000 pair, Config (file logging's values written while it is on, removed otherwise),
+// the NTP client and server; then, when registering, the provider's key (w32t_save), whose settings
+// after "DllName" follow kProviderSaveOrder. Each name is a field of kFields; every field config set
+// may change is in one of the two lists.
+constexpr std::string_view kSaveOrder[] = {
+    "lanman_time_source", "sync_type", "service_start", "server_count", "local_ntp", "reliable_time_source",
+    "announce_flags", "file_log_size", "file_log_entries", "file_log_name", "ntp_client_enabled",
+    "ntp_client_input_provider", "ntp_client_poll_interval", "ntp_server_enabled"};
+constexpr std::string_view kProviderSaveOrder[] = {
+    "reference_clock", "alert_if_unsynchronized", "alert_if_unverified", "alert_threshold",
+    "kr2_managers", "kr2_rate_limit", "kr2_rate_burst"};
+
+const W32tField* FieldNamed(std::string_view name) {
+  for (const W32tField& f : kFields)
+    if (name == f.name) return &f;
+  return nullptr;
+}
+
 // Whether the OS level holds the field's value.
 bool LevelHolds(W32tWhen when, std::uint32_t level) {
   if (when == W32tWhen::Always) return true;
@@ -145,9 +173,13 @@ void LoadField(const RegTarget& t, W32tSettings& s, const W32tField& f) {
     case W32tStore::Bool:
       w32t_number(s, f) = reg_get_bool(t, f.key, f.value, int(f.def));
       break;
-    case W32tStore::String:
-      reg_get_string(t, f.key, f.value, w32t_chars(s, f), std::uint32_t(f.size), f.def_text);
+    case W32tStore::String: {
+      std::vector<char> whole(f.size + 1);   // the full length and its terminator (see kFields)
+      reg_get_string(t, f.key, f.value, whole.data(), std::uint32_t(whole.size()), f.def_text);
+      std::memcpy(w32t_chars(s, f), whole.data(), f.size - 1);
+      w32t_chars(s, f)[f.size - 1] = '\0';
       break;
+    }
     case W32tStore::TypeText: {
       char type[260];
       reg_get_string(t, f.key, f.value, type, sizeof type, f.def_text);
@@ -285,28 +317,33 @@ std::uint32_t w32t_save(const RegTarget& t, const W32tSettings& s, int register_
     if (!stored && !first) first = platform::LastError() ? platform::LastError() : platform::kErrorWriteFault;
   };
   const std::uint32_t level = g_w32t_env.level;
-  if (level >= kOsWinXp && register_flag) {
-    kept(reg_set_bool(t, kProviderKey, "Service Installed", 1));
-    kept(reg_set_string(t, kProviderKey, "Current Version", defaults::kProductVersion));
-    kept(reg_set_dword(t, kProviderKey, "OEMID", defaults::kProviderOemId));
-    kept(reg_set_string(t, kProviderKey, "DllName", defaults::kModuleFileName));
-    kept(reg_set_dword(t, kCategoryKey1, defaults::kCplCategoryValue, defaults::kCplCategory));
-    kept(reg_set_dword(t, kCategoryKey2, defaults::kCplCategoryValue, defaults::kCplCategory));
-  } else if (level >= kOsWinXp) {
+  const auto save = [&](std::string_view name) {
+    const W32tField* f = FieldNamed(name);
+    if (!f || !LevelHolds(f->when, level)) return;
+    if (f->when == W32tWhen::FileLog && !s.file_logging_on) {
+      reg_delete_value(t, f->key, f->value);
+      return;
+    }
+    kept(SaveField(t, s, *f, level));
+  };
+  for (std::string_view name : kSaveOrder) save(name);
+  if (level < kOsWinXp) return first;
+  if (!register_flag) {
     reg_delete_key(t, kProviderKey);
     reg_delete_value(t, kCategoryKey1, defaults::kCplCategoryValue);
     reg_delete_value(t, kCategoryKey2, defaults::kCplCategoryValue);
+    return first;
   }
-  for (const W32tField& f : kFields) {
-    if (f.read_only && f.store != W32tStore::ServerList) continue;   // the servers change through their names
-    if (!LevelHolds(f.when, level)) continue;
-    if (f.when == W32tWhen::Registered && !register_flag) continue;
-    if (f.when == W32tWhen::FileLog && !s.file_logging_on) {
-      reg_delete_value(t, f.key, f.value);
-      continue;
-    }
-    kept(SaveField(t, s, f, level));
-  }
+  // The provider's key: its registration and settings in the order a registration writes them.
+  kept(reg_set_bool(t, kProviderKey, "Service Installed", 1));
+  save("dns_lookups_enabled");
+  kept(reg_set_string(t, kProviderKey, "Current Version", defaults::kProductVersion));
+  kept(reg_set_dword(t, kProviderKey, "OEMID", defaults::kProviderOemId));
+  for (std::string_view name : {"provider_enabled", "provider_input_provider", "check_interval"}) save(name);
+  kept(reg_set_string(t, kProviderKey, "DllName", defaults::kModuleFileName));
+  for (std::string_view name : kProviderSaveOrder) save(name);
+  kept(reg_set_dword(t, kCategoryKey1, defaults::kCplCategoryValue, defaults::kCplCategory));
+  kept(reg_set_dword(t, kCategoryKey2, defaults::kCplCategoryValue, defaults::kCplCategory));
   return first;
 }
 

@@ -45,6 +45,7 @@ struct FakeState {
   std::uint32_t fail_event_nth = 0;
   std::map<std::string, std::uint32_t, std::less<>> fail_named;
   std::map<std::string, std::uint32_t, std::less<>> fail_reg_write;
+  std::vector<std::string> reg_writes;   // names of the values stored, oldest first
   std::uint32_t fail_write_nth = 0, fail_write_code = 0, fail_flush_nth = 0, fail_flush_code = 0;
   std::function<void()> on_next_lookup;
 };
@@ -161,6 +162,9 @@ void OnNextHostLookup(std::function<void()> action) {
 }
 void FailRegistryWrite(std::string_view value_name, std::uint32_t code) {
   Locked([&](FakeState& s) { s.fail_reg_write[std::string(value_name)] = code; return 0; });
+}
+std::vector<std::string> RegistryWrites() {
+  return Locked([](FakeState& s) { return s.reg_writes; });
 }
 
 }  // namespace fake
@@ -443,7 +447,9 @@ std::uint32_t RegSetValue(RegKey key, const char* name, std::uint32_t type, cons
     });
     if (code) return code;
   }
-  return sys::RegSetValue(key, name, type, data, size);
+  const std::uint32_t status = sys::RegSetValue(key, name, type, data, size);
+  if (On() && status == 0) Locked([&](FakeState& s) { s.reg_writes.emplace_back(name ? name : ""); return 0; });
+  return status;
 }
 
 // File reads are counted; writes and flushes: an injected failure while the fake is on, else the backend.

@@ -92,5 +92,7 @@ void OnNextHostLookup(std::function<void()> action);
 // Registry writes: while set (and the fake is on), RegSetValue of a value of exactly this name, in
 // any key, stores nothing and returns the code (e.g. 5 access denied; 0: none).
 void FailRegistryWrite(std::string_view value_name, std::uint32_t code);
+// The names of the values RegSetValue stored since Enable, in any key, oldest first.
+std::vector<std::string> RegistryWrites();
 
 }  // namespace platform::fake

@@ -12,10 +12,12 @@
 #include "applet/about_page.h"
 #include "applet/applet.h"
 #include "applet/install.h"
+#include "config/defaults.h"
 #include "config/os_identify.h"
 #include "config/service_control.h"
 #include "config/w32time.h"
 #include "platform/dialog_memory.h"
+#include "platform/fake.h"
 #include "platform/machine.h"
 #include "resources/resources.h"
 #include "tests/registry_fixture.h"
@@ -272,7 +274,20 @@ TEST_F(AppletTest, UpgradeFollowsVersionOrderAndReleaseMarks) {
   EXPECT_EQ(applet_needs_upgrade("4.2.b.20090101", "4.2.b.20081210R", 1), 0);
   EXPECT_EQ(applet_needs_upgrade("4.2.b.20081201R", "4.2.b.20081210R", 1), 1);
   EXPECT_EQ(applet_needs_upgrade("4.2.b.20081210R", "4.2.b.20081210", 1), 0);    // a pre-release never replaces a release of the same
-  EXPECT_EQ(applet_needs_upgrade("4.2.b.20081201R", "4.2.b.20081210", 1), 1);
+  // A pre-release never replaces a release, however it sorts.
+  EXPECT_EQ(applet_needs_upgrade("4.2.b.20081201R", "4.2.b.20081210", 1), 0);
+  EXPECT_EQ(applet_needs_upgrade("4.2.a.20080101R", "4.2.b.20081210", 1), 0);
+  EXPECT_EQ(applet_needs_upgrade("4.2.a.20080101", "4.2.b.20081210", 1), 1);
+}
+
+TEST_F(AppletTest, ALaunchDeletesTheReportsTheLastOneShowed) {
+  sandbox_->Clear(defaults::kNotepadTempKey);
+  const auto report = std::filesystem::temp_directory_path() / ("KRG" + sandbox_->unique() + ".tmp");
+  std::ofstream(report) << "report";
+  ASSERT_EQ(reg_set_string(reg_local(), defaults::kNotepadTempKey, "1", report.string().c_str()), 1);
+  EXPECT_EQ(LaunchSheet(kCplSheet, [](MemorySheet&) {}), 1);
+  EXPECT_FALSE(std::filesystem::exists(report));
+  EXPECT_EQ(reg_key_exists(reg_local(), defaults::kNotepadTempKey), 0);
 }
 
 // ---- Helpers ----
@@ -322,6 +337,19 @@ TEST_F(AppletTest, AccessTestWritesReadsAndDeletesItsValue) {
                                            sizeof data, &type, i);
        ++i)
     EXPECT_EQ(std::string(name).rfind("morvane-test-", 0), std::string::npos) << name;
+}
+
+// The test value is named after the tick count, as an unsigned number (3,000,000,000 ms is more
+// than 24 days after the start).
+TEST_F(AppletTest, AccessTestNamesItsValueAfterTheTickCount) {
+  fake::Enable();
+  fake::SetCounter(3'000'000'000LL * 10'000);   // at 10 MHz
+  char text[512];
+  const int ok = applet_access_test(nullptr, "", "", text);
+  const std::vector<std::string> written = fake::RegistryWrites();
+  fake::Disable();
+  EXPECT_EQ(ok, 1) << text;
+  EXPECT_EQ(written, std::vector<std::string>{"morvane-test-3000000000"});
 }
 
 TEST_F(AppletTest, AccessTestFailureNamesTheGivenKey) {

@@ -81,6 +81,22 @@ TEST_P(RegistryStoreTest, ConnectingToTheLocalMachineByNameStaysLocalAndKeepsThe
   EXPECT_TRUE(none.local());
 }
 
+#ifndef _WIN32
+// Natively, where the test makes the other machine's root itself.
+TEST_F(RegistryTest, ATargetNameIsCutTo127Characters) {
+  const std::string host(125, 'H');
+  const auto net = root_.parent_path() / ("cw-net-" + sandbox_->unique());
+  std::filesystem::create_directories(net / host);
+  platform::SetEnvironmentValue("CHRONWARDEN_NETWORK_ROOT", net.string().c_str());
+  RegTarget target;
+  EXPECT_EQ(reg_open_target(("\\\\" + host + "XYZ").c_str(), target), 1) << platform::LastError();
+  EXPECT_EQ(target.name(), "\\\\" + host);
+  EXPECT_FALSE(target.local());
+  platform::SetEnvironmentValue("CHRONWARDEN_NETWORK_ROOT", nullptr);
+  std::filesystem::remove_all(net);
+}
+#endif
+
 TEST_P(RegistryStoreTest, FailedRemoteConnectionLeavesTheLayerLocal) {
   const std::string sub = Sub();
   platform::SetLastError(0);

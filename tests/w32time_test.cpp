@@ -7,6 +7,7 @@
 #include <fstream>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "config/os_identify.h"
 #include "config/w32time.h"
@@ -331,6 +332,34 @@ TEST_F(W32tTest, FileLoggingOffDeletesItsValues) {
   EXPECT_EQ(Load().file_logging_on, 0u);   // one string empty
 }
 
+// Strings of the longest length each field holds are read back whole, and a following save keeps
+// them (a value that read as "" turned file logging off, and the next save removed its values).
+TEST_F(W32tTest, StringsOfTheLongestLengthLoadBackWhole) {
+  W32tSettings s = Load();
+  const std::string ref(63, 'r'), entries(63, 'e'), name(127, 'n'), managers(255, 'm');
+  std::strcpy(s.reference_clock, ref.c_str());
+  std::strcpy(s.file_log_entries, entries.c_str());
+  std::strcpy(s.file_log_name, name.c_str());
+  std::strcpy(s.kr2_managers, managers.c_str());
+  s.file_log_size = 100;
+  s.file_logging_on = 1;
+  ASSERT_EQ(w32t_save(reg_local(), s, 1), 0u);
+  for (int round = 0; round < 2; ++round) {
+    W32tSettings out = Load();
+    EXPECT_EQ(out.reference_clock, ref);
+    EXPECT_EQ(out.file_log_entries, entries);
+    EXPECT_EQ(out.file_log_name, name);
+    EXPECT_EQ(out.kr2_managers, managers);
+    EXPECT_EQ(out.file_logging_on, 1u);
+    out.check_interval = 900;
+    ASSERT_EQ(w32t_save(reg_local(), out, 1), 0u);
+  }
+  EXPECT_EQ(Str(kConfig, "FileLogName"), name);
+  // One character more than the field holds (written by another tool) reads as the default.
+  reg_set_string(reg_local(), kProvider, "Reference Clock", (ref + "r").c_str());
+  EXPECT_STREQ(Load().reference_clock, "");
+}
+
 // Every field with a non-default value, saved and loaded again on the given level.
 W32tSettings Filled() {
   W32tSettings s{};
@@ -386,6 +415,24 @@ TEST(W32tFields, TheTableNamesEverySettingOfTheRecordOnce) {
     bytes += f.size;
   }
   EXPECT_EQ(bytes, sizeof(W32tSettings));
+}
+
+// A save writes its values in a fixed order: the service's values, Config, the NTP client and
+// server, then the provider's registration and settings and the Control Panel category.
+TEST_F(W32tTest, ASaveWritesItsValuesInOrder) {
+  W32tSettings s = Filled();
+  platform::fake::Enable();
+  const std::uint32_t saved = w32t_save(reg_local(), s, 1);
+  const std::vector<std::string> written = platform::fake::RegistryWrites();
+  platform::fake::Disable();
+  ASSERT_EQ(saved, 0u);
+  const std::vector<std::string> expected = {
+      "TimeSource", "Type", "Start", "NTPServer", "AnnounceFlags", "FileLogSize", "FileLogEntries", "FileLogName",
+      "Enabled", "InputProvider", "SpecialPollInterval", "Enabled",
+      "Service Installed", "DNS Lookups Enabled", "Current Version", "OEMID", "Enabled", "InputProvider",
+      "SpecialPollInterval", "DllName", "Reference Clock", "Alert if Unsynchronized", "Alert if Unverified",
+      "Alert Threshhold (seconds)", "KR2 Managers", "KR2 Rate Limit", "KR2 Rate Burst", kCategoryValue, kCategoryValue};
+  EXPECT_EQ(written, expected);
 }
 
 TEST_F(W32tTest, EveryFieldRoundTripsOnLevels4096And32768) {
