@@ -145,12 +145,11 @@ constexpr W32tField kFields[] = {
 // after "DllName" follow kProviderSaveOrder. Each name is a field of kFields; every field config set
 // may change is in one of the two lists.
 constexpr std::string_view kSaveOrder[] = {
-    "lanman_time_source", "sync_type", "service_start", "server_count", "local_ntp", "reliable_time_source",
-    "announce_flags", "file_log_size", "file_log_entries", "file_log_name", "ntp_client_enabled",
-    "ntp_client_input_provider", "ntp_client_poll_interval", "ntp_server_enabled"};
-constexpr std::string_view kProviderSaveOrder[] = {
-    "reference_clock", "alert_if_unsynchronized", "alert_if_unverified", "alert_threshold",
-    "kr2_managers", "kr2_rate_limit", "kr2_rate_burst"};
+    "lanman_time_source",       "sync_type",         "service_start",    "server_count",  "local_ntp",          "reliable_time_source",
+    "announce_flags",           "file_log_size",     "file_log_entries", "file_log_name", "ntp_client_enabled", "ntp_client_input_provider",
+    "ntp_client_poll_interval", "ntp_server_enabled"};
+constexpr std::string_view kProviderSaveOrder[] = {"reference_clock", "alert_if_unsynchronized", "alert_if_unverified", "alert_threshold",
+                                                   "kr2_managers",    "kr2_rate_limit",          "kr2_rate_burst"};
 
 const W32tField* FieldNamed(std::string_view name) {
   for (const W32tField& f : kFields)

@@ -448,7 +448,11 @@ std::uint32_t RegSetValue(RegKey key, const char* name, std::uint32_t type, cons
     if (code) return code;
   }
   const std::uint32_t status = sys::RegSetValue(key, name, type, data, size);
-  if (On() && status == 0) Locked([&](FakeState& s) { s.reg_writes.emplace_back(name ? name : ""); return 0; });
+  if (On() && status == 0)
+    Locked([&](FakeState& s) {
+      s.reg_writes.emplace_back(name ? name : "");
+      return 0;
+    });
   return status;
 }
 

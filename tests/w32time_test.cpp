@@ -426,12 +426,35 @@ TEST_F(W32tTest, ASaveWritesItsValuesInOrder) {
   const std::vector<std::string> written = platform::fake::RegistryWrites();
   platform::fake::Disable();
   ASSERT_EQ(saved, 0u);
-  const std::vector<std::string> expected = {
-      "TimeSource", "Type", "Start", "NTPServer", "AnnounceFlags", "FileLogSize", "FileLogEntries", "FileLogName",
-      "Enabled", "InputProvider", "SpecialPollInterval", "Enabled",
-      "Service Installed", "DNS Lookups Enabled", "Current Version", "OEMID", "Enabled", "InputProvider",
-      "SpecialPollInterval", "DllName", "Reference Clock", "Alert if Unsynchronized", "Alert if Unverified",
-      "Alert Threshhold (seconds)", "KR2 Managers", "KR2 Rate Limit", "KR2 Rate Burst", kCategoryValue, kCategoryValue};
+  const std::vector<std::string> expected = {"TimeSource",
+                                             "Type",
+                                             "Start",
+                                             "NTPServer",
+                                             "AnnounceFlags",
+                                             "FileLogSize",
+                                             "FileLogEntries",
+                                             "FileLogName",
+                                             "Enabled",
+                                             "InputProvider",
+                                             "SpecialPollInterval",
+                                             "Enabled",
+                                             "Service Installed",
+                                             "DNS Lookups Enabled",
+                                             "Current Version",
+                                             "OEMID",
+                                             "Enabled",
+                                             "InputProvider",
+                                             "SpecialPollInterval",
+                                             "DllName",
+                                             "Reference Clock",
+                                             "Alert if Unsynchronized",
+                                             "Alert if Unverified",
+                                             "Alert Threshhold (seconds)",
+                                             "KR2 Managers",
+                                             "KR2 Rate Limit",
+                                             "KR2 Rate Burst",
+                                             kCategoryValue,
+                                             kCategoryValue};
   EXPECT_EQ(written, expected);
 }
 
