@@ -528,14 +528,41 @@ bool OpenInNotepad(const DriftUi* owner, const char* path, bool delete_later) {
   return true;
 }
 
+namespace {
+
+// The folder part of a path without its trailing separators.
+std::string_view FolderOf(std::string_view path) {
+  while (!path.empty() && (path.back() == '/' || path.back() == '\\')) path.remove_suffix(1);
+  return path;
+}
+
+// Whether path is one of the temporary reports this module writes: "KRG<hex>.tmp" directly in the
+// temporary folder, or in the system folder where there is none. The list of them lives in the
+// registry, which on Linux the host's group may write: any other path a value names is left alone,
+// or a planted value would make the next administrator's launch delete whatever it named.
+bool IsTemporaryReport(std::string_view path) {
+  const auto slash = path.find_last_of("/\\");
+  if (slash == std::string_view::npos) return false;
+  const std::string_view name = path.substr(slash + 1), prefix = defaults::kReportTempPrefix, suffix = ".tmp";
+  if (name.size() <= prefix.size() + suffix.size() || !name.starts_with(prefix) || !name.ends_with(suffix)) return false;
+  for (char c : name.substr(prefix.size(), name.size() - prefix.size() - suffix.size()))
+    if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
+  const std::string_view folder = FolderOf(path.substr(0, slash + 1));
+  const std::string temp = platform::TempDirectory(), system = platform::SystemDirectory();
+  return (!temp.empty() && folder == FolderOf(temp)) || (!system.empty() && folder == FolderOf(system));
+}
+
+}   // namespace
+
 void DeleteNotepadTemps() {
   // Each string value holds a path; the list ends at the first value that cannot be read (a name
-  // or a path too long for the buffers). Files already gone are no error.
+  // or a path too long for the buffers). Files already gone are no error; a path that is not a
+  // temporary report is forgotten with the list, never deleted.
   char name[32];
   char path[defaults::kNotepadTempPathSize];
   std::uint32_t type = 0;
   for (std::uint32_t i = 0; reg_enum_value(reg_local(), defaults::kNotepadTempKey, name, sizeof name, path, sizeof path, &type, i); ++i)
-    if (type == platform::kRegSz) platform::FileDelete(path);
+    if (type == platform::kRegSz && IsTemporaryReport(path)) platform::FileDelete(path);
   reg_delete_key(reg_local(), defaults::kNotepadTempKey);
 }
 

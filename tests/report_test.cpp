@@ -1,7 +1,10 @@
 // The synchronization summary report.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <filesystem>
 #include <map>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -82,6 +85,14 @@ class ReportTest : public DriftFolderTest {
   }
   void Remember(const char* name, const std::string& path) {
     ASSERT_EQ(reg_set_string(reg_local(), defaults::kNotepadTempKey, name, path.c_str()), 1);
+  }
+  // A temporary report's path as the report writer names it: "KRG<hex>.tmp" in the temporary
+  // folder; n tells this process's reports apart (a random number tells them from other processes').
+  static std::string TempReport(unsigned n) {
+    static const unsigned run = std::random_device{}() & 0xFFFFFF;
+    char name[32];
+    std::snprintf(name, sizeof name, "KRG%X%X.tmp", run, n);
+    return platform::TempDirectory() + name;
   }
   RegistrySandbox registry_;
   DriftLog log_;
@@ -414,11 +425,11 @@ TEST_F(ReportTest, OpenInNotepadReadsValueNamesOfAtMost31Characters) {
 }
 
 TEST_F(ReportTest, DeleteNotepadTempsIgnoresMissingFilesAndForgetsTheList) {
-  const std::string a = PathOf("a.tmp"), b = PathOf("b.tmp");
+  const std::string a = TempReport(0xA), b = TempReport(0xB);
   WriteBytes(a, {1});
   WriteBytes(b, {2});
   Remember("1", a);
-  Remember("2", PathOf("gone.tmp"));
+  Remember("2", TempReport(0xC));                                  // gone already
   reg_set_dword(reg_local(), defaults::kNotepadTempKey, "3", 5);   // not a path: skipped
   Remember("4", b);
   DeleteNotepadTemps();
@@ -428,7 +439,7 @@ TEST_F(ReportTest, DeleteNotepadTempsIgnoresMissingFilesAndForgetsTheList) {
 }
 
 TEST_F(ReportTest, DeleteNotepadTempsStopsAtTheFirstValueItCannotRead) {
-  const std::string a = PathOf("a.tmp"), b = PathOf("b.tmp"), c = PathOf("c.tmp");
+  const std::string a = TempReport(0xA), b = TempReport(0xB), c = TempReport(0xC);
   for (const auto& p : {a, b, c}) WriteBytes(p, {1});
   Remember("1", a);
   Remember(std::string(40, '2').c_str(), b);   // a name too long to read
@@ -438,6 +449,26 @@ TEST_F(ReportTest, DeleteNotepadTempsStopsAtTheFirstValueItCannotRead) {
   EXPECT_TRUE(std::filesystem::exists(b));
   EXPECT_TRUE(std::filesystem::exists(c));
   EXPECT_EQ(reg_key_exists(reg_local(), defaults::kNotepadTempKey), 0);
+}
+
+// The list lives in the registry, which others may write (on Linux, the host's group): a value
+// naming anything but a temporary report of the temporary folder is forgotten, never deleted.
+TEST_F(ReportTest, DeleteNotepadTempsDeletesNothingButTemporaryReports) {
+  const std::string victim = PathOf("victim.txt"), elsewhere = PathOf("KRG1F.tmp");
+  const std::string not_hex = platform::TempDirectory() + "KRG-victim.tmp", report = TempReport(0xD);
+  for (const auto& p : {victim, elsewhere, not_hex, report}) WriteBytes(p, {1});
+  Remember("1", victim);
+  Remember("2", elsewhere);   // the right name in another folder
+  Remember("3", not_hex);
+  Remember("4", platform::TempDirectory() + "KRGAB.tmp/../" + std::filesystem::path(victim).filename().string());
+  Remember("5", report);
+  DeleteNotepadTemps();
+  EXPECT_TRUE(std::filesystem::exists(victim));
+  EXPECT_TRUE(std::filesystem::exists(elsewhere));
+  EXPECT_TRUE(std::filesystem::exists(not_hex));
+  EXPECT_FALSE(std::filesystem::exists(report));
+  EXPECT_EQ(reg_key_exists(reg_local(), defaults::kNotepadTempKey), 0);
+  std::filesystem::remove(not_hex);
 }
 
 TEST_F(ReportTest, DeleteNotepadTempsWithoutAListDoesNothing) {
