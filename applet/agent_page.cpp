@@ -77,20 +77,26 @@ std::string agent_drift_path(const char* machine) {
   return std::string(g_w32t_env.system_dir) + defaults::kDriftFileName;
 }
 
-void agent_clear_history(const char* machine) {
+std::uint32_t agent_clear_history(const char* machine) {
   const std::string path = agent_drift_path(machine);
+  std::uint32_t status = 0;
   if (platform::FileHandle f = platform::FileCreate(path, platform::kGenericRead | platform::kGenericWrite,
                                                      platform::kShareRead | platform::kShareWrite,
                                                      platform::kOpenExisting, platform::kFlagNoLinks)) {
     // Never through a link planted in the history's folder; under the writers' lock between
     // processes, so that an append in progress is not cut in half (closing releases it).
-    if (platform::FileLockWriters(f, defaults::kDriftLockWaitMs)) {
-      platform::FileSeek(f, 0, platform::SeekFrom::Begin);
-      platform::FileSetEnd(f);
-    }
+    if (!platform::FileLockWriters(f, defaults::kDriftLockWaitMs) || !platform::FileSeek(f, 0, platform::SeekFrom::Begin) ||
+        !platform::FileSetEnd(f))
+      status = platform::LastError();
     platform::FileClose(f);
+  } else if (const std::uint32_t open_error = platform::LastError();
+             open_error != platform::kErrorFileNotFound && open_error != platform::kErrorPathNotFound) {
+    status = open_error;
   }
-  reg_delete_value(g_applet.reg, defaults::kProviderKey, defaults::kLastUsedTimeSourceValue);
+  if (!reg_delete_value(g_applet.reg, defaults::kProviderKey, defaults::kLastUsedTimeSourceValue) && !status &&
+      platform::LastError() != platform::kErrorFileNotFound)
+    status = platform::LastError();
+  return status;
 }
 
 bool agent_kairon_monitors() { return g_w32t_env.installed_product != kProductNone; }

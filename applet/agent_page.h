@@ -42,9 +42,12 @@ std::string agent_history_line(const SourceHistoryEntry& entry, const char* name
 std::string agent_lookup_name(std::uint32_t address);
 // The drift history file of machine ("" or nullptr: the local system directory of g_w32t_env).
 std::string agent_drift_path(const char* machine);
-// Clear History: the drift file of machine is cut to nothing when it opens (else left alone, not
-// reported), and "Last Used Time Source" of the connected machine is deleted.
-void agent_clear_history(const char* machine);
+// Clear History: the drift file of machine is cut to nothing, and "Last Used Time Source" of the
+// connected machine is deleted (whatever became of the file). Returns 0, or the Win32 code of the
+// first step that failed: a history that exists but cannot be opened, locked or cut, or a value
+// that cannot be deleted (a missing file or value is nothing to clear). The page does not report
+// it; `chronwarden agent clear` does.
+std::uint32_t agent_clear_history(const char* machine);
 // Whether a product of the Kairon family monitors the target (the page hides the agent's options).
 bool agent_kairon_monitors();
 

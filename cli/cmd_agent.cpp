@@ -191,7 +191,8 @@ int Clear(bool yes) {
     std::getline(std::cin, answer);
     if (answer != "y" && answer != "Y" && answer != "yes") return CliFailure("agent", "nothing was cleared");
   }
-  agent_clear_history(g_applet.target);
+  if (const std::uint32_t status = agent_clear_history(g_applet.target))
+    return CliFailure("agent", "the synchronization history was not cleared: " + SystemErrorLine(status));
   std::printf("Synchronization history cleared.\n");
   return kExitOk;
 }

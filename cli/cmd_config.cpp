@@ -129,14 +129,6 @@ bool Apply(W32tSettings& s, std::string_view field, std::string_view value, std:
   return why = "unknown field", false;
 }
 
-// The system's text of an error, without its line end.
-std::string Reason(std::uint32_t code) {
-  char text[256];
-  std::string reason = SystemErrorText(code, text, sizeof text);
-  while (!reason.empty() && (reason.back() == ' ' || reason.back() == '\n' || reason.back() == '\r')) reason.pop_back();
-  return reason;
-}
-
 // The KR2 commands the provider refuses ("Prohibited KR2 Commands", beside the settings record):
 // "default" while the value is missing (102, 150, 160 and 180 refused), "none", or the codes.
 using Kr2Table = std::array<std::uint8_t, 256>;
@@ -243,17 +235,17 @@ int CmdConfig(CommandArgs args) {
       return UsageError("config", why == "unknown field" ? "unknown field '" + field + "'" : "bad value for " + field + ": " + why);
   }
   // Nothing is called saved that the store did not keep.
-  if (const std::uint32_t st = w32t_save(target, s, 1)) return CliFailure("config", "the settings were not saved: " + Reason(st));
+  if (const std::uint32_t st = w32t_save(target, s, 1)) return CliFailure("config", "the settings were not saved: " + SystemErrorLine(st));
   // On the local machine the NTP client (chrony on Linux) takes the servers at once.
   const std::uint32_t ntp_client = machine.empty() && !chrony_apply_settings(s) ? platform::LastError() : 0;
   if (set_prohibited && !(prohibited ? reg_set_binary(target, defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value,
                                                       prohibited->data(), prohibited->size())
                                      : reg_delete_value(target, defaults::kW32TimeParametersKey, defaults::kProhibitedKr2Value)) &&
       platform::LastError() != platform::kErrorFileNotFound)
-    return CliFailure("config", "kr2_prohibited was not saved: " + Reason(platform::LastError()));
+    return CliFailure("config", "kr2_prohibited was not saved: " + SystemErrorLine(platform::LastError()));
   std::printf("Settings saved%s.\n", machine.empty() ? "" : (" on " + machine).c_str());
   if (machine.empty() && ntp_client != 0)
-    return CliFailure("config", "the NTP client did not take the servers: " + Reason(ntp_client));
+    return CliFailure("config", "the NTP client did not take the servers: " + SystemErrorLine(ntp_client));
   if (!apply) return kExitOk;
   return NotifyTimeService(machine.c_str()) ? kExitOk : kExitFailed;
 }

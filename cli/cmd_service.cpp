@@ -42,13 +42,6 @@ void PrintMessage(void*, const char* text, const char* caption, std::uint32_t) {
   std::fprintf(stderr, "%s: %s\n", caption, t.c_str());
 }
 
-std::string ErrorText(std::uint32_t code) {
-  char buf[256];
-  std::string t = SystemErrorText(code, buf, sizeof buf);
-  while (!t.empty() && (t.back() == ' ' || t.back() == '\n' || t.back() == '\r')) t.pop_back();
-  return t;
-}
-
 const char* StateText(std::uint32_t state) {
   switch (state) {
     case 1: return "stopped";
@@ -81,7 +74,7 @@ int Status(const std::string& machine, const std::string& name, bool json) {
   o.manager = platform::OpenServiceManager(machine.c_str(), platform::kScManagerAllAccess);
   if (o.manager) o.service = platform::OpenNamedService(o.manager, name.c_str(), platform::kServiceAllAccess);
   if (!o.service || !platform::QueryServiceStatus(o.service, st) || !platform::GetServiceConfig(o.service, config))
-    return CliFailure("service", name + ": " + ErrorText(platform::LastError()));
+    return CliFailure("service", name + ": " + SystemErrorLine(platform::LastError()));
   if (json) {
     std::printf("{\"name\": %s, \"state\": %s, \"state_code\": %u, \"start_type\": %s, \"start_type_code\": %u, "
                 "\"check_point\": %u, \"wait_hint_ms\": %u, \"program\": %s, \"backend\": %s}\n",
@@ -112,7 +105,7 @@ int Other(const std::string& machine, const std::string& name, bool start) {
     }
     if (ok && st.current_state != platform::kServiceStopped) platform::SetLastError(platform::kErrorServiceTimeout), ok = false;
   }
-  if (!ok) return CliFailure("service", name + ": " + ErrorText(platform::LastError()));
+  if (!ok) return CliFailure("service", name + ": " + SystemErrorLine(platform::LastError()));
   std::printf("%s %s.\n", name.c_str(), start ? "start requested" : "stopped");
   return kExitOk;
 }
@@ -122,7 +115,7 @@ int StartType(const std::string& machine, const std::string& name, std::uint32_t
   o.manager = platform::OpenServiceManager(machine.c_str(), platform::kScManagerAllAccess);
   if (o.manager) o.service = platform::OpenNamedService(o.manager, name.c_str(), platform::kServiceAllAccess);
   if (!o.service || !platform::ChangeServiceStartType(o.service, type))
-    return CliFailure("service", name + ": " + ErrorText(platform::LastError()));
+    return CliFailure("service", name + ": " + SystemErrorLine(platform::LastError()));
   std::printf("%s now starts %s.\n", name.c_str(), type == 2 ? "automatically" : type == 3 ? "manually" : "never (disabled)");
   return kExitOk;
 }
@@ -142,7 +135,7 @@ const ServiceOwner* CliServiceOwner() {
 bool NotifyTimeService(const char* machine) {
   if (!ControlTimeService(CliServiceOwner(), machine, kServiceOpQuery, 0)) {
     if (platform::LastError() != 0) {
-      std::fprintf(stderr, "The time service could not be asked: %s\n", ErrorText(platform::LastError()).c_str());
+      std::fprintf(stderr, "The time service could not be asked: %s\n", SystemErrorLine(platform::LastError()).c_str());
       return false;
     }
     std::printf("The time service is not running; it reads the settings when it starts.\n");
@@ -155,7 +148,8 @@ bool NotifyTimeService(const char* machine) {
   std::printf("The time service was told that its parameters changed.\n");
   const std::uint32_t rc = TriggerResync(CliServiceOwner(), machine, 0, kResyncHard);
   if (rc == 0) std::printf("Resynchronization requested.\n");
-  else std::fprintf(stderr, "The resynchronization request was not accepted (%u): %s\n", rc, ErrorText(rc).c_str());
+  else
+    std::fprintf(stderr, "The resynchronization request was not accepted (%u): %s\n", rc, SystemErrorLine(rc).c_str());
   return true;
 }
 
@@ -192,7 +186,7 @@ int CmdService(CommandArgs args) {
   }
   if (action == "restart") {
     if (!RestartService(CliServiceOwner(), machine.c_str(), name.c_str()))
-      return CliFailure("service", name + " did not restart: " + ErrorText(platform::LastError()));
+      return CliFailure("service", name + " did not restart: " + SystemErrorLine(platform::LastError()));
     std::printf("%s restarted.\n", name.c_str());
     return kExitOk;
   }
@@ -217,7 +211,7 @@ int CmdResync(CommandArgs args) {
   if (wait) std::printf("Waiting for the time service to synchronise...\n"), std::fflush(stdout);
   const std::uint32_t rc = TriggerResync(CliServiceOwner(), machine.c_str(), wait, flags);
   if (rc == 1) return CliFailure("resync", "the time service cannot be asked to synchronise on this system");
-  if (rc != 0) return CliFailure("resync", "the time service did not accept the request: " + ErrorText(rc));
+  if (rc != 0) return CliFailure("resync", "the time service did not accept the request: " + SystemErrorLine(rc));
   std::printf(wait ? "The time service has synchronised.\n" : "Resynchronization requested.\n");
   return kExitOk;
 }

@@ -132,3 +132,10 @@ char* SystemErrorText(std::uint32_t code, char* buf, std::uint32_t size) {
   platform::SetLastError(code);
   return buf;
 }
+
+std::string SystemErrorLine(std::uint32_t code) {
+  char buf[256];
+  std::string line = SystemErrorText(code, buf, sizeof buf);
+  while (!line.empty() && (line.back() == ' ' || line.back() == '\n' || line.back() == '\r')) line.pop_back();
+  return line;
+}
