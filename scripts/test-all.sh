@@ -80,6 +80,11 @@ for preset in "${presets[@]}"; do
   echo "==== $preset: configure and build"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
+  # The product's binaries hold no test code (the fake machine and its switches are the tests' own).
+  case $preset in
+    linux) scripts/check-no-test-code.sh build/linux/w32tmkr.cpl build/linux/cli/chronwarden build/linux/host/chronwarden-host || status=1 ;;
+    windows) scripts/check-no-test-code.sh build/windows/w32tmkr.cpl build/windows/cli/chronwarden.exe || status=1 ;;
+  esac
   echo "==== $preset: test"
   if [ "$preset" = windows ]; then
     # The Wine prefix, its server and virtual display are the tests' fixture (scripts/wine-env.sh),

@@ -17,6 +17,7 @@
 #include "config/w32time.h"
 #include "platform/dialog_memory.h"
 #include "platform/machine.h"
+#include "platform/testing/fake.h"
 #include "resources/resources.h"
 #include "tests/registry_fixture.h"
 
