@@ -22,7 +22,7 @@ std::uint64_t FineWallTimeAsFileTime();      // the finest wall clock (GetSystem
 // Whether the finest wall clock is already as fine as the counter, so that nothing needs to
 // interpolate between clock ticks: Windows 8 and later (GetSystemTimePreciseAsFileTime); POSIX in
 // the Fine wall clock mode (in Coarse mode the system is taken to lack one, as older Windows do).
-// The fake: false unless a test says otherwise (fake::SetFineWallTimePrecise).
+// The tests' fake clock: false unless a test says otherwise (platform/testing/fake.h).
 bool FineWallTimeIsPrecise();
 bool PerformanceCounter(std::int64_t& ticks);     // monotonic counter (QueryPerformanceCounter / CLOCK_MONOTONIC_RAW ns); false on failure
 bool PerformanceFrequency(std::int64_t& hz);      // counter ticks per second (10^9 on POSIX); false on failure

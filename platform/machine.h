@@ -19,8 +19,6 @@ bool AdminShareOpens(std::string_view computer_name);
 bool EnableTcbPrivilege();
 // The process token holds the local Administrators group (S-1-5-32-544). POSIX: false.
 bool TokenHasAdministrators();
-// Tests: -1 (default) asks the system; 0 makes the three calls above answer false, 1 true.
-void SetAdministratorOverride(int answer);
 
 // ---- Another machine ----
 struct ServerInfo {
@@ -65,8 +63,5 @@ bool MoveFileReplacing(std::string_view from, std::string_view to);  // MoveFile
 // that a reader never sees half a file; readable_by_all gives it SecureDataFile's access rules
 // (everybody reads) first. A failure leaves no ".part" behind and its Win32 code in LastError().
 bool WriteFileWhole(std::string_view path, std::string_view bytes, bool readable_by_all);
-// Tests: the next n moves of a file named like path fail with 5 (access denied), as a loaded
-// module file does.
-void FailMovesOf(std::string_view file_name, int n);
 
 }  // namespace platform

@@ -1,12 +1,8 @@
 // Parts of platform/machine.h that are the same on every system.
-#include <atomic>
-#include <cctype>
-#include <mutex>
-#include <string>
-
 #include "platform/machine.h"
 
 #include <algorithm>
+#include <string>
 
 #include "platform/error.h"
 #include "platform/file.h"
@@ -17,35 +13,7 @@
 
 namespace platform {
 
-namespace {
-std::mutex g_moves_lock;
-std::string g_fail_name;
-int g_fail_count = 0;
-}  // namespace
-
-std::atomic<int> g_admin_override{-1};
-
-void SetAdministratorOverride(int answer) { g_admin_override = answer; }
-
 std::uint64_t ThisFileVersion() { return (std::uint64_t(4) << 48) | (std::uint64_t(2) << 32) | std::uint64_t(CW_BUILD); }
-
-void FailMovesOf(std::string_view file_name, int n) {
-  std::lock_guard lock(g_moves_lock);
-  g_fail_name = file_name;
-  g_fail_count = n;
-}
-
-// True (and one failure used up) when a move of path is to fail; the backends call it.
-bool MoveShouldFail(std::string_view path) {
-  std::lock_guard lock(g_moves_lock);
-  if (g_fail_count <= 0 || g_fail_name.empty() || path.size() < g_fail_name.size()) return false;
-  std::string_view tail = path.substr(path.size() - g_fail_name.size());
-  for (std::size_t i = 0; i < tail.size(); ++i)
-    if (std::tolower(static_cast<unsigned char>(tail[i])) != std::tolower(static_cast<unsigned char>(g_fail_name[i])))
-      return false;
-  --g_fail_count;
-  return true;
-}
 
 namespace {
 

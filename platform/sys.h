@@ -1,5 +1,7 @@
-// Backend entry points (posix/ or win32/) behind the public functions that the fake clock can
-// answer instead. Only platform/ includes this header.
+// Backend entry points (posix/ or win32/) behind the public functions that a test can answer
+// instead, and the hook table through which it does. The product installs no table: each public
+// function (platform/sys.cpp) is its backend's entry point behind one test of a null pointer.
+// Only platform/ includes this header (the tests' fake machine lives in platform/testing/).
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -57,5 +59,60 @@ SectionHandle CreateNamedSection(const char* name, std::uint32_t size, bool& alr
 SectionHandle OpenNamedSection(const char* name, std::uint32_t size);
 
 std::uint32_t RegSetValue(RegKey key, const char* name, std::uint32_t type, const void* data, std::uint32_t size);
+
+bool AdminShareOpens(std::string_view computer_name);
+bool EnableTcbPrivilege();
+bool TokenHasAdministrators();
+bool MoveFileReplacing(std::string_view from, std::string_view to);
+
+// The hook table: one entry per entry point above, each with its signature. A table that is
+// installed answers every call of the public functions; its entries call the entry points above
+// for whatever they leave to the system.
+struct Hooks {
+  decltype(&sys::SystemTimeAsFileTime) SystemTimeAsFileTime;
+  decltype(&sys::FineWallTimeAsFileTime) FineWallTimeAsFileTime;
+  decltype(&sys::FineWallTimeIsPrecise) FineWallTimeIsPrecise;
+  decltype(&sys::PerformanceCounter) PerformanceCounter;
+  decltype(&sys::PerformanceFrequency) PerformanceFrequency;
+  decltype(&sys::SystemTimeAdjustment) SystemTimeAdjustment;
+  decltype(&sys::CreateTickTimer) CreateTickTimer;
+  decltype(&sys::ArmTickTimer) ArmTickTimer;
+  decltype(&sys::CancelTickTimer) CancelTickTimer;
+  decltype(&sys::CloseTickTimer) CloseTickTimer;
+  decltype(&sys::WaitForEventsAlertable) WaitForEventsAlertable;
+  decltype(&sys::CreateThreadSuspended) CreateThreadSuspended;
+  decltype(&sys::SetThreadPriority) SetThreadPriority;
+  decltype(&sys::GetCurrentThreadPriority) GetCurrentThreadPriority;
+  decltype(&sys::SetCurrentThreadPriority) SetCurrentThreadPriority;
+  decltype(&sys::ProcessorCount) ProcessorCount;
+  decltype(&sys::GetProcessAffinityMask) GetProcessAffinityMask;
+  decltype(&sys::SetCurrentThreadAffinityMask) SetCurrentThreadAffinityMask;
+  decltype(&sys::TimeBeginPeriod) TimeBeginPeriod;
+  decltype(&sys::TimeEndPeriod) TimeEndPeriod;
+  decltype(&sys::Sleep) Sleep;
+  decltype(&sys::SystemMessage) SystemMessage;
+  decltype(&sys::OpenTextFileForUser) OpenTextFileForUser;
+  decltype(&sys::FileRead) FileRead;
+  decltype(&sys::FileWrite) FileWrite;
+  decltype(&sys::FileFlush) FileFlush;
+  decltype(&sys::LookupHostV4) LookupHostV4;
+  decltype(&sys::LookupAddressV4) LookupAddressV4;
+  decltype(&sys::CreateSocketV4) CreateSocketV4;
+  decltype(&sys::SendTo) SendTo;
+  decltype(&sys::SendBatch) SendBatch;
+  decltype(&sys::NetStartup) NetStartup;
+  decltype(&sys::CreateSyncEvent) CreateSyncEvent;
+  decltype(&sys::CreateNamedEvent) CreateNamedEvent;
+  decltype(&sys::CreateNamedSection) CreateNamedSection;
+  decltype(&sys::OpenNamedSection) OpenNamedSection;
+  decltype(&sys::RegSetValue) RegSetValue;
+  decltype(&sys::AdminShareOpens) AdminShareOpens;
+  decltype(&sys::EnableTcbPrivilege) EnableTcbPrivilege;
+  decltype(&sys::TokenHasAdministrators) TokenHasAdministrators;
+  decltype(&sys::MoveFileReplacing) MoveFileReplacing;
+};
+// Installs table (every entry set; it must outlive its use) in front of the backend; nullptr
+// takes it away again. Only tests call it.
+void InstallHooks(const Hooks* table);
 
 }  // namespace platform::sys

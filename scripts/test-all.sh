@@ -88,6 +88,12 @@ for preset in "${presets[@]}"; do
   stage "$preset: configure and build"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
+  # The product's binaries hold no test code (the fake machine and its switches are the tests' own).
+  case $preset in
+    linux | linux-asan)
+      scripts/check-no-test-code.sh "build/$preset/w32tmkr.cpl" "build/$preset/cli/chronwarden" "build/$preset/host/chronwarden-host" || status=1 ;;
+    windows) scripts/check-no-test-code.sh build/windows/w32tmkr.cpl build/windows/cli/chronwarden.exe || status=1 ;;
+  esac
   stage "$preset: test"
   if [ "$preset" = windows ]; then
     # The Wine prefix, its server and virtual display are the tests' fixture (scripts/wine-env.sh),

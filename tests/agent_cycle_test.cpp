@@ -19,7 +19,7 @@
 #include "config/registry.h"
 #include "config/w32time.h"
 #include "drift/drift_file.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "provider/agent.h"
 #include "provider/provider.h"
 #include "provider/kr2_responder.h"

@@ -9,7 +9,7 @@
 
 #include "drift/drift_file.h"
 #include "platform/error.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "platform/net.h"
 #include "provider/agent.h"
 #include "provider/provider.h"

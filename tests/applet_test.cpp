@@ -19,6 +19,7 @@
 #include "platform/dialog_memory.h"
 #include "platform/fake.h"
 #include "platform/machine.h"
+#include "platform/testing/fake.h"
 #include "resources/resources.h"
 #include "tests/registry_fixture.h"
 

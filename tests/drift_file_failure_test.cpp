@@ -8,7 +8,7 @@
 
 #include "drift/drift_file.h"
 #include "platform/error.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "platform/net.h"
 #include "tests/drift_test_util.h"
 

@@ -10,7 +10,7 @@
 #include "drift/drift_file.h"
 #include "drift/drift_log.h"
 #include "platform/error.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "tests/drift_test_util.h"
 
 namespace {

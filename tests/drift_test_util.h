@@ -12,7 +12,7 @@
 
 #include "drift/drift_file.h"
 #include "drift/drift_record.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 
 // A record as the provider writes it, with every field given.
 inline DriftRecord MakeRecord(std::uint32_t check_time, std::int32_t variance_ms, std::uint8_t reason = kReasonScheduled,

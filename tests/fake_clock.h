@@ -5,7 +5,7 @@
 #include <chrono>
 #include <thread>
 
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "platform/os.h"
 #include "platform/sync.h"
 #include "timing/precise_clock.h"

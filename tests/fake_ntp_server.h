@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "platform/error.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "platform/net.h"
 #include "timing/ntp_client.h"
 #include "timing/precise_clock.h"

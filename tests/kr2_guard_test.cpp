@@ -7,7 +7,7 @@
 
 #include "config/address_list.h"
 #include "config/defaults.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "platform/net.h"
 #include "provider/kr2_guard.h"
 #include "provider/kr2_responder.h"

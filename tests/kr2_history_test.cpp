@@ -9,7 +9,7 @@
 
 #include "config/defaults.h"
 #include "drift/drift_log.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "platform/net.h"
 #include "provider/kr2_responder.h"
 #include "provider/provider.h"

@@ -6,7 +6,7 @@
 #include <deque>
 #include <vector>
 
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "platform/net.h"
 #include "provider/kr2_responder.h"
 #include "tests/kr2_test_util.h"

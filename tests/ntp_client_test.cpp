@@ -9,7 +9,7 @@
 
 #include "platform/error.h"
 #include "platform/error_text.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "platform/net.h"
 #include "platform/thread.h"
 #include "tests/fake_ntp_server.h"

@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "platform/clock.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "platform/sync.h"
 #include "platform/thread.h"
 #include "platform/tick_timer.h"

@@ -21,7 +21,7 @@
 #include "config/os_identify.h"
 #include "config/registry.h"
 #include "drift/drift_file.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "platform/net.h"
 #include "platform/paths.h"
 #include "provider/event_log.h"

@@ -13,7 +13,7 @@
 #include "drift/drift_log.h"
 #include "drift/report.h"
 #include "platform/error.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "platform/file.h"
 #include "tests/drift_test_util.h"
 #include "tests/registry_fixture.h"

@@ -13,7 +13,7 @@
 #include "config/service_control.h"
 #include "platform/error.h"
 #include "platform/error_text.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "platform/paths.h"
 #include "platform/service.h"
 #include "tests/registry_fixture.h"

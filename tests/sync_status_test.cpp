@@ -8,7 +8,7 @@
 #include <string>
 
 #include "platform/error.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "platform/shared.h"
 #include "tests/shared_objects.h"
 #include "timing/activity.h"

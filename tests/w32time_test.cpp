@@ -11,7 +11,7 @@
 
 #include "config/os_identify.h"
 #include "config/w32time.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "tests/registry_fixture.h"
 
 namespace {

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,15 +16,13 @@
 #include "platform/paths.h"
 #include "platform/posix/win32_code.h"
 #include "platform/registry.h"
+#include "platform/sys.h"
 
 #ifndef CW_BUILD
 #define CW_BUILD 1
 #endif
 
 namespace platform {
-
-extern std::atomic<int> g_admin_override;
-bool MoveShouldFail(std::string_view path);
 
 // The file version marker the installer reads in a module file: "CWFILEVER", a zero, then the
 // version as 8 little-endian bytes (4.2.0.build).
@@ -39,15 +36,11 @@ bool fail(std::error_code ec) {
 }
 }  // namespace
 
-bool AdminShareOpens(std::string_view) {
-  if (g_admin_override >= 0) return g_admin_override == 1;
+bool sys::AdminShareOpens(std::string_view) {
   return access(MachineRoot().c_str(), W_OK) == 0;
 }
-bool EnableTcbPrivilege() {
-  if (g_admin_override >= 0) return g_admin_override == 1;
-  return geteuid() == 0;
-}
-bool TokenHasAdministrators() { return g_admin_override == 1; }
+bool sys::EnableTcbPrivilege() { return geteuid() == 0; }
+bool sys::TokenHasAdministrators() { return false; }
 
 std::uint32_t GetServerInfo(std::string_view machine, ServerInfo& out) {
   RegKey root = nullptr;
@@ -166,11 +159,7 @@ bool DeleteFileAt(std::string_view path) {
   return true;
 }
 
-bool MoveFileReplacing(std::string_view from, std::string_view to) {
-  if (MoveShouldFail(from)) {
-    SetLastError(kErrorAccessDenied);
-    return false;
-  }
+bool sys::MoveFileReplacing(std::string_view from, std::string_view to) {
   std::error_code ec;
   std::filesystem::rename(NativePath(from), NativePath(to), ec);
   return ec ? fail(ec) : true;

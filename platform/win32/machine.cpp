@@ -3,17 +3,14 @@
 #include <windows.h>
 #include <lm.h>
 
-#include <atomic>
 #include <string>
 #include <vector>
 
 #include "platform/error.h"
 #include "platform/machine.h"
+#include "platform/sys.h"
 
 namespace platform {
-
-extern std::atomic<int> g_admin_override;
-bool MoveShouldFail(std::string_view path);
 
 namespace {
 std::string str(std::string_view s) { return std::string(s); }
@@ -23,8 +20,7 @@ bool fail() {
 }
 }  // namespace
 
-bool AdminShareOpens(std::string_view computer_name) {
-  if (g_admin_override >= 0) return g_admin_override == 1;
+bool sys::AdminShareOpens(std::string_view computer_name) {
   std::string path = "\\\\" + str(computer_name) + "\\ADMIN$";
   HANDLE h = CreateFileA(path.c_str(), FILE_READ_DATA, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
                          FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OVERLAPPED, nullptr);
@@ -33,8 +29,7 @@ bool AdminShareOpens(std::string_view computer_name) {
   return true;
 }
 
-bool EnableTcbPrivilege() {
-  if (g_admin_override >= 0) return g_admin_override == 1;
+bool sys::EnableTcbPrivilege() {
   HANDLE token = nullptr;
   if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token)) return false;
   TOKEN_PRIVILEGES tp{};
@@ -46,8 +41,7 @@ bool EnableTcbPrivilege() {
   return ok;
 }
 
-bool TokenHasAdministrators() {
-  if (g_admin_override >= 0) return g_admin_override == 1;
+bool sys::TokenHasAdministrators() {
   HANDLE token = nullptr;
   if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) return false;
   alignas(8) BYTE buf[1024];
@@ -134,11 +128,7 @@ bool CopyFileOver(std::string_view from, std::string_view to) {
   return CopyFileA(str(from).c_str(), str(to).c_str(), FALSE) || fail();
 }
 bool DeleteFileAt(std::string_view path) { return DeleteFileA(str(path).c_str()) || fail(); }
-bool MoveFileReplacing(std::string_view from, std::string_view to) {
-  if (MoveShouldFail(from)) {
-    SetLastError(5);
-    return false;
-  }
+bool sys::MoveFileReplacing(std::string_view from, std::string_view to) {
   return MoveFileExA(str(from).c_str(), str(to).c_str(), MOVEFILE_REPLACE_EXISTING) || fail();
 }
 

@@ -11,7 +11,7 @@
 
 #include "config/registry.h"
 #include "config/w32time.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "platform/net.h"
 #include "provider/agent.h"
 #include "provider/provider.h"

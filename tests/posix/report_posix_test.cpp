@@ -10,7 +10,7 @@
 #include "drift/drift_log.h"
 #include "drift/report.h"
 #include "platform/error_text.h"
-#include "platform/fake.h"
+#include "platform/testing/fake.h"
 #include "tests/drift_test_util.h"
 #include "tests/registry_fixture.h"
 

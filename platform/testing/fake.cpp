@@ -1,7 +1,10 @@
-// The fake clock and the dispatch between it and the real backend.
-#include "platform/fake.h"
+// The fake machine: its state and controls, and the hook table that answers the platform's
+// system calls from it while it is on (else from the backend).
+#include "platform/testing/fake.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <functional>
 #include <cstdio>
 #include <cstring>
@@ -169,8 +172,36 @@ std::vector<std::string> RegistryWrites() {
 
 }  // namespace fake
 
-// ---- public functions: the fake while it is on, else the backend ----
+// ---- the machine's answers to the applet (whether or not the fake is on) ----
+namespace {
+std::atomic<int> g_admin_override{-1};
+std::mutex g_moves_lock;
+std::string g_fail_name;
+int g_fail_count = 0;
 
+// True (and one failure used up) when a move of path is to fail.
+bool MoveShouldFail(std::string_view path) {
+  std::lock_guard lock(g_moves_lock);
+  if (g_fail_count <= 0 || g_fail_name.empty() || path.size() < g_fail_name.size()) return false;
+  std::string_view tail = path.substr(path.size() - g_fail_name.size());
+  for (std::size_t i = 0; i < tail.size(); ++i)
+    if (std::tolower(static_cast<unsigned char>(tail[i])) != std::tolower(static_cast<unsigned char>(g_fail_name[i])))
+      return false;
+  --g_fail_count;
+  return true;
+}
+}  // namespace
+
+void SetAdministratorOverride(int answer) { g_admin_override = answer; }
+void FailMovesOf(std::string_view file_name, int n) {
+  std::lock_guard lock(g_moves_lock);
+  g_fail_name = file_name;
+  g_fail_count = n;
+}
+
+// ---- the hook table: the fake while it is on, else the backend ----
+namespace {
+namespace hook {
 std::uint64_t SystemTimeAsFileTime() {
   if (On()) {
     auto action = Locked([](FakeState& s) { return std::exchange(s.on_next_read, nullptr); });
@@ -214,12 +245,6 @@ bool SystemTimeAdjustment(std::uint32_t& adjustment, std::uint32_t& increment, b
     disabled = s.adjustment_delta == 0;
     return true;
   });
-}
-void GetSystemTimeNow(SystemTime& out) { FileTimeToSystemTime(SystemTimeAsFileTime(), out); }
-void GetLocalTimeNow(SystemTime& out) {
-  std::uint64_t local = 0;
-  FileTimeToLocalFileTime(SystemTimeAsFileTime(), local);
-  FileTimeToSystemTime(local, out);
 }
 
 TickTimerHandle CreateTickTimer() {
@@ -314,23 +339,7 @@ bool SystemMessage(std::uint32_t code, char* buf, std::size_t size) {
   return sys::SystemMessage(code, buf, size);
 }
 
-namespace {
-std::mutex g_viewer_hook_lock;
-std::function<bool(std::string_view)> g_viewer_hook;
-}  // namespace
-
-void SetTextViewerHook(std::function<bool(std::string_view path)> hook) {
-  std::lock_guard lock(g_viewer_hook_lock);
-  g_viewer_hook = std::move(hook);
-}
-
 bool OpenTextFileForUser(std::string_view path, const int* origin_xy) {
-  std::function<bool(std::string_view)> hook;
-  {
-    std::lock_guard lock(g_viewer_hook_lock);
-    hook = g_viewer_hook;
-  }
-  if (hook) return hook(path);
   if (!On()) return sys::OpenTextFileForUser(path, origin_xy);
   return Locked([&](FakeState& s) {
     if (s.fail_viewer) {
@@ -346,14 +355,12 @@ bool OpenTextFileForUser(std::string_view path, const int* origin_xy) {
 }
 
 // Network: an injected failure while the fake is on, else the backend.
-namespace {
 int InjectedFailure(int FakeState::*which) {
   if (!On()) return 0;
   const int code = Locked([&](FakeState& s) { return s.*which; });
   if (code != 0) SetLastSocketError(code);
   return code;
 }
-}  // namespace
 
 // Under the fake no lookup leaves the process: the host table answers, "localhost" is the loopback,
 // and every other name is unknown (11001).
@@ -416,7 +423,6 @@ EventHandle CreateSyncEvent(bool manual_reset, bool initially_set) {
   }
   return sys::CreateSyncEvent(manual_reset, initially_set);
 }
-namespace {
 std::uint32_t NamedFailure(const char* name) {
   if (!On() || !name) return 0;
   const std::uint32_t code = Locked([&](FakeState& s) {
@@ -426,7 +432,6 @@ std::uint32_t NamedFailure(const char* name) {
   if (code) SetLastError(code);
   return code;
 }
-}  // namespace
 EventHandle CreateNamedEvent(const char* name) {
   return NamedFailure(name) ? nullptr : sys::CreateNamedEvent(name);
 }
@@ -457,7 +462,6 @@ std::uint32_t RegSetValue(RegKey key, const char* name, std::uint32_t type, cons
 }
 
 // File reads are counted; writes and flushes: an injected failure while the fake is on, else the backend.
-namespace {
 std::uint32_t NthFailure(std::uint32_t FakeState::*nth, std::uint32_t FakeState::*code) {
   if (!On()) return 0;
   const std::uint32_t failure = Locked([&](FakeState& s) {
@@ -466,7 +470,6 @@ std::uint32_t NthFailure(std::uint32_t FakeState::*nth, std::uint32_t FakeState:
   if (failure) SetLastError(failure);
   return failure;
 }
-}  // namespace
 bool FileRead(FileHandle file, void* buf, std::uint32_t size, std::uint32_t& done) {
   if (On()) Count("FileRead");
   return sys::FileRead(file, buf, size, done);
@@ -481,4 +484,65 @@ bool FileFlush(FileHandle file) {
   return sys::FileFlush(file);
 }
 
+// The administrator steps: the override when a test set one, else the backend.
+bool AdminShareOpens(std::string_view computer_name) {
+  return g_admin_override >= 0 ? g_admin_override == 1 : sys::AdminShareOpens(computer_name);
+}
+bool EnableTcbPrivilege() { return g_admin_override >= 0 ? g_admin_override == 1 : sys::EnableTcbPrivilege(); }
+bool TokenHasAdministrators() { return g_admin_override >= 0 ? g_admin_override == 1 : sys::TokenHasAdministrators(); }
+bool MoveFileReplacing(std::string_view from, std::string_view to) {
+  if (MoveShouldFail(from)) return SetLastError(kErrorAccessDenied), false;
+  return sys::MoveFileReplacing(from, to);
+}
+
+}  // namespace hook
+
+const sys::Hooks kHooks{
+    .SystemTimeAsFileTime = hook::SystemTimeAsFileTime,
+    .FineWallTimeAsFileTime = hook::FineWallTimeAsFileTime,
+    .FineWallTimeIsPrecise = hook::FineWallTimeIsPrecise,
+    .PerformanceCounter = hook::PerformanceCounter,
+    .PerformanceFrequency = hook::PerformanceFrequency,
+    .SystemTimeAdjustment = hook::SystemTimeAdjustment,
+    .CreateTickTimer = hook::CreateTickTimer,
+    .ArmTickTimer = hook::ArmTickTimer,
+    .CancelTickTimer = hook::CancelTickTimer,
+    .CloseTickTimer = hook::CloseTickTimer,
+    .WaitForEventsAlertable = hook::WaitForEventsAlertable,
+    .CreateThreadSuspended = hook::CreateThreadSuspended,
+    .SetThreadPriority = hook::SetThreadPriority,
+    .GetCurrentThreadPriority = hook::GetCurrentThreadPriority,
+    .SetCurrentThreadPriority = hook::SetCurrentThreadPriority,
+    .ProcessorCount = hook::ProcessorCount,
+    .GetProcessAffinityMask = hook::GetProcessAffinityMask,
+    .SetCurrentThreadAffinityMask = hook::SetCurrentThreadAffinityMask,
+    .TimeBeginPeriod = hook::TimeBeginPeriod,
+    .TimeEndPeriod = hook::TimeEndPeriod,
+    .Sleep = hook::Sleep,
+    .SystemMessage = hook::SystemMessage,
+    .OpenTextFileForUser = hook::OpenTextFileForUser,
+    .FileRead = hook::FileRead,
+    .FileWrite = hook::FileWrite,
+    .FileFlush = hook::FileFlush,
+    .LookupHostV4 = hook::LookupHostV4,
+    .LookupAddressV4 = hook::LookupAddressV4,
+    .CreateSocketV4 = hook::CreateSocketV4,
+    .SendTo = hook::SendTo,
+    .SendBatch = hook::SendBatch,
+    .NetStartup = hook::NetStartup,
+    .CreateSyncEvent = hook::CreateSyncEvent,
+    .CreateNamedEvent = hook::CreateNamedEvent,
+    .CreateNamedSection = hook::CreateNamedSection,
+    .OpenNamedSection = hook::OpenNamedSection,
+    .RegSetValue = hook::RegSetValue,
+    .AdminShareOpens = hook::AdminShareOpens,
+    .EnableTcbPrivilege = hook::EnableTcbPrivilege,
+    .TokenHasAdministrators = hook::TokenHasAdministrators,
+    .MoveFileReplacing = hook::MoveFileReplacing,
+};
+// Installed with the test library itself: every call of the platform passes the fake from the
+// program's start, as the fake's controls expect (it answers only while it is on).
+[[maybe_unused]] const bool g_hooks_installed = (sys::InstallHooks(&kHooks), true);
+
+}  // namespace
 }  // namespace platform

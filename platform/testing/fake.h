@@ -1,7 +1,9 @@
-// The fake clock: while it is on, the clock, counter, clock-interrupt facts, tick timer, priorities,
-// affinity and timer resolution answer from here, and time moves only when a test moves it.
-// Events, threads, locks and sockets stay real; network failures, refused registry writes and
-// failing file writes and flushes can be injected. Used by tests on both targets.
+// The fake machine of the tests (the test-only library cw_platform_testing, never in a product
+// binary; it installs the platform's hook table, platform/sys.h). While the fake clock is on, the
+// clock, counter, clock-interrupt facts, tick timer, priorities, affinity and timer resolution answer
+// from here, and time moves only when a test moves it. Events, threads, locks and sockets stay
+// real; network failures, refused registry writes and failing file writes and flushes can be
+// injected. Used by tests on both targets.
 #pragma once
 #include <cstdint>
 #include <functional>
@@ -96,3 +98,15 @@ void FailRegistryWrite(std::string_view value_name, std::uint32_t code);
 std::vector<std::string> RegistryWrites();
 
 }  // namespace platform::fake
+
+namespace platform {
+
+// The applet's machine, whether or not the fake clock is on:
+// -1 (default) asks the system; 0 makes AdminShareOpens, EnableTcbPrivilege and
+// TokenHasAdministrators answer false, 1 true.
+void SetAdministratorOverride(int answer);
+// The next n moves (MoveFileReplacing) of a file whose path ends in file_name (any case) fail with
+// 5 (access denied), as a loaded module file does; n = 0 stops it.
+void FailMovesOf(std::string_view file_name, int n);
+
+}  // namespace platform
