@@ -24,7 +24,7 @@ auto Call(Args&&... args) {
 std::mutex g_viewer_hook_lock;
 std::function<bool(std::string_view)> g_viewer_hook;
 
-}  // namespace
+}   // namespace
 
 void sys::InstallHooks(const Hooks* table) { g_hooks.store(table, std::memory_order_release); }
 
@@ -71,9 +71,7 @@ bool SetCurrentThreadPriority(int priority) {
   return Call<&sys::Hooks::SetCurrentThreadPriority, &sys::SetCurrentThreadPriority>(priority);
 }
 std::uint32_t ProcessorCount() { return Call<&sys::Hooks::ProcessorCount, &sys::ProcessorCount>(); }
-bool GetProcessAffinityMask(std::uint64_t& mask) {
-  return Call<&sys::Hooks::GetProcessAffinityMask, &sys::GetProcessAffinityMask>(mask);
-}
+bool GetProcessAffinityMask(std::uint64_t& mask) { return Call<&sys::Hooks::GetProcessAffinityMask, &sys::GetProcessAffinityMask>(mask); }
 bool SetCurrentThreadAffinityMask(std::uint64_t mask) {
   return Call<&sys::Hooks::SetCurrentThreadAffinityMask, &sys::SetCurrentThreadAffinityMask>(mask);
 }
@@ -108,15 +106,11 @@ bool FileWrite(FileHandle file, const void* buf, std::uint32_t size, std::uint32
 bool FileFlush(FileHandle file) { return Call<&sys::Hooks::FileFlush, &sys::FileFlush>(file); }
 
 // ---- net.h ----
-bool LookupHostV4(const char* host, std::uint32_t& address) {
-  return Call<&sys::Hooks::LookupHostV4, &sys::LookupHostV4>(host, address);
-}
+bool LookupHostV4(const char* host, std::uint32_t& address) { return Call<&sys::Hooks::LookupHostV4, &sys::LookupHostV4>(host, address); }
 bool LookupAddressV4(std::uint32_t address, char* name, std::size_t size) {
   return Call<&sys::Hooks::LookupAddressV4, &sys::LookupAddressV4>(address, name, size);
 }
-SocketHandle CreateSocketV4(int type, int protocol) {
-  return Call<&sys::Hooks::CreateSocketV4, &sys::CreateSocketV4>(type, protocol);
-}
+SocketHandle CreateSocketV4(int type, int protocol) { return Call<&sys::Hooks::CreateSocketV4, &sys::CreateSocketV4>(type, protocol); }
 int SendTo(SocketHandle s, const void* data, std::size_t size, const SocketAddressV4& to) {
   return Call<&sys::Hooks::SendTo, &sys::SendTo>(s, data, size, to);
 }
@@ -141,13 +135,11 @@ std::uint32_t RegSetValue(RegKey key, const char* name, std::uint32_t type, cons
 }
 
 // ---- machine.h ----
-bool AdminShareOpens(std::string_view computer_name) {
-  return Call<&sys::Hooks::AdminShareOpens, &sys::AdminShareOpens>(computer_name);
-}
+bool AdminShareOpens(std::string_view computer_name) { return Call<&sys::Hooks::AdminShareOpens, &sys::AdminShareOpens>(computer_name); }
 bool EnableTcbPrivilege() { return Call<&sys::Hooks::EnableTcbPrivilege, &sys::EnableTcbPrivilege>(); }
 bool TokenHasAdministrators() { return Call<&sys::Hooks::TokenHasAdministrators, &sys::TokenHasAdministrators>(); }
 bool MoveFileReplacing(std::string_view from, std::string_view to) {
   return Call<&sys::Hooks::MoveFileReplacing, &sys::MoveFileReplacing>(from, to);
 }
 
-}  // namespace platform
+}   // namespace platform

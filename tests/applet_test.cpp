@@ -17,9 +17,8 @@
 #include "config/service_control.h"
 #include "config/w32time.h"
 #include "platform/dialog_memory.h"
-#include "platform/fake.h"
-#include "platform/machine.h"
 #include "platform/testing/fake.h"
+#include "platform/machine.h"
 #include "resources/resources.h"
 #include "tests/registry_fixture.h"
 

@@ -36,9 +36,7 @@ bool fail(std::error_code ec) {
 }
 }  // namespace
 
-bool sys::AdminShareOpens(std::string_view) {
-  return access(MachineRoot().c_str(), W_OK) == 0;
-}
+bool sys::AdminShareOpens(std::string_view) { return access(MachineRoot().c_str(), W_OK) == 0; }
 bool sys::EnableTcbPrivilege() { return geteuid() == 0; }
 bool sys::TokenHasAdministrators() { return false; }
 

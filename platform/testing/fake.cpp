@@ -1,5 +1,7 @@
 // The fake machine: its state and controls, and the hook table that answers the platform's
 // system calls from it while it is on (else from the backend).
+// The controls keep one line each, as written (the formatter would spread each over five):
+// clang-format off
 #include "platform/testing/fake.h"
 
 #include <algorithm>

@@ -14,8 +14,8 @@
 
 namespace platform::fake {
 
-void Enable();                                 // turns the fake on with a fresh state (see below)
-void Disable();                                // back to the real system
+void Enable();    // turns the fake on with a fresh state (see below)
+void Disable();   // back to the real system
 bool Active();
 
 // State, with the values Enable() sets.
@@ -27,7 +27,7 @@ void AdvanceSystemTime(std::int64_t units);    // moves the system time by units
 void OnNextSystemTimeRead(std::function<void()> action);
 // The same inside the next counter read (before the value is taken).
 void OnNextCounterRead(std::function<void()> action);
-void SetCounter(std::int64_t ticks);           // performance counter (Enable: 1,000,000)
+void SetCounter(std::int64_t ticks);   // performance counter (Enable: 1,000,000)
 void AdvanceCounter(std::int64_t ticks);
 void SetFrequency(std::int64_t hz);            // counter frequency (Enable: 10,000,000)
 void SetTimeIncrement(std::uint32_t units);    // clock interrupt interval, 100-ns (Enable: 156,250)
@@ -60,23 +60,23 @@ void SetHostAddress(std::string_view name, std::uint32_t address_network_order);
 // The text viewer: while the fake is on, OpenTextFileForUser starts nothing; it records the path
 // (and the position, when one was given) and succeeds unless FailViewer(true).
 void FailViewer(bool fail);
-std::vector<std::string> ViewerOpened();        // paths handed to the viewer since Enable, oldest first
-bool LastViewerOrigin(int& x, int& y);          // the position of the last viewer start; false without one
+std::vector<std::string> ViewerOpened();   // paths handed to the viewer since Enable, oldest first
+bool LastViewerOrigin(int& x, int& y);     // the position of the last viewer start; false without one
 
 // Sleeps: while the fake is on, Sleep returns at once and records the time asked for (ms).
-std::vector<std::uint32_t> Sleeps();           // since Enable, oldest first
+std::vector<std::uint32_t> Sleeps();   // since Enable, oldest first
 
 // System message texts: an entry here is returned by SystemMessage before the system's own.
 void SetSystemMessage(std::uint32_t code, std::string_view text);
 
 // Network failures (0: none, the default). While set, every call of the operation fails at once
 // with the given Winsock code as the last socket error; sockets stay real otherwise.
-void FailHostLookup(int winsock_code);         // LookupHostV4 (e.g. 11001 host not found)
-void FailSocketCreate(int winsock_code);       // CreateSocketV4 (e.g. 10024 too many sockets)
-void FailSend(int winsock_code);               // SendTo (e.g. 10051 network unreachable)
+void FailHostLookup(int winsock_code);     // LookupHostV4 (e.g. 11001 host not found)
+void FailSocketCreate(int winsock_code);   // CreateSocketV4 (e.g. 10024 too many sockets)
+void FailSend(int winsock_code);           // SendTo (e.g. 10051 network unreachable)
 
 // Start-up failures of the service side. While set (and the fake is on):
-void FailNetStartup(int winsock_code);         // NetStartup returns the code (0: none)
+void FailNetStartup(int winsock_code);   // NetStartup returns the code (0: none)
 // The nth CreateSyncEvent from now fails with ERROR_NOT_ENOUGH_MEMORY (1: the next one; 0: none).
 void FailEventCreate(std::uint32_t nth);
 // Creating the named section or event of exactly this Win32 name fails with the code (0: none).
@@ -97,7 +97,7 @@ void FailRegistryWrite(std::string_view value_name, std::uint32_t code);
 // The names of the values RegSetValue stored since Enable, in any key, oldest first.
 std::vector<std::string> RegistryWrites();
 
-}  // namespace platform::fake
+}   // namespace platform::fake
 
 namespace platform {
 
@@ -109,4 +109,4 @@ void SetAdministratorOverride(int answer);
 // 5 (access denied), as a loaded module file does; n = 0 stops it.
 void FailMovesOf(std::string_view file_name, int n);
 
-}  // namespace platform
+}   // namespace platform
