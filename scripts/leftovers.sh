@@ -3,13 +3,11 @@
 # start): the machine's store (/var/lib/chronwarden), chrony's settings (/etc/chrony), the family's
 # shared memory in /dev/shm, run-time files in /run, and in /tmp outside the run's own temporary
 # folder ($TMPDIR) whatever is named as this project's programs, tests and tools name their files
-# (other programs of the machine, the Wine and X servers among them, keep their own names there), and
-# in the run's own temporary folders what the tests' fixtures leave behind. One path per line;
+# (other programs of the machine, the Wine and X servers among them, keep their own names there). One path per line;
 # nothing when the run kept to itself.
 # Usage: scripts/leftovers.sh MARKER
 set -uo pipefail
 marker=${1:?usage: $0 MARKER}
-root=$(cd "$(dirname "$0")/.." && pwd)
 {
   [ -e /var/lib/chronwarden ] && find /var/lib/chronwarden -newer "$marker"
   [ -e /etc/chrony ] && find /etc/chrony -newer "$marker"
@@ -18,9 +16,4 @@ root=$(cd "$(dirname "$0")/.." && pwd)
   find /tmp -mindepth 1 -maxdepth 1 -newer "$marker" ! -path "${TMPDIR:-/nonexistent}" \( -name 'cw*' -o -name '*chronwarden*' \
     -o -name 'kr2*' -o -name 'ntp*' -o -name 'tmp.*' -o -name '*.kr' -o -name '*.db' -o -name 'registry*' -o -name 'drift*' \
     -o -name 'exporter*' -o -name 'prometheus*' -o -name 'gtest*' -o -name '*kairtim*' \)
-  # Inside the run's own temporary folders (its $TMPDIR, the Wine prefixes' user folders): what the
-  # tests' fixtures make there and must remove again (a registry sandbox's root and key locks).
-  for tmp in "${TMPDIR:-/nonexistent}" "$root"/build/*/wineprefix/drive_c/users/*/{AppData/Local/,}Temp; do
-    [ -d "$tmp" ] && find "$tmp" -mindepth 1 -maxdepth 1 -newer "$marker" -name 'cw-reg-*'
-  done
 } 2>/dev/null | sort -u

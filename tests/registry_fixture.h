@@ -11,7 +11,6 @@
 #include <random>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "config/defaults.h"
@@ -52,13 +51,7 @@ class RegistrySandbox {
     std::filesystem::remove_all(root_, ec);
     // The run's own root comes back, never the machine's.
     platform::SetEnvironmentValue("CHRONWARDEN_ROOT", before_.empty() ? nullptr : before_.c_str());
-    // The lock files go with the locks. Windows deletes no file another process has open without
-    // sharing, so a delete after another test took the lock fails and leaves the file to that test.
-    for (const auto& [handle, file] : locks_) {
-      if (!handle) continue;
-      platform::FileClose(handle);
-      platform::FileDelete(file);
-    }
+    for (auto* h : locks_) platform::FileClose(h);
   }
   RegistrySandbox(const RegistrySandbox&) = delete;
   RegistrySandbox& operator=(const RegistrySandbox&) = delete;
@@ -72,7 +65,9 @@ class RegistrySandbox {
   void Clear(const char* caller_path) {
     char path[defaults::kRegPathSize];
     reg_key_path(caller_path, path, sizeof path);
-    const std::string lock = LockFile(caller_path);
+    std::string lock_name = std::string("cw-reg-lock-") + path;
+    std::replace(lock_name.begin(), lock_name.end(), '\\', '-');
+    const std::string lock = (std::filesystem::temp_directory_path() / lock_name).string();
     platform::FileHandle held;
     while (!(held = platform::FileCreate(lock, platform::kGenericWrite, 0, platform::kOpenAlways, 0))) {
       if (platform::LastError() != 32) {   // anything but another process holding it
@@ -81,17 +76,9 @@ class RegistrySandbox {
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    locks_.emplace_back(held, lock);
+    locks_.push_back(held);
     DeleteRegTree(platform::RegLocalMachine(), path);
     Own(path);
-  }
-  // The lock file of a caller path in the temporary folder, while a sandbox has it cleared.
-  static std::string LockFile(const char* caller_path) {
-    char path[defaults::kRegPathSize];
-    reg_key_path(caller_path, path, sizeof path);
-    std::string lock_name = std::string("cw-reg-lock-") + path;
-    std::replace(lock_name.begin(), lock_name.end(), '\\', '-');
-    return (std::filesystem::temp_directory_path() / lock_name).string();
   }
   const std::string& unique() const { return unique_; }
   const std::filesystem::path& root() const { return root_; }
@@ -101,7 +88,7 @@ class RegistrySandbox {
   std::string before_;   // CHRONWARDEN_ROOT before the sandbox
   std::filesystem::path root_;
   std::vector<std::string> cleanup_;
-  std::vector<std::pair<platform::FileHandle, std::string>> locks_;   // held, with their files
+  std::vector<platform::FileHandle> locks_;
 };
 
 class RegistryTest : public ::testing::Test {

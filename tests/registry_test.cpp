@@ -40,19 +40,6 @@ TEST(RegKeyPath, CutsToTheBuffer) {
   EXPECT_STREQ(small, "Software\\");
 }
 
-// The lock a sandbox takes on a cleared key is a file in the temporary folder that goes with it.
-TEST(RegistrySandbox, ClearedKeysLockFileGoesWithTheSandbox) {
-  std::string lock;
-  {
-    RegistrySandbox sandbox;
-    const std::string caller = "\\\\Software\\ChronwardenTest\\Lock" + sandbox.unique();
-    lock = RegistrySandbox::LockFile(caller.c_str());
-    sandbox.Clear(caller.c_str());
-    EXPECT_TRUE(std::filesystem::exists(lock)) << lock;
-  }
-  EXPECT_FALSE(std::filesystem::exists(lock)) << lock;
-}
-
 TEST_P(RegistryStoreTest, EmptyPathIsParametersBackslashIsProductKeyDoubleBackslashIsRoot) {
   const std::string v = tag_;
   ASSERT_EQ(reg_set_string(reg_local(), "", v.c_str(), "params"), 1);
