@@ -90,13 +90,6 @@ int Register() {
   return 0;
 }
 
-// The registry's text for a status, without the trailing blank the system's texts end in.
-const char* ErrorText(std::uint32_t code, char* text, std::size_t size) {
-  SystemErrorText(code, text, static_cast<std::uint32_t>(size));
-  for (std::size_t n = std::strlen(text); n > 0 && text[n - 1] == ' ';) text[--n] = '\0';
-  return text;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -106,14 +99,12 @@ int main(int argc, char** argv) {
   platform::host::OpenSystemLog(options.foreground);
   // Before any provider starts a thread: the signals are taken through a descriptor.
   if (!platform::host::OpenWakeups()) {
-    char text[512];
-    HostLog(kLogError, "cannot watch signals and clock steps: %s", ErrorText(platform::LastError(), text, sizeof text));
+    HostLog(kLogError, "cannot watch signals and clock steps: %s", SystemErrorLine(platform::LastError()).c_str());
     return 1;
   }
   // A store that cannot be read is no list of providers: the host has no settings to run on.
   if (const std::uint32_t st = reg_readable(reg_local(), kTimeProvidersKey)) {
-    char text[512];
-    HostLog(kLogError, "cannot read the time providers' settings, not starting: %s", ErrorText(st, text, sizeof text));
+    HostLog(kLogError, "cannot read the time providers' settings, not starting: %s", SystemErrorLine(st).c_str());
     return 1;
   }
   // The machine root goes with the machine: deleted under the host, it ends the host.
@@ -143,9 +134,8 @@ int main(int argc, char** argv) {
         break;
       case platform::host::Wake::Reload:
         if (const std::uint32_t st = reg_readable(reg_local(), kTimeProvidersKey)) {
-          char text[512];
           HostLog(kLogError, "settings changed, but they cannot be read; the settings last read stay in use: %s",
-                  ErrorText(st, text, sizeof text));
+                  SystemErrorLine(st).c_str());
         } else {
           HostLog(kLogInfo, "settings changed: the providers reload them");
         }
@@ -158,8 +148,7 @@ int main(int argc, char** argv) {
         break;
       }
       case platform::host::Wake::Failed: {
-        char text[512];
-        HostLog(kLogError, "waiting failed: %s", ErrorText(platform::LastError(), text, sizeof text));
+        HostLog(kLogError, "waiting failed: %s", SystemErrorLine(platform::LastError()).c_str());
         running = false;
         break;
       }

@@ -134,7 +134,7 @@ char* SystemErrorText(std::uint32_t code, char* buf, std::uint32_t size) {
 }
 
 std::string SystemErrorLine(std::uint32_t code) {
-  char buf[256];
+  char buf[512];
   std::string line = SystemErrorText(code, buf, sizeof buf);
   while (!line.empty() && (line.back() == ' ' || line.back() == '\n' || line.back() == '\r')) line.pop_back();
   return line;

@@ -12,4 +12,4 @@ char* SocketErrorText(std::uint32_t code, char* buf, std::uint32_t size);       
 char* SocketErrorShortName(std::uint32_t code, char* buf, std::uint32_t size);  // a short name, or "Error %d"
 const char* LastSocketErrorText();      // SocketErrorText of the thread's last socket error; one shared 128-byte buffer
 char* SystemErrorText(std::uint32_t code, char* buf, std::uint32_t size);       // system text; code 0: the thread's last error
-std::string SystemErrorLine(std::uint32_t code);   // SystemErrorText (up to 255 characters) without its trailing blanks
+std::string SystemErrorLine(std::uint32_t code);   // SystemErrorText (up to 511 characters) without its trailing blanks
